@@ -1,0 +1,33 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <shared_mutex>
+#include <string>
+
+#include <gv/log.h>
+
+#include "src/logfilter.h"
+
+namespace gv::log {
+
+/// All registered categories and the filters that give them their levels.
+class CategoryTable {
+ public:
+  /// Made at the first use, filters from GV_LOG; never destroyed.
+  static CategoryTable& instance();
+
+  const Category& category(const std::string& name);
+  bool isEnabled(const std::string& name, Level level) const;
+  void setLevel(Level level, const std::string& pattern);
+
+ private:
+  CategoryTable();
+
+  mutable std::shared_mutex mutex_;  // guards both below, and the writing of levels
+  Filters filters_;
+  std::map<std::string, std::unique_ptr<Category>, std::less<>> categories_;
+};
+
+}  // namespace gv::log

@@ -1,0 +1,131 @@
+#include "src/loghandlers.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <gv/detail/futurestate.h>
+
+#include "src/stderrhandler.h"
+
+namespace gv::log {
+
+struct HandlerTable::Handler {
+  HandlerId id;
+  std::string name;
+  Function function;      // constant until nobody can enter any more
+  unsigned running = 0;   // threads inside
+  unsigned removing = 0;  // those of them that wait in `remove`
+  bool isRemoved = false;
+  bool hasThrown = false;
+};
+
+struct HandlerTable::Frame {
+  Handler* handler;
+  Frame* outer;
+};
+
+thread_local HandlerTable::Frame* HandlerTable::innermost_ = nullptr;
+
+HandlerTable& HandlerTable::instance() {
+  static HandlerTable* const table = new HandlerTable;
+  return *table;
+}
+
+HandlerTable::HandlerTable() : handlers_(std::make_shared<Handlers>()) {
+  add("stderr", writeToStderr);  // gets DefaultHandler as its id
+}
+
+HandlerId HandlerTable::add(std::string name, Function function) {
+  auto handler = std::make_shared<Handler>();
+  handler->name = std::move(name);
+  handler->function = std::move(function);
+  std::lock_guard lock(mutex_);
+  handler->id = ++lastId_;
+  auto changed = std::make_shared<Handlers>(*handlers_);
+  changed->push_back(std::move(handler));
+  handlers_ = std::move(changed);
+  return lastId_;
+}
+
+std::shared_ptr<const HandlerTable::Handlers> HandlerTable::handlers() const {
+  std::lock_guard lock(mutex_);
+  return handlers_;
+}
+
+void HandlerTable::dispatch(const Record& record) {
+  const auto targets = handlers();
+  for (const auto& handler : *targets) {
+    bool isRunningHere = false;
+    for (Frame* frame = innermost_; frame; frame = frame->outer) {
+      isRunningHere = isRunningHere || frame->handler == handler.get();
+    }
+    if (!isRunningHere) call(*handler, record);
+  }
+}
+
+void HandlerTable::call(Handler& handler, const Record& record) {
+  {
+    std::lock_guard lock(mutex_);
+    if (handler.isRemoved) return;
+    ++handler.running;
+  }
+  Frame frame{&handler, innermost_};
+  innermost_ = &frame;
+  try {
+    handler.function(record);
+  } catch (...) {
+    reportThrow(handler, record);
+  }
+  innermost_ = frame.outer;
+  std::lock_guard lock(mutex_);
+  --handler.running;
+  if (handler.isRemoved) left_.notify_all();
+}
+
+void HandlerTable::reportThrow(Handler& handler, const Record& record) {
+  {
+    std::lock_guard lock(mutex_);
+    if (std::exchange(handler.hasThrown, true)) return;
+  }
+  Record report = record;
+  report.level = Level::Error;
+  report.category = "gv.log";
+  report.function = "write";
+  report.file.clear();
+  report.line = 0;
+  report.text = "handler \"" + handler.name + "\" threw: " + detail::currentError().text;
+  dispatch(report);  // the handler is still on this thread's stack and is left out
+}
+
+void HandlerTable::remove(HandlerId id) {
+  std::shared_ptr<Handler> handler;
+  Function dead;  // destroyed after the unlock
+  std::unique_lock lock(mutex_);
+  const auto hasId = [id](const auto& candidate) { return candidate->id == id; };
+  const auto found = std::find_if(handlers_->begin(), handlers_->end(), hasId);
+  if (found == handlers_->end()) return;
+  handler = *found;
+  handler->isRemoved = true;
+  // Stays in the table meanwhile, so that a second remover waits as well.
+  waitUntilLeftLocked(lock, *handler);
+
+  auto changed = std::make_shared<Handlers>(*handlers_);
+  if (std::erase_if(*changed, hasId) == 0) return;
+  handlers_ = std::move(changed);
+  if (handler->running == 0) dead.swap(handler->function);
+  lock.unlock();
+}
+
+void HandlerTable::waitUntilLeftLocked(std::unique_lock<std::mutex>& lock, Handler& handler) {
+  if (!innermost_) {
+    left_.wait(lock, [&] { return handler.running == 0; });
+    return;
+  }
+  // Inside a handler: a thread that waits here too may be waiting for this one.
+  for (Frame* frame = innermost_; frame; frame = frame->outer) ++frame->handler->removing;
+  left_.notify_all();
+  left_.wait(lock, [&] { return handler.running == handler.removing; });
+  for (Frame* frame = innermost_; frame; frame = frame->outer) --frame->handler->removing;
+}
+
+}  // namespace gv::log

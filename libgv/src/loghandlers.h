@@ -1,0 +1,46 @@
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gv/log.h>
+
+namespace gv::log {
+
+/// The handlers that receive records, and which threads are inside them.
+class HandlerTable {
+ public:
+  using Function = std::function<void(const Record&)>;
+
+  /// Made at the first use with the default handler; never destroyed.
+  static HandlerTable& instance();
+
+  HandlerId add(std::string name, Function function);
+  void remove(HandlerId id);
+  /// Calls every handler that is not running on this thread already.
+  void dispatch(const Record& record);
+
+ private:
+  struct Handler;
+  struct Frame;
+  using Handlers = std::vector<std::shared_ptr<Handler>>;
+
+  HandlerTable();
+  std::shared_ptr<const Handlers> handlers() const;
+  void call(Handler& handler, const Record& record);
+  void reportThrow(Handler& handler, const Record& record);
+  void waitUntilLeftLocked(std::unique_lock<std::mutex>& lock, Handler& handler);
+
+  static thread_local Frame* innermost_;  // calls of handlers on this thread's stack
+
+  mutable std::mutex mutex_;                  // guards all below and the changing fields of Handler
+  std::shared_ptr<const Handlers> handlers_;  // replaced, never changed
+  HandlerId lastId_ = 0;
+  std::condition_variable left_;  // a handler was left, or one thread in it waits in `remove`
+};
+
+}  // namespace gv::log

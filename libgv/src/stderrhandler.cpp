@@ -1,0 +1,124 @@
+#include "src/stderrhandler.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/stdout_sinks.h>
+
+#include <memory>
+
+namespace gv::log {
+namespace {
+
+spdlog::level::level_enum spdlogLevel(Level level) {
+  switch (level) {
+    case Level::Silent:
+      return spdlog::level::off;
+    case Level::Fatal:
+      return spdlog::level::critical;
+    case Level::Error:
+      return spdlog::level::err;
+    case Level::Warning:
+      return spdlog::level::warn;
+    case Level::Info:
+      return spdlog::level::info;
+    case Level::Verbose:
+      return spdlog::level::debug;
+    case Level::Debug:
+      return spdlog::level::trace;
+  }
+  return spdlog::level::off;
+}
+
+spdlog::logger& stderrLogger() {
+  static spdlog::logger* const logger = [] {
+    auto made = new spdlog::logger("gv", std::make_shared<spdlog::sinks::stderr_sink_mt>());
+    made->set_level(spdlog::level::trace);
+    made->set_pattern("[%L] %Y-%m-%d %H:%M:%S.%e %v");
+    return made;
+  }();
+  return *logger;
+}
+
+/// Keeps a write to a closed pipe from killing the process, without touching its signal handlers.
+class SigpipeGuard {
+ public:
+  SigpipeGuard() {
+    sigemptyset(&pipe_);
+    sigaddset(&pipe_, SIGPIPE);
+    wasPending_ = isPending();
+    pthread_sigmask(SIG_BLOCK, &pipe_, &previous_);
+  }
+  ~SigpipeGuard() {
+    if (!wasPending_ && isPending()) {
+      int signal = 0;
+      sigwait(&pipe_, &signal);
+    }
+    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+  }
+  SigpipeGuard(const SigpipeGuard&) = delete;
+  SigpipeGuard& operator=(const SigpipeGuard&) = delete;
+
+ private:
+  static bool isPending() {
+    sigset_t pending;
+    sigemptyset(&pending);
+    sigpending(&pending);
+    return sigismember(&pending, SIGPIPE) == 1;
+  }
+
+  sigset_t pipe_;
+  sigset_t previous_;
+  bool wasPending_;
+};
+
+void appendEscape(std::string& to, unsigned char byte) {
+  constexpr char digits[] = "0123456789abcdef";
+  switch (byte) {
+    case '\n':
+      to += "\\n";
+      return;
+    case '\t':
+      to += "\\t";
+      return;
+    case '\r':
+      to += "\\r";
+      return;
+    default:
+      to += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+  }
+}
+
+}  // namespace
+
+std::string escapeControls(std::string_view text) {
+  std::string escaped;
+  escaped.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const unsigned next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+    // U+0080 to U+009F, two bytes in UTF-8, steer terminals too.
+    if (byte == 0xc2 && next >= 0x80 && next < 0xa0) {
+      appendEscape(escaped, byte);
+      appendEscape(escaped, static_cast<unsigned char>(next));
+      ++i;
+    } else if (byte < 0x20 || byte == 0x7f) {
+      appendEscape(escaped, byte);
+    } else {
+      escaped += text[i];
+    }
+  }
+  return escaped;
+}
+
+void writeToStderr(const Record& record) {
+  std::string line = std::to_string(record.threadId) + ' ' + escapeControls(record.category);
+  if (!record.function.empty()) line += ": " + escapeControls(record.function);
+  line += ": " + escapeControls(record.text);
+  SigpipeGuard guard;
+  // Passed as text, not as a format: braces in it mean nothing.
+  stderrLogger().log(record.time, spdlog::source_loc{}, spdlogLevel(record.level),
+                     spdlog::string_view_t(line));
+}
+
+}  // namespace gv::log

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include <gv/api.h>
+#include <gv/log.h>
+
+namespace gv::log {
+
+/// The text with control characters written as escapes, so that text from elsewhere can neither
+/// forge lines nor steer a terminal. Other UTF-8 passes unchanged.
+GV_API std::string escapeControls(std::string_view text);
+
+/// The default handler: one line on the standard error. Usable at any time, also before main and
+/// during exit; a standard error that is closed is ignored.
+void writeToStderr(const Record& record);
+
+}  // namespace gv::log

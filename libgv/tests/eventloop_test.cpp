@@ -1,0 +1,310 @@
+#include <gv/eventloop.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <latch>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/live_counter.h"
+#include "support/log_capture.h"
+#include "support/watchdog.h"
+#include "tests/rounds.h"
+
+namespace {
+
+using gv::EventLoop;
+using gv::Future;
+using gv::FutureException;
+using gv::FutureState;
+using gv::Promise;
+using std::chrono::hours;
+using std::chrono::milliseconds;
+
+EventLoop::Settings sized(unsigned minThreads, unsigned maxThreads) {
+  EventLoop::Settings settings;
+  settings.minThreads = minThreads;
+  settings.maxThreads = maxThreads;
+  return settings;
+}
+
+/// Grows on announcements only: the monitor never helps out.
+EventLoop::Settings announcedOnly(unsigned minThreads, unsigned maxThreads) {
+  auto settings = sized(minThreads, maxThreads);
+  settings.growAfter = hours(1);
+  return settings;
+}
+
+class Loop : public ::testing::Test {
+ protected:
+  /// Looks until the loop stands so; the watchdog ends a look in vain.
+  template <class Condition>
+  static void waitUntil(const EventLoop& loop, Condition condition) {
+    while (!condition(loop.figures())) std::this_thread::yield();
+  }
+
+  house::Watchdog watchdog_{"event loop"};
+};
+
+TEST_F(Loop, RunsTasksOnItsOwnThreads) {
+  EventLoop loop(sized(2, 4));
+  auto isInside = loop.async([&] { return loop.isInThisContext(); });
+  EXPECT_TRUE(isInside.value());
+  EXPECT_FALSE(loop.isInThisContext());
+  EXPECT_FALSE(loop.async([] { return gv::getEventLoop()->isInThisContext(); }).value());
+  EXPECT_THROW(loop.post({}), std::invalid_argument);
+}
+
+TEST_F(Loop, TaskStartsWhileAllOthersWaitForIt) {
+  EventLoop loop(announcedOnly(2, 64));
+  Promise<int> awaited;
+  std::vector<Future<int>> waiting;
+  for (int i = 0; i < 20; ++i) {
+    waiting.push_back(loop.async([future = awaited.future()] { return future.value(); }));
+  }
+  loop.post([&] { awaited.setValue(3); });
+  for (auto& future : waiting) EXPECT_EQ(future.value(), 3);
+}
+
+TEST_F(Loop, WaitBehindAQueuedTaskLetsItStart) {
+  EventLoop loop(announcedOnly(1, 8));
+  auto outer = loop.async([&] { return loop.async([] { return 1; }).value() + 1; });
+  EXPECT_EQ(outer.value(), 2);
+}
+
+TEST_F(Loop, TaskStartsWhileAllOthersBlockUnannounced) {
+  EventLoop loop(sized(2, 64));
+  std::latch gate(1);
+  std::vector<Future<void>> blocked;
+  for (int i = 0; i < 6; ++i) blocked.push_back(loop.async([&] { gate.wait(); }));
+  loop.post([&] { gate.count_down(); });
+  for (auto& future : blocked) future.value();
+}
+
+TEST_F(Loop, CeilingQueuesWarnsAndRefusesCalls) {
+  EventLoop loop(sized(1, 2));
+  house::LogCapture capture;
+  Promise<void> release;
+  for (int i = 0; i < 2; ++i) loop.post([future = release.future()] { future.wait(); });
+  waitUntil(loop, [](const auto& figures) { return figures.blocked == 2; });
+
+  auto queued = loop.async([] { return 1; });
+  EXPECT_FALSE(loop.tryPost([] { FAIL() << "was refused"; }));
+  EXPECT_NE(loop.refusalText().find("GV_EVENTLOOP_MAX_THREADS (2)"), std::string::npos);
+  EXPECT_TRUE(capture.waitForText("1 tasks wait, the oldest for "));
+  EXPECT_EQ(capture.count("all 2 threads (GV_EVENTLOOP_MAX_THREADS) are busy, 2 of them"), 1);
+  EXPECT_EQ(loop.figures().threads, 2u);
+  EXPECT_EQ(loop.figures().queued, 1u);
+
+  release.setValue();
+  EXPECT_EQ(queued.value(), 1);
+  Promise<void> accepted;
+  waitUntil(loop, [](const auto& figures) { return figures.blocked == 0; });
+  EXPECT_TRUE(loop.tryPost([&] { accepted.setValue(); }));
+  accepted.future().value();
+}
+
+TEST_F(Loop, CallQueuedBehindThreadsThatBlockLaterIsRefused) {
+  EventLoop loop(announcedOnly(1, 1));
+  Promise<std::string> answer;
+  Promise<void> posted;
+  loop.post([&, canBlock = posted.future()] {
+    while (!canBlock.isFinished()) std::this_thread::yield();
+    answer.future().wait();
+  });
+  EXPECT_TRUE(loop.tryPost([&] { answer.setValue("ran"); }, [&] { answer.setValue("refused"); }));
+  posted.setValue();
+  EXPECT_EQ(answer.future().value(), "refused");
+}
+
+TEST_F(Loop, SurvivesWhatTasksThrow) {
+  EventLoop loop(sized(1, 1));
+  house::LogCapture capture;
+  loop.post([] { throw std::runtime_error("task trouble"); });
+  loop.post([] { throw 5; });
+  auto failed = loop.async([]() -> int { throw std::runtime_error("what it was"); });
+  auto odd = loop.async([]() -> int { throw 5; });
+  EXPECT_EQ(failed.error(), "what it was");
+  EXPECT_EQ(odd.error(), "unknown exception");
+  EXPECT_EQ(capture.count("task trouble"), 1);
+  EXPECT_EQ(capture.count("unknown exception"), 1);
+  EXPECT_EQ(loop.async([] { return 2; }).value(), 2);
+}
+
+TEST_F(Loop, DelayedTasksRunInTheOrderOfTheirTimesNotBefore) {
+  EventLoop loop(sized(1, 1));
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<int> order;
+  auto late = loop.async([&] { order.push_back(2); }, milliseconds(40));
+  auto early = loop.async([&] { order.push_back(1); }, milliseconds(20));
+  late.value();
+  early.value();
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(40));
+}
+
+TEST_F(Loop, CanceledTaskNeverRunsAndLeavesNothing) {
+  EventLoop loop(sized(1, 1));
+  house::LiveCounter counter;
+  std::atomic<int> runs{0};
+  auto task = [&runs, mark = house::LiveCounter::Mark(counter)] { ++runs; };
+  auto delayed = loop.post(task, hours(1));
+  Promise<void> release;
+  auto blocker = loop.async([future = release.future()] { future.wait(); });
+  waitUntil(loop, [](const auto& figures) { return figures.blocked == 1; });
+  auto queued = loop.post(task);
+  auto future = loop.async(task);
+  EXPECT_TRUE(delayed.cancel());
+  EXPECT_TRUE(delayed.cancel());
+  EXPECT_TRUE(queued.cancel());
+  future.cancel();
+  EXPECT_EQ(future.wait(0), FutureState::Canceled);
+  EXPECT_EQ(counter.live(), 1) << "only the one here may be left";
+  EXPECT_EQ(loop.figures().queued, 0u);
+  release.setValue();
+  blocker.value();
+  loop.async([] {}).value();
+  EXPECT_EQ(runs, 0);
+}
+
+TEST_F(Loop, CancelOfAStartedTaskIsRefused) {
+  EventLoop loop(sized(1, 1));
+  Promise<void> started, release;
+  auto future = loop.async([&, wait = release.future()] {
+    started.setValue();
+    wait.wait();
+    return 4;
+  });
+  started.future().wait();
+  future.cancel();
+  EXPECT_TRUE(future.isRunning());
+  release.setValue();
+  EXPECT_EQ(future.value(), 4);
+  auto handle = loop.post([] {});
+  loop.async([] {}).value();
+  EXPECT_FALSE(handle.cancel());
+  EXPECT_FALSE(gv::TaskHandle().cancel());
+}
+
+TEST_F(Loop, CancelAsTheTaskFiresHasOneOutcome) {
+  EventLoop loop(sized(2, 2));
+  int wrong = 0;
+  int canceled = 0;
+  for (int round = 0; round < house::rounds(50000); ++round) {
+    std::atomic<int> runs{0};
+    auto future = loop.async([&] { ++runs; });
+    for (int yields = round % 5; yields > 0; --yields) std::this_thread::yield();
+    future.cancel();
+    const bool wasCanceled = future.wait() == FutureState::Canceled;
+    canceled += wasCanceled ? 1 : 0;
+    wrong += runs == (wasCanceled ? 0 : 1) ? 0 : 1;
+  }
+  EXPECT_EQ(wrong, 0);
+  RecordProperty("canceled", canceled);
+}
+
+TEST_F(Loop, IdleThreadsAboveTheMinimumRetire) {
+  auto settings = sized(2, 16);
+  settings.retireAfter = milliseconds(1);
+  EventLoop loop(settings);
+  Promise<void> release;
+  std::vector<Future<void>> blocked;
+  for (int i = 0; i < 8; ++i) {
+    blocked.push_back(loop.async([future = release.future()] { future.wait(); }));
+  }
+  waitUntil(loop, [](const auto& figures) { return figures.threads == 8; });
+  release.setValue();
+  for (auto& future : blocked) future.value();
+  waitUntil(loop, [](const auto& figures) { return figures.threads == 2; });
+  EXPECT_EQ(loop.async([] { return 1; }).value(), 1);
+}
+
+TEST_F(Loop, NoTaskIsLostToAThreadThatRetires) {
+  auto settings = announcedOnly(1, 8);
+  settings.retireAfter = milliseconds(0);
+  EventLoop loop(settings);
+  for (int round = 0; round < house::rounds(5000); ++round) {
+    auto outer = loop.async([&] { return loop.async([] { return 1; }).value() + 1; });
+    ASSERT_EQ(outer.value(), 2);
+  }
+}
+
+TEST_F(Loop, EndDropsWhatHasNotStarted) {
+  Future<void> queued, delayed;
+  Promise<void> release;
+  {
+    EventLoop loop(sized(1, 1));
+    loop.post([future = release.future()] { future.wait(); });
+    waitUntil(loop, [](const auto& figures) { return figures.blocked == 1; });
+    queued = loop.async([] {});
+    delayed = loop.async([] {}, hours(1));
+    queued.connect([&](Future<void>) { release.setValue(); }, gv::FutureCallbackType::Sync);
+  }
+  EXPECT_EQ(queued.errorState(0), FutureException::State::BrokenPromise);
+  EXPECT_EQ(delayed.errorState(0), FutureException::State::BrokenPromise);
+}
+
+TEST_F(Loop, MayEndOnItsOwnThread) {
+  house::LiveCounter counter;
+  auto loop = std::make_unique<EventLoop>(sized(2, 2));
+  Promise<void> ended;
+  EventLoop& used = *loop;
+  used.post([&, mark = house::LiveCounter::Mark(counter), done = ended]() {
+    loop.reset();
+    done.setValue();
+  });
+  ended.future().value();
+  while (counter.live() > 0) std::this_thread::yield();
+}
+
+TEST_F(Loop, ServiceRunsBesideThePoolAndIsStoppedAtTheEnd) {
+  Promise<void> stop;
+  std::atomic<bool> hasReturned{false};
+  std::atomic<int> stops{0};
+  {
+    EventLoop loop(sized(1, 1));
+    loop.runService(
+        "service-with-a-long-name",
+        [&] {
+          EXPECT_FALSE(loop.isInThisContext());
+          stop.future().wait();
+          hasReturned = true;
+        },
+        [&] {
+          ++stops;
+          stop.setValue();
+        });
+    loop.runService(
+        "brief", [] { throw std::runtime_error("service trouble"); }, [] {});
+    EXPECT_EQ(loop.async([] { return 1; }).value(), 1);
+  }
+  EXPECT_TRUE(hasReturned);
+  EXPECT_EQ(stops, 1);
+}
+
+TEST_F(Loop, ManyPostersLoseNothing) {
+  EventLoop loop(sized(2, 8));
+  const int each = house::rounds(50000);
+  std::atomic<int> runs{0};
+  Promise<void> all;
+  std::vector<std::thread> posters;
+  for (int i = 0; i < 4; ++i) {
+    posters.emplace_back([&] {
+      for (int n = 0; n < each; ++n) {
+        loop.post([&] {
+          if (++runs == 4 * each) all.setValue();
+        });
+      }
+    });
+  }
+  for (auto& poster : posters) poster.join();
+  all.future().value();
+  EXPECT_EQ(runs, 4 * each);
+}
+
+}  // namespace

@@ -1,0 +1,158 @@
+// Ends a process in the midst of work, in the way named by its argument. Run by exit_test.cpp.
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <latch>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <gv/eventloop.h>
+#include <gv/log.h>
+
+namespace {
+
+gv::EventLoop& loop() {
+  return *gv::getEventLoop();
+}
+
+void waitUntilBlocked(unsigned threads) {
+  while (loop().figures().blocked < threads) std::this_thread::yield();
+}
+
+/// Made before the loop and so destroyed after its end.
+struct UsesTheLoopLate {
+  std::atomic<bool> isActive{false};
+  ~UsesTheLoopLate() {
+    if (!isActive) return;
+    const auto late = loop().async([] {});
+    if (late.errorState() != gv::FutureException::State::BrokenPromise) std::_Exit(3);
+  }
+};
+UsesTheLoopLate usesTheLoopLate;
+
+std::latch neverOpened(1);
+gv::Promise<void> neverSettled;
+
+int blockedInFutures() {
+  for (int i = 0; i < 10; ++i) loop().post([] { neverSettled.future().wait(); });
+  waitUntilBlocked(10);
+  return 0;
+}
+
+int blockedInForeignCode() {
+  std::latch started(4);
+  for (int i = 0; i < 4; ++i) {
+    loop().post([&started] {
+      started.count_down();
+      neverOpened.wait();
+    });
+  }
+  started.wait();
+  return 0;
+}
+
+int busy() {
+  static std::atomic<bool> isStarted{false};
+  loop().post([] {
+    isStarted = true;
+    while (true) loop().post([] {});
+  });
+  while (!isStarted) std::this_thread::yield();
+  return 0;
+}
+
+int delayedTasks() {
+  loop().post([] { std::_Exit(4); }, std::chrono::hours(1));
+  loop().post([] {}, std::chrono::milliseconds(1));
+  return 0;
+}
+
+int exitInTask() {
+  loop().post([] { std::exit(0); });
+  neverOpened.wait();  // not a future: this thread must not wake when static promises break
+  return 5;
+}
+
+int waiterOfQueuedTask() {
+  // The waiter's task can never start; the end of the loop has to wake it.
+  const auto never = loop().async([] {}, std::chrono::hours(1));
+  loop().post([never] { never.wait(); });
+  waitUntilBlocked(1);
+  return 0;
+}
+
+int services() {
+  static gv::Promise<void> stop;
+  loop().runService(
+      "stops", [] { stop.future().wait(); }, [] { stop.setValue(); });
+  loop().runService(
+      "deaf", [] { neverSettled.future().wait(); }, [] {});
+  return 0;
+}
+
+int lateUse() {
+  loop().async([] {}).value();
+  usesTheLoopLate.isActive = true;
+  return 0;
+}
+
+int postInForkedChild() {
+  loop().async([] {}).value();
+  const pid_t child = fork();
+  if (child == 0) {
+    try {
+      loop().post([] {});
+    } catch (const std::runtime_error& error) {
+      std::cout << error.what() << std::endl;
+      return 0;
+    }
+    return 6;
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 7;
+}
+
+int logLines() {
+  gv::log::write(gv::log::Level::Verbose, "chatty.one", "logLines", "", 0, "forged\n{}%n");
+  gv::log::write(gv::log::Level::Info, "other", "logLines", "", 0, "unwanted");
+  return 0;
+}
+
+int logToClosedPipe() {
+  int ends[2];
+  if (pipe(ends) != 0) return 8;
+  close(ends[0]);
+  dup2(ends[1], STDERR_FILENO);
+  gv::log::write(gv::log::Level::Error, "pipe", "", "", 0, "nobody reads this");
+  std::cout << "survived" << std::endl;
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::map<std::string, std::function<int()>> ways{
+      {"blocked-in-futures", blockedInFutures},
+      {"blocked-in-foreign-code", blockedInForeignCode},
+      {"busy", busy},
+      {"delayed-tasks", delayedTasks},
+      {"exit-in-task", exitInTask},
+      {"waiter-of-queued-task", waiterOfQueuedTask},
+      {"services", services},
+      {"late-use", lateUse},
+      {"fork", postInForkedChild},
+      {"log-lines", logLines},
+      {"log-to-closed-pipe", logToClosedPipe},
+  };
+  const auto way = ways.find(argc > 1 ? argv[1] : "");
+  return way == ways.end() ? 2 : way->second();
+}

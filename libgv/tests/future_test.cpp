@@ -1,0 +1,385 @@
+#include <gv/future.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <barrier>
+#include <functional>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gv/eventloop.h>
+#include <gv/log.h>
+
+#include "support/live_counter.h"
+#include "support/log_capture.h"
+#include "support/watchdog.h"
+#include "tests/rounds.h"
+
+namespace {
+
+using gv::Future;
+using gv::FutureCallbackType;
+using gv::FutureException;
+using gv::FutureState;
+using gv::Promise;
+
+/// The state under which the action throws FutureException; fails the test when it does not.
+FutureException::State thrownBy(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const FutureException& error) {
+    return error.state();
+  }
+  ADD_FAILURE() << "nothing was thrown";
+  return FutureException::State::Invalid;
+}
+
+/// Lets two racing steps meet in every order.
+void yieldAtRandom(std::minstd_rand& random) {
+  for (auto yields = random() % 4; yields > 0; --yields) std::this_thread::yield();
+}
+
+TEST(Future, OneOfManySettlersWinsAndIsSeenByAll) {
+  house::Watchdog watchdog("settlers");
+  const unsigned seed = 20;
+  SCOPED_TRACE(seed);
+  const int rounds = house::rounds(100000);
+  Promise<int> promise;
+  std::atomic<int> wins{0};
+  std::atomic<int> winner{-1};
+  std::barrier start(4);
+  std::barrier end(4);
+  auto settler = [&](int number, const std::function<void()>& settle) {
+    std::minstd_rand random(seed + static_cast<unsigned>(number));
+    for (int round = 0; round < rounds; ++round) {
+      start.arrive_and_wait();
+      yieldAtRandom(random);
+      try {
+        settle();
+        ++wins;
+        winner = number;
+      } catch (const std::logic_error&) {
+      }
+      end.arrive_and_wait();
+    }
+  };
+  std::thread value(settler, 0, [&] { promise.setValue(7); });
+  std::thread error(settler, 1, [&] { promise.setError("bad"); });
+  std::thread cancel(settler, 2, [&] { promise.setCanceled(); });
+  int failures = 0;
+  for (int round = 0; round < rounds; ++round) {
+    std::atomic<int> calls{0};
+    wins = 0;
+    promise = Promise<int>(FutureCallbackType::Sync);
+    promise.future().connect([&](Future<int>) { ++calls; });
+    start.arrive_and_wait();
+    end.arrive_and_wait();
+    const FutureState expected[] = {FutureState::FinishedWithValue, FutureState::FinishedWithError,
+                                    FutureState::Canceled};
+    const bool isRight =
+        wins == 1 && calls == 1 && promise.future().wait(0) == expected[winner.load()];
+    failures += isRight ? 0 : 1;
+  }
+  value.join();
+  error.join();
+  cancel.join();
+  EXPECT_EQ(failures, 0);
+}
+
+TEST(Future, CallbackConnectedDuringTheEndRunsOnce) {
+  house::Watchdog watchdog("late callbacks");
+  const int rounds = house::rounds(100000);
+  Promise<int> promise;
+  std::barrier step(2);
+  std::thread settler([&] {
+    std::minstd_rand random(1);
+    for (int round = 0; round < rounds; ++round) {
+      step.arrive_and_wait();
+      yieldAtRandom(random);
+      promise.setValue(round);
+      step.arrive_and_wait();
+    }
+  });
+  std::minstd_rand random(2);
+  int failures = 0;
+  for (int round = 0; round < rounds; ++round) {
+    std::atomic<int> calls{0};
+    promise = Promise<int>(FutureCallbackType::Sync);
+    auto future = promise.future();
+    step.arrive_and_wait();
+    yieldAtRandom(random);
+    future.connect([&](Future<int> ended) { calls += ended.value(0) == round ? 1 : 100; });
+    step.arrive_and_wait();
+    failures += calls == 1 ? 0 : 1;
+  }
+  settler.join();
+  EXPECT_EQ(failures, 0);
+}
+
+TEST(Future, LastPromiseGoneUnsettledIsABrokenPromise) {
+  auto first = std::make_unique<Promise<int>>(FutureCallbackType::Sync);
+  auto second = std::make_unique<Promise<int>>(*first);
+  auto future = first->future();
+  int calls = 0;
+  future.connect([&](Future<int>) { ++calls; });
+  Promise<int> moved(std::move(*second));
+  first.reset();
+  second.reset();
+  EXPECT_TRUE(future.isRunning());
+  moved = Promise<int>();
+  EXPECT_EQ(future.errorState(0), FutureException::State::BrokenPromise);
+  EXPECT_EQ(thrownBy([&] { future.value(0); }), FutureException::State::BrokenPromise);
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(Future, SettlingTwiceThrowsAndKeepsTheFirstEnd) {
+  Promise<std::string> promise;
+  promise.setValue("first");
+  EXPECT_THROW(promise.setValue("second"), std::logic_error);
+  EXPECT_THROW(promise.setError("late"), std::logic_error);
+  EXPECT_THROW(promise.setCanceled(), std::logic_error);
+  EXPECT_EQ(promise.future().value(), "first");
+}
+
+TEST(Future, TellsItsEndsApart) {
+  auto failed = gv::makeFailedFuture<int>("no route", FutureException::State::NotSent);
+  EXPECT_TRUE(failed.hasError());
+  EXPECT_EQ(failed.error(), "no route");
+  try {
+    failed.value();
+    FAIL();
+  } catch (const FutureException& error) {
+    EXPECT_STREQ(error.what(), "no route");
+    EXPECT_EQ(error.state(), FutureException::State::NotSent);
+  }
+
+  Promise<int> canceled;
+  canceled.setCanceled();
+  EXPECT_FALSE(canceled.future().hasError());
+  EXPECT_FALSE(canceled.future().hasValue());
+  EXPECT_EQ(thrownBy([&] { canceled.future().value(); }), FutureException::State::Canceled);
+  EXPECT_EQ(thrownBy([&] { canceled.future().error(); }), FutureException::State::Canceled);
+
+  auto ready = gv::makeReadyFuture(4);
+  EXPECT_EQ(ready.value(-1), 4);
+  EXPECT_FALSE(ready.hasError(0));
+  EXPECT_EQ(thrownBy([&] { ready.error(); }), FutureException::State::Invalid);
+}
+
+TEST(Future, EmptyOneThrowsInvalid) {
+  Future<int> empty;
+  EXPECT_EQ(empty.wait(), FutureState::None);
+  EXPECT_FALSE(empty.isFinished());
+  EXPECT_FALSE(empty.isRunning());
+  empty.cancel();
+  EXPECT_EQ(thrownBy([&] { empty.value(); }), FutureException::State::Invalid);
+  EXPECT_EQ(thrownBy([&] { empty.connect([](Future<int>) {}); }), FutureException::State::Invalid);
+  EXPECT_EQ(thrownBy([&] { empty.then([](Future<int>) {}); }), FutureException::State::Invalid);
+}
+
+TEST(Future, UnsettledOneTimesOut) {
+  Promise<void> promise;
+  auto future = promise.future();
+  EXPECT_EQ(future.wait(20), FutureState::Running);
+  for (int timeoutMs : {20, 0, -1}) {
+    EXPECT_EQ(thrownBy([&] { future.value(timeoutMs); }), FutureException::State::Timeout);
+    EXPECT_EQ(thrownBy([&] { future.hasError(timeoutMs); }), FutureException::State::Timeout);
+  }
+  promise.setValue();
+  EXPECT_NO_THROW(future.value(0));
+}
+
+TEST(Future, WakesEveryWaiter) {
+  house::Watchdog watchdog("waiters");
+  Promise<int> promise;
+  std::atomic<int> sum{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 8; ++i) {
+    waiters.emplace_back([&, future = promise.future()] { sum += future.value(); });
+  }
+  promise.setValue(5);
+  for (auto& waiter : waiters) waiter.join();
+  EXPECT_EQ(sum, 40);
+}
+
+TEST(Future, CallbacksRunWhereTheirTypeSays) {
+  Promise<int> promise;  // asynchronous by default
+  auto future = promise.future();
+  auto onLoop = [] { return gv::getEventLoop()->isInThisContext(); };
+  Promise<bool> early, late, sync;
+  std::thread::id syncThread;
+  future.connect([&](Future<int>) { early.setValue(onLoop()); });
+  future.connect([&](Future<int>) { syncThread = std::this_thread::get_id(); },
+                 FutureCallbackType::Sync);
+  promise.setValue(1);
+  future.connect([&](Future<int>) { late.setValue(onLoop()); });
+  EXPECT_EQ(syncThread, std::this_thread::get_id());
+  EXPECT_TRUE(early.future().value());
+  EXPECT_TRUE(late.future().value());
+}
+
+TEST(Future, CallbackMayReenterItsFutureAndDropItsPromise) {
+  house::Watchdog watchdog("re-entry");
+  auto promise = std::make_unique<Promise<int>>(FutureCallbackType::Sync);
+  auto future = promise->future();
+  std::vector<int> seen;
+  future.connect([&](Future<int> ended) {
+    promise.reset();
+    ended.cancel();
+    seen.push_back(ended.value());
+    ended.connect([&](Future<int> again) { seen.push_back(again.value() + 1); });
+  });
+  future.connect([&](Future<int>) { throw std::runtime_error("from a callback"); });
+  future.connect([&](Future<int>) { seen.push_back(3); });
+  house::LogCapture capture;
+  promise->setValue(1);
+  EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(capture.count("from a callback"), 1);
+}
+
+/// Calls back from its copy constructor and destructor: a lock held there would never come free.
+struct Reentrant {
+  std::shared_ptr<std::function<void()>> action = std::make_shared<std::function<void()>>([] {});
+  Reentrant() = default;
+  Reentrant(const Reentrant& other) : action(other.action) { (*action)(); }
+  ~Reentrant() { (*action)(); }
+};
+
+TEST(Future, CopiesAndDestroysValuesUnlocked) {
+  house::Watchdog watchdog("unlocked copies");
+  Reentrant value;
+  int calls = 0;
+  {
+    Promise<Reentrant> promise(FutureCallbackType::Sync);
+    *value.action = [&calls, weak = promise.future()] {
+      weak.connect([&](Future<Reentrant>) { ++calls; });
+      weak.cancel();
+    };
+    promise.setValue(value);
+    promise.future().value();
+    *value.action = [] {};
+  }
+  EXPECT_GT(calls, 3);
+}
+
+struct ThrowsWhenMoved {
+  bool isArmed = false;
+  ThrowsWhenMoved() = default;
+  ThrowsWhenMoved(const ThrowsWhenMoved&) = default;
+  ThrowsWhenMoved(ThrowsWhenMoved&& other) : isArmed(other.isArmed) {
+    if (isArmed) throw std::runtime_error("cannot move");
+  }
+};
+
+TEST(Future, ValueThatCannotBeStoredEndsAsAnError) {
+  Promise<ThrowsWhenMoved> promise;
+  ThrowsWhenMoved value;
+  value.isArmed = true;
+  promise.setValue(std::as_const(value));  // the copy succeeds, moving it in does not
+  EXPECT_EQ(promise.future().error(0), "cannot move");
+}
+
+TEST(Future, LeavesNoValueBehind) {
+  house::LiveCounter counter;
+  {
+    Promise<house::LiveCounter::Mark> promise(FutureCallbackType::Sync);
+    auto next = promise.future().then(
+        [kept = house::LiveCounter::Mark(counter)](auto ended) { return ended.value(); });
+    auto flat = next.then([](auto ended) { return gv::makeReadyFuture(ended.value()); });
+    promise.setValue(house::LiveCounter::Mark(counter));
+    EXPECT_TRUE(flat.hasValue(0));
+    EXPECT_GT(counter.live(), 0);
+  }
+  EXPECT_EQ(counter.live(), 0);
+}
+
+TEST(FutureThen, PassesResultsAndErrorsOn) {
+  Promise<int> promise(FutureCallbackType::Sync);
+  auto text = promise.future().then([](Future<int> f) { return std::to_string(f.value()); });
+  auto nothing = text.then([](Future<std::string> f) { EXPECT_EQ(f.value(), "12"); });
+  auto thrown = nothing.then([](Future<void>) -> int { throw std::runtime_error("broke"); });
+  auto odd = nothing.then([](Future<void>) -> int { throw 5; });
+  promise.setValue(12);
+  EXPECT_TRUE(nothing.hasValue(0));
+  EXPECT_EQ(thrown.error(0), "broke");
+  EXPECT_EQ(odd.error(0), "unknown exception");
+
+  auto lost = gv::makeFailedFuture<int>("gone", FutureException::State::ConnectionLost);
+  auto after = lost.then([](Future<int> f) { return f.value(); }, FutureCallbackType::Sync);
+  EXPECT_EQ(after.error(0), "gone");
+  EXPECT_EQ(after.errorState(0), FutureException::State::ConnectionLost);
+}
+
+TEST(FutureThen, TimeoutInsideIsNoTimeoutOfTheNewFuture) {
+  Promise<int> never;
+  auto next = gv::makeReadyFuture().then([&](Future<void>) { return never.future().value(0); },
+                                         FutureCallbackType::Sync);
+  EXPECT_EQ(thrownBy([&] { next.value(0); }), FutureException::State::UserError);
+}
+
+TEST(FutureThen, FlattensAReturnedFuture) {
+  Promise<int> outer(FutureCallbackType::Sync);
+  Promise<std::string> inner;
+  auto flat = outer.future().then([&](Future<int>) { return inner.future(); });
+  static_assert(std::is_same_v<decltype(flat), Future<std::string>>);
+  outer.setValue(1);
+  EXPECT_TRUE(flat.isRunning());
+  inner.setError("inner", FutureException::State::ConnectionLost);
+  EXPECT_EQ(flat.error(0), "inner");
+  EXPECT_EQ(flat.errorState(0), FutureException::State::ConnectionLost);
+
+  auto invalid = outer.future().then([](Future<int>) { return Future<int>(); });
+  EXPECT_TRUE(invalid.hasError(0));
+}
+
+TEST(FutureThen, FlattenedFutureThatBreaksBreaksTheOuterOne) {
+  auto inner = std::make_unique<Promise<void>>();
+  auto flat = gv::makeReadyFuture().then([&](Future<void>) { return inner->future(); },
+                                         FutureCallbackType::Sync);
+  inner.reset();
+  EXPECT_EQ(flat.errorState(0), FutureException::State::BrokenPromise);
+}
+
+TEST(FutureCancel, IsARequestToThePromise) {
+  int requests = 0;
+  Promise<int> promise(FutureCallbackType::Sync, [&] { ++requests; });
+  promise.future().cancel();
+  promise.future().cancel();
+  EXPECT_EQ(requests, 1);
+  EXPECT_TRUE(promise.isCancelRequested());
+  EXPECT_TRUE(promise.future().isRunning());
+  promise.setValue(3);
+  EXPECT_EQ(promise.future().value(), 3);
+
+  Promise<int> deaf;
+  deaf.future().cancel();
+  EXPECT_TRUE(deaf.future().isRunning());
+
+  Promise<int> done(FutureCallbackType::Sync, [&] { ++requests; });
+  done.setValue(1);
+  done.future().cancel();
+  EXPECT_EQ(requests, 1);
+}
+
+TEST(FutureCancel, GoesBackThroughThen) {
+  int outerRequests = 0;
+  int innerRequests = 0;
+  Promise<void> outer(FutureCallbackType::Sync, [&] { ++outerRequests; });
+  Promise<void> inner(FutureCallbackType::Sync, [&] { ++innerRequests; });
+  auto flat = outer.future().then([&](Future<void>) { return inner.future(); });
+  flat.cancel();
+  EXPECT_EQ(outerRequests, 1);
+  EXPECT_EQ(innerRequests, 0);
+  outer.setValue();
+  EXPECT_EQ(innerRequests, 1);
+  inner.setCanceled();
+  EXPECT_EQ(flat.wait(0), FutureState::Canceled);
+}
+
+}  // namespace

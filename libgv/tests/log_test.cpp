@@ -1,0 +1,176 @@
+#include <gv/log.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <latch>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gv/os.h>
+
+#include "support/log_capture.h"
+#include "support/watchdog.h"
+#include "tests/rounds.h"
+
+namespace {
+
+using gv::log::Level;
+using gv::log::Record;
+
+class Log : public ::testing::Test {
+ protected:
+  Log() { gv::log::removeHandler(gv::log::DefaultHandler); }
+  ~Log() override { gv::log::setLevel(Level::Info); }
+
+  static void say(const std::string& text, const std::string& category = "test") {
+    gv::log::write(Level::Info, category, "say", "", 0, text);
+  }
+
+  house::Watchdog watchdog_{"log"};
+};
+
+TEST_F(Log, RecordArrivesWholeBeforeWriteReturns) {
+  std::vector<Record> seen;
+  std::thread::id thread;
+  const auto id = gv::log::addHandler("test", [&](const Record& record) {
+    seen.push_back(record);
+    thread = std::this_thread::get_id();
+  });
+  gv::log::write(Level::Warning, "cat", "fun", "file.cpp", 12, "te{}xt\n");
+  gv::log::removeHandler(id);
+  say("unheard");
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(thread, std::this_thread::get_id());
+  EXPECT_EQ(seen[0].level, Level::Warning);
+  EXPECT_EQ(seen[0].category + seen[0].function + seen[0].file, "catfunfile.cpp");
+  EXPECT_EQ(seen[0].text, "te{}xt\n");
+  EXPECT_EQ(seen[0].line, 12);
+  EXPECT_EQ(seen[0].threadId, gv::os::gettid());
+}
+
+TEST_F(Log, LevelsApplyToCategoriesThereAndToCome) {
+  gv::log::addCategory("level.there");
+  EXPECT_TRUE(gv::log::isEnabled("level.there", Level::Info));
+  EXPECT_FALSE(gv::log::isEnabled("level.there", Level::Verbose));
+  gv::log::setLevel(Level::Debug, "level.*");
+  EXPECT_TRUE(gv::log::isEnabled("level.there", Level::Debug));
+  EXPECT_TRUE(gv::log::category("level.tocome").isEnabled(Level::Debug));
+  EXPECT_TRUE(gv::log::isEnabled("level.unregistered", Level::Debug));
+  gv::log::setLevel(Level::Silent);
+  EXPECT_FALSE(gv::log::isEnabled("level.there", Level::Fatal));
+  EXPECT_FALSE(gv::log::isEnabled("level.there", Level::Silent));
+  house::LogCapture capture;
+  gv::log::write(Level::Fatal, "level.there", "", "", 0, "silenced");
+  EXPECT_EQ(capture.count("silenced"), 0);
+}
+
+TEST_F(Log, DisabledLineEvaluatesNothing) {
+  int evaluated = 0;
+  auto line = [&] { GV_LOG(Level::Verbose, "lazy", "line", std::to_string(++evaluated)); };
+  line();
+  EXPECT_EQ(evaluated, 0);
+  gv::log::setLevel(Level::Verbose, "lazy");
+  line();
+  EXPECT_EQ(evaluated, 1);
+}
+
+TEST_F(Log, HandlerThatLogsIsHeardByTheOthersOnly) {
+  int calls = 0;
+  const auto id = gv::log::addHandler("talker", [&](const Record& record) {
+    ++calls;
+    say("echo of " + record.text);
+  });
+  house::LogCapture capture;
+  say("word");
+  gv::log::removeHandler(id);
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(capture.count("word"), 2);
+}
+
+TEST_F(Log, TwoHandlersThatLogDoNotPlayPingPong) {
+  int calls = 0;
+  auto talk = [&](const Record&) {
+    ++calls;
+    say("again");
+  };
+  const auto first = gv::log::addHandler("first", talk);
+  const auto second = gv::log::addHandler("second", talk);
+  say("start");
+  gv::log::removeHandler(first);
+  gv::log::removeHandler(second);
+  EXPECT_EQ(calls, 4);
+}
+
+TEST_F(Log, HandlerThatThrowsHarmsNobodyAndIsReportedOnce) {
+  const auto id = gv::log::addHandler(
+      "thrower", [](const Record&) { throw std::runtime_error("handler trouble"); });
+  house::LogCapture capture;
+  EXPECT_NO_THROW(say("one"));
+  EXPECT_NO_THROW(say("two"));
+  gv::log::removeHandler(id);
+  EXPECT_EQ(capture.count("one"), 1);
+  EXPECT_EQ(capture.count("two"), 1);
+  EXPECT_EQ(capture.count("handler \"thrower\" threw: handler trouble"), 1);
+}
+
+TEST_F(Log, RemovalWaitsForTheHandlerInOtherThreads) {
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> writers;
+  for (int i = 0; i < 3; ++i) {
+    writers.emplace_back([&] {
+      while (!stop) say("noise");
+    });
+  }
+  std::atomic<int> late{0};
+  for (int round = 0; round < house::rounds(5000); ++round) {
+    auto isAlive = std::make_unique<std::atomic<bool>>(true);
+    const auto id = gv::log::addHandler("short", [&late, alive = isAlive.get()](const Record&) {
+      std::this_thread::yield();
+      if (!*alive) ++late;
+    });
+    std::this_thread::yield();
+    gv::log::removeHandler(id);
+    *isAlive = false;
+  }
+  stop = true;
+  for (auto& writer : writers) writer.join();
+  EXPECT_EQ(late, 0);
+}
+
+TEST_F(Log, HandlerMayRemoveItself) {
+  int calls = 0;
+  gv::log::HandlerId id = 0;
+  id = gv::log::addHandler("once", [&](const Record&) {
+    ++calls;
+    gv::log::removeHandler(id);
+  });
+  say("one");
+  say("two");
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(Log, HandlersMayRemoveEachOtherAtOnce) {
+  for (int round = 0; round < house::rounds(1000); ++round) {
+    std::latch inside(2);
+    gv::log::HandlerId first = 0, second = 0;
+    first = gv::log::addHandler("first", [&](const Record& record) {
+      if (record.text != "to first") return;
+      inside.arrive_and_wait();
+      gv::log::removeHandler(second);
+    });
+    second = gv::log::addHandler("second", [&](const Record& record) {
+      if (record.text != "to second") return;
+      inside.arrive_and_wait();
+      gv::log::removeHandler(first);
+    });
+    std::thread other([] { say("to first"); });
+    say("to second");
+    other.join();
+  }
+}
+
+}  // namespace
