@@ -1,0 +1,167 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include <gvtype/futuretype.h>
+#include <gvtype/genericfunctionparameters.h>
+#include <gvtype/signature.h>
+
+namespace gv {
+
+/// The tail of a parameter list: takes whatever was passed. As the last parameter of a function it
+/// shows as `*` in the signature.
+struct AnyArguments {
+  std::vector<AnyValue> args;
+};
+
+/// A callable of any type behind one interface: it knows its signatures, converts the arguments on
+/// the way in and returns its result as a reference that shares ownership of it.
+///
+/// Copies share the callable. Calling from several threads at once is as safe as the callable.
+class GVTYPE_API AnyFunction {
+ public:
+  /// The empty function: calling it is an error.
+  AnyFunction() = default;
+
+  /// From a function, a lambda, a std::function, or a member function, which then takes the
+  /// instance as its first argument. Parameters may be values or references to const; the last may
+  /// be AnyArguments.
+  template <class F>
+  static AnyFunction from(F callable);
+  /// From a member function of an object, which must outlive the function's calls.
+  template <class T, class R, class C, class... A>
+  static AnyFunction from(T* object, R (C::*member)(A...)) {
+    return from([object, member](std::remove_reference_t<A> const&... arguments) -> R {
+      return (object->*member)(arguments...);
+    });
+  }
+  template <class T, class R, class C, class... A>
+  static AnyFunction from(T* object, R (C::*member)(A...) const) {
+    return from([object, member](std::remove_reference_t<A> const&... arguments) -> R {
+      return (object->*member)(arguments...);
+    });
+  }
+
+  /// The same function behind one more parameter in front, the instance of the object that it is a
+  /// method of, which it ignores. This is the shape of every method of a dynamic object.
+  AnyFunction withInstance() const;
+
+  explicit operator bool() const { return body_ != nullptr; }
+
+  /// Calls it. Throws ConversionError where an argument does not convert, std::runtime_error for a
+  /// wrong number of arguments or an empty function, and whatever the callable throws.
+  AnyReference call(const GenericFunctionParameters& arguments) const;
+
+  /// The signature of the result ("V" for none; that of its value for a future).
+  Signature returnSignature() const;
+  /// The signature of the parameters as a tuple, "(si)"; without the first, the instance, on
+  /// demand.
+  Signature parametersSignature(bool dropFirst = false) const;
+  /// Types of the parameters, the instance included as a null entry; the tail is not in it.
+  std::vector<const TypeInterface*> parameterTypes() const;
+  bool takesAnyArguments() const { return body_ && body_->hasTail; }
+
+ private:
+  struct Body {
+    const TypeInterface* returnType = nullptr;
+    std::vector<const TypeInterface*> parameters;
+    bool hasTail = false;
+    /// Takes the address of each argument, all of the exact types; the tail is one AnyArguments.
+    std::function<AnyReference(void* const* arguments)> invoke;
+  };
+
+  template <class F, class R, class... A>
+  static AnyFunction make(F callable);
+  template <class F, class R, class C, class... A>
+  static AnyFunction fromCallOperator(F callable, R (C::*)(A...) const) {
+    return make<F, R, A...>(std::move(callable));
+  }
+  template <class F, class R, class C, class... A>
+  static AnyFunction fromCallOperator(F callable, R (C::*)(A...)) {
+    return make<F, R, A...>(std::move(callable));
+  }
+  template <class R, class... A>
+  static AnyFunction fromPointer(R (*function)(A...)) {
+    return make<R (*)(A...), R, A...>(function);
+  }
+  template <class R, class C, class... A>
+  static AnyFunction fromPointer(R (C::*member)(A...)) {
+    auto call = [member](const C& object, std::remove_reference_t<A> const&... arguments) -> R {
+      return (const_cast<C&>(object).*member)(arguments...);
+    };
+    return make<decltype(call), R, const C&, A...>(call);
+  }
+  template <class R, class C, class... A>
+  static AnyFunction fromPointer(R (C::*member)(A...) const) {
+    auto call = [member](const C& object, std::remove_reference_t<A> const&... arguments) -> R {
+      return (object.*member)(arguments...);
+    };
+    return make<decltype(call), R, const C&, A...>(call);
+  }
+
+  AnyReference callConverted(const GenericFunctionParameters& arguments) const;
+
+  std::shared_ptr<const Body> body_;
+  bool hasInstance_ = false;
+};
+
+template <class F>
+AnyFunction AnyFunction::from(F callable) {
+  if constexpr (std::is_same_v<F, AnyFunction>) {
+    return callable;
+  } else if constexpr (std::is_pointer_v<F> || std::is_member_function_pointer_v<F>) {
+    return fromPointer(callable);
+  } else {
+    static_assert(
+        requires { &F::operator(); },
+        "a callable needs exactly one call operator that is no template, so that its "
+        "parameter types are known: wrap it in a lambda with the types written out");
+    return fromCallOperator(std::move(callable), &F::operator());
+  }
+}
+
+template <class F, class R, class... A>
+AnyFunction AnyFunction::make(F callable) {
+  static_assert(
+      ((!std::is_rvalue_reference_v<A> &&
+        (!std::is_lvalue_reference_v<A> || std::is_const_v<std::remove_reference_t<A>>)) &&
+       ...),
+      "parameters must be values or references to const: the caller's values are shared");
+  using Result = std::remove_cvref_t<R>;
+  static constexpr std::size_t count = sizeof...(A);
+  auto body = std::make_shared<Body>();
+  body->returnType = getType<Result>();
+  body->parameters = {getType<std::remove_cvref_t<A>>()...};
+  if constexpr (count > 0) {
+    using Last = std::tuple_element_t<count - 1, std::tuple<std::remove_cvref_t<A>...>>;
+    if constexpr (std::is_same_v<Last, AnyArguments>) {
+      body->hasTail = true;
+      body->parameters.pop_back();
+    }
+  }
+  body->invoke = [callable = std::move(callable)](void* const* arguments) mutable -> AnyReference {
+    static_cast<void>(arguments);
+    return [&]<std::size_t... I>(std::index_sequence<I...>) {
+      if constexpr (std::is_void_v<Result>) {
+        callable(*static_cast<const std::remove_cvref_t<A>*>(arguments[I])...);
+        return AnyReference::ofVoid();
+      } else {
+        return AnyReference::own<Result>(
+            callable(*static_cast<const std::remove_cvref_t<A>*>(arguments[I])...));
+      }
+    }
+    (std::index_sequence_for<A...>());
+  };
+  AnyFunction function;
+  function.body_ = std::move(body);
+  return function;
+}
+
+}  // namespace gv

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gvtype/anyvalue.h>
+
+namespace gv {
+
+/// Lists, maps and tuples of types that are known by signature only, as they come from another
+/// process: each value carries its signature, each element is of the type that the signature says.
+/// They convert to and from the C++ containers like any other list, map or tuple.
+struct ListValue {
+  std::string signature = "av";  ///< "aT"
+  std::vector<AnyValue> elements;
+};
+
+struct MapValue {
+  std::string signature = "a{vv}";  ///< "a{KV}"
+  std::vector<std::pair<AnyValue, AnyValue>> entries;
+};
+
+struct TupleValue {
+  std::string signature = "()";  ///< "(..)"
+  std::vector<AnyValue> members;
+};
+
+template <>
+struct TypeTraits<ListValue> {
+  GVTYPE_API static void describe(TypeInterface& type);
+};
+template <>
+struct TypeTraits<MapValue> {
+  GVTYPE_API static void describe(TypeInterface& type);
+};
+template <>
+struct TypeTraits<TupleValue> {
+  GVTYPE_API static void describe(TypeInterface& type);
+};
+
+}  // namespace gv

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <gvtype/api.h>
+
+namespace gv {
+
+/// The signature of a type, as a text of type codes:
+/// `V` void, `b` bool, `c y n q i u x t` integers (int8, uint8, int16, ... uint64), `f d` floats,
+/// `s` string, `r` raw bytes, `v` dynamic, `o` object instance, `X` a type that has no description,
+/// `aT` list, `a{KV}` map, `(..)` tuple. In a list of parameters the last code may be `*`: any
+/// number of any arguments.
+class GVTYPE_API Signature {
+ public:
+  /// How deep types may nest.
+  static constexpr int maxDepth = 64;
+
+  /// The empty signature: no type.
+  Signature() = default;
+  /// Exactly one complete type, or the empty text. Throws std::runtime_error naming the position
+  /// and the reason where the text is malformed or nests deeper than maxDepth.
+  Signature(std::string text);  // NOLINT: implicit, so that a text can be passed as it is
+  Signature(const char* text) : Signature(std::string(text)) {}
+
+  const std::string& toString() const { return text_; }
+  bool isEmpty() const { return text_.empty(); }
+  bool operator==(const Signature&) const = default;
+
+ private:
+  std::string text_;
+};
+
+/// Takes "name(params)" apart into the name and "(params)"; the second is empty for a bare name.
+GVTYPE_API std::pair<std::string, std::string> signatureSplit(const std::string& nameOrSignature);
+
+/// The complete types of a well-formed tuple "(..)", in order; what is not a tuple gives none.
+/// The views point into `tuple`.
+GVTYPE_API std::vector<std::string_view> signatureMembers(std::string_view tuple);
+
+/// The length of the complete type that a well-formed, non-empty signature text starts with.
+GVTYPE_API std::size_t signatureLength(std::string_view text);
+
+}  // namespace gv

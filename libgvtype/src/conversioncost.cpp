@@ -1,0 +1,169 @@
+// What a conversion costs, for choosing among overloads.
+
+#include <gvtype/conversion.h>
+#include <gvtype/signature.h>
+
+namespace gv {
+namespace {
+
+// The lower the better; the steps leave room for the element's own cost in a container.
+constexpr int same = 0;
+constexpr int widening = 1;
+constexpr int container = 2;
+constexpr int narrowing = 4;
+constexpr int acrossKinds = 6;
+constexpr int intoDynamic = 10;
+constexpr int impossible = -1;
+
+/// Signed integers are positive, unsigned negative sizes in bits; 0 for what is no integer.
+int integerBits(char code) {
+  switch (code) {
+    case 'c':
+      return 8;
+    case 'n':
+      return 16;
+    case 'i':
+      return 32;
+    case 'x':
+      return 64;
+    case 'y':
+      return -8;
+    case 'q':
+      return -16;
+    case 'u':
+      return -32;
+    case 't':
+      return -64;
+    default:
+      return 0;
+  }
+}
+
+int integerCost(int from, int to) {
+  const bool widens = (from > 0) == (to > 0) ? std::abs(from) < std::abs(to) : to > 0 && -from < to;
+  return widens ? widening : narrowing;
+}
+
+int numberCost(char from, char to) {
+  const int fromBits = integerBits(from);
+  const int toBits = integerBits(to);
+  const bool fromIsFloat = from == 'f' || from == 'd';
+  const bool toIsFloat = to == 'f' || to == 'd';
+  if (fromBits && toBits) return integerCost(fromBits, toBits);
+  if (fromIsFloat && toIsFloat) return from == 'f' ? widening : narrowing;
+  if ((fromBits && toIsFloat) || (fromIsFloat && toBits)) return acrossKinds;
+  if ((from == 'b' && toBits) || (fromBits && to == 'b')) return acrossKinds;
+  return impossible;
+}
+
+/// The element that converts worst decides.
+class Worst {
+ public:
+  void add(int cost) {
+    if (cost == impossible || worst_ == impossible)
+      worst_ = impossible;
+    else if (cost > worst_)
+      worst_ = cost;
+  }
+  int of(int own) const { return worst_ == impossible ? impossible : own + worst_; }
+
+ private:
+  int worst_ = 0;
+};
+
+int listCost(const AnyReference& source, std::string_view element, bool* looksAtValue) {
+  const TypeInterface* type = source.type();
+  Worst worst;
+  if (type->kind == TypeKind::List) {
+    const TypeInterface* elementType = type->list->elementType();
+    if (elementType->kind == TypeKind::Dynamic) *looksAtValue = true;
+    bool first = true;
+    type->list->forEach(source.pointer(), [&](const AnyReference& item) {
+      // Elements of one scalar type cost the same: the first speaks for all.
+      const bool uniform = elementType->kind < TypeKind::List;
+      if (first || !uniform) worst.add(conversionCost(item, element, looksAtValue));
+      first = false;
+    });
+    return worst.of(container);
+  }
+  if (type->kind != TypeKind::Tuple) return impossible;
+  for (std::size_t i = 0; i < type->tuple->size(source.pointer()); ++i)
+    worst.add(conversionCost(type->tuple->member(source.pointer(), i), element, looksAtValue));
+  return worst.of(container + 1);
+}
+
+int tupleCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
+  const auto members = signatureMembers(signature);
+  const TypeInterface* type = source.type();
+  Worst worst;
+  std::size_t index = 0;
+  const auto add = [&](const AnyReference& item) {
+    if (index < members.size()) worst.add(conversionCost(item, members[index], looksAtValue));
+    ++index;
+  };
+  if (type->kind == TypeKind::List) {
+    *looksAtValue = true;
+    type->list->forEach(source.pointer(), add);
+  } else if (type->kind == TypeKind::Tuple) {
+    for (std::size_t i = 0; i < type->tuple->size(source.pointer()); ++i)
+      add(type->tuple->member(source.pointer(), i));
+  } else {
+    return impossible;
+  }
+  return index == members.size() ? worst.of(container) : impossible;
+}
+
+int mapCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
+  if (source.type()->kind != TypeKind::Map) return impossible;
+  const std::string_view inner = signature.substr(2, signature.size() - 3);
+  const std::size_t keyLength = signatureLength(inner);
+  Worst worst;
+  source.type()->map->forEach(
+      source.pointer(), [&](const AnyReference& key, const AnyReference& value) {
+        worst.add(conversionCost(key, inner.substr(0, keyLength), looksAtValue));
+        worst.add(conversionCost(value, inner.substr(keyLength), looksAtValue));
+      });
+  return worst.of(container);
+}
+
+int dynamicCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
+  *looksAtValue = true;
+  int cost = impossible;
+  source.type()->dynamic->visit(source.pointer(), [&](const AnyReference& content) {
+    if (content.isValid()) cost = conversionCost(content, signature, looksAtValue);
+  });
+  return cost == impossible ? impossible : cost + widening;
+}
+
+}  // namespace
+
+int conversionCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
+  const TypeInterface* type = source.type();
+  if (!type) return signature == "v" ? same : impossible;
+  if (type->kind == TypeKind::Dynamic)
+    return signature == "v" ? same : dynamicCost(source, signature, looksAtValue);
+  if (signature == "v") return type->kind == TypeKind::Unknown ? impossible : intoDynamic;
+  std::string own;
+  if (type->ownSignature)
+    own = type->ownSignature(source.pointer());
+  else
+    appendSignature(own, type);
+  if (own == signature && type->kind != TypeKind::Unknown) return same;
+  switch (type->kind) {
+    case TypeKind::Bool:
+    case TypeKind::Int:
+    case TypeKind::Float:
+      return signature.size() == 1 ? numberCost(own[0], signature[0]) : impossible;
+    case TypeKind::List:
+    case TypeKind::Tuple:
+    case TypeKind::Map:
+      if (signature.starts_with("a{")) return mapCost(source, signature, looksAtValue);
+      if (signature.starts_with('a')) return listCost(source, signature.substr(1), looksAtValue);
+      if (signature.starts_with('(')) return tupleCost(source, signature, looksAtValue);
+      return impossible;
+    default:
+      return impossible;
+  }
+}
+
+}  // namespace gv

@@ -1,0 +1,54 @@
+#include <gvtype/dynamicobjectbuilder.h>
+
+#include <stdexcept>
+
+#include <boost/make_shared.hpp>
+
+namespace gv {
+namespace {
+
+/// A dynamic object together with the view that handles share.
+struct OwnedObject {
+  DynamicObject object;
+  GenericObject generic{getDynamicTypeInterface(), &object};
+};
+
+}  // namespace
+
+DynamicObjectBuilder::DynamicObjectBuilder() {
+  auto owned = boost::make_shared<OwnedObject>();
+  owned->object.setManageable(&owned->generic);
+  object_ = &owned->object;
+  handle_ = boost::shared_ptr<GenericObject>(owned, &owned->generic);
+}
+
+DynamicObjectBuilder::DynamicObjectBuilder(DynamicObject* object) : object_(object) {}
+
+unsigned DynamicObjectBuilder::xAdvertiseMethod(const MetaMethodBuilder& method,
+                                                AnyFunction function, MetaCallType callType) {
+  return object_->addMethod(method, std::move(function), callType);
+}
+
+unsigned DynamicObjectBuilder::advertise(MetaMethodBuilder& method, const AnyFunction& function,
+                                         MetaCallType callType) {
+  const AnyFunction body = function.withInstance();
+  method.setReturnSignature(body.returnSignature());
+  method.setParametersSignature(body.parametersSignature(true));
+  return xAdvertiseMethod(method, body, callType);
+}
+
+void DynamicObjectBuilder::setDescription(const std::string& text) {
+  object_->setDescription(text);
+}
+
+void DynamicObjectBuilder::setThreadingModel(ObjectThreadingModel model) {
+  object_->setThreadingModel(model);
+}
+
+Object<Empty> DynamicObjectBuilder::object() const {
+  if (!handle_)
+    throw std::logic_error("the object was given to the builder: its owner has handles");
+  return Object<Empty>(handle_);
+}
+
+}  // namespace gv

@@ -1,0 +1,69 @@
+#include <gvtype/metacall.h>
+
+#include <gv/eventloop.h>
+#include <gv/log.h>
+#include <gvtype/conversion.h>
+#include <gvtype/object.h>
+
+namespace gv {
+namespace {
+
+void runInto(const Promise<AnyReference>& promise, const AnyFunction& function,
+             const GenericFunctionParameters& arguments) {
+  AnyReference result;
+  try {
+    result = function.call(arguments);
+  } catch (const std::exception& error) {
+    return promise.setError(error.what());
+  } catch (...) {
+    return promise.setError("unknown exception");
+  }
+  promise.setValue(result);
+}
+
+}  // namespace
+
+MetaCallType resolveCallType(MetaCallType method, MetaCallType call) {
+  if (call != MetaCallType::Auto) return call;
+  return method == MetaCallType::Queued ? MetaCallType::Queued : MetaCallType::Direct;
+}
+
+Future<AnyReference> metaCall(EventLoop* loop, ObjectThreadingModel, MetaCallType methodType,
+                              MetaCallType callType, const Object<Empty>& context, unsigned,
+                              const AnyFunction& function,
+                              const GenericFunctionParameters& arguments, unsigned) {
+  if (!loop || resolveCallType(methodType, callType) == MetaCallType::Direct) {
+    Promise<AnyReference> promise(FutureCallbackType::Sync);
+    runInto(promise, function, arguments);
+    return promise.future();
+  }
+  Promise<AnyReference> promise(FutureCallbackType::Async);
+  loop->post([promise, function, context, copies = arguments.copy()] {
+    runInto(promise, function, copies);
+  });
+  return promise.future();
+}
+
+namespace detail {
+
+void convertResult(const AnyReference& result, const TypeInterface* type, void* target) {
+  const auto unable = [&] {
+    return std::runtime_error("Unable to convert call result to target type: from " +
+                              typeName(result.type()) + " to " + typeName(type));
+  };
+  try {
+    convertInto(result, type, target);
+  } catch (const ConversionError& error) {
+    if (error.reason() == ConversionError::Reason::Kind) throw unable();
+    throw std::runtime_error(std::string("Return argument conversion error: ") + error.what());
+  } catch (const std::exception& error) {
+    throw std::runtime_error(std::string("Return argument conversion error: ") + error.what());
+  }
+}
+
+void logAdapterFailure(const char* text) {
+  GV_LOG(log::Level::Error, "gv.adapter", "setPromise", text);
+}
+
+}  // namespace detail
+}  // namespace gv

@@ -1,0 +1,117 @@
+#include <gvtype/signature.h>
+
+#include <stdexcept>
+
+namespace gv {
+namespace {
+
+constexpr std::string_view simpleCodes = "bcynqiuxtfdsrvoX";
+
+[[noreturn]] void fail(std::string_view text, std::size_t position, const std::string& reason) {
+  constexpr std::size_t shown = 80;
+  std::string printable(text.substr(0, shown));
+  for (char& c : printable)
+    if (c < ' ' || c > '~') c = '?';
+  throw std::runtime_error("malformed signature '" + printable +
+                           (text.size() > shown ? "...'" : "'") + " at position " +
+                           std::to_string(position) + ": " + reason);
+}
+
+/// Reads complete types from a text, front to back, in one pass.
+class Parser {
+ public:
+  explicit Parser(std::string_view text) : text_(text) {}
+
+  void parseWhole() {
+    if (text_ == "V") return;
+    parseType(0);
+    if (position_ != text_.size()) fail(text_, position_, "more than one type");
+  }
+
+ private:
+  char peek(const char* expected) const {
+    if (position_ == text_.size())
+      fail(text_, position_, std::string("the text ends where ") + expected + " is expected");
+    return text_[position_];
+  }
+
+  void parseType(int depth) {
+    if (depth >= Signature::maxDepth)
+      fail(text_, position_, "nested deeper than " + std::to_string(Signature::maxDepth));
+    const char code = peek("a type");
+    if (simpleCodes.find(code) != std::string_view::npos) {
+      ++position_;
+    } else if (code == 'a') {
+      ++position_;
+      if (peek("an element type") == '{')
+        parseMap(depth);
+      else
+        parseType(depth + 1);
+    } else if (code == '(') {
+      parseTuple(depth);
+    } else {
+      fail(text_, position_, "unknown type code");
+    }
+  }
+
+  void parseMap(int depth) {
+    ++position_;
+    parseType(depth + 1);
+    parseType(depth + 1);
+    if (peek("'}'") != '}') fail(text_, position_, "'}' expected");
+    ++position_;
+  }
+
+  void parseTuple(int depth) {
+    ++position_;
+    while (peek("')'") != ')') {
+      if (depth == 0 && text_.substr(position_) == "*)")
+        ++position_;
+      else
+        parseType(depth + 1);
+    }
+    ++position_;
+  }
+
+  std::string_view text_;
+  std::size_t position_ = 0;
+};
+
+}  // namespace
+
+Signature::Signature(std::string text) : text_(std::move(text)) {
+  if (!text_.empty()) Parser(text_).parseWhole();
+}
+
+std::pair<std::string, std::string> signatureSplit(const std::string& nameOrSignature) {
+  const std::size_t open = nameOrSignature.find('(');
+  if (open == std::string::npos) return {nameOrSignature, {}};
+  return {nameOrSignature.substr(0, open), nameOrSignature.substr(open)};
+}
+
+std::size_t signatureLength(std::string_view text) {
+  std::size_t i = 0;
+  while (i < text.size() && text[i] == 'a') ++i;
+  if (i < text.size() && (text[i] == '(' || text[i] == '{')) {
+    int open = 0;
+    for (; i < text.size(); ++i) {
+      if (text[i] == '(' || text[i] == '{') ++open;
+      if ((text[i] == ')' || text[i] == '}') && --open == 0) break;
+    }
+  }
+  return i + 1;
+}
+
+std::vector<std::string_view> signatureMembers(std::string_view tuple) {
+  std::vector<std::string_view> members;
+  if (!tuple.starts_with('(')) return members;
+  std::string_view rest = tuple.substr(1, tuple.size() - 2);
+  while (!rest.empty()) {
+    const std::size_t length = signatureLength(rest);
+    members.push_back(rest.substr(0, length));
+    rest.remove_prefix(length);
+  }
+  return members;
+}
+
+}  // namespace gv

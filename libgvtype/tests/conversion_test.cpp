@@ -1,0 +1,163 @@
+// The conversion table: what converts to what, and that nothing is ever lost in silence.
+
+#include <gvtype/conversion.h>
+
+#include <gmock/gmock.h>
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gvtype/genericvalues.h>
+
+namespace gv {
+namespace {
+
+using testing::HasSubstr;
+
+/// The value converted, or nothing when the conversion is refused.
+template <class To, class From>
+std::optional<To> converted(const From& value) {
+  try {
+    return AnyReference::from(value).template to<To>();
+  } catch (const ConversionError&) {
+    return std::nullopt;
+  }
+}
+
+template <class To, class From>
+std::string errorOf(const From& value) {
+  try {
+    AnyReference::from(value).template to<To>();
+    return "no error";
+  } catch (const ConversionError& error) {
+    return error.what();
+  }
+}
+
+template <class T>
+class IntegerConversion : public testing::Test {};
+using Integers = testing::Types<std::int8_t, std::uint8_t, std::int16_t, std::uint16_t,
+                                std::int32_t, std::uint32_t, std::int64_t, std::uint64_t>;
+TYPED_TEST_SUITE(IntegerConversion, Integers);
+
+TYPED_TEST(IntegerConversion, TakesExactlyWhatFits) {
+  using Limits = std::numeric_limits<TypeParam>;
+  EXPECT_EQ(converted<TypeParam>(static_cast<std::int64_t>(1)), TypeParam{1});
+  EXPECT_EQ(converted<std::int64_t>(Limits::min()), static_cast<std::int64_t>(Limits::min()));
+  EXPECT_EQ(converted<std::uint64_t>(Limits::max()), static_cast<std::uint64_t>(Limits::max()));
+  if constexpr (sizeof(TypeParam) < 8) {
+    EXPECT_EQ(converted<TypeParam>(static_cast<std::int64_t>(Limits::max())), Limits::max());
+    EXPECT_EQ(converted<TypeParam>(static_cast<std::int64_t>(Limits::max()) + 1), std::nullopt);
+    EXPECT_EQ(converted<TypeParam>(static_cast<std::int64_t>(Limits::min()) - 1), std::nullopt);
+  }
+  EXPECT_EQ(
+      converted<TypeParam>(std::int64_t{-1}),
+      Limits::is_signed ? std::optional<TypeParam>(static_cast<TypeParam>(-1)) : std::nullopt);
+  // From floats at the edge: the first number beyond the range is a power of two, hence exact.
+  EXPECT_EQ(converted<TypeParam>(std::ldexp(1.0, Limits::digits)), std::nullopt);
+  EXPECT_EQ(converted<TypeParam>(std::ldexp(1.0, Limits::digits - 1)),
+            static_cast<TypeParam>(TypeParam{1} << (Limits::digits - 1)));
+  EXPECT_EQ(converted<TypeParam>(0.5), std::nullopt);
+}
+
+TEST(Conversion, KeepsLargeIntegersApart) {
+  EXPECT_EQ(converted<std::int64_t>(std::numeric_limits<std::uint64_t>::max()), std::nullopt);
+  EXPECT_EQ(converted<std::uint64_t>(std::numeric_limits<std::int64_t>::min()), std::nullopt);
+  EXPECT_EQ(converted<double>((std::int64_t{1} << 53) + 1), std::nullopt);
+  EXPECT_EQ(converted<double>(std::int64_t{1} << 53), 9007199254740992.0);
+  EXPECT_EQ(converted<double>(std::numeric_limits<std::int64_t>::min()), -9223372036854775808.0);
+  EXPECT_EQ(converted<float>(16777217), std::nullopt);
+}
+
+TEST(Conversion, OfBoolsAndFloats) {
+  EXPECT_EQ(converted<int>(true), 1);
+  EXPECT_EQ(converted<bool>(0), false);
+  EXPECT_EQ(converted<bool>(2), std::nullopt);
+  EXPECT_EQ(converted<bool>(1.0), std::nullopt);
+  EXPECT_EQ(converted<float>(0.5), 0.5f);
+  EXPECT_EQ(converted<float>(0.1), std::nullopt);
+  EXPECT_EQ(converted<float>(1e300), std::nullopt);
+  EXPECT_TRUE(std::isnan(*converted<float>(std::nan(""))));
+  EXPECT_EQ(converted<float>(-std::numeric_limits<double>::infinity()),
+            -std::numeric_limits<float>::infinity());
+  EXPECT_EQ(converted<int>(std::nan("")), std::nullopt);
+}
+
+TEST(Conversion, NeverMixesTextBytesAndNumbers) {
+  EXPECT_EQ(converted<int>(std::string("1")), std::nullopt);
+  EXPECT_EQ(converted<std::string>(1), std::nullopt);
+  EXPECT_EQ(converted<Buffer>(std::string("a")), std::nullopt);
+  EXPECT_EQ(converted<std::string>(Buffer("a", 1)), std::nullopt);
+  const std::string bytes("\xff\0z", 3);
+  EXPECT_EQ(converted<std::string>(bytes), bytes);
+}
+
+TEST(Conversion, GoesElementByElementThroughContainers) {
+  EXPECT_EQ(converted<std::vector<double>>(std::vector<int>{1, 2}), (std::vector<double>{1, 2}));
+  EXPECT_EQ(converted<std::vector<bool>>(std::vector<int>{1, 0}), (std::vector<bool>{true, false}));
+  EXPECT_EQ(converted<std::vector<int>>(std::vector<bool>{true}), std::vector<int>{1});
+  const std::vector<AnyValue> dynamic = {AnyValue::from(1), AnyValue::from("a")};
+  using Pair = std::pair<int, std::string>;
+  EXPECT_EQ((converted<Pair>(dynamic)), (Pair{1, "a"}));
+  EXPECT_EQ((converted<std::tuple<int>>(dynamic)), std::nullopt);
+  EXPECT_EQ(converted<std::vector<int>>(std::tuple<int, long>{1, 2}), (std::vector<int>{1, 2}));
+  const std::map<std::string, int> map = {{"a", 1}};
+  EXPECT_EQ((converted<std::map<std::string, long>>(map)), (std::map<std::string, long>{{"a", 1}}));
+  EXPECT_EQ(converted<std::vector<int>>(map), std::nullopt);
+}
+
+TEST(Conversion, ThroughGenericValuesComesBackUnchanged) {
+  using Nested = std::map<std::string, std::vector<std::pair<int, std::string>>>;
+  const Nested value = {{"a", {{1, "x"}, {2, "y"}}}, {"b", {}}};
+  const AnyReference reference = AnyReference::from(value);
+  const AnyValue generic = convertTo(reference, reference.signature());
+  EXPECT_EQ(generic.signature(), "a{sa(is)}");
+  EXPECT_NE(generic.type(), getType<Nested>());
+  EXPECT_EQ(generic.to<Nested>(), value);
+}
+
+TEST(Conversion, ToAndFromDynamic) {
+  const auto dynamic = converted<AnyValue>(std::vector<int>{7});
+  ASSERT_TRUE(dynamic);
+  EXPECT_EQ(dynamic->signature(), "ai");
+  EXPECT_EQ(dynamic->to<std::vector<std::int8_t>>(), std::vector<std::int8_t>{7});
+  EXPECT_EQ(converted<int>(AnyValue()), std::nullopt);
+  EXPECT_FALSE(converted<AnyValue>(AnyValue())->isValid());
+}
+
+TEST(Conversion, ErrorsNameTypesAndPlace) {
+  EXPECT_EQ(errorOf<int>(std::string("x")), "cannot convert string to int32");
+  EXPECT_EQ(errorOf<std::uint8_t>(300),
+            "cannot convert int32 300 to uint8: the value does not fit");
+  using Lists = std::vector<std::vector<AnyValue>>;
+  const Lists lists = {{}, {AnyValue::from(1), AnyValue::from("x")}};
+  EXPECT_EQ(errorOf<std::vector<std::vector<int>>>(lists),
+            "cannot convert string to int32 (element 2, element 2)");
+}
+
+TEST(Order, IsTotalOverAllKinds) {
+  const std::vector<AnyValue> ascending = {
+      AnyValue(),
+      AnyValue::from(std::nan("")),
+      AnyValue::from(-1),
+      AnyValue::from(0.5),
+      AnyValue::from(std::numeric_limits<std::uint64_t>::max()),
+      AnyValue::from("a"),
+      AnyValue::from("b")};
+  for (std::size_t i = 0; i < ascending.size(); ++i)
+    for (std::size_t j = 0; j < ascending.size(); ++j) {
+      EXPECT_EQ(ascending[i] < ascending[j], i < j) << i << " " << j;
+      EXPECT_EQ(ascending[i] == ascending[j], i == j) << i << " " << j;
+    }
+  EXPECT_EQ(AnyValue::from(1), AnyValue::from(1.0));
+  EXPECT_EQ(AnyValue::from(std::vector<int>{1, 2}), AnyValue::from(std::tuple<int, long>{1, 2}));
+}
+
+}  // namespace
+}  // namespace gv

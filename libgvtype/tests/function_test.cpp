@@ -1,0 +1,100 @@
+// Erased calls: signatures, conversion of arguments, results, errors.
+
+#include <gvtype/anyfunction.h>
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gvtype/conversion.h>
+
+namespace gv {
+namespace {
+
+int twice(int n) {
+  return 2 * n;
+}
+
+struct Account {
+  int balance = 0;
+  void deposit(int amount) { balance += amount; }
+  std::string describe(const std::string& currency) const {
+    return std::to_string(balance) + " " + currency;
+  }
+};
+
+template <class... A>
+std::string errorOf(const AnyFunction& function, const A&... arguments) {
+  try {
+    function.call(makeParameters(arguments...));
+    return "no error";
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+}
+
+TEST(AnyFunction, KnowsItsSignaturesAndConverts) {
+  const AnyFunction function = AnyFunction::from(twice);
+  EXPECT_EQ(function.returnSignature().toString(), "i");
+  EXPECT_EQ(function.parametersSignature().toString(), "(i)");
+  EXPECT_EQ(function.call(makeParameters(21)).to<int>(), 42);
+  EXPECT_EQ(function.call(makeParameters(4.0)).to<long>(), 8);
+  EXPECT_EQ(errorOf(function, std::string("x")), "cannot convert string to int32 (argument 1)");
+  EXPECT_EQ(errorOf(function), "expected 1 argument, got 0");
+  EXPECT_EQ(errorOf(function, 1, 2), "expected 1 argument, got 2");
+}
+
+TEST(AnyFunction, FromMembersBoundAndUnbound) {
+  Account account;
+  const AnyFunction deposit = AnyFunction::from(&account, &Account::deposit);
+  EXPECT_EQ(deposit.call(makeParameters(5)).type()->kind, TypeKind::Void);
+  const AnyFunction unbound = AnyFunction::from(&Account::describe);
+  EXPECT_EQ(unbound.parametersSignature(true).toString(), "(s)");
+  EXPECT_EQ(unbound.call(makeParameters(account, std::string("EUR"))).to<std::string>(), "5 EUR");
+}
+
+TEST(AnyFunction, BehindAnInstanceIgnoresIt) {
+  const AnyFunction method = AnyFunction::from(twice).withInstance();
+  EXPECT_EQ(method.parametersSignature().toString(), "(oi)");
+  EXPECT_EQ(method.parametersSignature(true).toString(), "(i)");
+  const int n = 3;
+  EXPECT_EQ(method.call({AnyReference(), AnyReference::from(n)}).to<int>(), 6);
+  EXPECT_EQ(errorOf(method), "expected 1 argument, got 0");
+}
+
+TEST(AnyFunction, GivesItsTailWhateverWasPassed) {
+  const AnyFunction function =
+      AnyFunction::from([](const std::string& first, const AnyArguments& rest) {
+        return first + rest.args[1].to<std::string>();
+      });
+  EXPECT_EQ(function.parametersSignature().toString(), "(s*)");
+  EXPECT_EQ(function.call(makeParameters(std::string("a"), 1, std::string("b"))).to<std::string>(),
+            "ab");
+  EXPECT_EQ(errorOf(function), "expected at least 1 argument, got 0");
+}
+
+TEST(AnyFunction, EmptyOnesRefuseToBeCalled) {
+  EXPECT_FALSE(AnyFunction());
+  EXPECT_EQ(errorOf(AnyFunction()), "the function is empty");
+  EXPECT_EQ(AnyFunction().parametersSignature(true).toString(), "()");
+}
+
+TEST(AnyFunction, ResultsShareOwnership) {
+  std::weak_ptr<int> watched;
+  AnyReference kept;
+  {
+    const AnyFunction function = AnyFunction::from([&watched] {
+      auto made = std::make_shared<int>(1);
+      watched = made;
+      return std::vector<std::string>(3, "x");
+    });
+    kept = function.call({});
+  }
+  EXPECT_TRUE(kept.isOwning());
+  EXPECT_EQ(kept.to<std::vector<std::string>>().size(), 3u);
+}
+
+}  // namespace
+}  // namespace gv

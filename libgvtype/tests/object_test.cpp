@@ -1,0 +1,201 @@
+// Meta-objects, overloads, dynamic objects and their handles.
+
+#include <gvtype/dynamicobjectbuilder.h>
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <boost/make_shared.hpp>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gvtype/metaobjectdescription.h>
+
+namespace gv {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr int guardMs = 20'000;
+
+std::string errorOf(const Future<AnyReference>& result) {
+  return result.hasError(guardMs) ? result.error() : "no error";
+}
+
+TEST(DynamicObject, AnswersByNameSignatureAndId) {
+  DynamicObjectBuilder builder;
+  const unsigned id = builder.advertiseMethod("twice", [](int n) { return 2 * n; });
+  EXPECT_EQ(id, MetaObject::firstOwnId);
+  const Object<Empty> object = builder.object();
+  EXPECT_EQ(object.call<int>("twice", 4), 8);
+  EXPECT_EQ(object.call<int>("twice(i)", 4), 8);
+  EXPECT_EQ(object.async<int>("twice", 4).value(guardMs), 8);
+  EXPECT_EQ(object.metaCall(id, makeParameters(5)).value(guardMs).to<int>(), 10);
+}
+
+TEST(DynamicObject, FailsTheFutureForWhatTheCallerNamedWrongly) {
+  DynamicObjectBuilder builder;
+  builder.advertiseMethod("twice", [](int n) { return 2 * n; });
+  const Object<Empty> object = builder.object();
+  EXPECT_THAT(errorOf(object.metaCall("thrice", makeParameters(1))), HasSubstr("thrice"));
+  EXPECT_THAT(errorOf(object.metaCall("twice", makeParameters(std::string("x")))),
+              HasSubstr("twice(i)"));
+  EXPECT_THAT(errorOf(object.metaCall(4711, {})), HasSubstr("4711"));
+  EXPECT_THROW(Object<Empty>().call<int>("twice", 1), std::runtime_error);
+}
+
+TEST(DynamicObject, CarriesWhatAMethodThrows) {
+  DynamicObjectBuilder builder;
+  builder.advertiseMethod("text", [] { throw std::runtime_error("out of ink"); });
+  builder.advertiseMethod("number", [] { throw 5; });
+  const Object<Empty> object = builder.object();
+  EXPECT_EQ(errorOf(object.metaCall("text", {})), "out of ink");
+  EXPECT_EQ(errorOf(object.metaCall("number", {})), "unknown exception");
+  EXPECT_EQ(errorOf(object.metaCall("number", {}, MetaCallType::Queued)), "unknown exception");
+}
+
+TEST(DynamicObject, RunsEachCallTypeWhereItMust) {
+  DynamicObjectBuilder builder;
+  builder.advertiseMethod("thread",
+                          [] { return std::hash<std::thread::id>()(std::this_thread::get_id()); });
+  const Object<Empty> object = builder.object();
+  const auto here = std::hash<std::thread::id>()(std::this_thread::get_id());
+  EXPECT_EQ(object.call<std::size_t>("thread"), here);
+  EXPECT_NE(object.async<std::size_t>("thread").value(guardMs), here);
+}
+
+TEST(DynamicObject, OfTheSingleThreadedModelRunsOneCallAtATimeInOrder) {
+  DynamicObjectBuilder builder;
+  builder.setThreadingModel(ObjectThreadingModel::SingleThread);
+  std::atomic<int> inside{0};
+  std::vector<int> order;
+  builder.advertiseMethod("step", [&](int n) {
+    const bool isAlone = inside.fetch_add(1) == 0;
+    order.push_back(n);
+    inside.fetch_sub(1);
+    return isAlone;
+  });
+  const Object<Empty> object = builder.object();
+  std::vector<Future<bool>> results;
+  for (int i = 0; i < 500; ++i) results.push_back(object.async<bool>("step", i));
+  for (auto& result : results) EXPECT_TRUE(result.value(guardMs));
+  for (int i = 0; i < 500; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
+}
+
+TEST(DynamicObject, CanBeExtendedWhileCallsRun) {
+  DynamicObjectBuilder builder;
+  builder.advertiseMethod("first", [] { return 1; });
+  const Object<Empty> object = builder.object();
+  std::thread caller([&] {
+    for (int i = 0; i < 2000; ++i) EXPECT_EQ(object.call<int>("first"), 1);
+  });
+  for (int i = 0; i < 300; ++i) builder.advertiseMethod("m" + std::to_string(i), [i] { return i; });
+  caller.join();
+  EXPECT_EQ(object.call<int>("m299"), 299);
+}
+
+TEST(DynamicObject, RefusesNamesOutsideTheGrammar) {
+  DynamicObjectBuilder builder;
+  for (const std::string name : {"", " a", "a/b", "a(b", "a\n", std::string(256, 'a').c_str()})
+    EXPECT_THROW(builder.advertiseMethod(name, [] {}), std::runtime_error) << name;
+  builder.advertiseMethod("__pCall", [] {});
+}
+
+TEST(Overloads, AreChosenByTheArguments) {
+  DynamicObjectBuilder builder;
+  const int forInt = static_cast<int>(builder.advertiseMethod("f", [](int) {}));
+  const int forText = static_cast<int>(builder.advertiseMethod("f", [](const std::string&) {}));
+  const int forTwo = static_cast<int>(builder.advertiseMethod("f", [](int, int) {}));
+  builder.advertiseMethod("f", [](int) {});
+  const MetaObject meta = builder.object().metaObject();
+  bool canCache = false;
+  EXPECT_EQ(meta.findMethod("f", makeParameters(1), &canCache), forInt);
+  EXPECT_TRUE(canCache);
+  EXPECT_EQ(meta.findMethod("f", makeParameters(std::int8_t{1})), forInt);
+  EXPECT_EQ(meta.findMethod("f", makeParameters(std::string()), &canCache), forText);
+  EXPECT_EQ(meta.findMethod("f", makeParameters(AnyValue::from("x")), &canCache), forText);
+  EXPECT_FALSE(canCache);
+  EXPECT_EQ(meta.findMethod("f", makeParameters(1, 2)), forTwo);
+  EXPECT_LT(meta.findMethod("f", makeParameters(std::vector<int>())), 0);
+  EXPECT_LT(meta.findMethod("f", {}), 0);
+  EXPECT_EQ(meta.findMethod("f").size(), 4u);
+}
+
+TEST(Overloads, ThatFitEquallyWellAreAmbiguous) {
+  DynamicObjectBuilder builder;
+  builder.advertiseMethod("g", [](std::int16_t) {});
+  builder.advertiseMethod("g", [](std::int8_t) {});
+  EXPECT_LT(builder.object().metaObject().findMethod("g", makeParameters(1)), 0);
+  EXPECT_THAT(builder.object().metaObject().explainNoMatch("g", makeParameters(1)),
+              HasSubstr("g(n) g(c)"));
+}
+
+TEST(MetaObject, SurvivesItsDescription) {
+  DynamicObjectBuilder builder;
+  builder.setDescription("An object.");
+  MetaMethodBuilder method;
+  method.setName("add");
+  method.setDescription("Adds.");
+  method.appendParameter("a", "One.");
+  method.setReturnDescription("The sum.");
+  struct Adder {
+    int add(int a, const std::string&) { return a; }
+  } adder;
+  builder.advertiseMethod(method, &adder, &Adder::add);
+  const MetaObject original = builder.object().metaObject();
+  const MetaObject copy = makeMetaObject(describeMetaObject(original));
+  EXPECT_EQ(describeMetaObject(copy), describeMetaObject(original));
+  EXPECT_EQ(copy.findMethod("add")[0].toString(), "add(is)");
+  auto broken = describeMetaObject(original);
+  std::get<2>(std::get<1>(broken).back()) = "(i";
+  EXPECT_THROW(makeMetaObject(broken), std::runtime_error);
+  std::get<1>(broken).back() = std::get<1>(broken).front();
+  EXPECT_THROW(makeMetaObject(broken), std::runtime_error);
+}
+
+TEST(Handles, WeakOnesExpireWithTheCountTheyWereMadeFrom) {
+  struct Owner {
+    DynamicObject object;
+    GenericObject generic{getDynamicTypeInterface(), &object};
+  };
+  auto owner = boost::make_shared<Owner>();
+  WeakObject<Empty> weak;
+  {
+    const Object<Empty> handle(boost::shared_ptr<GenericObject>(owner, &owner->generic));
+    weak = handle;
+  }
+  EXPECT_TRUE(weak.lock()) << "the handle has gone, the owner has not";
+  owner.reset();
+  EXPECT_FALSE(weak.lock());
+}
+
+TEST(Results, ConvertWithTheTextsThatCallersKnow) {
+  const auto errorFor = []<class R>(const AnyReference& value, R) {
+    Promise<R> promise;
+    handleFuture<R>(value, promise);
+    return promise.future().error(guardMs);
+  };
+  EXPECT_EQ(errorFor(AnyReference::own(std::string("x")), 0),
+            "Unable to convert call result to target type: from string to int32");
+  EXPECT_THAT(errorFor(AnyReference::own(300), std::uint8_t{}),
+              HasSubstr("Return argument conversion error: cannot convert int32 300 to uint8"));
+}
+
+TEST(Results, ThatAreFuturesAreWaitedFor) {
+  Promise<int> inner;
+  Promise<long> outer;
+  handleFuture<long>(AnyReference::own(inner.future()), outer);
+  EXPECT_TRUE(outer.future().isRunning());
+  inner.setValue(7);
+  EXPECT_EQ(outer.future().value(guardMs), 7);
+  Promise<int> failing;
+  Promise<void> nothing;
+  handleFuture<void>(AnyReference::own(failing.future()), nothing);
+  failing.setError("late trouble");
+  EXPECT_EQ(nothing.future().error(guardMs), "late trouble");
+}
+
+}  // namespace
+}  // namespace gv

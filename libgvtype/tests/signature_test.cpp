@@ -1,0 +1,65 @@
+#include <gvtype/signature.h>
+
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+#include <string>
+
+#include <gvtype/anyvalue.h>
+
+namespace gv {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+std::string errorOf(const std::string& text) {
+  try {
+    const Signature signature(text);
+    return "accepted";
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
+TEST(Signature, AcceptsWhatIsWellFormed) {
+  for (const char* text :
+       {"", "V", "i", "as", "a{sv}", "()", "(i(sa{ib})ad)", "(*)", "(s*)", "aaav"})
+    EXPECT_EQ(Signature(text).toString(), text);
+}
+
+TEST(Signature, SaysWhereATextIsMalformed) {
+  EXPECT_THAT(errorOf("(i"), HasSubstr("position 2"));
+  EXPECT_THAT(errorOf("a"), HasSubstr("position 1"));
+  EXPECT_THAT(errorOf("z"), HasSubstr("position 0: unknown type code"));
+  EXPECT_THAT(errorOf("ii"), HasSubstr("position 1: more than one type"));
+  EXPECT_THAT(errorOf("a{s}"), HasSubstr("position 3"));
+  EXPECT_THAT(errorOf("(*i)"), HasSubstr("position 1"));
+  EXPECT_THAT(errorOf("((*))"), HasSubstr("position 2"));
+  EXPECT_THAT(errorOf("aV"), HasSubstr("position 1"));
+  EXPECT_THAT(errorOf(std::string("i\0", 2)), HasSubstr("'i?' at position 1"));
+}
+
+TEST(Signature, BoundsDepthAndLength) {
+  EXPECT_EQ(errorOf(std::string(Signature::maxDepth - 1, 'a') + "i"), "accepted");
+  EXPECT_THAT(errorOf(std::string(Signature::maxDepth, 'a') + "i"), HasSubstr("nested deeper"));
+  EXPECT_THAT(errorOf(std::string(1'000'000, '(')), HasSubstr("nested deeper"));
+  EXPECT_EQ(errorOf("(" + std::string(1'000'000, 'i') + ")"), "accepted");
+}
+
+TEST(Signature, TakesMethodsAndTuplesApart) {
+  EXPECT_EQ(signatureSplit("greet(s)"), (std::pair<std::string, std::string>{"greet", "(s)"}));
+  EXPECT_EQ(signatureSplit("greet"), (std::pair<std::string, std::string>{"greet", ""}));
+  EXPECT_THAT(signatureMembers("(a{s(i)}(ai)v*)"), ElementsAre("a{s(i)}", "(ai)", "v", "*"));
+  EXPECT_THAT(signatureMembers("()"), ElementsAre());
+}
+
+TEST(Signature, NamesAValueOfEveryKind) {
+  for (const char* text : {"b", "c", "y", "n",  "q",  "i",  "u",     "x",    "t",     "f",  "d",
+                           "s", "r", "v", "ab", "ai", "av", "a{si}", "(is)", "a(is)", "aai"})
+    EXPECT_EQ(AnyValue::makeDefault(text).signature(), text);
+  EXPECT_THROW(AnyValue::makeDefault("o"), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace gv
