@@ -1,0 +1,77 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gv/future.h>
+#include <gvmessaging/serviceinfo.h>
+#include <gvmessaging/url.h>
+#include <gvtype/object.h>
+
+namespace gv {
+
+/// A process's place in a network of services: it offers objects under names and finds those of
+/// others. One session of a network listens with a service directory (listenStandalone); the others
+/// connect to it and, to offer services of their own, listen for their peers.
+///
+/// Life: made unconnected; listenStandalone or connect gives it its directory, once; close ends it
+/// for good. Make it with boost::make_shared<gv::Session>(). Destroying it closes it.
+///
+/// Every operation may be called from any thread, inside callbacks and inside methods too, and none
+/// blocks: the returned futures settle on the framework's threads. A failed future carries a text
+/// that names what was asked for and the cause.
+class GVMESSAGING_API Session {
+ public:
+  enum class ServiceLocality { All, Local, Remote };
+
+  Session();
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  /// Starts a service directory in this session and listens on `url` ("tcp://host:port"; port 0
+  /// asks the system for a free one). Settles when peers can connect.
+  Future<void> listenStandalone(const Url& url);
+  /// Joins the directory at a URL. Settles when the directory has answered, in error after 10 s.
+  Future<void> connect(const std::string& url);
+  /// Accepts direct connections of peers on `url`. Settles from the socket alone: while the session
+  /// is still connecting, its endpoints are announced when the connection stands.
+  Future<void> listen(const Url& url);
+  /// Withdraws everything: connections close, pending calls fail, services disappear. Settles when
+  /// that is done; bodies of methods that are running are not waited for. Later calls do nothing.
+  Future<void> close();
+
+  /// Whether the session has its directory: listening with one, or connected to one.
+  bool isConnected() const;
+  /// The address of the directory, host as given, port as bound. Throws std::runtime_error on a
+  /// session that is neither listening nor connected.
+  Url url() const;
+  /// Where peers can reach this session; empty while it does not listen.
+  std::vector<Url> endpoints() const;
+
+  /// Offers an object under a name; the value is the service's id. When it settles, whoever sees
+  /// the service can call it. Refused for a name outside the grammar (isValidName) or in use. The
+  /// session keeps the object until it is unregistered.
+  Future<unsigned> registerService(const std::string& name, Object<Empty> object);
+  /// Withdraws a service of this session. When it settles, no new body of its methods can start;
+  /// bodies already running finish with their object alive.
+  Future<void> unregisterService(unsigned serviceId);
+
+  /// All: the directory's whole list, itself included, by rising id. Local: what this process
+  /// registered on this directory, without the directory; does not ask the directory. Remote: the
+  /// rest.
+  Future<std::vector<ServiceInfo>> services(ServiceLocality locality = ServiceLocality::All);
+
+  /// The object of a service: itself where it is of this process, else a remote object, which this
+  /// session keeps until the service or the connection has gone. `protocol` "local" looks in this
+  /// process only, settles before it returns and never touches the network. A service that is not
+  /// there is a UserError.
+  Future<Object<Empty>> service(const std::string& name, const std::string& protocol = "");
+
+ private:
+  class Private;
+  std::shared_ptr<Private> p_;
+};
+
+}  // namespace gv

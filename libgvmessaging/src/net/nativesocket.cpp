@@ -1,0 +1,115 @@
+#include "src/net/nativesocket.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace gv::net {
+namespace {
+
+// A dead link without traffic is found after 10 + 4 * 5 seconds.
+constexpr int keepAliveIdle = 10;
+constexpr int keepAliveInterval = 5;
+constexpr int keepAliveProbes = 4;
+
+#ifdef MSG_NOSIGNAL
+constexpr int sendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
+#else
+constexpr int sendFlags = MSG_DONTWAIT;
+#endif
+
+std::error_code lastError() {
+  return {errno, std::system_category()};
+}
+
+template <class Call>
+auto repeated(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) result = call();
+  return result;
+}
+
+Transfer asTransfer(ssize_t result) {
+  if (result >= 0) return {static_cast<std::size_t>(result), false, {}};
+  if (errno == EAGAIN || errno == EWOULDBLOCK) return {0, true, {}};
+  return {0, false, lastError()};
+}
+
+void setOption(int socket, int level, int option, int value) {
+  // Best effort: the connection works without any of them.
+  static_cast<void>(::setsockopt(socket, level, option, &value, sizeof value));
+}
+
+#ifndef SOCK_CLOEXEC
+int prepared(int socket) {
+  if (socket >= 0) {
+    ::fcntl(socket, F_SETFD, FD_CLOEXEC);
+    ::fcntl(socket, F_SETFL, ::fcntl(socket, F_GETFL) | O_NONBLOCK);
+  }
+  return socket;
+}
+#endif
+
+}  // namespace
+
+int openSocket(const Endpoint& endpoint, std::error_code& error) {
+  const int family = endpoint.protocol().family();
+#ifdef SOCK_CLOEXEC
+  const int socket = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP);
+#else
+  const int socket = prepared(::socket(family, SOCK_STREAM, IPPROTO_TCP));
+#endif
+  if (socket < 0) error = lastError();
+  return socket;
+}
+
+int acceptSocket(int listening, Endpoint& peer, std::error_code& error) {
+  socklen_t size = static_cast<socklen_t>(peer.capacity());
+  const int socket = repeated([&] {
+    size = static_cast<socklen_t>(peer.capacity());
+#ifdef SOCK_CLOEXEC
+    return ::accept4(listening, peer.data(), &size, SOCK_CLOEXEC | SOCK_NONBLOCK);
+#else
+    return prepared(::accept(listening, peer.data(), &size));
+#endif
+  });
+  if (socket < 0) {
+    error = lastError();
+  } else {
+    peer.resize(size);
+  }
+  return socket;
+}
+
+void tuneConnection(int socket) {
+  setOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
+  setOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
+#ifdef TCP_KEEPIDLE
+  setOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, keepAliveIdle);
+#else
+  setOption(socket, IPPROTO_TCP, TCP_KEEPALIVE, keepAliveIdle);
+#endif
+  setOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, keepAliveInterval);
+  setOption(socket, IPPROTO_TCP, TCP_KEEPCNT, keepAliveProbes);
+#ifdef SO_NOSIGPIPE
+  setOption(socket, SOL_SOCKET, SO_NOSIGPIPE, 1);
+#endif
+}
+
+Transfer sendSome(int socket, std::span<const iovec> buffers) {
+  msghdr message{};
+  message.msg_iov = const_cast<iovec*>(buffers.data());
+  message.msg_iovlen = buffers.size();
+  return asTransfer(repeated([&] { return ::sendmsg(socket, &message, sendFlags); }));
+}
+
+Transfer receiveSome(int socket, std::span<char> buffer) {
+  return asTransfer(
+      repeated([&] { return ::recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT); }));
+}
+
+}  // namespace gv::net

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace gv::net {
+
+/// What happens to a stream. Called in the network's thread, one call at a time and with no lock
+/// held; must not block or throw (an exception closes the stream with its text).
+class StreamHandler {
+ public:
+  virtual ~StreamHandler() = default;
+
+  /// Bytes arrived. They are valid during the call only.
+  virtual void onBytes(std::span<const char> bytes) = 0;
+
+  /// The stream has ended: exactly once, and nothing follows. @p cause is the text given to
+  /// close(), "connection closed by peer", or the system's own.
+  virtual void onClosed(const std::string& cause) = 0;
+};
+
+/// A connected two-way stream of bytes. Every operation may be called from any thread, from within
+/// the handler too, and none of them blocks.
+///
+/// Life: reads nothing before start(). From then on it keeps itself and its handler alive until it
+/// is closed, by the peer or by close(); then the handler is told and let go. One that is dropped
+/// before start() closes its connection.
+///
+/// While much output waits for the peer, its own requests are read slowly and at last not at all
+/// (wire::Limits::outputSlow and outputStop): two peers that send each other large frames at once
+/// must both go on reading, one that only asks and never reads must not fill the memory.
+class Stream {
+ public:
+  virtual ~Stream() = default;
+
+  /// Begins to read, for @p handler. Once only. On a stream that has ended, onClosed() follows.
+  virtual void start(std::shared_ptr<StreamHandler> handler) = 0;
+
+  /// Sends @p bytes after everything sent before; they never mix with those of another caller.
+  /// Written at once where the system takes them, else queued without bound: see pendingBytes().
+  /// False when the stream has ended: nothing was sent. True does not say that the peer got it.
+  virtual bool send(std::vector<char> bytes) = 0;
+
+  /// Sends @p head and @p body as one. @p head is copied only when it must wait.
+  virtual bool send(std::span<const char> head, std::vector<char> body) = 0;
+
+  /// Bytes taken by send() and not yet by the system.
+  virtual std::size_t pendingBytes() const = 0;
+
+  /// Ends the stream now: pending output is dropped, no onBytes() begins after it (one that runs in
+  /// the network's thread may still end), onClosed(cause) follows. Repeated calls do nothing.
+  virtual void close(const std::string& cause) = 0;
+
+  /// Takes no more output, drops input, and ends the stream when the peer has got what was pending
+  /// and closed its side, after @p bound at the latest. onClosed(cause) follows.
+  virtual void closeAfterFlush(const std::string& cause,
+                               std::chrono::milliseconds bound = std::chrono::seconds(1)) = 0;
+
+  /// The other side as "tcp://ip:port", for texts.
+  virtual const std::string& peerName() const = 0;
+
+  /// The numeric address of the other side, and of this one, without port or brackets.
+  virtual const std::string& peerAddress() const = 0;
+  virtual const std::string& localAddress() const = 0;
+};
+
+}  // namespace gv::net

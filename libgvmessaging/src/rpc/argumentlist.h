@@ -1,0 +1,18 @@
+#pragma once
+
+#include <vector>
+
+#include <gvtype/object.h>
+
+#include "src/wire/limits.h"
+
+namespace gv::rpc {
+
+/// Decodes the arguments of a call of `method`, straight into the parameter types of its function
+/// where the object has one here. The references share ownership of the values. Throws
+/// wire::PayloadError.
+GenericFunctionParameters readArgumentList(const std::vector<char>& payload,
+                                           const Object<Empty>& object, const MetaMethod& method,
+                                           const wire::Limits& limits);
+
+}  // namespace gv::rpc

@@ -1,0 +1,60 @@
+#include "src/rpc/callcontext.h"
+
+#include <atomic>
+#include <cstring>
+#include <random>
+
+namespace gv::rpc {
+namespace {
+
+CallContext& slot() {
+  thread_local CallContext context;
+  return context;
+}
+
+std::array<std::uint8_t, 16> randomBytes() {
+  thread_local std::mt19937_64 generator = [] {
+    std::random_device device;
+    std::seed_seq seed{device(), device(), device(), device()};
+    return std::mt19937_64(seed);
+  }();
+  const std::uint64_t words[2] = {generator(), generator()};
+  std::array<std::uint8_t, 16> bytes;
+  std::memcpy(bytes.data(), words, bytes.size());
+  return bytes;
+}
+
+}  // namespace
+
+const CallContext& CallContext::current() {
+  return slot();
+}
+
+CallContextScope::CallContextScope(const CallContext& context) : previous_(slot()) {
+  slot() = context;
+}
+
+CallContextScope::~CallContextScope() {
+  slot() = previous_;
+}
+
+std::array<std::uint8_t, 16> traceIdForNewCall() {
+  return slot().callId != 0 ? slot().traceId : randomBytes();
+}
+
+std::uint64_t nextCallId() {
+  static std::atomic<std::uint64_t> last{0};
+  return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+std::string randomHexId() {
+  constexpr const char* digits = "0123456789abcdef";
+  std::string text;
+  for (const std::uint8_t byte : randomBytes()) {
+    text += digits[byte >> 4];
+    text += digits[byte & 15];
+  }
+  return text;
+}
+
+}  // namespace gv::rpc

@@ -1,0 +1,361 @@
+#include "src/rpc/connection.h"
+
+#include <atomic>
+
+#include <gv/eventloop.h>
+#include <gv/log.h>
+
+#include "src/rpc/argumentlist.h"
+#include "src/rpc/callcontext.h"
+#include "src/wire/valuereader.h"
+#include "src/wire/valuewriter.h"
+
+namespace gv::rpc {
+namespace {
+
+constexpr const char* category = "gv.connection";
+
+std::uint64_t nextConnectionId() {
+  static std::atomic<std::uint64_t> last{0};
+  return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+/// Methods of the framework's own never block, so that they are served even when all user code
+/// does.
+bool isFrameworks(const wire::FrameHeader& header) {
+  constexpr unsigned directoryService = 1;
+  return header.service == directoryService || header.member <= MetaObject::maxBuiltinId;
+}
+
+std::string shortened(const std::string& text) {
+  constexpr std::size_t longest = 64u << 10;
+  return text.size() <= longest ? text : text.substr(0, longest) + "... (shortened)";
+}
+
+}  // namespace
+
+std::shared_ptr<Connection> Connection::start(std::shared_ptr<net::Stream> stream, Role role,
+                                              const Greeting& own, std::weak_ptr<ServiceHost> host,
+                                              Events events, const wire::Limits& limits) {
+  std::shared_ptr<Connection> connection(
+      new Connection(std::move(stream), role, own, std::move(host), std::move(events), limits));
+  const std::weak_ptr<Connection> weak = connection;
+  connection->handshakeTimer_ = net::Timer::start(limits.handshakeTime, [weak] {
+    if (const auto late = weak.lock()) late->close("the handshake took too long");
+  });
+  connection->stream_->start(connection);
+  if (role == Role::Client) connection->sendGreeting(wire::FrameType::Hello);
+  return connection;
+}
+
+Connection::Connection(std::shared_ptr<net::Stream> stream, Role role, const Greeting& own,
+                       std::weak_ptr<ServiceHost> host, Events events, const wire::Limits& limits)
+    : id_(nextConnectionId()),
+      stream_(std::move(stream)),
+      role_(role),
+      own_(own),
+      host_(std::move(host)),
+      limits_(limits),
+      events_(std::move(events)),
+      reader_(limits.handshakePayload) {}
+
+bool Connection::isOpen() const {
+  const std::lock_guard lock(mutex_);
+  return state_ == State::Open;
+}
+
+// ---- Calls of this side
+
+Future<AnyReference> Connection::call(unsigned service, const MetaMethod& method,
+                                      const GenericFunctionParameters& arguments,
+                                      MetaCallType callType) {
+  using State_ = FutureException::State;
+  std::vector<char> payload;
+  try {
+    payload = encodeArguments(method, arguments);
+  } catch (const std::exception& error) {
+    return makeFailedFuture<AnyReference>(error.what(), State_::NotSent);
+  }
+  const std::uint64_t messageId = nextCallId();
+  Promise<AnyReference> promise;
+  {
+    std::unique_lock lock(mutex_);
+    if (state_ == State::Closed) {
+      const std::string cause = cause_;
+      lock.unlock();
+      return makeFailedFuture<AnyReference>(
+          "not sent: the connection to " + peerName() + " has ended: " + cause, State_::NotSent);
+    }
+    pending_.emplace(messageId, Pending{promise, method.returnSignature().toString()});
+  }
+  wire::FrameHeader header = makeHeader(service, method, callType, messageId);
+  header.type = wire::FrameType::Call;
+  Pending unsent;
+  if (!send(header, std::move(payload)) && takePending(messageId, unsent))
+    unsent.promise.setError("not sent: the connection to " + peerName() + " has ended",
+                            State_::NotSent);
+  return promise.future();
+}
+
+void Connection::post(unsigned service, const MetaMethod& method,
+                      const GenericFunctionParameters& arguments) {
+  std::vector<char> payload = encodeArguments(method, arguments);
+  wire::FrameHeader header = makeHeader(service, method, MetaCallType::Queued, nextCallId());
+  header.type = wire::FrameType::Post;
+  if (!send(header, std::move(payload)))
+    throw std::runtime_error("not sent: the connection to " + peerName() + " has ended");
+}
+
+wire::FrameHeader Connection::makeHeader(unsigned service, const MetaMethod& method,
+                                         MetaCallType callType, std::uint64_t messageId) const {
+  wire::FrameHeader header;
+  header.callType = static_cast<wire::CallType>(callType);
+  header.service = service;
+  header.member = method.uid();
+  header.messageId = messageId;
+  header.parentCall = CallContext::current().callId;
+  header.traceId = traceIdForNewCall();
+  return header;
+}
+
+std::vector<char> Connection::encodeArguments(const MetaMethod& method,
+                                              const GenericFunctionParameters& arguments) const {
+  std::vector<char> payload;
+  wire::writeArguments(payload, arguments, method.parametersSignature().toString());
+  if (payload.size() > limits_.payload)
+    throw std::runtime_error("the arguments of '" + method.toString() + "' take " +
+                             std::to_string(payload.size()) + " bytes, more than the limit of " +
+                             std::to_string(limits_.payload));
+  return payload;
+}
+
+bool Connection::send(wire::FrameHeader header, std::vector<char> payload) {
+  header.payloadSize = static_cast<std::uint32_t>(payload.size());
+  std::array<char, wire::frameHeaderSize> head;
+  wire::encodeHeader(header, head);
+  return stream_->send(head, std::move(payload));
+}
+
+bool Connection::takePending(std::uint64_t messageId, Pending& pending) {
+  const std::lock_guard lock(mutex_);
+  const auto found = pending_.find(messageId);
+  if (found == pending_.end()) return false;
+  pending = std::move(found->second);
+  pending_.erase(found);
+  return true;
+}
+
+// ---- The end
+
+void Connection::close(const std::string& cause) {
+  fail(cause);
+  stream_->closeAfterFlush(cause);
+}
+
+void Connection::fail(const std::string& cause) {
+  std::unordered_map<std::uint64_t, Pending> lost;
+  {
+    const std::lock_guard lock(mutex_);
+    if (state_ == State::Closed) return;
+    state_ = State::Closed;
+    cause_ = cause;
+    lost.swap(pending_);
+  }
+  for (auto& [messageId, pending] : lost)
+    pending.promise.setError("the connection to " + peerName() + " was lost: " + cause,
+                             FutureException::State::ConnectionLost);
+}
+
+void Connection::onClosed(const std::string& cause) {
+  fail(cause);
+  handshakeTimer_.reset();
+  std::string reason;
+  {
+    const std::lock_guard lock(mutex_);
+    reason = cause_;
+  }
+  const Events events = std::move(events_);
+  events_ = {};
+  if (events.closed) events.closed(shared_from_this(), reason);
+}
+
+// ---- Frames of the peer, in the network's thread
+
+void Connection::onBytes(std::span<const char> bytes) {
+  const bool isGood =
+      reader_.feed(bytes, [this](wire::Frame&& frame) { onFrame(std::move(frame)); });
+  if (isGood) return;
+  GV_LOG(log::Level::Verbose, category, "onBytes",
+         "closing the connection of " + peerName() + ": " + reader_.error());
+  fail(reader_.error());
+  stream_->close(reader_.error());
+}
+
+void Connection::onFrame(wire::Frame&& frame) {
+  State state;
+  {
+    const std::lock_guard lock(mutex_);
+    state = state_;
+  }
+  if (state == State::Closed) return reader_.stop("the connection has ended");
+  if (state == State::Handshaking) return onHandshakeFrame(frame);
+  switch (frame.header.type) {
+    case wire::FrameType::Reply:
+    case wire::FrameType::Error:
+      return onReply(frame);
+    case wire::FrameType::Call:
+    case wire::FrameType::Post:
+      return onCall(std::move(frame));
+    default:
+      reader_.stop("the peer sent a handshake frame after the handshake");
+  }
+}
+
+void Connection::onHandshakeFrame(const wire::Frame& frame) {
+  const auto expected = role_ == Role::Server ? wire::FrameType::Hello : wire::FrameType::Welcome;
+  try {
+    if (role_ == Role::Client && frame.header.type == wire::FrameType::Error) {
+      std::string text;
+      wire::readValue(frame.payload, AnyReference::from(text), limits_);
+      throw std::runtime_error("the peer refused the handshake: " + text);
+    }
+    if (frame.header.type != expected)
+      throw std::runtime_error("the peer sent another frame before the handshake");
+    peer_ = decodeGreeting(frame.payload, limits_);
+  } catch (const std::exception& error) {
+    if (role_ == Role::Server && frame.header.type == expected)
+      replyError(frame.header, error.what());
+    reader_.stop(error.what());
+    return close(error.what());
+  }
+  if (role_ == Role::Server) sendGreeting(wire::FrameType::Welcome);
+  becomeOpen();
+}
+
+void Connection::becomeOpen() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (state_ != State::Handshaking) return;
+    state_ = State::Open;
+  }
+  handshakeTimer_.reset();
+  reader_.setLimit(limits_.payload);
+  const auto opened = std::move(events_.opened);
+  if (opened) opened(shared_from_this());
+}
+
+void Connection::sendGreeting(wire::FrameType type) {
+  wire::FrameHeader header;
+  header.type = type;
+  send(header, encodeGreeting(own_));
+}
+
+void Connection::onReply(const wire::Frame& frame) {
+  Pending pending;
+  if (!takePending(frame.header.messageId, pending)) {
+    GV_LOG(log::Level::Verbose, category, "onReply",
+           "ignoring a reply of " + peerName() + " to no pending call");
+    return;
+  }
+  try {
+    if (frame.header.type == wire::FrameType::Error) {
+      std::string text;
+      wire::readValue(frame.payload, AnyReference::from(text), limits_);
+      return pending.promise.setError(std::move(text));
+    }
+    auto value = std::make_shared<AnyValue>(AnyValue::makeDefault(pending.returnSignature));
+    const AnyReference target = value->asReference();
+    wire::readValue(frame.payload, target, limits_);
+    pending.promise.setValue(AnyReference(target.type(), target.pointer(), std::move(value)));
+  } catch (const wire::PayloadError& error) {
+    pending.promise.setError("the reply of " + peerName() + " cannot be read: " + error.what());
+  } catch (const std::runtime_error& error) {  // a signature that names no value
+    pending.promise.setError("the reply of " + peerName() + " cannot be read: " + error.what());
+  }
+}
+
+// ---- Calls of the peer
+
+void Connection::onCall(wire::Frame&& frame) {
+  if (isFrameworks(frame.header)) return serve(frame);
+  const auto shared = std::make_shared<const wire::Frame>(std::move(frame));
+  EventLoop* loop = getEventLoop();
+  const auto refuse = [self = shared_from_this(), shared, loop] {
+    self->replyError(shared->header, loop->refusalText());
+  };
+  const auto run = [self = shared_from_this(), shared] { self->serve(*shared); };
+  if (!loop->tryPost(run, refuse)) refuse();
+}
+
+void Connection::serve(const wire::Frame& frame) {
+  const wire::FrameHeader& header = frame.header;
+  try {
+    const auto host = host_.lock();
+    const Object<Empty> object = host ? host->findService(header.service) : Object<Empty>();
+    if (!object || header.object != 0)
+      return replyError(header, "there is no service with id " + std::to_string(header.service) +
+                                    " here (any more)");
+    const MetaMethod* method = object.metaObject().method(header.member);
+    const CallContextScope scope({id_, header.messageId, header.traceId});
+    const GenericFunctionParameters arguments =
+        method ? readArgumentList(frame.payload, object, *method, limits_)
+               : GenericFunctionParameters();
+    // The framework's own methods know their caller by the thread's context: never queued.
+    const auto callType =
+        isFrameworks(header) ? MetaCallType::Direct : static_cast<MetaCallType>(header.callType);
+    const Future<AnyReference> result = object.metaCall(header.member, arguments, callType);
+    if (header.type == wire::FrameType::Post) return;
+    Promise<AnyReference> flattened(FutureCallbackType::Sync);
+    flattened.future().connect(
+        [self = shared_from_this(), header,
+         signature = method ? method->returnSignature().toString() : std::string("V")](
+            Future<AnyReference> settled) { self->reply(header, signature, settled); },
+        FutureCallbackType::Sync);
+    result.connect(
+        [flattened](Future<AnyReference> settled) {
+          try {
+            handleFuture<AnyReference>(settled.value(), flattened);
+          } catch (const FutureException& error) {
+            flattened.setError(error.what(), error.state());
+          }
+        },
+        FutureCallbackType::Sync);
+  } catch (const std::exception& error) {
+    replyError(header, error.what());
+  }
+}
+
+void Connection::reply(const wire::FrameHeader& call, const std::string& returnSignature,
+                       const Future<AnyReference>& result) {
+  std::vector<char> payload;
+  try {
+    wire::writeValue(payload, result.value(), returnSignature);
+    if (payload.size() > limits_.payload)
+      throw std::runtime_error("the result takes " + std::to_string(payload.size()) +
+                               " bytes, more than the limit of " + std::to_string(limits_.payload));
+  } catch (const std::exception& error) {
+    return replyError(call, error.what());
+  }
+  wire::FrameHeader header;
+  header.type = wire::FrameType::Reply;
+  header.messageId = call.messageId;
+  send(header, std::move(payload));
+}
+
+void Connection::replyError(const wire::FrameHeader& call, const std::string& text) {
+  if (call.type == wire::FrameType::Post) {
+    GV_LOG(log::Level::Warning, category, "post",
+           "a post of " + peerName() + " to service " + std::to_string(call.service) +
+               " was dropped: " + shortened(text));
+    return;
+  }
+  const std::string sent = shortened(text);
+  std::vector<char> payload;
+  wire::writeValue(payload, AnyReference::from(sent), "s");
+  wire::FrameHeader header;
+  header.type = wire::FrameType::Error;
+  header.messageId = call.messageId;
+  send(header, std::move(payload));
+}
+
+}  // namespace gv::rpc

@@ -1,0 +1,128 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <gvtype/object.h>
+
+#include "src/net/stream.h"
+#include "src/net/timer.h"
+#include "src/rpc/greeting.h"
+#include "src/wire/framereader.h"
+
+namespace gv::rpc {
+
+/// The objects that a connection's peer may call.
+class ServiceHost {
+ public:
+  virtual ~ServiceHost() = default;
+  /// The object of a service, invalid where there is none. Any thread; must not block.
+  virtual Object<Empty> findService(unsigned id) const = 0;
+};
+
+/// Who reached whom: the client speaks first.
+enum class Role { Client, Server };
+
+/// A conversation with one peer, shared by all calls in both directions.
+///
+///     Handshaking ──Hello/Welcome──> Open ──> Closed
+///          └──────close, peer, bad frame, time-out──────^
+///
+/// Only the handshake is read before Open. The state ends in Closed once, with a cause that every
+/// later call gets; all calls then pending fail at once. Frames are read, and calls of the
+/// framework's own methods answered, in the network's thread; all other calls run on the event
+/// loop.
+class GVMESSAGING_API Connection : public net::StreamHandler,
+                                   public std::enable_shared_from_this<Connection> {
+ public:
+  /// What the owner wants to know, told in the network's thread: `opened` once when the handshake
+  /// is done, `closed` exactly once, last, also when it never opened.
+  struct Events {
+    std::function<void(const std::shared_ptr<Connection>&)> opened;
+    std::function<void(const std::shared_ptr<Connection>&, const std::string& cause)> closed;
+  };
+
+  /// Takes over a stream that was not started, and begins the handshake.
+  static std::shared_ptr<Connection> start(std::shared_ptr<net::Stream> stream, Role role,
+                                           const Greeting& own, std::weak_ptr<ServiceHost> host,
+                                           Events events, const wire::Limits& limits);
+
+  /// Calls a method of the peer's, described by `method`. The future has its result, or fails:
+  /// NotSent when the arguments do not convert or the connection had ended, ConnectionLost when it
+  /// ended before the reply, UserError with the other side's text.
+  Future<AnyReference> call(unsigned service, const MetaMethod& method,
+                            const GenericFunctionParameters& arguments, MetaCallType callType);
+  /// Sends a call that has no reply. Throws std::runtime_error when it could not be sent.
+  void post(unsigned service, const MetaMethod& method, const GenericFunctionParameters& arguments);
+
+  /// Ends the connection; pending calls fail with `cause` before this returns. What was sent before
+  /// still leaves, within a second. Any thread; idempotent.
+  void close(const std::string& cause);
+
+  bool isOpen() const;
+  /// Unique in this process, never 0.
+  std::uint64_t id() const { return id_; }
+  /// The other side, for texts: "tcp://ip:port".
+  const std::string& peerName() const { return stream_->peerName(); }
+  /// What the peer said of itself. Constant once the connection has opened; not to be called
+  /// before.
+  const Greeting& peer() const { return peer_; }
+
+ private:
+  enum class State { Handshaking, Open, Closed };
+  struct Pending {
+    Promise<AnyReference> promise;
+    std::string returnSignature;
+  };
+
+  Connection(std::shared_ptr<net::Stream> stream, Role role, const Greeting& own,
+             std::weak_ptr<ServiceHost> host, Events events, const wire::Limits& limits);
+
+  void onBytes(std::span<const char> bytes) override;
+  void onClosed(const std::string& cause) override;
+
+  void onFrame(wire::Frame&& frame);
+  void onHandshakeFrame(const wire::Frame& frame);
+  void becomeOpen();
+  void onReply(const wire::Frame& frame);
+  void onCall(wire::Frame&& frame);
+  void serve(const wire::Frame& frame);
+  void reply(const wire::FrameHeader& call, const std::string& returnSignature,
+             const Future<AnyReference>& result);
+  void replyError(const wire::FrameHeader& call, const std::string& text);
+
+  wire::FrameHeader makeHeader(unsigned service, const MetaMethod& method, MetaCallType callType,
+                               std::uint64_t messageId) const;
+  std::vector<char> encodeArguments(const MetaMethod& method,
+                                    const GenericFunctionParameters& arguments) const;
+  bool send(wire::FrameHeader header, std::vector<char> payload);
+  void sendGreeting(wire::FrameType type);
+  bool takePending(std::uint64_t messageId, Pending& pending);
+  void fail(const std::string& cause);
+
+  // Constant after construction
+  const std::uint64_t id_;
+  const std::shared_ptr<net::Stream> stream_;
+  const Role role_;
+  const Greeting own_;
+  const std::weak_ptr<ServiceHost> host_;
+  const wire::Limits limits_;
+
+  // Of the network's thread
+  Events events_;  // dropped when the connection has ended
+  wire::FrameReader reader_;
+  std::shared_ptr<net::Timer> handshakeTimer_;
+  Greeting peer_;  // constant, and free for all, from Open on
+
+  mutable std::mutex mutex_;  // guards what follows
+  State state_ = State::Handshaking;
+  std::string cause_;  // why it is Closed
+  std::unordered_map<std::uint64_t, Pending> pending_;
+};
+
+}  // namespace gv::rpc

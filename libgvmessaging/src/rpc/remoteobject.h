@@ -1,0 +1,36 @@
+#pragma once
+
+#include <memory>
+
+#include <gvtype/dynamicobject.h>
+
+#include "src/rpc/connection.h"
+
+namespace gv::rpc {
+
+/// An object that lives with a connection's peer: calls of it cross the connection.
+class GVMESSAGING_API RemoteObject final : public DynamicObject {
+ public:
+  RemoteObject(std::shared_ptr<Connection> connection, unsigned service)
+      : connection_(std::move(connection)), service_(service) {}
+
+  /// Asks the peer for the description of a service, and makes the object that stands for it. Never
+  /// blocks; fails as a call does.
+  static Future<Object<Empty>> make(const std::shared_ptr<Connection>& connection,
+                                    unsigned service);
+
+  Future<AnyReference> metaCall(Object<Empty> context, unsigned id,
+                                const GenericFunctionParameters& arguments, MetaCallType callType,
+                                Signature returnSignature) override;
+  /// Throws std::runtime_error when it could not be sent.
+  void metaPost(Object<Empty> context, unsigned id,
+                const GenericFunctionParameters& arguments) override;
+
+ private:
+  const MetaMethod& methodOrThrow(unsigned id) const;
+
+  const std::shared_ptr<Connection> connection_;
+  const unsigned service_;
+};
+
+}  // namespace gv::rpc

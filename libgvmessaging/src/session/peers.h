@@ -1,0 +1,71 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gv/future.h>
+#include <gvmessaging/serviceinfo.h>
+
+#include "src/rpc/acceptor.h"
+#include "src/rpc/connection.h"
+
+namespace gv {
+
+/// A session's connections: one a peer, whoever reached whom. When two sessions reach each other at
+/// the same moment both connections serve, and calls take the one that opened first.
+class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
+ public:
+  using ConnectionPointer = std::shared_ptr<rpc::Connection>;
+  using ClosedHandler = std::function<void(const ConnectionPointer&)>;
+
+  Peers(const rpc::Greeting& own, const wire::Limits& limits) : own_(own), limits_(limits) {}
+
+  /// What the peers may call, and who is told, in the network's thread, of every end of a
+  /// connection that had opened. To be set before anything else.
+  void setOwner(std::weak_ptr<rpc::ServiceHost> host, ClosedHandler onClosed) {
+    host_ = std::move(host);
+    onClosed_ = std::move(onClosed);
+  }
+
+  /// Accepts peers. Throws std::runtime_error; resolving a name may block.
+  std::shared_ptr<rpc::Acceptor> listen(const Url& url);
+
+  /// A connection to whoever answers at a URL, within `bound` for each address; it fails with a
+  /// text that names the URL and the cause.
+  Future<ConnectionPointer> dial(const Url& url, std::chrono::milliseconds bound);
+
+  /// The connection to the session that offers a service: the open one, or a new one over the first
+  /// of its endpoints that answers.
+  Future<ConnectionPointer> reach(const ServiceInfo& info);
+
+  /// Ends all connections, also those to come. Settles when they have ended.
+  Future<void> close(const std::string& cause);
+
+ private:
+  struct Attempt;
+
+  rpc::Connection::Events makeEvents(std::function<void(const ConnectionPointer&)> opened,
+                                     std::function<void(const std::string&)> failed);
+  void tryNext(const std::shared_ptr<Attempt>& attempt);
+  bool adopt(const ConnectionPointer& connection);
+  void forget(const ConnectionPointer& connection);
+  std::vector<Url> endpointsToTry(const ServiceInfo& info) const;
+
+  const rpc::Greeting own_;
+  const wire::Limits limits_;
+  std::weak_ptr<rpc::ServiceHost> host_;
+  ClosedHandler onClosed_;
+
+  std::mutex mutex_;  // guards what follows
+  bool isClosed_ = false;
+  std::map<std::uint64_t, ConnectionPointer> open_;            // all of them, by their id
+  std::map<std::string, ConnectionPointer> bySession_;         // the one that calls take
+  std::map<std::string, Future<ConnectionPointer>> attempts_;  // under way, by session
+  std::vector<Promise<void>> awaitingEnd_;
+};
+
+}  // namespace gv

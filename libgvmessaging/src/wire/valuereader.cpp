@@ -1,0 +1,283 @@
+#include "src/wire/valuereader.h"
+
+#include <cstdint>
+#include <deque>
+#include <msgpack.hpp>
+
+#include <gvtype/conversion.h>
+#include <gvtype/signature.h>
+
+namespace gv::wire {
+namespace {
+
+/// A container that is being read. References into one stay good while others come and go above it.
+struct Level {
+  enum class Kind { Arguments, List, Map, Tuple, Dynamic };
+
+  Kind kind;
+  AnyReference container;
+  std::size_t index = 0;
+  AnyValue key;           // of a map's entry
+  AnyValue item;          // of an entry, of a dynamic value, of a list of bits
+  std::string signature;  // of a dynamic value
+};
+
+/// Receives the parts of a payload from MessagePack's parser and puts them where they belong.
+class Decoder : public msgpack::null_visitor {
+ public:
+  Decoder(std::size_t payloadSize, const Limits& limits)
+      : payloadSize_(payloadSize), budget_(limits.decodedBytes), nesting_(limits.nesting) {}
+
+  void expect(const AnyReference& target) { slot_ = target; }
+  void expectArguments(const std::vector<AnyReference>& targets, std::vector<AnyValue>* tail) {
+    targets_ = &targets;
+    tail_ = tail;
+  }
+
+  bool visit_nil() {
+    const TypeKind kind = slotKind("nil");
+    if (kind == TypeKind::Dynamic)
+      slot_.type()->dynamic->assign(slot_.pointer(), {});
+    else if (kind != TypeKind::Void)
+      mismatch("nil");
+    return true;
+  }
+  bool visit_boolean(bool value) {
+    if (slotKind("a bool") != TypeKind::Bool) mismatch("a bool");
+    *static_cast<bool*>(slot_.pointer()) = value;
+    return true;
+  }
+  bool visit_positive_integer(std::uint64_t value) {
+    return takeInteger(AnyReference::from(value));
+  }
+  bool visit_negative_integer(std::int64_t value) { return takeInteger(AnyReference::from(value)); }
+  bool visit_float32(float value) { return takeFloat(AnyReference::from(value)); }
+  bool visit_float64(double value) { return takeFloat(AnyReference::from(value)); }
+  bool visit_str(const char* text, std::uint32_t size) {
+    return takeBytes(TypeKind::String, "a string", {text, size});
+  }
+  bool visit_bin(const char* bytes, std::uint32_t size) {
+    return takeBytes(TypeKind::Raw, "raw bytes", {bytes, size});
+  }
+  bool visit_ext(const char*, std::uint32_t) { throw PayloadError("it has an extension value"); }
+
+  bool start_array(std::uint32_t count) {
+    checkCount(count);
+    if (levels_.empty() && targets_) {
+      startArguments(count);
+      return true;
+    }
+    switch (slotKind("an array")) {
+      case TypeKind::List:
+        slot_.type()->list->clear(slot_.pointer());
+        push(Level::Kind::List);
+        break;
+      case TypeKind::Tuple:
+        checkSize(count, slot_.type()->tuple->size(slot_.pointer()));
+        push(Level::Kind::Tuple);
+        break;
+      case TypeKind::Dynamic:
+        checkSize(count, 2);
+        push(Level::Kind::Dynamic);
+        break;
+      default:
+        mismatch("an array");
+    }
+    return true;
+  }
+  bool start_array_item() {
+    Level& level = levels_.back();
+    switch (level.kind) {
+      case Level::Kind::Arguments:
+        slot_ = level.index < targets_->size() ? (*targets_)[level.index]
+                                               : AnyReference::from(tail_->emplace_back());
+        break;
+      case Level::Kind::List:
+        startElement(level);
+        break;
+      case Level::Kind::Tuple:
+        slot_ = level.container.type()->tuple->member(level.container.pointer(), level.index);
+        break;
+      default:
+        slot_ = level.index == 0 ? AnyReference::from(level.signature) : level.item.asReference();
+    }
+    // The elements of a generic container are dynamic values, whatever they hold.
+    const bool isGeneric = level.container.isValid() && level.container.type()->ownSignature;
+    charge(isGeneric ? sizeof(AnyValue) : slot_.type()->size);
+    return true;
+  }
+  bool end_array_item() {
+    Level& level = levels_.back();
+    const ListOps* list = level.kind == Level::Kind::List ? level.container.type()->list : nullptr;
+    if (list && !list->emplace)
+      list->push(level.container.pointer(), level.item.asReference().pointer());
+    if (level.kind == Level::Kind::Dynamic && level.index == 0) startContent(level);
+    ++level.index;
+    return true;
+  }
+  bool end_array() {
+    Level& level = levels_.back();
+    if (level.kind == Level::Kind::Dynamic) {
+      if (AnyValue* value = level.container.as<AnyValue>())
+        *value = std::move(level.item);
+      else
+        level.container.type()->dynamic->assign(level.container.pointer(),
+                                                level.item.asReference());
+    }
+    levels_.pop_back();
+    return true;
+  }
+
+  bool start_map(std::uint32_t count) {
+    checkCount(count);
+    if (slotKind("a map") != TypeKind::Map) mismatch("a map");
+    slot_.type()->map->clear(slot_.pointer());
+    push(Level::Kind::Map);
+    return true;
+  }
+  bool start_map_key() {
+    Level& level = levels_.back();
+    level.key = level.container.type()->map->makeKey(level.container.pointer());
+    return startPart(level.key);
+  }
+  bool start_map_value() {
+    Level& level = levels_.back();
+    level.item = level.container.type()->map->makeValue(level.container.pointer());
+    return startPart(level.item);
+  }
+  bool end_map_value() {
+    Level& level = levels_.back();
+    level.container.type()->map->insert(level.container.pointer(), std::move(level.key),
+                                        std::move(level.item));
+    return true;
+  }
+  bool end_map() {
+    levels_.pop_back();
+    return true;
+  }
+
+  void parse_error(std::size_t, std::size_t) { throw PayloadError("it is malformed"); }
+  void insufficient_bytes(std::size_t, std::size_t) { throw PayloadError("it ends too early"); }
+
+ private:
+  TypeKind slotKind(const char* found) const {
+    if (!slot_.isValid()) mismatch(found);
+    return slot_.type()->kind;
+  }
+  [[noreturn]] void mismatch(const char* found) const {
+    throw PayloadError(std::string("it has ") + found + " where " +
+                       (slot_.isValid() ? typeName(slot_.type()) : "the arguments of a call") +
+                       " is expected" + where());
+  }
+  std::string where() const {
+    if (levels_.empty()) return {};
+    const Level& level = levels_.back();
+    return std::string(level.kind == Level::Kind::Arguments ? " (argument " : " (element ") +
+           std::to_string(level.index + 1) + ")";
+  }
+
+  /// Each element takes a byte at least, so more elements than bytes are a lie.
+  void checkCount(std::uint32_t count) const {
+    if (count > payloadSize_) throw PayloadError("it announces more elements than it has bytes");
+  }
+  void checkSize(std::size_t count, std::size_t expected) const {
+    if (count != expected)
+      throw PayloadError("it has " + std::to_string(count) + " elements where " +
+                         std::to_string(expected) + " are expected" + where());
+  }
+  void charge(std::size_t bytes) {
+    if (bytes + 1 > budget_) throw PayloadError("its values take more memory than is allowed");
+    budget_ -= bytes + 1;
+  }
+  void push(Level::Kind kind) {
+    if (levels_.size() > nesting_)
+      throw PayloadError("it nests deeper than " + std::to_string(nesting_) + " levels");
+    levels_.push_back({.kind = kind, .container = slot_, .key = {}, .item = {}, .signature = {}});
+  }
+
+  void startArguments(std::uint32_t count) {
+    if (count < targets_->size() || (count > targets_->size() && !tail_))
+      throw PayloadError("it has " + std::to_string(count) + " arguments where " +
+                         std::to_string(targets_->size()) + " are expected");
+    push(Level::Kind::Arguments);
+  }
+  void startElement(Level& level) {
+    const ListOps* list = level.container.type()->list;
+    if (list->emplace) {
+      slot_ = list->emplace(level.container.pointer());
+    } else {
+      level.item = AnyValue::make(list->elementType());
+      slot_ = level.item.asReference();
+    }
+  }
+  void startContent(Level& level) {
+    if (level.signature == "v" || level.signature == "V" || level.signature.empty())
+      throw PayloadError("a dynamic value cannot have the signature '" + level.signature + "'");
+    const Signature checked(level.signature);  // refuses a malformed one
+    level.item = AnyValue::makeDefault(checked.toString());
+  }
+  bool startPart(const AnyValue& part) {
+    slot_ = part.asReference();
+    charge(sizeof(AnyValue));
+    return true;
+  }
+
+  bool takeInteger(const AnyReference& value) {
+    const TypeKind kind = slotKind("an integer");
+    if (kind != TypeKind::Int && kind != TypeKind::Float) mismatch("an integer");
+    convertInto(value, slot_.type(), slot_.pointer());
+    return true;
+  }
+  bool takeFloat(const AnyReference& value) {
+    if (slotKind("a float") != TypeKind::Float) mismatch("a float");
+    convertInto(value, slot_.type(), slot_.pointer());
+    return true;
+  }
+  bool takeBytes(TypeKind kind, const char* found, std::string_view bytes) {
+    if (slotKind(found) != kind) mismatch(found);
+    charge(bytes.size());
+    slot_.type()->bytes->assign(slot_.pointer(), bytes);
+    return true;
+  }
+
+  const std::size_t payloadSize_;
+  std::size_t budget_;
+  const unsigned nesting_;
+  AnyReference slot_;  // where the next value goes
+  const std::vector<AnyReference>* targets_ = nullptr;
+  std::vector<AnyValue>* tail_ = nullptr;
+  std::deque<Level> levels_;
+};
+
+void decode(std::span<const char> payload, Decoder& decoder) {
+  std::size_t offset = 0;
+  try {
+    if (!msgpack::parse(payload.data(), payload.size(), offset, decoder))
+      throw PayloadError("it ends too early");
+  } catch (const PayloadError& error) {
+    throw PayloadError(std::string("malformed payload: ") + error.what());
+  } catch (const std::exception& error) {
+    throw PayloadError(std::string("malformed payload: ") + error.what());
+  }
+  if (offset != payload.size())
+    throw PayloadError("malformed payload: more bytes follow the value");
+}
+
+}  // namespace
+
+PayloadError::~PayloadError() = default;
+
+void readValue(std::span<const char> payload, const AnyReference& target, const Limits& limits) {
+  Decoder decoder(payload.size(), limits);
+  decoder.expect(target);
+  decode(payload, decoder);
+}
+
+void readArguments(std::span<const char> payload, const std::vector<AnyReference>& targets,
+                   std::vector<AnyValue>* tail, const Limits& limits) {
+  Decoder decoder(payload.size(), limits);
+  decoder.expectArguments(targets, tail);
+  decode(payload, decoder);
+}
+
+}  // namespace gv::wire

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gvmessaging/api.h>
+#include <gvtype/anyvalue.h>
+
+#include "src/wire/limits.h"
+
+namespace gv::wire {
+
+/// A payload that is not the value it should be: malformed, of another type, cut, followed by more
+/// bytes, or beyond a limit. The text says which and where.
+class GVMESSAGING_API PayloadError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+  ~PayloadError() override;
+};
+
+/// Decodes a payload that is one value into `target`, an existing value of the expected type, in
+/// one pass and without recursion. What it allocates is bounded by the limits and grows with the
+/// bytes read, never with a count that they announce. Throws PayloadError; `target` is then a valid
+/// value with unspecified content.
+GVMESSAGING_API void readValue(std::span<const char> payload, const AnyReference& target,
+                               const Limits& limits);
+
+/// Decodes the arguments of a call: one value for each target, and then, where `tail` is given,
+/// dynamic values that are appended to it.
+GVMESSAGING_API void readArguments(std::span<const char> payload,
+                                   const std::vector<AnyReference>& targets,
+                                   std::vector<AnyValue>* tail, const Limits& limits);
+
+}  // namespace gv::wire

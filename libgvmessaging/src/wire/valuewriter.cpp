@@ -1,0 +1,206 @@
+#include "src/wire/valuewriter.h"
+
+#include <cstdint>
+#include <limits>
+#include <msgpack.hpp>
+
+#include <gvtype/genericfunctionparameters.h>
+#include <gvtype/signature.h>
+
+namespace gv::wire {
+namespace {
+
+/// What MessagePack's packer writes to.
+struct Output {
+  std::vector<char>& bytes;
+  void write(const char* data, std::size_t size) { bytes.insert(bytes.end(), data, data + size); }
+};
+
+using Packer = msgpack::packer<Output>;
+
+ConversionPlace inside(const ConversionPlace& place, const char* word, std::size_t index) {
+  return {&place, word, index + 1, place.depth + 1};
+}
+
+std::uint32_t checkedSize(std::size_t size) {
+  if (size > std::numeric_limits<std::uint32_t>::max())
+    throw ConversionError(ConversionError::Reason::Value, "a value is too large to be sent");
+  return static_cast<std::uint32_t>(size);
+}
+
+class Writer {
+ public:
+  explicit Writer(std::vector<char>& out) : output_{out}, packer_(output_) {}
+
+  Packer& packer() { return packer_; }
+
+  void write(const AnyReference& value, std::string_view signature, const ConversionPlace& place) {
+    if (place.depth > Signature::maxDepth)
+      throw ConversionError(
+          ConversionError::Reason::Value,
+          "a value nests deeper than " + std::to_string(Signature::maxDepth) + " levels");
+    if (signature == "v") return writeDynamic(value, place);
+    if (signature == "V") {
+      packer_.pack_nil();
+      return;
+    }
+    if (value.isValid() && value.type()->kind == TypeKind::Dynamic)
+      return value.type()->dynamic->visit(value.pointer(), [&](const AnyReference& content) {
+        write(content, signature, {&place, nullptr, 0, place.depth + 1});
+      });
+    if (!writeAsItIs(value, signature, place)) {
+      const AnyValue converted = convertTo(value, signature, place);
+      writeAsItIs(converted.asReference(), signature, place);
+    }
+  }
+
+ private:
+  void writeDynamic(const AnyReference& value, const ConversionPlace& place) {
+    if (!value.isValid()) {
+      packer_.pack_nil();
+      return;
+    }
+    const TypeInterface* type = value.type();
+    if (type->kind == TypeKind::Dynamic)
+      return type->dynamic->visit(value.pointer(), [&](const AnyReference& content) {
+        writeDynamic(content, {&place, nullptr, 0, place.depth + 1});
+      });
+    const std::string signature = value.signature();
+    if (type->kind == TypeKind::Void || type->kind == TypeKind::Future ||
+        signature.find('X') != std::string::npos)
+      throw ConversionError(ConversionError::Reason::Kind,
+                            "a value of type " + typeName(type) + " cannot be sent");
+    packer_.pack_array(2);
+    writeString(signature);
+    write(value, signature, {&place, nullptr, 0, place.depth + 1});
+  }
+
+  /// False where the value is of another type than the signature says.
+  bool writeAsItIs(const AnyReference& value, std::string_view signature,
+                   const ConversionPlace& place) {
+    if (!value.isValid()) return false;
+    const TypeInterface* type = value.type();
+    switch (type->kind) {
+      case TypeKind::Bool:
+      case TypeKind::Int:
+      case TypeKind::Float:
+        return writeScalar(value, signature);
+      case TypeKind::String:
+        if (signature != "s") return false;
+        writeString(type->bytes->view(value.pointer()));
+        return true;
+      case TypeKind::Raw: {
+        if (signature != "r") return false;
+        const std::string_view bytes = type->bytes->view(value.pointer());
+        packer_.pack_bin(checkedSize(bytes.size()));
+        packer_.pack_bin_body(bytes.data(), checkedSize(bytes.size()));
+        return true;
+      }
+      case TypeKind::List:
+        return writeList(value, signature, place);
+      case TypeKind::Map:
+        return writeMap(value, signature, place);
+      case TypeKind::Tuple:
+        return writeTuple(value, signature, place);
+      default:
+        return false;
+    }
+  }
+
+  bool writeScalar(const AnyReference& value, std::string_view signature) {
+    std::string own;
+    appendSignature(own, value.type());
+    if (own != signature) return false;
+    const void* pointer = value.pointer();
+    switch (own[0]) {
+      case 'b':
+        packer_.pack(*static_cast<const bool*>(pointer));
+        return true;
+      case 'f':
+        packer_.pack(*static_cast<const float*>(pointer));
+        return true;
+      case 'd':
+        packer_.pack(*static_cast<const double*>(pointer));
+        return true;
+      default:
+        if (value.type()->isSigned)
+          packer_.pack(value.to<std::int64_t>());
+        else
+          packer_.pack(value.to<std::uint64_t>());
+        return true;
+    }
+  }
+
+  void writeString(std::string_view text) {
+    packer_.pack_str(checkedSize(text.size()));
+    packer_.pack_str_body(text.data(), checkedSize(text.size()));
+  }
+
+  bool writeList(const AnyReference& value, std::string_view signature,
+                 const ConversionPlace& place) {
+    if (!signature.starts_with('a') || signature.starts_with("a{")) return false;
+    const ListOps* list = value.type()->list;
+    packer_.pack_array(checkedSize(list->size(value.pointer())));
+    std::size_t index = 0;
+    list->forEach(value.pointer(), [&](const AnyReference& element) {
+      write(element, signature.substr(1), inside(place, "element", index++));
+    });
+    return true;
+  }
+
+  bool writeMap(const AnyReference& value, std::string_view signature,
+                const ConversionPlace& place) {
+    if (!signature.starts_with("a{")) return false;
+    const std::string_view inner = signature.substr(2, signature.size() - 3);
+    const std::size_t keyLength = signatureLength(inner);
+    const MapOps* map = value.type()->map;
+    packer_.pack_map(checkedSize(map->size(value.pointer())));
+    std::size_t index = 0;
+    map->forEach(value.pointer(), [&](const AnyReference& key, const AnyReference& mapped) {
+      write(key, inner.substr(0, keyLength), inside(place, "key", index));
+      write(mapped, inner.substr(keyLength), inside(place, "value", index++));
+    });
+    return true;
+  }
+
+  bool writeTuple(const AnyReference& value, std::string_view signature,
+                  const ConversionPlace& place) {
+    if (!signature.starts_with('(')) return false;
+    const auto members = signatureMembers(signature);
+    const TupleOps* tuple = value.type()->tuple;
+    if (tuple->size(value.pointer()) != members.size()) return false;
+    packer_.pack_array(checkedSize(members.size()));
+    for (std::size_t i = 0; i < members.size(); ++i)
+      write(tuple->member(value.pointer(), i), members[i], inside(place, "element", i));
+    return true;
+  }
+
+  Output output_;
+  Packer packer_;
+};
+
+}  // namespace
+
+void writeValue(std::vector<char>& out, const AnyReference& value, std::string_view signature,
+                const ConversionPlace& place) {
+  Writer(out).write(value, signature, place);
+}
+
+void writeArguments(std::vector<char>& out, const GenericFunctionParameters& arguments,
+                    std::string_view signature) {
+  auto parameters = signatureMembers(signature);
+  const bool hasTail = !parameters.empty() && parameters.back() == "*";
+  if (hasTail) parameters.pop_back();
+  if (arguments.size() < parameters.size() || (arguments.size() > parameters.size() && !hasTail))
+    throw ConversionError(ConversionError::Reason::Kind,
+                          "expected " + std::string(hasTail ? "at least " : "") +
+                              std::to_string(parameters.size()) + " argument(s), got " +
+                              std::to_string(arguments.size()));
+  Writer writer(out);
+  writer.packer().pack_array(checkedSize(arguments.size()));
+  for (std::size_t i = 0; i < arguments.size(); ++i)
+    writer.write(arguments[i], i < parameters.size() ? parameters[i] : "v",
+                 {nullptr, "argument", i + 1, 0});
+}
+
+}  // namespace gv::wire

@@ -1,0 +1,144 @@
+#include "src/net/admission.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace gv::net {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+Admission::Time at(std::chrono::milliseconds time) {
+  return Admission::Time(time);
+}
+std::string address(unsigned number) {
+  return "10.0.0." + std::to_string(number);
+}
+
+// Fills all 64 places at time 0: ids 0 to 63, 8 each of the addresses 0 to 7.
+Admission full() {
+  Admission admission{wire::Limits()};
+  for (unsigned id = 0; id < 64; ++id)
+    EXPECT_THAT(admission.arrived(id, address(id / 8), at(0ms)).start, ElementsAre(id));
+  return admission;
+}
+
+TEST(Admission, ParksWhoFindsNoPlaceInAll) {
+  Admission admission = full();
+  const auto decision = admission.arrived(100, address(99), at(1ms));
+  EXPECT_THAT(decision.start, IsEmpty());
+  EXPECT_THAT(decision.close, IsEmpty());
+  EXPECT_EQ(1u, admission.parked());
+  EXPECT_THAT(admission.finished(7, at(2ms)).start, ElementsAre(100));
+}
+
+TEST(Admission, ParksTheNinthOfOneAddressOnly) {
+  Admission admission{wire::Limits()};
+  for (unsigned id = 0; id < 9; ++id) static_cast<void>(admission.arrived(id, address(1), at(0ms)));
+  EXPECT_EQ(8u, admission.unfinished());
+  EXPECT_EQ(1u, admission.parked());
+  EXPECT_THAT(admission.arrived(20, address(2), at(1ms)).start, ElementsAre(20));
+  EXPECT_THAT(admission.finished(20, at(2ms)).start, IsEmpty());
+  EXPECT_THAT(admission.finished(3, at(2ms)).start, ElementsAre(8));
+}
+
+TEST(Admission, TakesTheNewestParkedNext) {
+  Admission admission = full();
+  for (unsigned id = 100; id < 103; ++id)
+    static_cast<void>(admission.arrived(id, address(id), at(1ms)));
+  EXPECT_THAT(admission.finished(0, at(2ms)).start, ElementsAre(102));
+  EXPECT_THAT(admission.finished(1, at(2ms)).start, ElementsAre(101));
+}
+
+TEST(Admission, DropsTheOldestParkedBeyondTheLimit) {
+  Admission admission = full();
+  for (unsigned id = 100; id < 100 + 256; ++id)
+    EXPECT_THAT(admission.arrived(id, address(id), at(1ms)).close, IsEmpty());
+  EXPECT_THAT(admission.arrived(999, address(99), at(1ms)).close, ElementsAre(100));
+  EXPECT_EQ(256u, admission.parked());
+}
+
+TEST(Admission, GivesAwayThePlaceOfASlowHandshakeToAParkedOne) {
+  Admission admission = full();
+  EXPECT_FALSE(admission.nextLook());
+  static_cast<void>(admission.arrived(100, address(99), at(500ms)));
+  ASSERT_EQ(at(1000ms), admission.nextLook());
+  EXPECT_THAT(admission.timePassed(at(999ms)).close, IsEmpty());
+  const auto decision = admission.timePassed(at(1000ms));
+  EXPECT_THAT(decision.close, ElementsAre(0));
+  EXPECT_THAT(decision.start, ElementsAre(100));
+  EXPECT_FALSE(admission.nextLook());
+}
+
+TEST(Admission, GivesAPlaceOfTheSameAddressWhereThatHasItsShare) {
+  Admission admission = full();
+  static_cast<void>(admission.arrived(100, address(3), at(1ms)));
+  EXPECT_THAT(admission.timePassed(at(1000ms)).close, ElementsAre(24));
+}
+
+TEST(Admission, LetsSlowHandshakesBeWhileNobodyWaits) {
+  Admission admission = full();
+  EXPECT_THAT(admission.timePassed(at(9000ms)).close, IsEmpty());
+  EXPECT_EQ(64u, admission.unfinished());
+}
+
+TEST(Admission, ForgetsAParkedConnectionThatWent) {
+  Admission admission = full();
+  static_cast<void>(admission.arrived(100, address(99), at(1ms)));
+  EXPECT_THAT(admission.finished(100, at(2ms)).start, IsEmpty());
+  EXPECT_THAT(admission.finished(0, at(3ms)).start, IsEmpty());
+  EXPECT_EQ(63u, admission.unfinished());
+}
+
+// Hundreds that connect again and again and never finish; a client still gets in within the time
+// that a handshake is left alone, or at once when it is the newest and some are old.
+TEST(Admission, LetsARealClientInBesideManyThatDrip) {
+  Admission admission{wire::Limits()};
+  for (unsigned id = 0; id < 300; ++id)
+    static_cast<void>(admission.arrived(id, address(id % 60), at(std::chrono::milliseconds(id))));
+  bool started = !admission.arrived(1000, "192.168.1.5", at(500ms)).start.empty();
+  while (!started) {
+    const auto next = admission.nextLook();
+    ASSERT_TRUE(next);
+    ASSERT_LE(*next, at(1500ms));
+    for (const auto id : admission.timePassed(*next).start) started = started || id == 1000;
+  }
+}
+
+// Whatever happens, each connection is told to start once at most, and none is lost.
+TEST(Admission, KeepsItsBooksThroughRandomEvents) {
+  std::mt19937 random(7);
+  Admission admission{wire::Limits()};
+  std::set<Admission::Id> parked, unfinished;
+  const auto apply = [&](const Admission::Decision& decision) {
+    for (const auto id : decision.close) EXPECT_EQ(1u, parked.erase(id) + unfinished.erase(id));
+    for (const auto id : decision.start) {
+      EXPECT_EQ(1u, parked.erase(id));
+      unfinished.insert(id);
+    }
+  };
+  for (unsigned step = 0; step < 20'000; ++step) {
+    const auto now = at(std::chrono::milliseconds(step));
+    if (random() % 3 != 0) {
+      parked.insert(step);
+      apply(admission.arrived(step, address(random() % 20), now));
+    } else if (!unfinished.empty()) {
+      const auto id = *std::next(unfinished.begin(), random() % unfinished.size());
+      unfinished.erase(id);
+      apply(admission.finished(id, now));
+    }
+    ASSERT_EQ(parked.size(), admission.parked());
+    ASSERT_EQ(unfinished.size(), admission.unfinished());
+    ASSERT_GT(admission.nextLook().value_or(Admission::Time::max()), now);
+  }
+}
+
+}  // namespace
+}  // namespace gv::net

@@ -1,0 +1,164 @@
+// Values on the wire: what is written comes back, and what lies is refused.
+
+#include "src/wire/valuereader.h"
+#include "src/wire/valuewriter.h"
+
+#include <gmock/gmock.h>
+
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gvtype/genericfunctionparameters.h>
+
+namespace gv::wire {
+namespace {
+
+using testing::HasSubstr;
+
+std::vector<char> written(const AnyReference& value, const std::string& signature) {
+  std::vector<char> payload;
+  writeValue(payload, value, signature);
+  return payload;
+}
+
+template <class T>
+T roundTrip(const T& value) {
+  const AnyReference reference = AnyReference::from(value);
+  T back{};
+  readValue(written(reference, reference.signature()), AnyReference::from(back), Limits());
+  return back;
+}
+
+std::string errorOf(const std::vector<char>& payload, const std::string& signature,
+                    const Limits& limits = {}) {
+  const AnyValue target = AnyValue::makeDefault(signature);
+  try {
+    readValue(payload, target.asReference(), limits);
+    return "accepted";
+  } catch (const PayloadError& error) {
+    return error.what();
+  }
+}
+
+std::vector<char> bytes(const std::string& text) {
+  return {text.begin(), text.end()};
+}
+
+/// A value with every kind in it.
+using Everything =
+    std::tuple<bool, std::int8_t, std::uint64_t, float, double, std::string, Buffer,
+               std::vector<bool>, std::map<std::string, std::vector<std::pair<int, AnyValue>>>,
+               AnyValue>;
+Everything makeEverything() {
+  return {true,
+          std::int8_t{-128},
+          std::numeric_limits<std::uint64_t>::max(),
+          0.5f,
+          -1e300,
+          std::string("\xff\0 text", 7),
+          Buffer("\0\x01", 2),
+          {true, false},
+          {{"a", {{1, AnyValue::from("x")}, {2, AnyValue()}}}, {"", {}}},
+          AnyValue::from(std::map<std::string, double>{{"pi", 3.25}})};
+}
+
+TEST(Codec, BringsEveryKindBackUnchanged) {
+  EXPECT_EQ(roundTrip(makeEverything()), makeEverything());
+  const AnyValue dynamic = AnyValue::from(makeEverything());
+  const AnyValue back = roundTrip(dynamic);
+  EXPECT_EQ(back.signature(), dynamic.signature());
+  EXPECT_EQ(back.to<Everything>(), makeEverything());
+}
+
+TEST(Codec, ConvertsArgumentsToTheMethodsTypes) {
+  std::vector<char> payload;
+  const std::vector<AnyValue> list = {AnyValue::from(1), AnyValue::from(2.0)};
+  writeArguments(payload, makeParameters(std::int8_t{5}, list, std::string("tail")), "(xai*)");
+  std::int64_t number = 0;
+  std::vector<int> numbers;
+  std::vector<AnyValue> tail;
+  readArguments(payload, {AnyReference::from(number), AnyReference::from(numbers)}, &tail,
+                Limits());
+  EXPECT_EQ(number, 5);
+  EXPECT_EQ(numbers, (std::vector<int>{1, 2}));
+  ASSERT_EQ(tail.size(), 1u);
+  EXPECT_EQ(tail[0].to<std::string>(), "tail");
+  EXPECT_THROW(writeArguments(payload, makeParameters(std::string("x")), "(i)"), ConversionError);
+  EXPECT_THROW(writeArguments(payload, makeParameters(1, 2), "(i)"), ConversionError);
+}
+
+TEST(Codec, RefusesEveryPairOfDifferentKinds) {
+  const std::map<std::string, AnyValue> samples = {
+      {"b", AnyValue::from(true)},
+      {"i", AnyValue::from(-7)},
+      {"d", AnyValue::from(0.5)},
+      {"s", AnyValue::from("text")},
+      {"r", AnyValue::from(Buffer("b", 1))},
+      {"as", AnyValue::from(std::vector<std::string>{"a"})},
+      {"a{si}", AnyValue::from(std::map<std::string, int>{{"a", 1}})},
+      {"(id)", AnyValue::from(std::tuple<int, double>{1, 2})}};
+  for (const auto& [from, value] : samples)
+    for (const auto& [to, unused] : samples)
+      EXPECT_EQ(errorOf(written(value.asReference(), from), to) == "accepted",
+                from == to || (from == "i" && to == "d"))  // an exact integer is a float, too
+          << from << " as " << to;
+  EXPECT_THAT(errorOf(written(AnyReference::from(samples.at("i")), "v"), "v"),
+              HasSubstr("accepted"));
+}
+
+TEST(Codec, IsCleanAtEveryCutAndEveryChangedByte) {
+  const AnyValue value = AnyValue::from(makeEverything());
+  const std::vector<char> good = written(value.asReference(), "v");
+  for (std::size_t i = 0; i < good.size(); ++i) {
+    EXPECT_NE(errorOf({good.begin(), good.begin() + static_cast<std::ptrdiff_t>(i)}, "v"),
+              "accepted")
+        << "cut at " << i;
+    for (const int change : {0x01, 0x10, 0x80, 0xff}) {
+      std::vector<char> changed = good;
+      changed[i] = static_cast<char>(changed[i] ^ change);
+      errorOf(changed, "v");  // accepted or refused; the sanitizers watch
+    }
+  }
+  std::vector<char> longer = good;
+  longer.push_back('\xc0');
+  EXPECT_THAT(errorOf(longer, "v"), HasSubstr("more bytes follow"));
+}
+
+TEST(Codec, RefusesLiesBeforeTheyCostAnything) {
+  EXPECT_THAT(errorOf(bytes("\xdd\xff\xff\xff\xff"), "ai"), HasSubstr("more elements than"));
+  EXPECT_THAT(errorOf(bytes(std::string("\xdf\x20\0\0\0", 5)), "a{si}"),
+              HasSubstr("more elements than"));
+  EXPECT_THAT(errorOf(bytes("\xdb\xff\xff\xff\xff"), "s"), HasSubstr("ends too early"));
+  EXPECT_THAT(errorOf(bytes("\xc1"), "i"), HasSubstr("malformed"));
+  EXPECT_THAT(errorOf(bytes("\xd4\x01\x01"), "v"), HasSubstr("extension"));
+  EXPECT_THAT(errorOf({}, "i"), HasSubstr("malformed"));
+  EXPECT_THAT(errorOf(bytes("\x92\xa2(i\x01"), "v"), HasSubstr("malformed signature"));
+  EXPECT_THAT(errorOf(bytes("\x92\xa1v\x01"), "v"), HasSubstr("cannot have the signature"));
+  EXPECT_THAT(errorOf(bytes("\x92\xa1o\x01"), "v"), HasSubstr("no value can be made"));
+}
+
+TEST(Codec, BoundsNestingAndMemory) {
+  std::string nested;
+  for (int i = 0; i < 100; ++i)
+    nested +=
+        "\x92\xa2"
+        "av"
+        "\x91";
+  EXPECT_THAT(errorOf(bytes(nested + "\xc0"), "v"), HasSubstr("nests deeper"));
+  AnyValue deep = AnyValue::from(1);
+  for (int i = 0; i < 100; ++i) deep = AnyValue::from(std::vector<AnyValue>{deep});
+  EXPECT_THROW(written(deep.asReference(), "v"), ConversionError);
+
+  Limits small;
+  small.decodedBytes = 1000;
+  const std::vector<AnyValue> nils(500);
+  EXPECT_THAT(errorOf(written(AnyReference::from(nils), "av"), "av", small),
+              HasSubstr("more memory than is allowed"));
+}
+
+}  // namespace
+}  // namespace gv::wire

@@ -1,0 +1,278 @@
+// Two peers over real TCP, each serving objects to the other.
+
+#include "src/rpc/connection.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <future>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gv/eventloop.h>
+#include <gvtype/dynamicobjectbuilder.h>
+
+#include "rawpeer.h"
+#include "src/rpc/remoteobject.h"
+#include "src/session/peers.h"
+#include "src/wire/valuewriter.h"
+#include "support/watchdog.h"
+
+namespace gv {
+namespace {
+
+using rpc::Connection;
+using testing::HasSubstr;
+
+constexpr int guardMs = 20'000;
+constexpr unsigned calculatorId = 7;
+
+/// Something that a method can wait for, for as long as the test likes.
+struct Gate {
+  Promise<void> open;
+  std::atomic<int> waiting{0};
+};
+
+/// One side: a set of connections and the objects that it serves.
+class Side : public rpc::ServiceHost {
+ public:
+  explicit Side(const std::string& name, const wire::Limits& limits = {}) {
+    rpc::Greeting own;
+    own.sessionId = name;
+    peers = std::make_shared<Peers>(own, limits);
+  }
+  void start(const std::shared_ptr<Side>& self) {
+    peers->setOwner(self, [](const auto&) {});
+  }
+
+  Object<Empty> findService(unsigned id) const override {
+    const auto found = objects.find(id);
+    return found == objects.end() ? Object<Empty>() : found->second;
+  }
+
+  std::shared_ptr<Peers> peers;
+  std::map<unsigned, Object<Empty>> objects;  // constant while connected
+};
+
+std::shared_ptr<Side> makeSide(const std::string& name, const wire::Limits& limits = {}) {
+  auto side = std::make_shared<Side>(name, limits);
+  side->start(side);
+  return side;
+}
+
+Object<Empty> makeCalculator(const std::shared_ptr<Gate>& gate) {
+  DynamicObjectBuilder builder;
+  builder.advertiseMethod("add", [](int a, int b) { return a + b; });
+  builder.advertiseMethod("nothing", [] {});
+  builder.advertiseMethod("fail", [](const std::string& text) { throw std::runtime_error(text); });
+  builder.advertiseMethod("echo", [](const AnyValue& value) { return value; });
+  builder.advertiseMethod("count", [](const AnyArguments& all) { return all.args.size(); });
+  builder.advertiseMethod(
+      "large", [](int size) { return std::string(static_cast<std::size_t>(size), 'x'); });
+  builder.advertiseMethod("hold", [gate] {
+    ++gate->waiting;
+    gate->open.future().wait();
+    return 1;
+  });
+  builder.advertiseMethod("later", [] {
+    return getEventLoop()->async([]() -> std::string { return "at last"; },
+                                 std::chrono::milliseconds(1));
+  });
+  return builder.object();
+}
+
+class ConnectionTest : public testing::Test {
+ protected:
+  ConnectionTest() {
+    server->objects[calculatorId] = makeCalculator(gate);
+    acceptor = server->peers->listen("tcp://127.0.0.1:0");
+    connection = client->peers->dial(url(), std::chrono::seconds(10)).value(guardMs);
+    calculator = rpc::RemoteObject::make(connection, calculatorId).value(guardMs);
+  }
+  ~ConnectionTest() override {
+    if (gate->open.future().isRunning()) gate->open.setValue();
+    acceptor->close();
+    client->peers->close("the test has ended").wait(guardMs);
+    server->peers->close("the test has ended").wait(guardMs);
+  }
+
+  Url url() const { return Url::tcp("127.0.0.1", acceptor->boundPort()); }
+
+  house::Watchdog watchdog{"a test with peers", std::chrono::seconds(100)};
+  std::shared_ptr<Gate> gate = std::make_shared<Gate>();
+  std::shared_ptr<Side> server = makeSide("server");
+  std::shared_ptr<Side> client = makeSide("client");
+  std::shared_ptr<rpc::Acceptor> acceptor;
+  Peers::ConnectionPointer connection;
+  Object<Empty> calculator;
+};
+
+template <class F>
+std::pair<FutureException::State, std::string> failureOf(F call) {
+  try {
+    call();
+    return {FutureException::State::Invalid, "no failure"};
+  } catch (const FutureException& error) {
+    return {error.state(), error.what()};
+  }
+}
+
+TEST_F(ConnectionTest, CarriesCallsAndResults) {
+  EXPECT_EQ(calculator.call<int>("add", 2, 3), 5);
+  EXPECT_EQ(calculator.call<int>("add(ii)", 2.0, std::int8_t{3}), 5);
+  calculator.call<void>("nothing");
+  EXPECT_EQ(calculator.call<std::size_t>("count", 1, std::string("a"), 2.5), 3u);
+  EXPECT_EQ(calculator.call<std::string>("later"), "at last");
+  const std::map<std::string, std::vector<int>> map = {{"a", {1, 2}}};
+  EXPECT_EQ((calculator.call<std::map<std::string, std::vector<int>>>("echo", map)), map);
+  EXPECT_EQ(calculator.call<std::string>("large", 5'000'000).size(), 5'000'000u);
+}
+
+TEST_F(ConnectionTest, TellsTheEndingsApart) {
+  using State = FutureException::State;
+  const auto thrown = failureOf([&] { calculator.call<void>("fail", std::string("out of ink")); });
+  EXPECT_EQ(thrown, std::pair(State::UserError, std::string("out of ink")));
+  const auto unknown = failureOf([&] { calculator.call<int>("thrice", 1); });
+  EXPECT_THAT(unknown.second, HasSubstr("thrice"));
+  const auto unfit = failureOf([&] { calculator.call<int>("add", 1, 5'000'000'000); });
+  EXPECT_EQ(unfit.first, State::NotSent);
+  EXPECT_THAT(unfit.second, HasSubstr("argument 2"));
+  const auto tooLarge = failureOf([&] { calculator.call<std::string>("large", 100'000'000); });
+  EXPECT_THAT(tooLarge.second, HasSubstr("more than the limit"));
+  EXPECT_EQ(calculator.call<int>("add", 1, 1), 2) << "the connection lives on";
+}
+
+TEST_F(ConnectionTest, FailsPendingCallsWhenItIsLost) {
+  auto pending = calculator.async<int>("hold");
+  while (gate->waiting == 0) std::this_thread::yield();
+  server->peers->close("power cut");
+  const auto lost = failureOf([&] { pending.value(guardMs); });
+  EXPECT_EQ(lost.first, FutureException::State::ConnectionLost);
+  EXPECT_THAT(lost.second, HasSubstr(url().str()));
+  const auto refused = failureOf([&] { calculator.call<int>("add", 1, 1); });
+  EXPECT_EQ(refused.first, FutureException::State::NotSent);
+}
+
+TEST_F(ConnectionTest, ServesOthersWhileMethodsBlock) {
+  std::vector<Future<int>> held;
+  for (int i = 0; i < 100; ++i) held.push_back(calculator.async<int>("hold"));
+  while (gate->waiting < 100) std::this_thread::yield();
+  EXPECT_EQ(calculator.call<int>("add", 1, 1), 2);
+  gate->open.setValue();
+  for (auto& future : held) EXPECT_EQ(future.value(guardMs), 1);
+}
+
+TEST_F(ConnectionTest, RefusesUnknownServicesAndMembers) {
+  EXPECT_THAT(rpc::RemoteObject::make(connection, 99).error(guardMs), HasSubstr("id 99"));
+  MetaMethodBuilder unknown;
+  unknown.setUid(4711);
+  EXPECT_THAT(
+      connection->call(calculatorId, unknown.metaMethod(), {}, MetaCallType::Auto).error(guardMs),
+      HasSubstr("4711"));
+}
+
+TEST_F(ConnectionTest, ManyCallersGetTheirOwnAnswers) {
+  std::vector<std::thread> callers;
+  for (int caller = 0; caller < 8; ++caller)
+    callers.emplace_back([this, caller] {
+      for (int i = 0; i < 500; ++i)
+        ASSERT_EQ(calculator.call<int>("add", caller * 1000, i), caller * 1000 + i);
+    });
+  for (auto& thread : callers) thread.join();
+}
+
+// ---- Peers that break the rules
+
+std::string frameBytes(wire::FrameHeader header, const std::vector<char>& payload) {
+  header.payloadSize = static_cast<std::uint32_t>(payload.size());
+  std::array<char, wire::frameHeaderSize> head;
+  wire::encodeHeader(header, head);
+  return std::string(head.data(), head.size()) + std::string(payload.data(), payload.size());
+}
+
+std::string helloBytes() {
+  rpc::Greeting greeting;
+  greeting.sessionId = "stranger";
+  wire::FrameHeader header;
+  header.type = wire::FrameType::Hello;
+  return frameBytes(header, rpc::encodeGreeting(greeting));
+}
+
+/// Whether the server ends the connection, without having sent more than `allowed` bytes.
+bool isClosedAfter(std::uint16_t port, const std::string& sent, std::size_t allowed) {
+  RawPeer peer = RawPeer::connectTo(port);
+  peer.send(sent);
+  try {
+    return peer.receiveAll(allowed + 1).size() <= allowed;
+  } catch (const std::system_error&) {
+    return true;  // a reset is an end, too
+  }
+}
+
+TEST_F(ConnectionTest, ReadsNothingButAHelloFromAStranger) {
+  const std::uint16_t port = acceptor->boundPort();
+  for (const auto type : {wire::FrameType::Call, wire::FrameType::Post, wire::FrameType::Reply,
+                          wire::FrameType::Error, wire::FrameType::Welcome}) {
+    wire::FrameHeader header;
+    header.type = type;
+    header.service = calculatorId;
+    header.member = MetaObject::firstOwnId + 1;
+    EXPECT_TRUE(isClosedAfter(port, frameBytes(header, {'\x90'}), 0)) << static_cast<int>(type);
+  }
+  EXPECT_TRUE(isClosedAfter(port, "GET / HTTP/1.1\r\n\r\n", 0));
+  wire::FrameHeader hello;
+  hello.type = wire::FrameType::Hello;
+  EXPECT_TRUE(isClosedAfter(port, frameBytes(hello, {'\x01'}), 1000)) << "an error, then the end";
+  EXPECT_TRUE(isClosedAfter(port, helloBytes() + helloBytes(), 1000)) << "a second hello";
+  hello.payloadSize = 100'000;
+  std::array<char, wire::frameHeaderSize> head;
+  wire::encodeHeader(hello, head);
+  EXPECT_TRUE(isClosedAfter(port, std::string(head.data(), head.size()), 0)) << "over the limit";
+  EXPECT_EQ(calculator.call<int>("add", 1, 1), 2);
+}
+
+TEST_F(ConnectionTest, IgnoresRepliesToNoCallAndAnswersGarbledArguments) {
+  RawPeer peer = RawPeer::connectTo(acceptor->boundPort());
+  wire::FrameHeader reply;
+  reply.type = wire::FrameType::Reply;
+  reply.messageId = 12345;
+  wire::FrameHeader call;
+  call.type = wire::FrameType::Call;
+  call.messageId = 1;
+  call.service = calculatorId;
+  call.member = MetaObject::firstOwnId;
+  peer.send(helloBytes() + frameBytes(reply, {'\x01'}) + frameBytes(call, {'\x92', '\x01'}));
+  std::string received;
+  while (received.find("ends too early") == std::string::npos) {
+    const std::string more = peer.receive(1000);
+    ASSERT_FALSE(more.empty()) << received;
+    received += more;
+  }
+  EXPECT_EQ(calculator.call<int>("add", 1, 1), 2);
+}
+
+TEST_F(ConnectionTest, LetsARealClientInBesideThoseThatDrip) {
+  std::vector<RawPeer> drips;
+  for (int i = 0; i < 100; ++i) {
+    drips.push_back(RawPeer::connectTo(acceptor->boundPort()));
+    drips.back().send("G");
+  }
+  const auto late = makeSide("late");
+  EXPECT_TRUE(late->peers->dial(url(), std::chrono::seconds(10)).value(guardMs)->isOpen());
+  late->peers->close("done").wait(guardMs);
+}
+
+TEST(Connections, ThatDoNotFinishTheHandshakeEnd) {
+  wire::Limits impatient;
+  impatient.handshakeTime = std::chrono::milliseconds(100);
+  const auto server = makeSide("server", impatient);
+  const auto acceptor = server->peers->listen("tcp://127.0.0.1:0");
+  EXPECT_TRUE(isClosedAfter(acceptor->boundPort(), "GVM\x01", 0));
+  acceptor->close();
+}
+
+}  // namespace
+}  // namespace gv

@@ -1,0 +1,238 @@
+#include "src/wire/frame.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "src/wire/framereader.h"
+#include "src/wire/limits.h"
+
+namespace gv::wire {
+namespace {
+
+using testing::HasSubstr;
+using HeaderBytes = std::array<char, frameHeaderSize>;
+
+FrameHeader sampleHeader() {
+  FrameHeader header;
+  header.type = FrameType::Call;
+  header.callType = CallType::Queued;
+  header.payloadSize = 0x00030201;
+  header.service = 0x11121314;
+  header.object = 0x21222324;
+  header.member = 0x81828384;
+  header.messageId = 0x8102030405060708;
+  header.parentCall = 0xf1f2f3f4f5f6f7f8;
+  header.deadlineMs = 0x00007530;
+  for (std::size_t i = 0; i < 16; ++i) header.traceId[i] = static_cast<std::uint8_t>(0xe0 + i);
+  return header;
+}
+
+// The example of docs/protocol.md.
+const std::array<unsigned char, frameHeaderSize> sampleBytes = {
+    'G',  'V',  'M',  0x01, 0x03, 0x02, 0x00, 0x00, 0x01, 0x02, 0x03, 0x00, 0x14, 0x13, 0x12, 0x11,
+    0x24, 0x23, 0x22, 0x21, 0x84, 0x83, 0x82, 0x81, 0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x81,
+    0xf8, 0xf7, 0xf6, 0xf5, 0xf4, 0xf3, 0xf2, 0xf1, 0x30, 0x75, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+    0xe0, 0xe1, 0xe2, 0xe3, 0xe4, 0xe5, 0xe6, 0xe7, 0xe8, 0xe9, 0xea, 0xeb, 0xec, 0xed, 0xee, 0xef};
+
+HeaderBytes sample() {
+  HeaderBytes bytes;
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(sampleBytes[i]);
+  return bytes;
+}
+
+std::string refusal(const HeaderBytes& bytes) {
+  FrameHeader header;
+  return decodeHeader(bytes, header).value_or("accepted");
+}
+
+std::vector<char> frameBytes(FrameHeader header, const std::string& payload) {
+  header.payloadSize = static_cast<std::uint32_t>(payload.size());
+  std::vector<char> bytes(frameHeaderSize);
+  encodeHeader(header, std::span(bytes).first<frameHeaderSize>());
+  bytes.insert(bytes.end(), payload.begin(), payload.end());
+  return bytes;
+}
+
+// Two frames with and one without payload, in one piece.
+std::vector<char> conversation() {
+  std::vector<char> bytes;
+  for (const std::string& payload : {std::string("first"), std::string(), std::string(300, 'x')}) {
+    FrameHeader header = sampleHeader();
+    header.messageId = payload.size();
+    const auto frame = frameBytes(header, payload);
+    bytes.insert(bytes.end(), frame.begin(), frame.end());
+  }
+  return bytes;
+}
+
+class Collector {
+ public:
+  bool feed(std::span<const char> bytes) {
+    return reader.feed(bytes, [this](Frame&& frame) {
+      payloads.emplace_back(frame.payload.begin(), frame.payload.end());
+      EXPECT_EQ(frame.header.messageId, frame.payload.size());
+    });
+  }
+
+  FrameReader reader{1000};
+  std::vector<std::string> payloads;
+};
+
+const std::vector<std::string> conversationPayloads = {"first", "", std::string(300, 'x')};
+
+TEST(FrameHeader, IsWrittenAsDocumented) {
+  HeaderBytes bytes;
+  bytes.fill(0x55);
+  encodeHeader(sampleHeader(), bytes);
+  EXPECT_EQ(sample(), bytes);
+}
+
+TEST(FrameHeader, IsReadAsDocumented) {
+  FrameHeader header;
+  ASSERT_FALSE(decodeHeader(sample(), header));
+  EXPECT_EQ(sampleHeader(), header);
+}
+
+// Every value of each byte that has a fixed meaning: only the known ones pass.
+TEST(FrameHeader, RefusesWhatItDoesNotKnow) {
+  for (const std::size_t at : {0, 1, 2, 3, 4, 5, 6, 7, 44, 45, 46, 47}) {
+    int accepted = 0;
+    for (int value = 0; value < 256; ++value) {
+      HeaderBytes bytes = sample();
+      bytes[at] = static_cast<char>(value);
+      accepted += refusal(bytes) == "accepted";
+    }
+    EXPECT_EQ(at == 4 ? 6 : at == 5 ? 3 : 1, accepted) << "byte " << at;
+  }
+}
+
+TEST(FrameHeader, SaysWhatItRefuses) {
+  HeaderBytes version = sample(), type = sample(), flags = sample(), reserved = sample();
+  version[3] = 9;
+  type[4] = 7;
+  flags[5] = static_cast<char>(0x82);
+  reserved[46] = 1;
+  EXPECT_EQ("unsupported framing version 9, expected 1", refusal(version));
+  EXPECT_EQ("unknown frame type 7", refusal(type));
+  EXPECT_EQ("unknown frame flags 130", refusal(flags));
+  EXPECT_THAT(refusal(reserved), HasSubstr("reserved"));
+}
+
+TEST(FrameReader, YieldsTheSameFramesForEverySplitInTwo) {
+  const auto bytes = conversation();
+  for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
+    Collector collector;
+    ASSERT_TRUE(collector.feed(std::span(bytes).first(cut)));
+    ASSERT_TRUE(collector.feed(std::span(bytes).subspan(cut)));
+    ASSERT_EQ(conversationPayloads, collector.payloads) << "cut at " << cut;
+  }
+}
+
+TEST(FrameReader, YieldsTheSameFramesByteByByte) {
+  Collector collector;
+  for (const char byte : conversation()) ASSERT_TRUE(collector.feed(std::span(&byte, 1)));
+  EXPECT_EQ(conversationPayloads, collector.payloads);
+}
+
+TEST(FrameReader, RefusesALyingSizeBeforeItAllocates) {
+  for (const std::uint32_t size : {1001u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
+    FrameHeader header = sampleHeader();
+    header.payloadSize = size;
+    HeaderBytes bytes;
+    encodeHeader(header, bytes);
+    Collector collector;
+    EXPECT_FALSE(collector.feed(bytes));
+    EXPECT_EQ("frame payload of " + std::to_string(size) + " bytes is over the limit of 1000",
+              collector.reader.error());
+    EXPECT_EQ(0u, collector.reader.storage());
+  }
+}
+
+TEST(FrameReader, TakesAPayloadOfExactlyTheLimit) {
+  FrameHeader header = sampleHeader();
+  header.messageId = 1000;
+  Collector collector;
+  EXPECT_TRUE(collector.feed(frameBytes(header, std::string(1000, 'p'))));
+  EXPECT_EQ(1u, collector.payloads.size());
+}
+
+TEST(FrameReader, HoldsLittleMoreThanWhatArrived) {
+  const Limits limits;
+  FrameHeader header = sampleHeader();
+  header.payloadSize = limits.payload;
+  HeaderBytes bytes;
+  encodeHeader(header, bytes);
+  Collector collector;
+  collector.reader.setLimit(limits.payload);
+  ASSERT_TRUE(collector.feed(bytes));
+  EXPECT_EQ(0u, collector.reader.storage());
+  const std::vector<char> piece(100'000);
+  for (std::size_t arrived = piece.size(); arrived < 5'000'000; arrived += piece.size()) {
+    ASSERT_TRUE(collector.feed(piece));
+    ASSERT_GE(collector.reader.storage(), arrived);
+    ASSERT_LE(collector.reader.storage(), 2 * arrived + 65536);
+  }
+}
+
+TEST(FrameReader, RefusesForeignProtocolsAtTheFirstWrongByte) {
+  struct Case {
+    std::string start;
+    std::size_t accepted;  // bytes that still could have begun a frame
+  };
+  for (const auto& [start, accepted] : {Case{"GET / HTTP/1.1\r\n", 1}, Case{"\x16\x03\x01", 0},
+                                        Case{"GV\n", 2}, Case{"GVM\x02", 3}}) {
+    Collector collector;
+    const std::span<const char> bytes(start);
+    EXPECT_TRUE(collector.feed(bytes.first(accepted))) << start;
+    EXPECT_FALSE(collector.feed(bytes.subspan(accepted, 1))) << start;
+    EXPECT_NE("", collector.reader.error());
+  }
+}
+
+TEST(FrameReader, AcceptsNothingAfterAnError) {
+  Collector collector;
+  EXPECT_FALSE(collector.feed(std::array{'X'}));
+  const std::string error = collector.reader.error();
+  EXPECT_FALSE(collector.feed(conversation()));
+  EXPECT_EQ(0u, collector.payloads.size());
+  EXPECT_EQ(error, collector.reader.error());
+}
+
+TEST(FrameReader, AppliesAChangedLimitToTheNextFrameOfTheSameBytes) {
+  const auto bytes = conversation();
+  FrameReader reader(5);
+  int frames = 0;
+  const bool fed = reader.feed(bytes, [&](Frame&&) {
+    if (++frames == 1) reader.setLimit(300);
+  });
+  EXPECT_TRUE(fed) << reader.error();
+  EXPECT_EQ(3, frames);
+}
+
+TEST(FrameReader, CanBeStoppedByItsHandler) {
+  const auto bytes = conversation();
+  FrameReader reader(1000);
+  int frames = 0;
+  EXPECT_FALSE(reader.feed(bytes, [&](Frame&&) {
+    ++frames;
+    reader.stop("not now");
+  }));
+  EXPECT_EQ(1, frames);
+  EXPECT_EQ("not now", reader.error());
+}
+
+TEST(FrameReader, StopsWhenItsHandlerThrows) {
+  const auto bytes = conversation();
+  FrameReader reader(1000);
+  EXPECT_THROW(static_cast<void>(reader.feed(bytes, [](Frame&&) { throw std::logic_error("x"); })),
+               std::logic_error);
+  EXPECT_FALSE(reader.feed(bytes, [](Frame&&) { FAIL() << "a frame after an error"; }));
+}
+
+}  // namespace
+}  // namespace gv::wire

@@ -1,0 +1,484 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "src/net/connector.h"
+#include "src/net/listener.h"
+#include "src/net/reactor.h"
+#include "src/net/stream.h"
+#include "support/log_capture.h"
+#include "support/watchdog.h"
+#include "tests/rawpeer.h"
+#include "tests/streamrecorder.h"
+
+namespace gv::net {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+using StreamPtr = std::shared_ptr<Stream>;
+
+constexpr std::size_t MiB = 1u << 20;
+
+std::vector<char> bytesOf(std::string_view text) {
+  return {text.begin(), text.end()};
+}
+
+std::ptrdiff_t openDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+/// A listener on a free port of the loopback address that hands out what it accepts.
+class Net : public testing::Test {
+ protected:
+  explicit Net(const wire::Limits& limits = {})
+      : limits_(limits),
+        listener_(Listener::listen(
+            "127.0.0.1", 0,
+            [accepted = accepted_](StreamPtr stream) { accepted->give(std::move(stream)); },
+            limits)) {}
+
+  std::uint16_t port() const { return listener_->boundPort(); }
+  StreamPtr accept() { return accepted_->take(); }
+
+  StreamPtr connect() {
+    Handover<ConnectResult> results;
+    const auto attempt = Connector::connect(
+        "127.0.0.1", port(), 10s, [&](ConnectResult r) { results.give(std::move(r)); }, limits_);
+    auto result = results.take();
+    if (!result.stream) throw std::runtime_error(result.error);
+    return result.stream;
+  }
+
+  static ConnectResult resultOf(const std::string& host, std::uint16_t port,
+                                std::chrono::milliseconds bound) {
+    Handover<ConnectResult> results;
+    Connector::connect(host, port, bound, [&](ConnectResult r) { results.give(std::move(r)); });
+    return results.take();
+  }
+
+  const wire::Limits limits_;
+  house::Watchdog watchdog_{"net test"};
+  std::shared_ptr<Handover<StreamPtr>> accepted_ = std::make_shared<Handover<StreamPtr>>();
+  std::shared_ptr<Listener> listener_;
+};
+
+using Streams = Net;
+using Listening = Net;
+using Connecting = Net;
+
+TEST_F(Streams, CarryBytesBothWaysBetweenTwoOfThem) {
+  const StreamPtr client = connect(), server = accept();
+  const auto atClient = std::make_shared<StreamRecorder>();
+  const auto atServer = std::make_shared<StreamRecorder>();
+  client->start(atClient);
+  server->start(atServer);
+  EXPECT_TRUE(client->send(bytesOf("hello ")));
+  EXPECT_TRUE(client->send(std::array{'y', 'o'}, bytesOf("u")));
+  EXPECT_EQ("hello you", atServer->waitForBytes(9));
+  EXPECT_TRUE(server->send(bytesOf("welcome")));
+  EXPECT_EQ("welcome", atClient->waitForBytes(7));
+  EXPECT_EQ("127.0.0.1", server->peerAddress());
+  EXPECT_EQ("127.0.0.1", client->localAddress());
+  EXPECT_EQ("tcp://127.0.0.1:" + std::to_string(port()), client->peerName());
+  client->close("done");
+  EXPECT_EQ("done", atClient->waitForEnd());
+  EXPECT_EQ("connection closed by peer", atServer->waitForEnd());
+}
+
+TEST_F(Streams, ReadNothingBeforeTheyAreStarted) {
+  RawPeer peer = RawPeer::connectTo(port());
+  peer.send("early");
+  peer.close();
+  const StreamPtr stream = accept();
+  const auto recorder = std::make_shared<StreamRecorder>();
+  stream->start(recorder);
+  EXPECT_EQ("connection closed by peer", recorder->waitForEnd());
+  EXPECT_EQ("early", recorder->bytes());
+}
+
+TEST_F(Streams, NameAResetAsTheSystemDoes) {
+  RawPeer peer = RawPeer::connectTo(port());
+  const StreamPtr stream = accept();
+  const auto recorder = std::make_shared<StreamRecorder>();
+  stream->start(recorder);
+  peer.reset();
+  EXPECT_EQ("Connection reset by peer", recorder->waitForEnd());
+  EXPECT_FALSE(stream->send(bytesOf("x")));
+}
+
+TEST_F(Streams, CloseWhenTheLastHandleGoesBeforeTheStart) {
+  RawPeer peer = RawPeer::connectTo(port());
+  accept().reset();
+  EXPECT_EQ("", peer.receive(1));
+}
+
+TEST_F(Streams, TellTheirEndAlsoWhenTheyAreStartedAfterIt) {
+  RawPeer peer = RawPeer::connectTo(port());
+  const StreamPtr stream = accept();
+  stream->close("refused");
+  EXPECT_EQ("", peer.receive(1));
+  const auto recorder = std::make_shared<StreamRecorder>();
+  stream->start(recorder);
+  EXPECT_EQ("refused", recorder->waitForEnd());
+}
+
+TEST_F(Streams, EndOnceWhoeverClosesThem) {
+  for (int round = 0; round < 200; ++round) {
+    RawPeer peer = RawPeer::connectTo(port());
+    const StreamPtr stream = accept();
+    const auto recorder = std::make_shared<StreamRecorder>();
+    stream->start(recorder);
+    std::atomic<int> ready = 0;
+    const auto race = [&](auto action) {
+      return std::thread([&ready, action] {
+        for (++ready; ready < 3;) std::this_thread::yield();
+        action();
+      });
+    };
+    std::array threads = {race([&] { stream->close("first"); }), race([&] {
+                            while (stream->send(bytesOf("x")))
+                              ;
+                          }),
+                          race([&] { peer.reset(); })};
+    for (auto& thread : threads) thread.join();
+    EXPECT_NE("still open", recorder->waitForEnd());
+    stream->close("again");
+    Handover<int> behind;  // whatever was posted for this stream has run when this has
+    Reactor::post([&] { behind.give(0); });
+    behind.take();
+    ASSERT_EQ(1, recorder->ends());
+    ASSERT_FALSE(recorder->gotBytesAfterEnd());
+  }
+}
+
+TEST_F(Streams, CanBeClosedAndDroppedByTheirHandler) {
+  RawPeer peer = RawPeer::connectTo(port());
+  StreamPtr stream = accept();
+  const auto recorder = std::make_shared<StreamRecorder>([&](std::span<const char>) {
+    EXPECT_TRUE(Reactor::isThisThread());
+    stream->close("enough");
+    stream.reset();
+  });
+  stream->start(recorder);
+  peer.send("x");
+  EXPECT_EQ("enough", recorder->waitForEnd());
+  EXPECT_EQ("", peer.receive(1));
+}
+
+TEST_F(Streams, EndWithTheTextOfAnExceptionOfTheirHandler) {
+  RawPeer peer = RawPeer::connectTo(port());
+  const auto recorder = std::make_shared<StreamRecorder>(
+      [](std::span<const char>) { throw std::runtime_error("no such thing"); });
+  accept()->start(recorder);
+  peer.send("x");
+  EXPECT_EQ("handler failed: no such thing", recorder->waitForEnd());
+}
+
+// The last words of a peer that went must not be lost because writing to it fails first.
+TEST_F(Streams, DeliverWhatThePeerSentBeforeWritingFailed) {
+  RawPeer peer = RawPeer::connectTo(port());
+  const StreamPtr stream = accept();
+  Handover<int> entered, left;
+  bool first = true;
+  const auto recorder = std::make_shared<StreamRecorder>([&](std::span<const char>) {
+    if (!std::exchange(first, false)) return;
+    entered.give(0);
+    left.take();
+    stream->send(bytesOf("x"));
+  });
+  stream->start(recorder);
+  peer.send("a");
+  entered.take();
+  peer.send("bye");
+  peer.reset();
+  left.give(0);
+  EXPECT_THAT(recorder->waitForEnd(), testing::AnyOf("Connection reset by peer", "Broken pipe"));
+  EXPECT_EQ("abye", recorder->bytes());
+}
+
+// One thread sends and then reads: it would hang if sending ever blocked.
+TEST_F(Streams, QueueWithoutBlockingForASlowReaderAndKeepTheOrder) {
+  constexpr std::size_t words = MiB / sizeof(std::uint64_t), frames = 200;
+  RawPeer peer = RawPeer::connectTo(port());
+  const StreamPtr stream = accept();
+  stream->start(std::make_shared<StreamRecorder>());
+  std::uint64_t next = 0;
+  for (std::size_t i = 0; i < frames; ++i) {
+    std::vector<char> frame(MiB);
+    for (std::size_t w = 0; w < words; ++w, ++next)
+      std::memcpy(frame.data() + w * sizeof next, &next, sizeof next);
+    ASSERT_TRUE(stream->send(std::move(frame)));
+    ASSERT_LE(stream->pendingBytes(), (i + 1) * MiB);
+  }
+  EXPECT_GT(stream->pendingBytes(), 100 * MiB);
+  std::uint64_t expected = 0;
+  for (std::size_t i = 0; i < frames; ++i) {
+    const std::string frame = peer.receiveAll(MiB);
+    ASSERT_EQ(MiB, frame.size());
+    ASSERT_LE(stream->pendingBytes(), (frames - i - 1) * MiB);
+    for (std::size_t w = 0; w < words; ++w, ++expected) {
+      std::uint64_t word;
+      std::memcpy(&word, frame.data() + w * sizeof word, sizeof word);
+      ASSERT_EQ(expected, word);
+    }
+  }
+  EXPECT_EQ(0u, stream->pendingBytes());
+}
+
+TEST_F(Streams, KeepTheFramesOfManySendersWhole) {
+  constexpr std::uint32_t senders = 4, frames = 3000;
+  RawPeer peer = RawPeer::connectTo(port());
+  const StreamPtr stream = accept();
+  std::vector<std::thread> threads;
+  for (std::uint32_t sender = 0; sender < senders; ++sender)
+    threads.emplace_back([&, sender] {
+      for (std::uint32_t i = 0; i < frames; ++i) {
+        const std::array<std::uint32_t, 3> head = {sender, i, (i * 37) % 5000};
+        const std::vector<char> body(head[2], static_cast<char>(sender));
+        EXPECT_TRUE(
+            stream->send(std::span(reinterpret_cast<const char*>(head.data()), sizeof head), body));
+      }
+    });
+  std::array<std::uint32_t, senders> next{};
+  for (std::uint32_t i = 0; i < senders * frames; ++i) {
+    std::array<std::uint32_t, 3> head;
+    std::memcpy(head.data(), peer.receiveAll(sizeof head).data(), sizeof head);
+    ASSERT_LT(head[0], senders);
+    ASSERT_EQ(next[head[0]]++, head[1]);
+    ASSERT_EQ(std::string(head[2], static_cast<char>(head[0])), peer.receiveAll(head[2]));
+  }
+  for (auto& thread : threads) thread.join();
+}
+
+TEST_F(Streams, DeliverPendingOutputBeforeAGracefulEnd) {
+  RawPeer peer = RawPeer::connectTo(port());
+  const StreamPtr stream = accept();
+  const auto recorder = std::make_shared<StreamRecorder>();
+  stream->start(recorder);
+  peer.send("never read by the handler, and no reason for a reset");
+  EXPECT_TRUE(stream->send(std::vector<char>(20 * MiB, 'p')));
+  stream->closeAfterFlush("goodbye", 30s);
+  EXPECT_FALSE(stream->send(bytesOf("late")));
+  EXPECT_EQ(20 * MiB, peer.receiveAll(21 * MiB).size());
+  EXPECT_EQ(0, recorder->ends());
+  peer.close();
+  EXPECT_EQ("goodbye", recorder->waitForEnd());
+}
+
+TEST_F(Streams, EndInTimeWhenThePeerDoesNotTakeThePendingOutput) {
+  RawPeer peer = RawPeer::connectTo(port());
+  const StreamPtr stream = accept();
+  const auto recorder = std::make_shared<StreamRecorder>();
+  stream->start(recorder);
+  EXPECT_TRUE(stream->send(std::vector<char>(20 * MiB)));
+  stream->closeAfterFlush("goodbye", 50ms);
+  EXPECT_EQ("goodbye", recorder->waitForEnd());
+}
+
+/// Streams whose bounds of pending output are small.
+class BoundedStreams : public Net {
+ protected:
+  static wire::Limits smallLimits() {
+    wire::Limits limits;
+    limits.outputSlow = MiB;
+    limits.outputStop = 16 * MiB;
+    return limits;
+  }
+  BoundedStreams() : Net(smallLimits()) {}
+};
+
+TEST_F(BoundedStreams, StopReadingAPeerThatDoesNotReadAndResume) {
+  constexpr std::size_t perByte = 4;  // each byte asked for is answered by four
+  RawPeer peer = RawPeer::connectTo(port());
+  const StreamPtr stream = accept();
+  stream->start(std::make_shared<StreamRecorder>([&](std::span<const char> bytes) {
+    stream->send(std::vector<char>(perByte * bytes.size(), 'a'));
+  }));
+  const std::string requests(64 * MiB, 'r');
+  const std::size_t taken = peer.sendWhileTaken(requests, 500ms);
+  EXPECT_LT(taken, requests.size());
+  // One turn of reading may begin just below the limit.
+  EXPECT_LE(stream->pendingBytes(), limits_.outputStop + perByte * MiB);
+  EXPECT_EQ(perByte * taken, peer.receiveAll(perByte * taken).size());
+  peer.send("more");
+  EXPECT_EQ(std::string(4 * perByte, 'a'), peer.receiveAll(4 * perByte));
+}
+
+TEST_F(BoundedStreams, SendEachOtherLargeFramesAtOnceWithoutADeadlock) {
+  const StreamPtr client = connect(), server = accept();
+  constexpr std::size_t size = 12 * MiB;
+  const auto atClient = std::make_shared<StreamRecorder>();
+  const auto atServer = std::make_shared<StreamRecorder>();
+  for (const auto& stream : {client, server})
+    for (std::size_t i = 0; i < size; i += MiB) stream->send(std::vector<char>(MiB));
+  // Both have more pending than they would go on reading beside, were it not for this:
+  ASSERT_GT(std::min(client->pendingBytes(), server->pendingBytes()), limits_.outputSlow);
+  client->start(atClient);
+  server->start(atServer);
+  EXPECT_EQ(size, atClient->waitForBytes(size).size());
+  EXPECT_EQ(size, atServer->waitForBytes(size).size());
+}
+
+TEST_F(Connecting, RefusedNamesHostPortAndCause) {
+  const std::uint16_t freePort = port();
+  listener_->close();
+  EXPECT_EQ("cannot connect to 127.0.0.1:" + std::to_string(freePort) + ": Connection refused",
+            resultOf("127.0.0.1", freePort, 5s).error);
+}
+
+TEST_F(Connecting, UnresolvableNamesTheHost) {
+  EXPECT_THAT(resultOf("no-such-host.invalid", 1, 20s).error,
+              StartsWith("cannot connect to no-such-host.invalid:1: "));
+}
+
+TEST_F(Connecting, ResolvesNames) {
+  EXPECT_TRUE(resultOf("localhost", port(), 10s).stream);
+}
+
+/// A port whose queue of newcomers is full: the system drops whoever knocks.
+class SilentPort {
+ public:
+  SilentPort() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(0, ::bind(listening_.descriptor(), generic, size));
+    EXPECT_EQ(0, ::listen(listening_.descriptor(), 0));
+    EXPECT_EQ(0, ::getsockname(listening_.descriptor(), generic, &size));
+    port_ = ntohs(address.sin_port);
+    queued_.push_back(RawPeer::connectTo(port_));
+  }
+  std::uint16_t port() const { return port_; }
+
+ private:
+  RawPeer listening_;
+  std::vector<RawPeer> queued_;
+  std::uint16_t port_ = 0;
+};
+
+TEST_F(Connecting, EndsWithinItsBoundWhenNobodyAnswers) {
+  SilentPort silent;
+  EXPECT_THAT(resultOf("127.0.0.1", silent.port(), 150ms).error,
+              AllOf(StartsWith("cannot connect to 127.0.0.1:"), HasSubstr("150 ms")));
+}
+
+TEST_F(Connecting, CanBeCancelledAndAnswersOnce) {
+  SilentPort silent;
+  Handover<ConnectResult> results;
+  const auto attempt = Connector::connect("127.0.0.1", silent.port(), 60s,
+                                          [&](ConnectResult r) { results.give(std::move(r)); });
+  attempt->cancel();
+  attempt->cancel();
+  EXPECT_THAT(results.take().error, HasSubstr("cancelled"));
+  Handover<int> behind;
+  Reactor::post([&] { behind.give(0); });
+  behind.take();
+  EXPECT_EQ(0u, results.waiting());
+}
+
+TEST_F(Listening, RefusesAPortInUseNamingIt) {
+  try {
+    Listener::listen("127.0.0.1", port(), [](StreamPtr) {});
+    FAIL() << "listening twice";
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ("cannot listen on 127.0.0.1:" + std::to_string(port()) + ": Address already in use",
+              std::string(error.what()));
+  }
+}
+
+TEST_F(Listening, LeavesItsPortFreeWhenCloseReturns) {
+  for (int round = 0; round < 100; ++round) {
+    const std::uint16_t same = port();
+    RawPeer peer = RawPeer::connectTo(same);
+    const StreamPtr stream = accept();
+    listener_->close();
+    listener_->close();
+    ASSERT_THROW(RawPeer::connectTo(same), std::system_error);
+    listener_ = Listener::listen(
+        "127.0.0.1", same, [accepted = accepted_](StreamPtr s) { accepted->give(std::move(s)); });
+  }
+}
+
+/// Keeps the process from opening more descriptors than it has now.
+class NoMoreDescriptors {
+ public:
+  NoMoreDescriptors() {
+    ::getrlimit(RLIMIT_NOFILE, &before_);
+    const int lowestFree = ::dup(0);
+    ::close(lowestFree);
+    const rlimit now{static_cast<rlim_t>(lowestFree), before_.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &now);
+  }
+  ~NoMoreDescriptors() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
+TEST_F(Listening, WaitsForDescriptorsWithoutSpinning) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer opens a pipe to look at an object before each virtual call";
+#endif
+  house::LogCapture log;
+  const std::string text =
+      "accepting is paused: " + std::error_code(EMFILE, std::system_category()).message();
+  RawPeer peer;  // its descriptor is there before the others are gone
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port());
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  rusage before{}, after{};
+  {
+    const NoMoreDescriptors none;
+    ASSERT_EQ(0,
+              ::connect(peer.descriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address));
+    ASSERT_TRUE(log.waitForText(text));
+    ::getrusage(RUSAGE_SELF, &before);
+    std::this_thread::sleep_for(400ms);  // the time in which a spinning loop would show
+    ::getrusage(RUSAGE_SELF, &after);
+  }
+  EXPECT_LT(after.ru_nvcsw - before.ru_nvcsw, 100);
+  EXPECT_LT((after.ru_utime.tv_sec - before.ru_utime.tv_sec) * 1'000'000 +
+                (after.ru_utime.tv_usec - before.ru_utime.tv_usec),
+            200'000);
+  EXPECT_EQ(1, log.count(text));
+  EXPECT_TRUE(accept());
+}
+
+TEST_F(Listening, LeavesNoDescriptorsBehindAThousandConnections) {
+  const auto round = [&] {
+    StreamPtr client = connect(), server = accept();
+    const auto atClient = std::make_shared<StreamRecorder>();
+    const auto atServer = std::make_shared<StreamRecorder>();
+    client->start(atClient);
+    server->start(atServer);
+    client->close("done");
+    atClient->waitForEnd();
+    atServer->waitForEnd();
+  };
+  round();
+  const auto before = openDescriptors();
+  for (int i = 0; i < 1000; ++i) round();
+  EXPECT_EQ(before, openDescriptors());
+}
+
+}  // namespace
+}  // namespace gv::net

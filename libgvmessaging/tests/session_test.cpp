@@ -1,0 +1,181 @@
+// Sessions over real TCP connections, within one process.
+
+#include <gvmessaging/session.h>
+
+#include <gmock/gmock.h>
+
+#include <boost/make_shared.hpp>
+#include <string>
+#include <vector>
+
+#include <gvtype/dynamicobjectbuilder.h>
+
+#include "rawpeer.h"
+#include "support/watchdog.h"
+
+namespace gv {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr int guardMs = 20'000;
+
+Object<Empty> makeObject() {
+  DynamicObjectBuilder builder;
+  builder.advertiseMethod("one", [] { return 1; });
+  return builder.object();
+}
+
+std::vector<std::string> namesOf(const std::vector<ServiceInfo>& infos) {
+  std::vector<std::string> names;
+  for (const ServiceInfo& info : infos) names.push_back(info.name());
+  return names;
+}
+
+/// A master and a session that is connected to it and listens.
+class SessionTest : public testing::Test {
+ protected:
+  SessionTest() {
+    master->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
+    client->connect(master->url().str()).value(guardMs);
+    client->listen("tcp://127.0.0.1:0").value(guardMs);
+  }
+  ~SessionTest() override {
+    client->close().wait(guardMs);
+    master->close().wait(guardMs);
+  }
+
+  house::Watchdog watchdog{"a test with peers", std::chrono::seconds(100)};
+  boost::shared_ptr<Session> master = boost::make_shared<Session>();
+  boost::shared_ptr<Session> client = boost::make_shared<Session>();
+};
+
+TEST_F(SessionTest, OffersAndFindsServices) {
+  const unsigned id = client->registerService("Counter", makeObject()).value(guardMs);
+  EXPECT_GT(id, 1u);
+  EXPECT_EQ(master->service("Counter").value(guardMs).call<int>("one"), 1);
+  EXPECT_THAT(namesOf(master->services().value(guardMs)),
+              ElementsAre("ServiceDirectory", "Counter"));
+  EXPECT_THAT(namesOf(master->services(Session::ServiceLocality::Local).value(0)),
+              ElementsAre("Counter"));
+  EXPECT_THAT(namesOf(master->services(Session::ServiceLocality::Remote).value(guardMs)),
+              ElementsAre("ServiceDirectory"));
+  const ServiceInfo info = master->services().value(guardMs)[1];
+  EXPECT_EQ(info.serviceId(), id);
+  EXPECT_EQ(info.endpoints(), client->endpoints());
+
+  client->unregisterService(id).value(guardMs);
+  EXPECT_THAT(master->service("Counter").error(guardMs), HasSubstr("Counter"));
+  EXPECT_EQ(master->service("Counter").errorState(guardMs), FutureException::State::UserError);
+  EXPECT_THAT(client->unregisterService(id).error(guardMs), HasSubstr(std::to_string(id)));
+}
+
+TEST_F(SessionTest, FindsLocalServicesWithoutTheNetwork) {
+  const Object<Empty> object = makeObject();
+  client->registerService("Counter", object).value(guardMs);
+  EXPECT_TRUE(master->service("Counter", "local").value(0) == object);
+  EXPECT_EQ(master->service("Nobody", "local").errorState(0), FutureException::State::UserError);
+}
+
+TEST_F(SessionTest, RefusesNamesThatAreTakenOrWrong) {
+  client->registerService("Counter", makeObject()).value(guardMs);
+  EXPECT_THAT(master->registerService("Counter", makeObject()).error(guardMs),
+              HasSubstr("'Counter' is registered already"));
+  EXPECT_THAT(client->registerService("ServiceDirectory", makeObject()).error(guardMs),
+              HasSubstr("registered already"));
+  EXPECT_THAT(client->registerService("a/b", makeObject()).error(guardMs), HasSubstr("'a/b'"));
+  EXPECT_THAT(client->registerService("Null", {}).error(guardMs), HasSubstr("null"));
+}
+
+TEST_F(SessionTest, LetsOnlyTheOwnerWithdraw) {
+  const unsigned id = client->registerService("Counter", makeObject()).value(guardMs);
+  const Object<Empty> directory = master->service("ServiceDirectory").value(guardMs);
+  EXPECT_THROW(directory.call<void>("unregisterService", id), FutureException);
+  EXPECT_THROW(directory.async<void>("unregisterService", id).value(guardMs), FutureException);
+  EXPECT_THROW(directory.call<void>("unregisterService", 1u), FutureException);
+  EXPECT_EQ(master->service("Counter").value(guardMs).call<int>("one"), 1);
+}
+
+TEST_F(SessionTest, WithdrawsWhatALostSessionOffered) {
+  client->registerService("Counter", makeObject()).value(guardMs);
+  client->close().value(guardMs);
+  while (master->services().value(guardMs).size() > 1) std::this_thread::yield();
+  EXPECT_TRUE(master->service("Counter").hasError(guardMs));
+  const auto other = boost::make_shared<Session>();
+  other->connect(master->url().str()).value(guardMs);
+  EXPECT_GT(other->registerService("Counter", makeObject()).value(guardMs), 2u);
+}
+
+TEST_F(SessionTest, KnowsWhetherItIsConnected) {
+  EXPECT_TRUE(master->isConnected());
+  EXPECT_TRUE(client->isConnected());
+  EXPECT_EQ(client->url(), master->url());
+  master->close().value(guardMs);
+  while (client->isConnected()) std::this_thread::yield();
+  EXPECT_EQ(client->registerService("X", makeObject()).errorState(guardMs),
+            FutureException::State::NotSent);
+  EXPECT_THROW(master->url(), std::runtime_error);
+  client->close().value(guardMs);
+  EXPECT_TRUE(client->connect("tcp://127.0.0.1:1").hasError(guardMs)) << "closed for good";
+}
+
+TEST(Sessions, FailClearlyWhereTheyCannotListenOrConnect) {
+  const auto master = boost::make_shared<Session>();
+  EXPECT_THROW(master->url(), std::runtime_error);
+  EXPECT_TRUE(master->endpoints().empty());
+  master->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
+  const auto second = boost::make_shared<Session>();
+  const std::string inUse = second->listenStandalone(master->url()).error(guardMs);
+  EXPECT_THAT(inUse, HasSubstr(std::to_string(master->url().port())));
+  EXPECT_FALSE(second->isConnected());
+  EXPECT_THAT(second->connect("tcp://127.0.0.1:1").error(guardMs), HasSubstr("127.0.0.1:1"));
+  EXPECT_THAT(second->connect("nonsense").error(guardMs), HasSubstr("nonsense"));
+  EXPECT_THAT(second->connect("tcp://127.0.0.1:0").error(guardMs), HasSubstr("127.0.0.1:0"));
+  // After refusals the session may still join a network.
+  second->connect(master->url().str()).value(guardMs);
+  EXPECT_TRUE(second->isConnected());
+  EXPECT_TRUE(second->connect(master->url().str()).hasError(guardMs)) << "once only";
+}
+
+TEST(Sessions, OfDifferentMastersAreDifferentNetworks) {
+  const auto a = boost::make_shared<Session>();
+  const auto b = boost::make_shared<Session>();
+  a->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
+  b->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
+  a->registerService("Counter", makeObject()).value(guardMs);
+  EXPECT_TRUE(b->service("Counter", "local").hasError(0));
+  EXPECT_TRUE(b->service("Counter").hasError(guardMs));
+  b->registerService("Counter", makeObject()).value(guardMs);
+}
+
+TEST(Sessions, FreeTheirPortAndTheirObjectsWhenTheyClose) {
+  std::uint16_t port = 0;
+  WeakObject<Empty> weak;
+  for (int round = 0; round < 20; ++round) {
+    const auto session = boost::make_shared<Session>();
+    session->listenStandalone(Url::tcp("127.0.0.1", port)).value(guardMs);
+    port = session->url().port();
+    const Object<Empty> object = makeObject();
+    weak = object;
+    session->registerService("Counter", object).value(guardMs);
+    session->close().value(guardMs);
+    session->close().value(guardMs);
+    EXPECT_TRUE(weak.lock());
+  }
+  EXPECT_FALSE(weak.lock());
+}
+
+TEST(Sessions, MayBeDroppedWhileTheyConnect) {
+  for (int round = 0; round < 50; ++round) {
+    const auto master = boost::make_shared<Session>();
+    master->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
+    auto client = boost::make_shared<Session>();
+    const Future<void> joining = client->connect(master->url().str());
+    client.reset();
+    EXPECT_NE(joining.wait(guardMs), FutureState::Running);
+  }
+}
+
+}  // namespace
+}  // namespace gv
