@@ -113,8 +113,8 @@ class GV_API EventLoop {
 
   /// Runs `body` on a thread of its own, outside the pool, until it returns; the thread carries
   /// the first 15 bytes of `name`. At the end of the loop (for the process's own: at exit) `stop`
-  /// is called, once, and has to make `body` return soon. It is not called when `body` has
-  /// returned before. What body throws is logged and ends it. After the loop's end the body is
+  /// is called, once, and has to make `body` return soon. It is not called once the end of
+  /// `body` was seen. What body throws is logged and ends it. After the loop's end the body is
   /// dropped without having run. Throws std::system_error when no thread can be made.
   void runService(std::string name, std::function<void()> body, std::function<void()> stop);
 

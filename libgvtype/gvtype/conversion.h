@@ -50,7 +50,9 @@ GVTYPE_API AnyValue convertTo(const AnyReference& source, std::string_view signa
 GVTYPE_API int conversionCost(const AnyReference& source, std::string_view signature,
                               bool* looksAtValue);
 
-/// Orders two values of any types: negative, 0 or positive. Numbers compare by value.
+/// Orders two values of any types: negative, 0 or positive. Numbers compare by value, exactly;
+/// values without content that could be compared (futures, types without description) by their type
+/// alone.
 GVTYPE_API int compareValues(const AnyReference& a, const AnyReference& b);
 
 }  // namespace gv

@@ -45,6 +45,10 @@ struct TypeTraits<Future<T>> {
       }
     } catch (const FutureException& error) {
       return {.value = {}, .error = error.what(), .state = error.state()};
+    } catch (const std::exception& error) {
+      return {.value = {}, .error = error.what()};
+    } catch (...) {
+      return {.value = {}, .error = "unknown exception"};
     }
   }
 };

@@ -24,10 +24,11 @@ enum class ObjectThreadingModel {
 /// wish wins over the method's; without either a call is direct.
 GVTYPE_API MetaCallType resolveCallType(MetaCallType method, MetaCallType call);
 
-/// Runs one method: decides direct or queued, puts the context's instance into the arguments' first
-/// slot and runs the function. The future has the method's result, unflattened (a method's future
-/// is its value), or as error text the what() of the exception that ended it ("unknown exception"
-/// for what is no std::exception). Does not throw for what the function throws.
+/// Runs one method: decides direct or queued and runs the function, which takes the instance first:
+/// the arguments start with an empty slot for it. The future has the method's result, unflattened
+/// (a method's future is its value), or as error text the what() of the exception that ended it
+/// ("unknown exception" for what is no std::exception). Does not throw for what the function
+/// throws.
 ///
 /// `loop` runs queued calls, whose arguments are copied; null makes every call direct. `context` is
 /// kept alive until the call has ended.
@@ -68,6 +69,9 @@ void settleWithResult(const AnyReference& result, const Promise<R>& promise) {
   } catch (const std::exception& error) {
     logAdapterFailure(error.what());
     promise.setError(error.what());
+  } catch (...) {
+    logAdapterFailure("unknown exception");
+    promise.setError("unknown exception");
   }
 }
 
@@ -76,12 +80,17 @@ void settleWithResult(const AnyReference& result, const Promise<R>& promise) {
 template <class R>
 void handleFuture(const AnyReference& result, Promise<R> promise) {
   if (result.isValid() && result.type()->kind == TypeKind::Future) {
-    result.type()->future->connect(result.pointer(), [promise](const FutureOps::Ending& ending) {
+    const auto settle = [promise](const FutureOps::Ending& ending) {
       if (ending.value.isValid())
         handleFuture<R>(ending.value, promise);
       else
         promise.setError(ending.error, ending.state);
-    });
+    };
+    try {
+      result.type()->future->connect(result.pointer(), settle);
+    } catch (const FutureException& error) {  // an empty future
+      promise.setError(error.what());
+    }
     return;
   }
   detail::settleWithResult(result, promise);

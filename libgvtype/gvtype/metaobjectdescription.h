@@ -21,7 +21,7 @@ using MetaObjectDescription = std::tuple<std::string, std::vector<MetaMethodDesc
 GVTYPE_API MetaObjectDescription describeMetaObject(const MetaObject& metaObject);
 
 /// Throws std::runtime_error for what describes no object: a malformed signature, a name outside
-/// the grammar, an id twice.
+/// the grammar, an id twice, more than 10,000 methods.
 GVTYPE_API MetaObject makeMetaObject(const MetaObjectDescription& description);
 
 }  // namespace gv

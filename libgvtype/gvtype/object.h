@@ -72,13 +72,16 @@ class GVTYPE_API Object<Empty> {
 
   template <class R>
   static Future<R> convertedResult(Future<AnyReference> result) {
-    Promise<R> promise(FutureCallbackType::Sync);
+    // The caller's callbacks are user code: by default not for the settling thread.
+    Promise<R> promise(FutureCallbackType::Async);
     result.connect(
         [promise](Future<AnyReference> settled) {
           try {
             handleFuture<R>(settled.value(), promise);
           } catch (const FutureException& error) {
             promise.setError(error.what(), error.state());
+          } catch (const std::exception& error) {
+            promise.setError(error.what());
           }
         },
         FutureCallbackType::Sync);

@@ -18,11 +18,14 @@ class GVTYPE_API Signature {
  public:
   /// How deep types may nest.
   static constexpr int maxDepth = 64;
+  /// How long a text may be.
+  static constexpr std::size_t maxLength = 4096;
 
   /// The empty signature: no type.
   Signature() = default;
   /// Exactly one complete type, or the empty text. Throws std::runtime_error naming the position
-  /// and the reason where the text is malformed or nests deeper than maxDepth.
+  /// and the reason where the text is malformed, nests deeper than maxDepth or is longer
+  /// than maxLength.
   Signature(std::string text);  // NOLINT: implicit, so that a text can be passed as it is
   Signature(const char* text) : Signature(std::string(text)) {}
 

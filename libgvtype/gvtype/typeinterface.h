@@ -55,7 +55,8 @@ struct MapOps {
   /// A default key and a default value, as an entry of this map would hold them.
   AnyValue (*makeKey)(const void* map);
   AnyValue (*makeValue)(const void* map);
-  /// Takes both contents over; a key that is already there has its value replaced.
+  /// Takes both contents over. A map of C++ replaces the value of a key that is already there; a
+  /// MapValue keeps every entry that it was sent.
   void (*insert)(void* map, AnyValue&& key, AnyValue&& value);
 };
 

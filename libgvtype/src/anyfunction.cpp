@@ -45,6 +45,10 @@ AnyReference AnyFunction::call(const GenericFunctionParameters& arguments) const
       addresses.push_back(argument.pointer());
       continue;
     }
+    if (!type->construct)
+      throw ConversionError(ConversionError::Reason::Kind,
+                            "cannot convert " + typeName(argument.type()) + " to " +
+                                typeName(type) + " (argument " + std::to_string(i + 1) + ")");
     AnyValue& value = converted.emplace_back(AnyValue::make(type));
     void* address = value.asReference().pointer();
     convertInto(argument, type, address, {nullptr, "argument", i + 1, 0});

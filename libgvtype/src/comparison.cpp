@@ -1,5 +1,6 @@
 // The order of values of any types.
 
+#include <cmath>
 #include <vector>
 
 #include <gvtype/conversion.h>
@@ -29,27 +30,35 @@ int classOf(const AnyReference& value) {
   }
 }
 
+int compareIntegers(const Integer& a, const Integer& b) {
+  if (a.isNegative() != b.isNegative()) return a.isNegative() ? -1 : 1;
+  return order(a.bits, b.bits);
+}
+
+/// Exact, so that the order stays transitive where a double cannot hold the integer.
+int compareWithFloat(const Integer& integer, double number) {
+  if (number != number) return 1;
+  if (number >= std::ldexp(1.0, 64)) return -1;
+  if (number < -std::ldexp(1.0, 63)) return 1;
+  const double whole = std::floor(number);
+  const auto bits = whole < 0 ? static_cast<std::uint64_t>(static_cast<std::int64_t>(whole))
+                              : static_cast<std::uint64_t>(whole);
+  const int result = compareIntegers(integer, {bits, whole < 0});
+  return result == 0 && whole != number ? -1 : result;
+}
+
 int compareNumbers(const AnyReference& a, const AnyReference& b) {
   const bool aIsFloat = a.type()->kind == TypeKind::Float;
   const bool bIsFloat = b.type()->kind == TypeKind::Float;
-  if (aIsFloat || bIsFloat) {
-    const auto number = [](const AnyReference& value, bool isFloat) {
-      if (isFloat) return readFloat(value);
-      const Integer integer = readInteger(value);
-      const auto magnitude = static_cast<double>(integer.magnitude());
-      return integer.isNegative() ? -magnitude : magnitude;
-    };
-    const double x = number(a, aIsFloat);
-    const double y = number(b, bIsFloat);
+  if (aIsFloat && bIsFloat) {
+    const double x = readFloat(a);
+    const double y = readFloat(b);
     // NaN stands before every number, so that the order stays total.
-    if (x != x || y != y) return order(x == x, y == y);
-    if (x != y || aIsFloat == bIsFloat) return order(x, y);
-    return 0;
+    return x != x || y != y ? order(x == x, y == y) : order(x, y);
   }
-  const Integer x = readInteger(a);
-  const Integer y = readInteger(b);
-  if (x.isNegative() != y.isNegative()) return x.isNegative() ? -1 : 1;
-  return order(x.bits, y.bits);
+  if (aIsFloat) return -compareWithFloat(readInteger(b), readFloat(a));
+  if (bIsFloat) return compareWithFloat(readInteger(a), readFloat(b));
+  return compareIntegers(readInteger(a), readInteger(b));
 }
 
 std::vector<AnyReference> elementsOf(const AnyReference& value) {
@@ -73,12 +82,13 @@ int compareSequences(const std::vector<AnyReference>& a, const std::vector<AnyRe
   return order(a.size(), b.size());
 }
 
-/// A list's elements may have no address of their own, so they are copied.
-std::vector<AnyReference> copiesOf(const AnyReference& value) {
+std::vector<AnyReference> elementsOfSequence(const AnyReference& value) {
   if (value.type()->kind != TypeKind::List) return elementsOf(value);
   std::vector<AnyReference> elements;
-  value.type()->list->forEach(
-      value.pointer(), [&](const AnyReference& element) { elements.push_back(element.clone()); });
+  const bool hasAddresses = value.type()->list->emplace != nullptr;
+  value.type()->list->forEach(value.pointer(), [&](const AnyReference& element) {
+    elements.push_back(hasAddresses ? element : element.clone());
+  });
   return elements;
 }
 
@@ -111,11 +121,12 @@ int compareValues(const AnyReference& first, const AnyReference& second) {
       return order(a.type()->bytes->view(a.pointer()), b.type()->bytes->view(b.pointer()));
     case TypeKind::List:
     case TypeKind::Tuple:
-      return compareSequences(copiesOf(a), copiesOf(b));
+      return compareSequences(elementsOfSequence(a), elementsOfSequence(b));
     case TypeKind::Map:
       return compareSequences(elementsOf(a), elementsOf(b));
     default:
-      return order(a.pointer(), b.pointer());
+      // Of no comparable content: all values of one type are alike.
+      return order(typeName(a.type()), typeName(b.type()));
   }
 }
 

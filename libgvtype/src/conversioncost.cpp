@@ -148,7 +148,7 @@ int conversionCost(const AnyReference& source, std::string_view signature, bool*
     own = type->ownSignature(source.pointer());
   else
     appendSignature(own, type);
-  if (own == signature && type->kind != TypeKind::Unknown) return same;
+  if (own == signature) return same;  // of two types without description the call itself tells
   switch (type->kind) {
     case TypeKind::Bool:
     case TypeKind::Int:

@@ -144,20 +144,27 @@ Future<AnyReference> DynamicObject::metaCall(Object<Empty> context, unsigned id,
   withInstance.emplace_back();
   withInstance.insert(withInstance.end(), arguments.begin(), arguments.end());
   const unsigned caller = 0;
-  if (!p_->serial || id <= MetaObject::maxBuiltinId)
+  // A method of a single-threaded object that calls its own object would wait for itself.
+  const bool isInside = p_->serial && callType != MetaCallType::Queued && p_->serial->isCurrent();
+  if (!p_->serial || isInside || id <= MetaObject::maxBuiltinId)
     return gv::metaCall(getEventLoop(), ObjectThreadingModel::MultiThread, method->callType,
                         callType, context, id, method->function, withInstance, caller);
-  Promise<AnyReference> promise(FutureCallbackType::Async);
-  p_->serial->post([=, copies = withInstance.copy()] {
-    const auto result =
-        gv::metaCall(nullptr, ObjectThreadingModel::SingleThread, method->callType,
-                     MetaCallType::Direct, context, id, method->function, copies, caller);
-    try {
-      promise.setValue(result.value());
-    } catch (const FutureException& error) {
-      promise.setError(error.what(), error.state());
-    }
-  });
+  Promise<AnyReference> promise;
+  try {
+    p_->serial->post([=, copies = withInstance.copy()] {
+      const auto result =
+          gv::metaCall(nullptr, ObjectThreadingModel::SingleThread, method->callType,
+                       MetaCallType::Direct, context, id, method->function, copies, caller);
+      if (result.hasError())
+        promise.setError(result.error(), result.errorState());
+      else
+        promise.setValue(result.value());
+    });
+  } catch (const std::exception& error) {
+    promise.setError(error.what(), FutureException::State::NotSent);
+  } catch (...) {
+    promise.setError("unknown exception", FutureException::State::NotSent);
+  }
   return promise.future();
 }
 

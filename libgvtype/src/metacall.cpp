@@ -33,14 +33,20 @@ Future<AnyReference> metaCall(EventLoop* loop, ObjectThreadingModel, MetaCallTyp
                               const AnyFunction& function,
                               const GenericFunctionParameters& arguments, unsigned) {
   if (!loop || resolveCallType(methodType, callType) == MetaCallType::Direct) {
-    Promise<AnyReference> promise(FutureCallbackType::Sync);
+    Promise<AnyReference> promise;
     runInto(promise, function, arguments);
     return promise.future();
   }
-  Promise<AnyReference> promise(FutureCallbackType::Async);
-  loop->post([promise, function, context, copies = arguments.copy()] {
-    runInto(promise, function, copies);
-  });
+  Promise<AnyReference> promise;
+  try {
+    loop->post([promise, function, context, copies = arguments.copy()] {
+      runInto(promise, function, copies);
+    });
+  } catch (const std::exception& error) {  // arguments that cannot be copied, or a forked child
+    promise.setError(error.what(), FutureException::State::NotSent);
+  } catch (...) {
+    promise.setError("unknown exception", FutureException::State::NotSent);
+  }
   return promise.future();
 }
 

@@ -18,6 +18,12 @@ MetaObjectDescription describeMetaObject(const MetaObject& metaObject) {
 }
 
 MetaObject makeMetaObject(const MetaObjectDescription& description) {
+  constexpr std::size_t mostMethods = 10'000;
+  constexpr std::size_t mostParameters = 1'000'000;
+  if (std::get<1>(description).size() > mostMethods)
+    throw std::runtime_error("the description of an object has more than " +
+                             std::to_string(mostMethods) + " methods");
+  std::size_t parameterCodes = 0;
   std::vector<MetaMethod> methods;
   for (const auto& [uid, name, parametersSignature, returnSignature, text, parameters, returnText] :
        std::get<1>(description)) {
@@ -25,6 +31,9 @@ MetaObject makeMetaObject(const MetaObjectDescription& description) {
       throw std::runtime_error("the description of an object names a method outside the grammar");
     if (!parametersSignature.starts_with('('))
       throw std::runtime_error("the parameters of method '" + name + "' are no tuple");
+    parameterCodes += parametersSignature.size();
+    if (parameterCodes > mostParameters)
+      throw std::runtime_error("the description of an object has too many parameters");
     MetaMethodBuilder builder;
     builder.setUid(uid);
     builder.setName(name);

@@ -4,16 +4,19 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include <gv/eventloop.h>
 
 namespace gv {
 
-/// Runs tasks one at a time, in the order they were posted, on the threads of an event loop.
+/// Runs tasks one at a time, in the order they were posted, on the threads of an event loop. Tasks
+/// must not throw.
 class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
  public:
   explicit SerialQueue(EventLoop* loop) : loop_(loop) {}
 
+  /// Throws what EventLoop::post does; the task is dropped then.
   void post(std::function<void()> task) {
     {
       const std::lock_guard lock(mutex_);
@@ -21,24 +24,41 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
       if (isRunning_) return;
       isRunning_ = true;
     }
-    loop_->post([self = shared_from_this()] { self->drain(); });
+    try {
+      loop_->post([self = shared_from_this()] { self->drain(); });
+    } catch (...) {
+      std::deque<std::function<void()>> dropped;
+      const std::lock_guard lock(mutex_);
+      isRunning_ = false;
+      dropped.swap(tasks_);
+      throw;
+    }
   }
 
+  /// Whether the calling thread is running a task of this queue.
+  bool isCurrent() const { return current() == this; }
+
  private:
+  static const SerialQueue*& current() {
+    thread_local const SerialQueue* queue = nullptr;
+    return queue;
+  }
+
   void drain() {
-    while (true) {
-      std::function<void()> task;
-      {
-        const std::lock_guard lock(mutex_);
-        if (tasks_.empty()) {
-          isRunning_ = false;
-          return;
-        }
-        task = std::move(tasks_.front());
-        tasks_.pop_front();
-      }
-      task();
+    const SerialQueue* outer = std::exchange(current(), this);
+    while (const std::function<void()> task = next()) task();
+    current() = outer;
+  }
+
+  std::function<void()> next() {
+    const std::lock_guard lock(mutex_);
+    if (tasks_.empty()) {
+      isRunning_ = false;
+      return {};
     }
+    auto task = std::move(tasks_.front());
+    tasks_.pop_front();
+    return task;
   }
 
   EventLoop* const loop_;

@@ -80,6 +80,8 @@ class Parser {
 }  // namespace
 
 Signature::Signature(std::string text) : text_(std::move(text)) {
+  if (text_.size() > maxLength)
+    fail(text_, maxLength, "longer than " + std::to_string(maxLength) + " characters");
   if (!text_.empty()) Parser(text_).parseWhole();
 }
 

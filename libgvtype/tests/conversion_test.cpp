@@ -147,6 +147,8 @@ TEST(Order, IsTotalOverAllKinds) {
       AnyValue::from(std::nan("")),
       AnyValue::from(-1),
       AnyValue::from(0.5),
+      AnyValue::from(9007199254740992.0),
+      AnyValue::from((std::int64_t{1} << 53) + 1),
       AnyValue::from(std::numeric_limits<std::uint64_t>::max()),
       AnyValue::from("a"),
       AnyValue::from("b")};

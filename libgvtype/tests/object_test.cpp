@@ -98,7 +98,8 @@ TEST(DynamicObject, CanBeExtendedWhileCallsRun) {
 
 TEST(DynamicObject, RefusesNamesOutsideTheGrammar) {
   DynamicObjectBuilder builder;
-  for (const std::string name : {"", " a", "a/b", "a(b", "a\n", std::string(256, 'a').c_str()})
+  for (const std::string& name :
+       std::vector<std::string>{"", " a", "a/b", "a(b", "a\n", std::string(256, 'a')})
     EXPECT_THROW(builder.advertiseMethod(name, [] {}), std::runtime_error) << name;
   builder.advertiseMethod("__pCall", [] {});
 }
