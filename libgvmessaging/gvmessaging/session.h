@@ -33,7 +33,8 @@ class GVMESSAGING_API Session {
   /// Starts a service directory in this session and listens on `url` ("tcp://host:port"; port 0
   /// asks the system for a free one). Settles when peers can connect.
   Future<void> listenStandalone(const Url& url);
-  /// Joins the directory at a URL. Settles when the directory has answered, in error after 10 s.
+  /// Joins the directory at a URL. Settles when the directory has answered, in error after 10 s at
+  /// the latest; the session may try again then.
   Future<void> connect(const std::string& url);
   /// Accepts direct connections of peers on `url`. Settles from the socket alone: while the session
   /// is still connecting, its endpoints are announced when the connection stands.
@@ -54,8 +55,8 @@ class GVMESSAGING_API Session {
   /// the service can call it. Refused for a name outside the grammar (isValidName) or in use. The
   /// session keeps the object until it is unregistered.
   Future<unsigned> registerService(const std::string& name, Object<Empty> object);
-  /// Withdraws a service of this session. When it settles, no new body of its methods can start;
-  /// bodies already running finish with their object alive.
+  /// Withdraws a service of this session. Calls that come later are refused; those that came before
+  /// finish, with their object alive, and are not waited for.
   Future<void> unregisterService(unsigned serviceId);
 
   /// All: the directory's whole list, itself included, by rising id. Local: what this process

@@ -1,5 +1,6 @@
 #include "src/directory/servicedirectory.h"
 
+#include <limits>
 #include <stdexcept>
 
 #include <boost/make_shared.hpp>
@@ -7,12 +8,24 @@
 #include <gvtype/dynamicobjectbuilder.h>
 
 #include "src/rpc/callcontext.h"
+#include "src/rpc/greeting.h"
 
 namespace gv::directory {
 namespace {
 
+constexpr std::size_t mostEntries = 20'000;  // of one connection
+constexpr std::size_t mostEndpoints = 64;
+constexpr std::size_t longestEndpoint = 300;
+
 std::uint64_t callingConnection() {
   return rpc::CallContext::current().connectionId;
+}
+
+/// The service as it is registered: of a connection, what its handshake said counts.
+ServiceInfo stamped(const ServiceInfo& asked, unsigned id) {
+  if (const rpc::Greeting* peer = rpc::CallContext::current().peer)
+    return {asked.name(), id, peer->machineId, peer->processId, peer->sessionId, {}};
+  return {asked.name(), id, asked.machineId(), asked.processId(), asked.sessionId(), {}};
 }
 
 }  // namespace
@@ -50,14 +63,14 @@ ServiceEntry ServiceDirectory::service(const std::string& name) const {
   const auto found = idsByName_.find(name);
   if (found == idsByName_.end() || !entries_.at(found->second).isReady)
     throw std::runtime_error("there is no service '" + name + "'");
-  return toEntry(entries_.at(found->second).info);
+  return toEntryLocked(entries_.at(found->second));
 }
 
 std::vector<ServiceEntry> ServiceDirectory::services() const {
   const std::lock_guard lock(mutex_);
   std::vector<ServiceEntry> list;
   for (const auto& [id, entry] : entries_)
-    if (entry.isReady) list.push_back(toEntry(entry.info));
+    if (entry.isReady) list.push_back(toEntryLocked(entry));
   return list;
 }
 
@@ -72,10 +85,12 @@ unsigned ServiceDirectory::registerService(const ServiceEntry& entry) {
   if (const auto taken = idsByName_.find(asked.name()); taken != idsByName_.end())
     throw std::runtime_error("a service '" + asked.name() + "' is registered already, by process " +
                              std::to_string(entries_.at(taken->second).info.processId()));
+  std::size_t& count = counts_[owner];
+  if (count >= mostEntries || lastId_ == std::numeric_limits<unsigned>::max())
+    throw std::runtime_error("too many services are registered");
+  ++count;
   const unsigned id = ++lastId_;
-  entries_.emplace(id, Entry{ServiceInfo(asked.name(), id, asked.machineId(), asked.processId(),
-                                         asked.sessionId(), asked.endpoints()),
-                             owner, false});
+  entries_.emplace(id, Entry{stamped(asked, id), owner, false});
   idsByName_.emplace(asked.name(), id);
   return id;
 }
@@ -92,14 +107,13 @@ void ServiceDirectory::unregisterService(unsigned id) {
 }
 
 void ServiceDirectory::announceEndpoints(const std::vector<std::string>& endpoints) {
-  const std::uint64_t owner = callingConnection();
+  if (endpoints.size() > mostEndpoints)
+    throw std::runtime_error("more than " + std::to_string(mostEndpoints) + " endpoints");
+  for (const std::string& endpoint : endpoints)
+    if (endpoint.size() > longestEndpoint || !Url(endpoint).isValid())
+      throw std::runtime_error("an announced endpoint is no address");
   const std::lock_guard lock(mutex_);
-  for (auto& [id, entry] : entries_) {
-    if (entry.owner != owner) continue;
-    ServiceEntry changed = toEntry(entry.info);
-    std::get<5>(changed) = endpoints;
-    entry.info = toInfo(changed);
-  }
+  endpoints_[callingConnection()] = endpoints;
 }
 
 void ServiceDirectory::connectionLost(std::uint64_t connectionId) {
@@ -109,6 +123,15 @@ void ServiceDirectory::connectionLost(std::uint64_t connectionId) {
     if (entry->second.owner == connectionId) eraseLocked(entry);
     entry = next;
   }
+  endpoints_.erase(connectionId);
+  counts_.erase(connectionId);
+}
+
+ServiceEntry ServiceDirectory::toEntryLocked(const Entry& entry) const {
+  ServiceEntry result = toEntry(entry.info);
+  if (const auto found = endpoints_.find(entry.owner); found != endpoints_.end())
+    std::get<5>(result) = found->second;
+  return result;
 }
 
 ServiceDirectory::Entry& ServiceDirectory::ownEntryLocked(unsigned id) {
@@ -123,6 +146,7 @@ ServiceDirectory::Entry& ServiceDirectory::ownEntryLocked(unsigned id) {
 
 void ServiceDirectory::eraseLocked(std::map<unsigned, Entry>::iterator entry) {
   idsByName_.erase(entry->second.info.name());
+  if (const auto count = counts_.find(entry->second.owner); count != counts_.end()) --count->second;
   entries_.erase(entry);
 }
 

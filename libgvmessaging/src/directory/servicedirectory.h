@@ -23,8 +23,10 @@ inline constexpr const char* directoryName = "ServiceDirectory";
 ///     service(name) -> entry          registerService(entry) -> id    unregisterService(id)
 ///     services() -> entries           serviceReady(id)                announceEndpoints(texts)
 ///
-/// A service is seen by others from serviceReady on. Only the connection that registered an entry
-/// may change it; ids rise and are never used again. None of the methods blocks.
+/// Who registers is who the handshake said it is: what an entry says of machine, process and
+/// session is believed of this process's own session only. A service is seen by others from
+/// serviceReady on. Only the connection that registered an entry may change it; ids rise and are
+/// never used again. None of the methods blocks.
 class GVMESSAGING_API ServiceDirectory : public std::enable_shared_from_this<ServiceDirectory> {
  public:
   /// `self` is the entry of the directory itself.
@@ -39,7 +41,7 @@ class GVMESSAGING_API ServiceDirectory : public std::enable_shared_from_this<Ser
 
  private:
   struct Entry {
-    ServiceInfo info;
+    ServiceInfo info;     // but for the endpoints, which are the owner's
     std::uint64_t owner;  // the connection that registered it; 0: this process's own session
     bool isReady;
   };
@@ -53,12 +55,15 @@ class GVMESSAGING_API ServiceDirectory : public std::enable_shared_from_this<Ser
   void unregisterService(unsigned id);
   void announceEndpoints(const std::vector<std::string>& endpoints);
 
+  ServiceEntry toEntryLocked(const Entry& entry) const;
   Entry& ownEntryLocked(unsigned id);
   void eraseLocked(std::map<unsigned, Entry>::iterator entry);
 
   mutable std::mutex mutex_;  // guards what follows
   std::map<unsigned, Entry> entries_;
   std::map<std::string, unsigned> idsByName_;
+  std::map<std::uint64_t, std::vector<std::string>> endpoints_;  // by owner
+  std::map<std::uint64_t, std::size_t> counts_;                  // of entries, by owner
   unsigned lastId_ = directoryServiceId;
 };
 

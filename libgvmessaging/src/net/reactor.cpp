@@ -9,6 +9,7 @@
 #include <exception>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include <gv/eventloop.h>
 #include <gv/log.h>
@@ -19,6 +20,8 @@ namespace {
 struct Core {
   asio::io_context context{1};
   asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
+  std::vector<std::weak_ptr<Stream>> streams;  // of the network's thread
+  std::atomic<bool> hasEnded{false};           // set as the process exits
 };
 
 thread_local bool inReactorThread = false;
@@ -41,30 +44,57 @@ void run(asio::io_context& context) {
   }
 }
 
+/// Nothing would ever answer once the thread has gone: whoever waits is told so first.
+void end(Core& core) {
+  core.hasEnded = true;
+  asio::post(core.context, [&core] {
+    for (const auto& weak : core.streams)
+      if (const auto stream = weak.lock()) stream->close("the process is exiting");
+    // Behind the ends of the streams, which close() has put into the queue.
+    asio::post(core.context, [&core] { core.context.stop(); });
+  });
+}
+
 Core* startCore() {
   auto* core = new Core;
   pthread_atfork(nullptr, nullptr, [] { forked.store(true, std::memory_order_relaxed); });
   getEventLoop()->runService(
-      "gv-net", [core] { run(core->context); }, [core] { core->context.stop(); });
+      "gv-net", [core] { run(core->context); }, [core] { end(*core); });
   return core;
 }
 
 // Never destroyed: streams may be dropped by destructors of static objects.
-Core& core() {
-  static Core* const instance = startCore();
+Core& instance() {
+  static Core* const core = startCore();
+  return *core;
+}
+
+Core& usableCore() {
+  Core& core = instance();
   if (forked.load(std::memory_order_relaxed))
     throw std::runtime_error("the network cannot be used in a process forked from its user");
-  return *instance;
+  if (core.hasEnded) throw std::runtime_error("the process is exiting");
+  return core;
 }
 
 }  // namespace
 
 asio::io_context& Reactor::context() {
-  return core().context;
+  return usableCore().context;
 }
 
 void Reactor::post(std::function<void()> task) {
   asio::post(context(), std::move(task));
+}
+
+void Reactor::track(const std::weak_ptr<Stream>& stream) {
+  auto& streams = instance().streams;
+  if (instance().hasEnded)
+    if (const auto late = stream.lock()) late->close("the process is exiting");
+  constexpr std::size_t few = 64;
+  if (streams.size() >= few && streams.size() == streams.capacity())
+    std::erase_if(streams, [](const auto& weak) { return weak.expired(); });
+  streams.push_back(stream);
 }
 
 bool Reactor::isThisThread() {

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 
 #include <gvmessaging/api.h>
+
+#include "src/net/stream.h"
 
 namespace asio {
 class io_context;
@@ -12,7 +15,8 @@ namespace gv::net {
 
 /// The one thread that serves all sockets of the process, and nothing else: no user code runs in
 /// it, so the network is read whatever user code does. Begins with the first use, ends with the
-/// process. In a child process after a fork it cannot be used: std::runtime_error.
+/// process. In a child process after a fork, and once the process exits, it cannot be used:
+/// std::runtime_error.
 class GVMESSAGING_API Reactor {
  public:
   Reactor() = delete;
@@ -22,6 +26,9 @@ class GVMESSAGING_API Reactor {
 
   /// Runs @p task in the network's thread, in order. It must not block.
   static void post(std::function<void()> task);
+
+  /// Closes the stream when the process exits. In the network's thread.
+  static void track(const std::weak_ptr<Stream>& stream);
 
   /// True in the network's thread.
   static bool isThisThread();

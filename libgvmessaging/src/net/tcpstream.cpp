@@ -74,7 +74,10 @@ TcpStream::TcpStream(asio::ip::tcp::socket socket, const Endpoint& peer, const w
 void TcpStream::start(std::shared_ptr<StreamHandler> handler) {
   asio::post(context_, [self = shared_from_this(), handler = std::move(handler)]() mutable {
     self->handler_ = std::move(handler);
-    if (!self->finished_) return self->waitReadable();
+    if (!self->finished_) {
+      Reactor::track(self);
+      return self->waitReadable();
+    }
     const auto ended = std::exchange(self->handler_, nullptr);
     ended->onClosed(self->cause_);
   });

@@ -1,5 +1,6 @@
 #include "src/net/timer.h"
 
+#include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 #include <atomic>
@@ -11,7 +12,8 @@ namespace {
 
 /// The part that the pending wait shares. Its timer is touched in the network's thread only.
 struct Wait : std::enable_shared_from_this<Wait> {
-  explicit Wait(std::function<void()> what) : timer(Reactor::context()), task(std::move(what)) {}
+  explicit Wait(std::function<void()> what)
+      : context(Reactor::context()), timer(context), task(std::move(what)) {}
 
   void begin(std::chrono::milliseconds delay) {
     timer.expires_after(delay);
@@ -22,6 +24,7 @@ struct Wait : std::enable_shared_from_this<Wait> {
     });
   }
 
+  asio::io_context& context;
   asio::steady_timer timer;
   std::function<void()> task;           // of the network's thread; goes when the wait has ended
   std::atomic<bool> isCanceled{false};  // set by any thread, so that a due task is kept back too
@@ -31,13 +34,13 @@ class AsioTimer final : public Timer {
  public:
   AsioTimer(std::chrono::milliseconds delay, std::function<void()> task)
       : wait_(std::make_shared<Wait>(std::move(task))) {
-    asio::post(Reactor::context(), [wait = wait_, delay] { wait->begin(delay); });
+    asio::post(wait_->context, [wait = wait_, delay] { wait->begin(delay); });
   }
   ~AsioTimer() override { cancel(); }
 
   void cancel() override {
     if (!wait_->isCanceled.exchange(true))
-      asio::post(Reactor::context(), [wait = wait_] { wait->timer.cancel(); });
+      asio::post(wait_->context, [wait = wait_] { wait->timer.cancel(); });
   }
 
  private:

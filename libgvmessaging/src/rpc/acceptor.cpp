@@ -106,9 +106,13 @@ void Acceptor::begin(Id id, std::shared_ptr<net::Stream> stream) {
   };
   const auto connection =
       Connection::start(std::move(stream), Role::Server, own_, host_, std::move(events), limits_);
-  const std::lock_guard lock(mutex_);
-  const auto found = handshaking_.find(id);
-  if (found != handshaking_.end()) found->second = connection;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = handshaking_.find(id);
+    if (found != handshaking_.end()) found->second = connection;
+    if (!isClosed_) return;
+  }
+  if (!connection->isOpen()) connection->close("the listener was closed");
 }
 
 void Acceptor::lookAgainLocked() {

@@ -49,11 +49,10 @@ std::uint64_t nextCallId() {
 
 std::string randomHexId() {
   constexpr const char* digits = "0123456789abcdef";
+  std::random_device device;  // not the generator of trace ids, which peers see
   std::string text;
-  for (const std::uint8_t byte : randomBytes()) {
-    text += digits[byte >> 4];
-    text += digits[byte & 15];
-  }
+  for (int word = 0; word < 4; ++word)
+    for (unsigned bits = device(), i = 0; i < 8; ++i, bits >>= 4) text += digits[bits & 15];
   return text;
 }
 

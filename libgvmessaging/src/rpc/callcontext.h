@@ -8,10 +8,15 @@
 
 namespace gv::rpc {
 
+struct Greeting;
+
 /// The call that the calling thread is serving; all zero outside of one. Calls made meanwhile carry
-/// it on as their parent, and the service directory knows its caller by it.
+/// it on as their parent.
 struct CallContext {
-  std::uint64_t connectionId = 0;  ///< 0: not called over a connection
+  /// Who calls the service directory, and what it said of itself; 0 and null for this process's own
+  /// session, and while other methods run.
+  std::uint64_t connectionId = 0;
+  const Greeting* peer = nullptr;
   std::uint64_t callId = 0;
   std::array<std::uint8_t, 16> traceId{};
 

@@ -7,6 +7,7 @@
 
 #include "src/rpc/argumentlist.h"
 #include "src/rpc/callcontext.h"
+#include "src/rpc/releasedelsewhere.h"
 #include "src/wire/valuereader.h"
 #include "src/wire/valuewriter.h"
 
@@ -22,10 +23,35 @@ std::uint64_t nextConnectionId() {
 
 /// Methods of the framework's own never block, so that they are served even when all user code
 /// does.
-bool isFrameworks(const wire::FrameHeader& header) {
-  constexpr unsigned directoryService = 1;
-  return header.service == directoryService || header.member <= MetaObject::maxBuiltinId;
+bool isDirectorys(const wire::FrameHeader& header) {
+  return header.service == 1;
 }
+
+bool isFrameworks(const wire::FrameHeader& header) {
+  return isDirectorys(header) || header.member <= MetaObject::maxBuiltinId;
+}
+
+/// One call of the peer's that was read and has not ended, as its connection counts it.
+class AcceptedCall {
+ public:
+  AcceptedCall(wire::Frame frame, std::shared_ptr<CallBudget> budget)
+      : frame_(std::move(frame)), budget_(std::move(budget)) {
+    budget_->calls += 1;
+    budget_->bytes += frame_.payload.size();
+  }
+  ~AcceptedCall() {
+    budget_->calls -= 1;
+    budget_->bytes -= frame_.payload.size();
+  }
+  AcceptedCall(const AcceptedCall&) = delete;
+  AcceptedCall& operator=(const AcceptedCall&) = delete;
+
+  const wire::Frame& frame() const { return frame_; }
+
+ private:
+  const wire::Frame frame_;
+  const std::shared_ptr<CallBudget> budget_;
+};
 
 std::string shortened(const std::string& text) {
   constexpr std::size_t longest = 64u << 10;
@@ -59,6 +85,11 @@ Connection::Connection(std::shared_ptr<net::Stream> stream, Role role, const Gre
       events_(std::move(events)),
       reader_(limits.handshakePayload) {}
 
+bool Connection::hasEnded() const {
+  const std::lock_guard lock(mutex_);
+  return state_ == State::Closed;
+}
+
 bool Connection::isOpen() const {
   const std::lock_guard lock(mutex_);
   return state_ == State::Open;
@@ -90,10 +121,16 @@ Future<AnyReference> Connection::call(unsigned service, const MetaMethod& method
   }
   wire::FrameHeader header = makeHeader(service, method, callType, messageId);
   header.type = wire::FrameType::Call;
-  Pending unsent;
-  if (!send(header, std::move(payload)) && takePending(messageId, unsent))
-    unsent.promise.setError("not sent: the connection to " + peerName() + " has ended",
-                            State_::NotSent);
+  std::string failure;
+  try {
+    if (!send(header, std::move(payload)))
+      failure = "the connection to " + peerName() + " has ended";
+  } catch (const std::exception& error) {
+    failure = error.what();
+  }
+  if (!failure.empty())
+    if (const auto unsent = takePending(messageId))
+      unsent->promise.setError("not sent: " + failure, State_::NotSent);
   return promise.future();
 }
 
@@ -136,13 +173,13 @@ bool Connection::send(wire::FrameHeader header, std::vector<char> payload) {
   return stream_->send(head, std::move(payload));
 }
 
-bool Connection::takePending(std::uint64_t messageId, Pending& pending) {
+std::optional<Connection::Pending> Connection::takePending(std::uint64_t messageId) {
   const std::lock_guard lock(mutex_);
   const auto found = pending_.find(messageId);
-  if (found == pending_.end()) return false;
-  pending = std::move(found->second);
+  if (found == pending_.end()) return std::nullopt;
+  std::optional<Pending> pending = std::move(found->second);
   pending_.erase(found);
-  return true;
+  return pending;
 }
 
 // ---- The end
@@ -184,7 +221,8 @@ void Connection::onClosed(const std::string& cause) {
 void Connection::onBytes(std::span<const char> bytes) {
   const bool isGood =
       reader_.feed(bytes, [this](wire::Frame&& frame) { onFrame(std::move(frame)); });
-  if (isGood) return;
+  // Whoever closed it meanwhile may have output under way that is to leave first.
+  if (isGood || hasEnded()) return;
   GV_LOG(log::Level::Verbose, category, "onBytes",
          "closing the connection of " + peerName() + ": " + reader_.error());
   fail(reader_.error());
@@ -251,39 +289,42 @@ void Connection::sendGreeting(wire::FrameType type) {
 }
 
 void Connection::onReply(const wire::Frame& frame) {
-  Pending pending;
-  if (!takePending(frame.header.messageId, pending)) {
+  const auto pending = takePending(frame.header.messageId);
+  if (!pending) {
     GV_LOG(log::Level::Verbose, category, "onReply",
            "ignoring a reply of " + peerName() + " to no pending call");
     return;
   }
+  AnyReference result;
   try {
     if (frame.header.type == wire::FrameType::Error) {
       std::string text;
       wire::readValue(frame.payload, AnyReference::from(text), limits_);
-      return pending.promise.setError(std::move(text));
+      return pending->promise.setError(std::move(text));
     }
-    auto value = std::make_shared<AnyValue>(AnyValue::makeDefault(pending.returnSignature));
+    auto value = std::make_shared<AnyValue>(AnyValue::makeDefault(pending->returnSignature));
     const AnyReference target = value->asReference();
     wire::readValue(frame.payload, target, limits_);
-    pending.promise.setValue(AnyReference(target.type(), target.pointer(), std::move(value)));
-  } catch (const wire::PayloadError& error) {
-    pending.promise.setError("the reply of " + peerName() + " cannot be read: " + error.what());
-  } catch (const std::runtime_error& error) {  // a signature that names no value
-    pending.promise.setError("the reply of " + peerName() + " cannot be read: " + error.what());
+    result = AnyReference(target.type(), target.pointer(), std::move(value));
+  } catch (const std::exception& error) {
+    return pending->promise.setError("the reply of " + peerName() +
+                                     " cannot be read: " + error.what());
   }
+  pending->promise.setValue(result);
 }
 
 // ---- Calls of the peer
 
 void Connection::onCall(wire::Frame&& frame) {
   if (isFrameworks(frame.header)) return serve(frame);
-  const auto shared = std::make_shared<const wire::Frame>(std::move(frame));
+  if (budget_->calls >= limits_.acceptedCalls || budget_->bytes >= limits_.acceptedBytes)
+    return replyError(frame.header, "too many calls of this connection are under way");
+  const auto call = std::make_shared<const AcceptedCall>(std::move(frame), budget_);
   EventLoop* loop = getEventLoop();
-  const auto refuse = [self = shared_from_this(), shared, loop] {
-    self->replyError(shared->header, loop->refusalText());
+  const auto refuse = [self = shared_from_this(), call, loop] {
+    self->replyError(call->frame().header, loop->refusalText());
   };
-  const auto run = [self = shared_from_this(), shared] { self->serve(*shared); };
+  const auto run = [self = shared_from_this(), call] { self->serve(call->frame()); };
   if (!loop->tryPost(run, refuse)) refuse();
 }
 
@@ -291,38 +332,51 @@ void Connection::serve(const wire::Frame& frame) {
   const wire::FrameHeader& header = frame.header;
   try {
     const auto host = host_.lock();
-    const Object<Empty> object = host ? host->findService(header.service) : Object<Empty>();
-    if (!object || header.object != 0)
+    // Held to the end of this function only: the call itself holds the object as its context.
+    const auto held = releasedElsewhere(host ? host->findService(header.service) : Object<Empty>());
+    if (!*held || header.object != 0)
       return replyError(header, "there is no service with id " + std::to_string(header.service) +
                                     " here (any more)");
-    const MetaMethod* method = object.metaObject().method(header.member);
-    const CallContextScope scope({id_, header.messageId, header.traceId});
-    const GenericFunctionParameters arguments =
-        method ? readArgumentList(frame.payload, object, *method, limits_)
-               : GenericFunctionParameters();
-    // The framework's own methods know their caller by the thread's context: never queued.
-    const auto callType =
-        isFrameworks(header) ? MetaCallType::Direct : static_cast<MetaCallType>(header.callType);
-    const Future<AnyReference> result = object.metaCall(header.member, arguments, callType);
-    if (header.type == wire::FrameType::Post) return;
-    Promise<AnyReference> flattened(FutureCallbackType::Sync);
-    flattened.future().connect(
-        [self = shared_from_this(), header,
-         signature = method ? method->returnSignature().toString() : std::string("V")](
-            Future<AnyReference> settled) { self->reply(header, signature, settled); },
-        FutureCallbackType::Sync);
-    result.connect(
-        [flattened](Future<AnyReference> settled) {
-          try {
-            handleFuture<AnyReference>(settled.value(), flattened);
-          } catch (const FutureException& error) {
-            flattened.setError(error.what(), error.state());
-          }
-        },
-        FutureCallbackType::Sync);
+    callMethod(frame, *held);
   } catch (const std::exception& error) {
     replyError(header, error.what());
+  } catch (...) {
+    replyError(header, "unknown exception");
   }
+}
+
+void Connection::callMethod(const wire::Frame& frame, const Object<Empty>& object) {
+  const wire::FrameHeader& header = frame.header;
+  const MetaMethod* method = object.metaObject().method(header.member);
+  CallContext context{.callId = header.messageId, .traceId = header.traceId};
+  if (isDirectorys(header)) {
+    context.connectionId = id_;
+    context.peer = &peer_;
+  }
+  const CallContextScope scope(context);
+  const GenericFunctionParameters arguments =
+      method ? readArgumentList(frame.payload, object, *method, limits_)
+             : GenericFunctionParameters();
+  // The framework's own methods know their caller by the thread's context: never queued.
+  const auto callType =
+      isFrameworks(header) ? MetaCallType::Direct : static_cast<MetaCallType>(header.callType);
+  const Future<AnyReference> result = object.metaCall(header.member, arguments, callType);
+  if (header.type == wire::FrameType::Post) return;
+  Promise<AnyReference> flattened(FutureCallbackType::Sync);
+  flattened.future().connect(
+      [self = shared_from_this(), header,
+       signature = method ? method->returnSignature().toString() : std::string("V")](
+          Future<AnyReference> settled) { self->reply(header, signature, settled); },
+      FutureCallbackType::Sync);
+  result.connect(
+      [flattened](Future<AnyReference> settled) {
+        try {
+          handleFuture<AnyReference>(settled.value(), flattened);
+        } catch (const FutureException& error) {
+          flattened.setError(error.what(), error.state());
+        }
+      },
+      FutureCallbackType::Sync);
 }
 
 void Connection::reply(const wire::FrameHeader& call, const std::string& returnSignature,
@@ -335,6 +389,8 @@ void Connection::reply(const wire::FrameHeader& call, const std::string& returnS
                                " bytes, more than the limit of " + std::to_string(limits_.payload));
   } catch (const std::exception& error) {
     return replyError(call, error.what());
+  } catch (...) {
+    return replyError(call, "unknown exception");
   }
   wire::FrameHeader header;
   header.type = wire::FrameType::Reply;

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -23,6 +25,12 @@ class ServiceHost {
   virtual ~ServiceHost() = default;
   /// The object of a service, invalid where there is none. Any thread; must not block.
   virtual Object<Empty> findService(unsigned id) const = 0;
+};
+
+/// What one peer has asked for and not been answered yet. Atomic: calls end on any thread.
+struct CallBudget {
+  std::atomic<std::size_t> calls{0};
+  std::atomic<std::size_t> bytes{0};
 };
 
 /// Who reached whom: the client speaks first.
@@ -65,10 +73,13 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   void close(const std::string& cause);
 
   bool isOpen() const;
+  Role role() const { return role_; }
   /// Unique in this process, never 0.
   std::uint64_t id() const { return id_; }
   /// The other side, for texts: "tcp://ip:port".
   const std::string& peerName() const { return stream_->peerName(); }
+  /// Its numeric address.
+  const std::string& peerAddress() const { return stream_->peerAddress(); }
   /// What the peer said of itself. Constant once the connection has opened; not to be called
   /// before.
   const Greeting& peer() const { return peer_; }
@@ -92,6 +103,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   void onReply(const wire::Frame& frame);
   void onCall(wire::Frame&& frame);
   void serve(const wire::Frame& frame);
+  void callMethod(const wire::Frame& frame, const Object<Empty>& object);
   void reply(const wire::FrameHeader& call, const std::string& returnSignature,
              const Future<AnyReference>& result);
   void replyError(const wire::FrameHeader& call, const std::string& text);
@@ -102,7 +114,8 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
                                     const GenericFunctionParameters& arguments) const;
   bool send(wire::FrameHeader header, std::vector<char> payload);
   void sendGreeting(wire::FrameType type);
-  bool takePending(std::uint64_t messageId, Pending& pending);
+  std::optional<Pending> takePending(std::uint64_t messageId);
+  bool hasEnded() const;
   void fail(const std::string& cause);
 
   // Constant after construction
@@ -112,6 +125,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   const Greeting own_;
   const std::weak_ptr<ServiceHost> host_;
   const wire::Limits limits_;
+  const std::shared_ptr<CallBudget> budget_ = std::make_shared<CallBudget>();
 
   // Of the network's thread
   Events events_;  // dropped when the connection has ended

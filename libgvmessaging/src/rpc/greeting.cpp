@@ -25,7 +25,9 @@ std::vector<char> encodeGreeting(const Greeting& greeting) {
 
 Greeting decodeGreeting(const std::vector<char>& payload, const wire::Limits& limits) {
   Fields fields;
-  wire::readValue(payload, AnyReference::from(fields), limits);
+  wire::Limits small = limits;
+  small.decodedBytes = limits.handshakeDecodedBytes;
+  wire::readValue(payload, AnyReference::from(fields), small);
   auto& [version, capabilities, sessionId, machineId, processId] = fields;
   if (version != Greeting::currentVersion)
     throw std::runtime_error("the peer speaks version " + std::to_string(version) +

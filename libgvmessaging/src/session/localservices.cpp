@@ -1,10 +1,14 @@
 #include "src/session/localservices.h"
 
+#include <stdexcept>
+
 namespace gv {
 
 void LocalServices::add(const ServiceInfo& info, const Object<Empty>& object) {
   const std::lock_guard lock(mutex_);
-  entries_.emplace(info.serviceId(), Entry{info, object});
+  if (!entries_.emplace(info.serviceId(), Entry{info, object}).second)
+    throw std::runtime_error("there is a service with id " + std::to_string(info.serviceId()) +
+                             " already");
 }
 
 bool LocalServices::show(unsigned id) {
@@ -15,12 +19,10 @@ bool LocalServices::show(unsigned id) {
   return true;
 }
 
-bool LocalServices::remove(unsigned id) {
-  // What was taken out dies after the unlock: an object's destructor is foreign code.
-  std::map<unsigned, Entry>::node_type removed;
+Object<Empty> LocalServices::remove(unsigned id) {
   const std::lock_guard lock(mutex_);
-  removed = entries_.extract(id);
-  return !removed.empty();
+  const auto removed = entries_.extract(id);
+  return removed ? removed.mapped().object : Object<Empty>();
 }
 
 void LocalServices::clear() {

@@ -17,8 +17,8 @@ class LocalServices {
   void add(const ServiceInfo& info, const Object<Empty>& object);
   /// Makes it visible. False when it has been removed meanwhile.
   bool show(unsigned id);
-  /// False when there was none.
-  bool remove(unsigned id);
+  /// The object that was removed, invalid when there was none.
+  Object<Empty> remove(unsigned id);
   void clear();
 
   Object<Empty> find(unsigned id) const;

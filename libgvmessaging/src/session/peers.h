@@ -42,7 +42,8 @@ class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
   /// of its endpoints that answers.
   Future<ConnectionPointer> reach(const ServiceInfo& info);
 
-  /// Ends all connections, also those to come. Settles when they have ended.
+  /// Ends all connections, also those to come, and fails what is being reached. Settles when the
+  /// open ones have ended.
   Future<void> close(const std::string& cause);
 
  private:
@@ -50,7 +51,9 @@ class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
 
   rpc::Connection::Events makeEvents(std::function<void(const ConnectionPointer&)> opened,
                                      std::function<void(const std::string&)> failed);
+  Future<ConnectionPointer> begin(const std::shared_ptr<Attempt>& attempt);
   void tryNext(const std::shared_ptr<Attempt>& attempt);
+  ConnectionPointer knownLocked(const ServiceInfo& info) const;
   bool adopt(const ConnectionPointer& connection);
   void forget(const ConnectionPointer& connection);
   std::vector<Url> endpointsToTry(const ServiceInfo& info) const;
@@ -64,7 +67,8 @@ class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
   bool isClosed_ = false;
   std::map<std::uint64_t, ConnectionPointer> open_;            // all of them, by their id
   std::map<std::string, ConnectionPointer> bySession_;         // the one that calls take
-  std::map<std::string, Future<ConnectionPointer>> attempts_;  // under way, by session
+  std::map<std::string, Future<ConnectionPointer>> reaching_;  // under way, by session
+  std::vector<std::weak_ptr<Attempt>> attempts_;               // all under way
   std::vector<Promise<void>> awaitingEnd_;
 };
 

@@ -1,20 +1,23 @@
 #include "src/session/session_p.h"
 
 #include <algorithm>
+#include <atomic>
 #include <stdexcept>
 #include <tuple>
 
 #include <gv/eventloop.h>
 #include <gv/os.h>
 
+#include "src/net/reactor.h"
 #include "src/rpc/callcontext.h"
+#include "src/rpc/releasedelsewhere.h"
 #include "src/rpc/remoteobject.h"
 #include "src/session/neighbourhood.h"
 
 namespace gv {
 namespace {
 
-constexpr auto connectTime = std::chrono::seconds(10);
+constexpr std::chrono::seconds connectTime{10};
 
 /// Runs `task`, which may block on a name server, on the event loop.
 Future<void> onEventLoop(std::function<void()> task) {
@@ -22,6 +25,14 @@ Future<void> onEventLoop(std::function<void()> task) {
 }
 
 }  // namespace
+
+/// A session on its way to a directory.
+struct Session::Private::Joining {
+  const Promise<void> promise;
+  std::atomic<bool> isSettled{false};  // who sets it settles the promise
+  std::shared_ptr<net::Timer> timer;   // constant once joining has begun
+  ConnectionPointer connection;        // of the network's thread
+};
 
 std::shared_ptr<Session::Private> Session::Private::make() {
   std::shared_ptr<Private> session(new Private);
@@ -55,8 +66,7 @@ Future<void> Session::Private::listenStandalone(const Url& url) {
   return onEventLoop([self = shared_from_this(), url] {
     try {
       self->makeDirectory();  // before anybody can connect and ask for it
-      self->acceptOn(url);
-      self->openDirectory(url);
+      self->openDirectory(Url::tcp(url.host(), self->acceptOn(url)->boundPort()));
     } catch (...) {
       self->leaveJoining();
       throw;
@@ -80,7 +90,7 @@ void Session::Private::openDirectory(const Url& url) {
   {
     const std::lock_guard lock(mutex_);
     if (state_ != State::Joining) throw std::runtime_error("the session was closed");
-    url_ = Url::tcp(url.host(), acceptors_.back()->boundPort());
+    url_ = url;
     state_ = State::Joined;
   }
   Neighbourhood<Private>::instance().join(weak_from_this());
@@ -92,43 +102,74 @@ Future<void> Session::Private::connect(const std::string& text) {
   try {
     if (!url.isValid() || url.port() == 0)
       throw std::runtime_error("'" + text + "' is no address to connect to");
+    net::Reactor::context();  // refuses a forked child and a process that exits
     beginJoining();
   } catch (const std::exception& error) {
     return makeFailedFuture<void>(error.what());
   }
+  const auto joining = std::make_shared<Joining>();
   const auto self = shared_from_this();
-  return peers_->dial(url, connectTime)
-      .then(
-          [self, url](Future<ConnectionPointer> dialed) {
-            const ConnectionPointer connection = dialed.value();
-            return rpc::RemoteObject::make(connection, directory::directoryServiceId)
-                .then(
-                    [self, url, connection](Future<Object<Empty>> found) {
-                      const Object<Empty> directory = found.value();
-                      const std::lock_guard lock(self->mutex_);
-                      if (self->state_ != State::Joining)
-                        throw std::runtime_error("the session was closed");
-                      // Asked under the lock: if it ends later, onConnectionClosed comes after
-                      // this.
-                      if (!connection->isOpen())
-                        throw std::runtime_error("the connection ended at once");
-                      self->directory_ = directory;
-                      self->directoryId_ = connection->peer().sessionId;
-                      self->directoryConnection_ = connection->id();
-                      self->url_ = url;
-                      self->state_ = State::Joined;
-                    },
-                    FutureCallbackType::Sync);
-          },
-          FutureCallbackType::Sync)
-      .then(
-          [self](Future<void> joined) {
-            if (joined.hasError()) self->leaveJoining();
-            joined.value();
-            Neighbourhood<Private>::instance().join(self->weak_from_this());
-            self->announceEndpoints();
+  joining->timer = net::Timer::start(connectTime, [self, joining, text] {
+    self->failJoining(joining, "the service directory at " + text + " did not answer within " +
+                                   std::to_string(connectTime.count()) + " s");
+  });
+  peers_->dial(url, connectTime)
+      .connect(
+          [self, url, joining](const Future<ConnectionPointer>& dialed) {
+            if (!dialed.hasValue(0)) return self->failJoining(joining, dialed.error(0));
+            self->join(joining, url, dialed.value(0));
           },
           FutureCallbackType::Sync);
+  return joining->promise.future();
+}
+
+void Session::Private::join(const std::shared_ptr<Joining>& joining, const Url& url,
+                            const ConnectionPointer& connection) {
+  joining->connection = connection;
+  if (joining->isSettled) return connection->close("joined too late");
+  rpc::RemoteObject::make(connection, directory::directoryServiceId)
+      .connect(
+          [self = shared_from_this(), joining, url,
+           connection](const Future<Object<Empty>>& found) {
+            if (!found.hasValue(0)) return self->failJoining(joining, found.error(0));
+            if (joining->isSettled.exchange(true)) return;
+            joining->timer->cancel();
+            if (!self->useDirectory(url, connection, found.value(0))) {
+              connection->close("the session was closed");
+              return joining->promise.setError("the session was closed, or its connection");
+            }
+            Neighbourhood<Private>::instance().join(self->weak_from_this());
+            self->announceEndpoints();
+            joining->promise.setValue();
+          },
+          FutureCallbackType::Sync);
+}
+
+bool Session::Private::useDirectory(const Url& url, const ConnectionPointer& connection,
+                                    const Object<Empty>& directory) {
+  const std::lock_guard lock(mutex_);
+  if (state_ != State::Joining) return false;
+  // Asked under the lock: if it ends later, onConnectionClosed comes after this.
+  if (!connection->isOpen()) {
+    state_ = State::Idle;
+    return false;
+  }
+  directory_ = directory;
+  directoryId_ = connection->peer().sessionId;
+  directoryConnection_ = connection->id();
+  url_ = url;
+  state_ = State::Joined;
+  return true;
+}
+
+/// In the network's thread, as all steps of joining.
+void Session::Private::failJoining(const std::shared_ptr<Joining>& joining,
+                                   const std::string& text) {
+  if (joining->isSettled.exchange(true)) return;
+  joining->timer->cancel();
+  leaveJoining();
+  if (joining->connection) joining->connection->close(text);
+  joining->promise.setError(text);
 }
 
 void Session::Private::beginJoining() {
@@ -156,13 +197,13 @@ Future<void> Session::Private::listen(const Url& url) {
   });
 }
 
-void Session::Private::acceptOn(const Url& url) {
+std::shared_ptr<rpc::Acceptor> Session::Private::acceptOn(const Url& url) {
   auto acceptor = peers_->listen(url);
   {
     const std::lock_guard lock(mutex_);
     if (state_ != State::Closed) {
       acceptors_.push_back(acceptor);
-      return;
+      return acceptor;
     }
   }
   acceptor->close();
@@ -284,25 +325,22 @@ Future<R> Session::Private::askDirectory(const std::string& method, const A&... 
 Future<unsigned> Session::Private::registerService(const std::string& name,
                                                    const Object<Empty>& object) {
   if (!object) return makeFailedFuture<unsigned>("the object of service '" + name + "' is null");
-  const ServiceInfo info(name, 0, os::machineId(), os::processId(), id_, endpoints());
+  const ServiceInfo info(name, 0, os::machineId(), os::processId(), id_, {});
   return askDirectory<unsigned>("registerService", directory::toEntry(info))
-      .then(
-          [self = shared_from_this(), info, object](Future<unsigned> reserved) {
-            return self->publish(reserved.value(), info, object);
-          },
-          FutureCallbackType::Sync);
+      .then([self = shared_from_this(), info, held = rpc::releasedElsewhere(object)](
+                Future<unsigned> reserved) { return self->publish(reserved.value(), info, *held); },
+            FutureCallbackType::Sync);
 }
 
 Future<unsigned> Session::Private::publish(unsigned id, const ServiceInfo& info,
                                            const Object<Empty>& object) {
   // Callable first, visible then: whoever sees the service can call it.
-  local_.add(ServiceInfo(info.name(), id, info.machineId(), info.processId(), info.sessionId(),
-                         info.endpoints()),
+  local_.add(ServiceInfo(info.name(), id, info.machineId(), info.processId(), info.sessionId(), {}),
              object);
   return askDirectory<void>("serviceReady", id)
       .then(
           [self = shared_from_this(), id](Future<void> ready) {
-            if (ready.hasError()) self->local_.remove(id);
+            if (ready.hasError()) rpc::releasedElsewhere(self->local_.remove(id));
             ready.value();
             if (!self->local_.show(id)) throw std::runtime_error("the session was closed");
             return id;
@@ -344,7 +382,9 @@ std::vector<std::shared_ptr<Session::Private>> Session::Private::neighbours() co
 std::vector<ServiceInfo> Session::Private::localInfos() const {
   std::vector<ServiceInfo> list;
   for (const auto& session : neighbours())
-    for (ServiceInfo& info : session->local_.infos()) list.push_back(std::move(info));
+    for (const ServiceInfo& info : session->local_.infos())
+      list.emplace_back(info.name(), info.serviceId(), info.machineId(), info.processId(),
+                        info.sessionId(), session->endpoints());
   std::sort(list.begin(), list.end(), [](const ServiceInfo& a, const ServiceInfo& b) {
     return a.serviceId() < b.serviceId();
   });
@@ -390,7 +430,8 @@ Future<Object<Empty>> Session::Private::service(const std::string& name,
     if (const Object<Empty> own = directory()) return makeReadyFuture(own);
   return askDirectory<directory::ServiceEntry>("service", name)
       .then(
-          [self = shared_from_this()](Future<directory::ServiceEntry> answer) {
+          [self = shared_from_this(), name](Future<directory::ServiceEntry> answer) {
+            if (answer.hasError()) self->forgetRemote(name);
             return self->remoteService(directory::toInfo(answer.value()));
           },
           FutureCallbackType::Sync);
@@ -409,6 +450,12 @@ Future<Object<Empty>> Session::Private::remoteService(const ServiceInfo& info) {
                 FutureCallbackType::Sync);
       },
       FutureCallbackType::Sync);
+}
+
+void Session::Private::forgetRemote(const std::string& name) {
+  std::map<std::string, Remote>::node_type forgotten;  // dies after the unlock
+  const std::lock_guard lock(mutex_);
+  forgotten = remotes_.extract(name);
 }
 
 Object<Empty> Session::Private::cachedRemote(const ServiceInfo& info) {

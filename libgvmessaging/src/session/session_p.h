@@ -42,6 +42,7 @@ class Session::Private final : public rpc::ServiceHost,
  private:
   enum class State { Idle, Joining, Joined, Orphaned, Closed };
   using ConnectionPointer = Peers::ConnectionPointer;
+  struct Joining;
 
   Private();
 
@@ -49,7 +50,12 @@ class Session::Private final : public rpc::ServiceHost,
   void leaveJoining();
   void makeDirectory();
   void openDirectory(const Url& url);
-  void acceptOn(const Url& url);
+  void join(const std::shared_ptr<Joining>& joining, const Url& url,
+            const ConnectionPointer& connection);
+  bool useDirectory(const Url& url, const ConnectionPointer& connection,
+                    const Object<Empty>& directory);
+  void failJoining(const std::shared_ptr<Joining>& joining, const std::string& text);
+  std::shared_ptr<rpc::Acceptor> acceptOn(const Url& url);
   void announceEndpoints();
   void onConnectionClosed(const ConnectionPointer& connection);
 
@@ -58,6 +64,7 @@ class Session::Private final : public rpc::ServiceHost,
   Future<R> askDirectory(const std::string& method, const A&... arguments);
   Future<unsigned> publish(unsigned id, const ServiceInfo& info, const Object<Empty>& object);
   Future<Object<Empty>> remoteService(const ServiceInfo& info);
+  void forgetRemote(const std::string& name);
   Object<Empty> cachedRemote(const ServiceInfo& info);
   Object<Empty> cacheRemote(const ServiceInfo& info, const ConnectionPointer& connection,
                             const Object<Empty>& object);

@@ -49,6 +49,9 @@ std::optional<std::string> checkFixed(In in) {
   const auto flags = take<std::uint8_t>(in, flagsAt);
   if ((flags & ~callTypeBits) != 0 || flags > static_cast<std::uint8_t>(CallType::Queued))
     return "unknown frame flags " + std::to_string(flags);
+  const bool asks = type == static_cast<std::uint8_t>(FrameType::Call) ||
+                    type == static_cast<std::uint8_t>(FrameType::Post);
+  if (flags != 0 && !asks) return "flags in a frame that is no call";
   if (take<std::uint16_t>(in, reserved6At) != 0 || take<std::uint32_t>(in, reserved44At) != 0)
     return "reserved bytes of the frame header are not 0";
   return {};

@@ -18,6 +18,13 @@ struct Limits {
   /// Bytes of values that decoding one payload may make, each element counted as one at least.
   std::size_t decodedBytes = std::size_t{256} << 20;
 
+  /// The same for the payloads of the handshake.
+  std::size_t handshakeDecodedBytes = std::size_t{1} << 20;
+
+  /// Calls of one peer that were read and have not ended, and the bytes of their arguments.
+  std::size_t acceptedCalls = 10'000;
+  std::size_t acceptedBytes = std::size_t{256} << 20;
+
   /// From accepting or connecting to the end of the handshake, however busily the peer sends.
   std::chrono::milliseconds handshakeTime{10'000};
 

@@ -101,9 +101,7 @@ class Decoder : public msgpack::null_visitor {
       default:
         slot_ = level.index == 0 ? AnyReference::from(level.signature) : level.item.asReference();
     }
-    // The elements of a generic container are dynamic values, whatever they hold.
-    const bool isGeneric = level.container.isValid() && level.container.type()->ownSignature;
-    charge(isGeneric ? sizeof(AnyValue) : slot_.type()->size);
+    charge(slot_.type()->size);
     return true;
   }
   bool end_array_item() {
@@ -137,6 +135,7 @@ class Decoder : public msgpack::null_visitor {
   }
   bool start_map_key() {
     Level& level = levels_.back();
+    chargeGeneric(level.container);
     level.key = level.container.type()->map->makeKey(level.container.pointer());
     return startPart(level.key);
   }
@@ -201,7 +200,17 @@ class Decoder : public msgpack::null_visitor {
                          std::to_string(targets_->size()) + " are expected");
     push(Level::Kind::Arguments);
   }
+  /// The elements of a generic container are made from its signature, each with a copy of its part
+  /// and, for a tuple, with all its members: that is paid for before it is done.
+  void chargeGeneric(const AnyReference& container) {
+    if (const auto ownSignature = container.type()->ownSignature)
+      chargeDefault(ownSignature(container.pointer()));
+  }
+  void chargeDefault(const std::string& signature) {
+    charge((signature.size() + 1) * sizeof(AnyValue));
+  }
   void startElement(Level& level) {
+    chargeGeneric(level.container);
     const ListOps* list = level.container.type()->list;
     if (list->emplace) {
       slot_ = list->emplace(level.container.pointer());
@@ -213,7 +222,8 @@ class Decoder : public msgpack::null_visitor {
   void startContent(Level& level) {
     if (level.signature == "v" || level.signature == "V" || level.signature.empty())
       throw PayloadError("a dynamic value cannot have the signature '" + level.signature + "'");
-    const Signature checked(level.signature);  // refuses a malformed one
+    const Signature checked(level.signature);  // refuses a malformed or very long one
+    chargeDefault(checked.toString());
     level.item = AnyValue::makeDefault(checked.toString());
   }
   bool startPart(const AnyValue& part) {
