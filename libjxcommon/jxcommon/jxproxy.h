@@ -1,0 +1,83 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <gvtype/object.h>
+#include <jxcommon/api.h>
+#include <jxcommon/fwd.h>
+#include <jxcommon/jxvaluetype.h>
+#include <boost/enable_shared_from_this.hpp>
+#include <boost/shared_ptr.hpp>
+
+namespace JX {
+
+/// A client's handle on one module, of this process or another, found by name and called by name.
+///
+/// Bound once, in its constructor, and holds the module weakly: when the module has gone, every
+/// call throws "module destroyed"; it never binds again. One proxy may be used from several threads
+/// at a time; a call waits without limit.
+///
+/// @code
+/// JX::JXProxy greeter(broker, "Greeter", 0, 0);
+/// std::string text = greeter.call<std::string>("greet", std::string("Ada"));
+/// @endcode
+class JXCOMMON_API JXProxy : public boost::enable_shared_from_this<JXProxy> {
+ public:
+  /// Finds the module through a broker; blocks for up to twice GV_DEADLOCK_TIMEOUT. Throws JXError
+  /// for an empty broker and when there is no such module. The numbers are ignored.
+  JXProxy(boost::shared_ptr<JXBroker> broker, const std::string& moduleName, int = 0, int = 0);
+  /// A proxy on an object at hand, without a broker. Throws JXError when it is not valid.
+  JXProxy(gv::Object<gv::Empty> object, const std::string& moduleName);
+  /// As the first one; address and numbers are ignored.
+  JXProxy(const std::string& moduleName, const std::string& ip, int port,
+          boost::shared_ptr<JXBroker> broker, int, int);
+  /// Deprecated: makes a broker of its own as a child of the address, which stays with the
+  /// JXBrokerManager, and finds the module through it. Throws as createBroker and the first one do.
+  JXProxy(const std::string& moduleName, const std::string& ip, int port, int, int);
+  /// Unbound: every call throws "module destroyed".
+  JXProxy(const std::string& moduleName, int, int);
+  /// Unbound and without a name: a copy shares nothing with its original.
+  JXProxy(const JXProxy&);
+  JXProxy& operator=(const JXProxy&) = delete;
+  virtual ~JXProxy();
+
+  boost::shared_ptr<JXProxy> getThis();
+  boost::shared_ptr<const JXProxy> getThis() const;
+
+  /// Whether the module was found in this process.
+  bool isLocal();
+  std::string moduleName() const;
+  /// The broker that the module was found through; empty when it has gone or there was none.
+  boost::shared_ptr<JXBroker> getParentBroker() const;
+  /// The module itself where that broker publishes it; empty otherwise (getModule also when it is
+  /// no JXModule).
+  boost::shared_ptr<JXModuleCore> getModuleCore() const;
+  boost::shared_ptr<JXModule> getModule() const;
+  /// A strong handle on the module. Throws std::runtime_error when it has gone.
+  gv::Object<gv::Empty> asObject();
+
+  /// Calls a method with arguments of any described types (texts may be literals) and waits for its
+  /// result, for the eventual value where it returns a future; R may be void. The method is given
+  /// by name or full signature ("twice(i)"); its body may run in this thread.
+  ///
+  /// Throws JXError with the module's and the method's name; its description is the text of the
+  /// failure: what the method threw, no method that takes these arguments, a result that does not
+  /// convert, a lost connection.
+  template <class R, class... P>
+  R call(const std::string& methodName, const P&... arguments);
+
+  /// Calls a method with each element of the array `params` as one argument. Throws JXError as
+  /// `call` does, and the one of JXValue::getSize when `params` is no array.
+  JXValue genericCall(const std::string& methodName, const JXValue& params);
+
+ private:
+  void bind(const boost::shared_ptr<JXBroker>& broker, const std::string& notFoundDetail);
+
+  const std::unique_ptr<JXProxyPrivate> _p;
+  gv::WeakObject<gv::Empty> object_;  // constant after construction
+};
+
+}  // namespace JX
+
+#include <jxcommon/jxproxy.hxx>

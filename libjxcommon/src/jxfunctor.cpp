@@ -1,0 +1,7 @@
+#include <jxcommon/jxfunctor.h>
+
+namespace JX {
+
+JXFunctorBase::~JXFunctorBase() = default;
+
+}  // namespace JX

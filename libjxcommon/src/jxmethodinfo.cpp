@@ -1,0 +1,10 @@
+#include <jxcommon/jxmethodinfo.h>
+
+namespace JX {
+
+JXMethodInfo::JXMethodInfo() = default;
+JXMethodInfo::JXMethodInfo(const JXMethodInfo&) = default;
+JXMethodInfo& JXMethodInfo::operator=(const JXMethodInfo&) = default;
+JXMethodInfo::~JXMethodInfo() = default;
+
+}  // namespace JX

@@ -1,0 +1,208 @@
+// Proxies: binding, typed and untyped calls near and far, and what each failure looks like.
+
+#include <gtest/gtest.h>
+#include <jxcommon/jxbroker.h>
+#include <jxcommon/jxbrokermanager.h>
+#include <jxcommon/jxproxy.h>
+#include <signal.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <optional>
+#include <thread>
+
+#include "support/child_process.h"
+#include "support/log_capture.h"
+#include "support/watchdog.h"
+#include "testmodule.h"
+
+namespace JX {
+namespace {
+
+using Broker = boost::shared_ptr<JXBroker>;
+
+/// A proxy on a module of this process, or of another one.
+class Calls : public ::testing::TestWithParam<bool> {
+ protected:
+  Calls() {
+    if (GetParam()) {
+      robot.emplace(JX_TEST_ROBOT);
+      const std::string ready = robot->waitForLine("listening on ");
+      broker = JXBroker::createBroker("far", "127.0.0.1", 0, "127.0.0.1",
+                                      std::stoi(ready.substr(ready.rfind(' '))));
+    } else {
+      broker = JXBroker::createBroker("near", "127.0.0.1", 0, "", 0);
+      createModule<TestModule>(broker, "Callee");
+    }
+    proxy = boost::make_shared<JXProxy>(broker, "Callee", 7, 9);
+  }
+  ~Calls() override { broker->shutdown(); }
+
+  const house::Watchdog watchdog{"a test of calls"};
+  std::optional<house::ChildProcess> robot;
+  Broker broker;
+  boost::shared_ptr<JXProxy> proxy;
+};
+
+INSTANTIATE_TEST_SUITE_P(A, Calls, ::testing::Bool(), [](const auto& which) {
+  return std::string(which.param ? "ModuleOfAnotherProcess" : "ModuleOfThisProcess");
+});
+
+class RemoteCalls : public Calls {};
+INSTANTIATE_TEST_SUITE_P(Module, RemoteCalls, ::testing::Values(true));
+
+TEST_P(Calls, TypedCallsConvertBothWays) {
+  EXPECT_EQ(proxy->call<std::string>("greet", std::string("Ada")), "hello Ada");
+  EXPECT_EQ(proxy->call<std::string>("greet", "Ada"), "hello Ada") << "a literal is a text";
+  EXPECT_EQ(proxy->call<std::string>("greet(s)", "Ada"), "hello Ada") << "a full signature";
+  EXPECT_EQ((proxy->call<double, std::vector<short>>("count", {1, 2, 3})), 3.0);
+  EXPECT_EQ(proxy->call<int>("later", 5), 5) << "a future's value is waited for";
+  proxy->call<void>("greet", "nobody");
+  const std::map<std::string, int> map = {{"x", 1}};
+  EXPECT_EQ(proxy->call<JXValue>("echo", map).toJson(), "[[\"x\", 1]]");
+}
+
+TEST_P(Calls, UntypedCallsPassEachElementOfTheArray) {
+  const JXValue values = JXValue::fromJson(
+      "[true, -1, -9223372036854775808, 18446744073709551615, 0.1, \"\", {\"$text\": \"/wA=\"},"
+      " {\"$binary\": \"AAE=\"}, [1, \"a\", [[]]], null]");
+  for (int i = 0; i < values.getSize(); ++i) {
+    const JXValue& value = values[i];
+    const JXValue result = proxy->genericCall("echo", std::vector<JXValue>{value});
+    EXPECT_EQ(result, value) << value.toJson();
+    EXPECT_EQ(result.kind(), value.kind()) << value.toJson();
+  }
+  const JXValue numbers = std::vector<JXValue>{std::vector<JXValue>{1, 2.0}};
+  EXPECT_EQ(proxy->genericCall("count", numbers).toInt(), 2);
+  EXPECT_FALSE(proxy->genericCall("withdraw", JXValue()).isValid()) << "no result is no value";
+}
+
+TEST_P(Calls, EachFailureIsAnErrorWithItsPosition) {
+  using Method = const std::string&;
+  const JXValue text = std::vector<JXValue>{"as told"};
+  const struct {
+    const char* method;
+    std::function<void(Method)> call;
+    int line;
+    const char* part;
+  } rows[] = {
+      {"fail", [&](Method m) { proxy->call<void>(m, "as told"); }, 48, "as told"},
+      {"failOddly", [&](Method m) { proxy->call<void>(m); }, 48, "unknown exception"},
+      {"fly", [&](Method m) { proxy->call<int>(m, 1); }, 48, "fly(i)"},
+      {"greet", [&](Method m) { proxy->call<int>(m, 1, 2); }, 48, "greet(s)"},
+      {"greet", [&](Method m) { proxy->call<int>(m, "x"); }, 48, "target type: from string to int"},
+      {"echo", [&](Method m) { proxy->call<char>(m, 300); }, 48, "Return argument conversion err"},
+      {"fail", [&](Method m) { proxy->genericCall(m, text); }, 219, "as told"},
+      {"fly", [&](Method m) { proxy->genericCall(m, JXValue()); }, 219, "fly()"},
+  };
+  for (const auto& row : rows) {
+    const JXError error = errorOf([&] { row.call(row.method); });
+    EXPECT_EQ(error.moduleName(), "Callee");
+    EXPECT_EQ(error.methodName(), row.method);
+    EXPECT_NE(error.description().find(row.part), std::string::npos) << error.description();
+    EXPECT_EQ(error.line(), row.line) << row.part;
+    EXPECT_EQ(error.file(),
+              row.line == 48 ? "../libjxcommon/jxcommon/jxproxy" : "../libjxcommon/src/jxproxy");
+  }
+  EXPECT_EQ(errorOf([&] { proxy->call<void>("fail", "as told"); }).description(), "as told");
+}
+
+TEST_P(Calls, ManyThreadsShareOneProxy) {
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 200; ++i)
+        if (proxy->call<int>("later", 1000 * t + i) != 1000 * t + i) ++wrong;
+    });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST_P(RemoteCalls, EndWhenTheProcessIsKilled) {
+  std::string text;
+  std::thread caller([&] { text = errorOf([&] { proxy->call<void>("hang"); }).description(); });
+  robot->waitForLine("hanging");
+  robot->kill(SIGKILL);
+  caller.join();
+  EXPECT_NE(text.find("lost"), std::string::npos) << text;
+}
+
+void expectDestroyed(JXProxy& proxy) {
+  EXPECT_EQ(errorOf([&] { proxy.call<int>("f", 1); }).toString(),
+            proxy.moduleName() + "::f: module destroyed (../libjxcommon/jxcommon/jxproxy:48)");
+  EXPECT_EQ(errorOf([&] { proxy.genericCall("f", JXValue()); }).toString(),
+            proxy.moduleName() + "::f: module destroyed (../libjxcommon/src/jxproxy:207)");
+  EXPECT_THROW(proxy.asObject(), std::runtime_error);
+}
+
+TEST_P(Calls, AProxyKnowsItsBrokerAndTheModuleOfThatBroker) {
+  EXPECT_EQ(proxy->moduleName(), "Callee");
+  EXPECT_EQ(proxy->getParentBroker(), broker);
+  EXPECT_EQ(proxy->isLocal(), !GetParam());
+  EXPECT_EQ(proxy->getModule() != nullptr, !GetParam());
+  JXProxy copy(*proxy);
+  EXPECT_EQ(copy.moduleName(), "");
+  EXPECT_EQ(copy.getModuleCore(), nullptr);
+  EXPECT_THROW(copy.getThis(), boost::bad_weak_ptr);
+  expectDestroyed(copy);
+}
+
+TEST_P(Calls, AProxyHoldsItsModuleWeakly) {
+  JXProxy direct(proxy->asObject(), "Callee");
+  EXPECT_EQ(direct.getParentBroker(), nullptr);
+  EXPECT_EQ(direct.call<std::string>("greet", "you"), "hello you");
+  proxy->call<void>("withdraw");
+  if (GetParam()) broker->shutdown();
+  EXPECT_EQ(liveModules.live(), 0);
+  expectDestroyed(direct);
+  expectDestroyed(*proxy);
+}
+
+TEST_P(Calls, BindingFailsWithTheTextOfItsConstructor) {
+  const int port = broker->getPort();
+  const struct {
+    std::function<void()> make;
+    std::string description;
+  } rows[] = {
+      {[] { JXProxy(Broker(), "X", 0, 0); }, "Broker is invalid"},
+      {[&] { JXProxy(broker, "X", 0, 0); }, "Can't find service: X"},
+      {[] { JXProxy(gv::Object<gv::Empty>(), "X"); }, "Object is invalid"},
+      {[&] { JXProxy("X", "nowhere", 1, broker, 0, 0); }, "Can't find service: X"},
+      {[&] { JXProxy("X", "127.0.0.1", port, 0, 0); },
+       "Can't find service: X (127.0.0.1:" + std::to_string(port) + ")"},
+  };
+  for (const auto& row : rows) {
+    const JXError error = errorOf(row.make);
+    EXPECT_EQ(error.what(), "JXProxy::JXProxy: " + row.description);
+    EXPECT_EQ(error.file(), "../libjxcommon/src/jxproxy");
+  }
+  JXBrokerManager::getInstance()->getBrokerByName("X")->shutdown();
+}
+
+TEST_P(Calls, TheOldConstructorsComplainInTheLog) {
+  gv::log::setLevel(gv::log::Level::Info);
+  const house::LogCapture log;
+  JXProxy ignoresTheAddress("Callee", "nowhere", 1, broker, 0, 0);
+  EXPECT_EQ(ignoresTheAddress.call<std::string>("greet", "you"), "hello you");
+  JXProxy makesABroker("Callee", "127.0.0.1", broker->getPort(), 0, 0);
+  EXPECT_EQ(makesABroker.call<std::string>("greet", "you"), "hello you");
+  JXBrokerManager::getInstance()->getBrokerByName("Callee")->shutdown();
+  JXProxy unbound("Callee", 0, 0);
+  expectDestroyed(unbound);
+  std::string texts;
+  for (const auto& record : log.records())
+    if (record.function == "JXProxy")
+      texts += (record.level == gv::log::Level::Error ? "error " : "warning ") + record.category +
+               ": " + record.text + "\n";
+  EXPECT_EQ(
+      texts,
+      "warning jxcommon.jxproxy: Entering WTFBBQ JXProxy constructor.\n"
+      "warning jxcommon.jxproxy: JXProxy(ModuleName, IP, Port) is DEPRECATED. Create a broker "
+      "yourself and ask it for a proxy.\n"
+      "error jxcommon.JXProxy: What do you want to achieve? Please specify a broker\n");
+}
+
+}  // namespace
+}  // namespace JX

@@ -1,0 +1,125 @@
+// A module by itself: what its bindings tell of it, and which road each call takes.
+
+#include <gtest/gtest.h>
+#include <jxcommon/jxmethodinfo.h>
+
+#include <future>
+
+#include "support/watchdog.h"
+#include "testmodule.h"
+
+namespace JX {
+namespace {
+
+using gv::AnyReference;
+using gv::MetaCallType;
+
+boost::shared_ptr<TestModule> makeModule() {
+  return boost::make_shared<TestModule>(nullptr, "Lonely");
+}
+
+gv::Future<AnyReference> start(TestModule& module, const std::string& name, MetaCallType type,
+                               const gv::GenericFunctionParameters& arguments = {}) {
+  const unsigned id = module.metaObject().findMethod(name).at(0).uid();
+  return module.metaCall(module.asObject(), id, arguments, type, {});
+}
+
+TEST(Binding, ADescriptionHoldsWhatWasSaidAndNothingElse) {
+  const auto module = makeModule();
+  module->setModuleDescription("the whole");
+  module->functionName("f", "Elsewhere", "d", 3);
+  module->addParam("a", "the first");
+  module->setReturn("r", "the result");
+  module->bindMethod(makeFunctor([](int, const std::string&) { return 0.5; }));
+  const gv::MetaMethod method = module->metaObject().findMethod("f").at(0);
+  EXPECT_EQ(method.toString(), "f(is)");
+  EXPECT_EQ(method.returnSignature().toString(), "d");
+  EXPECT_EQ(method.description() + method.returnDescription(), "dthe result");
+  ASSERT_EQ(method.parameters().size(), 1u);
+  EXPECT_EQ(method.parameters()[0].name() + method.parameters()[0].description(), "athe first");
+  EXPECT_EQ(module->metaObject().description(), "the whole");
+  EXPECT_EQ(module->metaObject().method(gv::MetaObject::firstOwnId)->description(),
+            "Exits and unregisters the module.");
+}
+
+TEST(Binding, AFunctorIsSpentAndBindingItAgainOffersAnEmptyFunction) {
+  const auto module = makeModule();
+  const auto functor = makeFunctor([] { return 1; });
+  module->bind("once", functor);
+  EXPECT_FALSE(functor->function);
+  module->bindMethod(functor, "twice", "Elsewhere", "d", JXMethodInfo());
+  EXPECT_EQ(start(*module, "once", MetaCallType::Auto).value().to<int>(), 1);
+  EXPECT_EQ(start(*module, "twice", MetaCallType::Auto).error(), "the function is empty");
+  EXPECT_EQ(module->getCurrentMethodDescription()->methodName, "");
+}
+
+TEST(Binding, ARefusedNameIsAnErrorThatLeavesTheFunctorAlone) {
+  const auto module = makeModule();
+  const auto functor = makeFunctor([] {});
+  const JXError error = errorOf([&] { module->bind("a/b", functor); });
+  EXPECT_EQ(error.moduleName(), "Lonely");
+  EXPECT_EQ(error.methodName(), "bindMethod");
+  EXPECT_EQ(error.description().rfind("In module Lonely, ", 0), 0u) << error.description();
+  EXPECT_EQ(error.file(), "../libjxcommon/src/jxmodulecore");
+  EXPECT_EQ(error.line(), 492);
+  EXPECT_TRUE(functor->function);
+  EXPECT_THROW(errorOf([&] { module->bindMethodOverload(functor); }), std::runtime_error);
+}
+
+TEST(Routing, DirectAndAutomaticCallsRunInTheCallersThreadQueuedOnesOnTheLoop) {
+  const auto module = makeModule();
+  const auto threadOf = [&](MetaCallType type) {
+    return start(*module, "thread", type).value().to<unsigned>();
+  };
+  EXPECT_TRUE(start(*module, "thread", MetaCallType::Auto).isFinished());
+  EXPECT_EQ(threadOf(MetaCallType::Auto), gv::os::gettid());
+  EXPECT_EQ(threadOf(MetaCallType::Direct), gv::os::gettid());
+  EXPECT_NE(threadOf(MetaCallType::Queued), gv::os::gettid());
+}
+
+TEST(Routing, ErrorsTravelInTheFuture) {
+  const auto module = makeModule();
+  const std::string text = "deliberate";
+  const std::unique_ptr<int> uncopyable;
+  for (const MetaCallType type : {MetaCallType::Auto, MetaCallType::Direct, MetaCallType::Queued}) {
+    EXPECT_EQ(start(*module, "fail", type, {AnyReference::from(text)}).error(), text);
+    EXPECT_EQ(start(*module, "failOddly", type).error(), "unknown exception");
+    EXPECT_TRUE(start(*module, "fail", type, {AnyReference::from(uncopyable)}).hasError());
+    for (const unsigned unknown : {99u, 4711u})
+      EXPECT_EQ(module->metaCall(module->asObject(), unknown, {}, type, {}).error(),
+                "Cant call methodId:" + std::to_string(unknown) + " on module:Lonely");
+    EXPECT_EQ(module->metaCall(module->asObject(), 98, {}, type, {}).error().find("Cant"),
+              std::string::npos)
+        << "the framework's own methods are the framework's";
+  }
+}
+
+TEST(Routing, AQueuedCallKeepsItsModuleAndItsArguments) {
+  const house::Watchdog watchdog("AQueuedCallKeepsItsModuleAndItsArguments");
+  std::promise<void> open;
+  gv::Future<AnyReference> result;
+  {
+    const auto module = makeModule();
+    module->bind("slow", makeFunctor([gate = open.get_future().share()](const std::string& text) {
+                   gate.wait();
+                   return text + " after";
+                 }));
+    const std::string argument = "read";
+    result = start(*module, "slow", MetaCallType::Queued, {AnyReference::from(argument)});
+  }
+  EXPECT_EQ(liveModules.live(), 1);
+  open.set_value();
+  EXPECT_EQ(result.value().to<std::string>(), "read after");
+}
+
+TEST(Routing, AModuleThatNoSharedPointerOwnsCannotBeUsed) {
+  TestModule module(nullptr, "OnTheStack");
+  EXPECT_THROW(module.getThis(), boost::bad_weak_ptr);
+  EXPECT_THROW(module.asObject(), boost::bad_weak_ptr);
+  EXPECT_THROW(module.initModule(), boost::bad_weak_ptr);
+  EXPECT_TRUE(module.isModuleStopped());
+  EXPECT_THROW(module.metaCall({}, 100, {}, MetaCallType::Auto, {}), boost::bad_weak_ptr);
+}
+
+}  // namespace
+}  // namespace JX

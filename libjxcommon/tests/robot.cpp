@@ -1,0 +1,15 @@
+// A process of its own for the tests: publishes a TestModule until it is killed.
+
+#include <iostream>
+
+#include <jxcommon/jxbroker.h>
+
+#include "testmodule.h"
+
+int main() {
+  const auto broker = JX::JXBroker::createBroker("robot", "127.0.0.1", 0, "", 0);
+  JX::createModule<JX::TestModule>(broker, "Callee");
+  std::cout << "listening on " << broker->getPort() << std::endl;
+  const gv::Promise<void> never;
+  never.future().wait();
+}

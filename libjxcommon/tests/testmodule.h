@@ -1,0 +1,66 @@
+#pragma once
+
+#include <iostream>
+#include <stdexcept>
+
+#include <gv/eventloop.h>
+#include <gv/os.h>
+#include <jxcommon/jxmodule.h>
+#include <jxerror/jxerror.h>
+
+#include "support/live_counter.h"
+
+namespace JX {
+
+inline house::LiveCounter liveModules;
+
+/// A module of methods that tests call; the binding operations are open to the tests.
+class TestModule : public JXModule {
+ public:
+  TestModule(boost::shared_ptr<JXBroker> broker, const std::string& name) : JXModule(broker, name) {
+    bind("greet", makeFunctor(this, &TestModule::greet));
+    bind("count", makeFunctor([](const std::vector<int>& list) { return list.size(); }));
+    bind("echo", makeFunctor([](const JXValue& value) { return value; }));
+    bind("thread", makeFunctor([] { return gv::os::gettid(); }));
+    bind("fail", makeFunctor([](const std::string& text) { throw std::domain_error(text); }));
+    bind("failOddly", makeFunctor([] { throw 7; }));
+    bind("later", makeFunctor([](int n) { return gv::getEventLoop()->async([n] { return n; }); }));
+    bind("hang", makeFunctor([] {
+           std::cout << "hanging" << std::endl;
+           const gv::Promise<void> never;
+           never.future().wait();
+         }));
+    bind("withdraw", makeFunctor(this, &TestModule::exit));
+  }
+
+  std::string greet(const std::string& who) const { return "hello " + who; }
+
+  void bind(const std::string& name, const boost::shared_ptr<JXFunctorBase>& functor) {
+    functionName(name, getName(), "about " + name);
+    bindMethod(functor);
+  }
+
+  using JXModule::addParam;
+  using JXModule::bindMethod;
+  using JXModule::bindMethodOverload;
+  using JXModule::functionName;
+  using JXModule::getCurrentMethodDescription;
+  using JXModule::setModuleDescription;
+  using JXModule::setReturn;
+
+ private:
+  house::LiveCounter::Mark mark_{liveModules};
+};
+
+/// The JXError that `action` throws; a failure of the test when it throws none.
+template <class F>
+JXError errorOf(F action) {
+  try {
+    action();
+  } catch (const JXError& error) {
+    return error;
+  }
+  throw std::logic_error("no JXError was thrown");
+}
+
+}  // namespace JX
