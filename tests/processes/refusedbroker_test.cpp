@@ -1,0 +1,109 @@
+// Brokers that cannot be made: each says why within a bounded time and leaves nothing behind.
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <string>
+
+#include <jxcommon/jxbrokermanager.h>
+#include <jxcommon/jxproxy.h>
+#include <jxerror/jxerror.h>
+
+#include "hostilepeer.h"
+#include "recordingproxy.h"
+#include "robotprocess.h"
+#include "scale.h"
+#include "support/watchdog.h"
+
+namespace processes {
+namespace {
+
+void createChild(int parentPort) {
+  JX::JXBroker::createBroker("refused", "127.0.0.1", 0, "127.0.0.1", parentPort, 0, "", true);
+}
+
+std::string cannotConnect(int port) {
+  return "Cannot connect to tcp://127.0.0.1:" + std::to_string(port);
+}
+
+class RefusedBroker : public testing::Test {
+ protected:
+  ~RefusedBroker() override {
+    EXPECT_FALSE(JX::JXBrokerManager::getInstance()->getBrokerByName("refused"));
+  }
+  house::Watchdog watchdog{"a broker refused"};
+};
+
+TEST_F(RefusedBroker, APortInUseIsNamedAndItsOwnerUnharmed) {
+  RobotProcess robot;
+  try {
+    JX::JXBroker::createBroker("refused", "127.0.0.1", robot.port(), "", 0, 0, "", true);
+    FAIL() << "two masters on one port";
+  } catch (const JX::JXError& error) {
+    EXPECT_EQ(error.moduleName(), "JXBroker");
+    EXPECT_EQ(error.methodName(), "createBroker");
+    EXPECT_EQ(error.description(), "Service Directory can't listen on " + robot.address());
+  }
+  const auto client = robot.join("client");
+  EXPECT_EQ(JX::JXProxy(client, "Robot").call<int>("add", 1, 2), 3);
+  client->shutdown();
+  EXPECT_TRUE(robot.end());
+}
+
+TEST_F(RefusedBroker, AParentThatIsNotThereIsKnownAtOnce) {
+  int port = 0;
+  {
+    const ListeningSocket closedAgain;
+    port = closedAgain.port();
+  }
+  const auto start = Clock::now();
+  EXPECT_EQ(errorOf([&] { createChild(port); }), cannotConnect(port));
+  EXPECT_LT(millisecondsSince(start), 4000);
+}
+
+TEST_F(RefusedBroker, AParentThatNeverSpeaksIsGivenFiveSeconds) {
+  const ListeningSocket silent;  // the system accepts for it
+  const auto start = Clock::now();
+  EXPECT_EQ(errorOf([&] { createChild(silent.port()); }), cannotConnect(silent.port()));
+  EXPECT_GE(millisecondsSince(start), 4900);
+  EXPECT_LT(millisecondsSince(start), 15000);
+}
+
+TEST_F(RefusedBroker, AParentThatSpeaksSomethingElseIsKnownAtOnce) {
+  ListeningSocket other;
+  auto answer = std::async(std::launch::async, [&] {
+    HostilePeer peer = other.accept();
+    peer.send("HTTP/1.1 400 Bad Request\r\nConnection: keep-alive\r\n\r\n");
+    return peer.isClosedByOther();
+  });
+  const auto start = Clock::now();
+  EXPECT_EQ(errorOf([&] { createChild(other.port()); }), cannotConnect(other.port()));
+  EXPECT_LT(millisecondsSince(start), 4000);
+  EXPECT_TRUE(answer.get());
+}
+
+TEST_F(RefusedBroker, AParentThatEndsAnywhereInItsAnswerIsKnownAtOnce) {
+  std::string answer;
+  {
+    RobotProcess robot;
+    RecordingProxy between(robot.port());
+    JX::JXBroker::createBroker("recorded", "127.0.0.1", 0, "127.0.0.1", between.port())->shutdown();
+    answer = between.recording().toClient;
+  }
+  ASSERT_GE(framesOf(answer).size(), 2u);
+  ListeningSocket parent;
+  const auto start = Clock::now();
+  int rounds = 0;
+  for (std::size_t cut = 0; cut <= answer.size(); cut += isSanitized ? 61 : 7, ++rounds) {
+    auto error = std::async(std::launch::async, errorOf, [&parent] { createChild(parent.port()); });
+    HostilePeer peer = parent.accept();
+    EXPECT_FALSE(peer.receive().empty());  // its greeting
+    peer.send(std::string_view(answer).substr(0, cut));
+    peer.close();
+    ASSERT_EQ(error.get(), cannotConnect(parent.port())) << "ended after " << cut << " bytes";
+  }
+  EXPECT_LT(millisecondsSince(start), rounds * 1000);
+}
+
+}  // namespace
+}  // namespace processes

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <jxcommon/jxbroker.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "support/child_process.h"
+
+namespace processes {
+
+/// What a process holds of the system's resources, as the system tells it.
+struct Figures {
+  int descriptors = 0;
+  int threads = 0;
+  long residentKiB = 0;
+};
+
+/// A running test_robot. Destruction kills it if it was not ended before.
+class RobotProcess {
+ public:
+  RobotProcess();
+
+  int port() const { return port_; }
+  /// "tcp://127.0.0.1:port"
+  const std::string& address() const { return address_; }
+  Figures figures() const;
+
+  /// A new child broker of the robot, in this process. The caller shuts it down.
+  boost::shared_ptr<JX::JXBroker> join(const std::string& name) const;
+
+  /// Waits until the robot's method "hold" waits with this key.
+  void waitUntilHolding(const std::string& key) { process_.waitForLine("holding " + key); }
+
+  /// Kills the robot as the system would: at once and without its help.
+  void kill();
+  /// Asks the robot to end; whether it did so in order, and its sanitizers found nothing.
+  [[nodiscard]] bool end();
+
+ private:
+  house::ChildProcess process_;
+  std::string address_;
+  int port_;
+};
+
+/// The description of the JXError that `call` throws. Throws std::runtime_error when it does not.
+std::string errorOf(const std::function<void()>& call);
+
+/// Waits until what is out of this process's hands has become true; false when it has not within
+/// `guard`, which is a failure.
+[[nodiscard]] bool becomesTrue(const std::function<bool()>& condition,
+                               std::chrono::milliseconds guard = std::chrono::seconds(20));
+
+using Clock = std::chrono::steady_clock;
+
+inline int millisecondsSince(Clock::time_point start) {
+  return static_cast<int>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+}
+
+}  // namespace processes
