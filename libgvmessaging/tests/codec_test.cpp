@@ -170,6 +170,16 @@ TEST(Codec, RefusesLiesBeforeTheyCostAnything) {
   EXPECT_THAT(errorOf(bytes("\x92\xa1o\x01"), "v"), HasSubstr("no value can be made"));
 }
 
+TEST(Codec, PaysForTheSignatureInEveryElementThatItDescribes) {
+  const std::string signature = "aa{s(" + std::string(4000, 's') + ")}";
+  std::string lists = "\x92\xda";
+  lists += {static_cast<char>(signature.size() >> 8), static_cast<char>(signature.size() & 0xff)};
+  lists += signature + "\xdc\xea\x60" + std::string(60'000, '\x80');  // that many empty maps
+  Limits small;
+  small.decodedBytes = std::size_t{1} << 20;
+  EXPECT_THAT(errorOf(bytes(lists), "v", small), HasSubstr("more memory than is allowed"));
+}
+
 TEST(Codec, BoundsNestingAndMemory) {
   std::string nested;
   for (int i = 0; i < 100; ++i)

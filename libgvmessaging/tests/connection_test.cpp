@@ -8,6 +8,7 @@
 #include <future>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,6 +17,7 @@
 #include <gvtype/dynamicobjectbuilder.h>
 
 #include "rawpeer.h"
+#include "src/net/reactor.h"
 #include "src/rpc/remoteobject.h"
 #include "src/session/peers.h"
 #include "src/wire/valuewriter.h"
@@ -48,13 +50,28 @@ class Side : public rpc::ServiceHost {
     peers->setOwner(self, [](const auto&) {});
   }
 
+  static constexpr unsigned replaceableId = 8;
+
+  void replace(Object<Empty> object) {
+    const std::lock_guard lock(mutex_);
+    std::swap(object, replaceable_);
+  }
+
   Object<Empty> findService(unsigned id) const override {
+    if (id == replaceableId) {
+      const std::lock_guard lock(mutex_);
+      return replaceable_;
+    }
     const auto found = objects.find(id);
     return found == objects.end() ? Object<Empty>() : found->second;
   }
 
   std::shared_ptr<Peers> peers;
   std::map<unsigned, Object<Empty>> objects;  // constant while connected
+
+ private:
+  mutable std::mutex mutex_;  // guards what follows
+  Object<Empty> replaceable_;
 };
 
 std::shared_ptr<Side> makeSide(const std::string& name, const wire::Limits& limits = {}) {
@@ -68,6 +85,7 @@ Object<Empty> makeCalculator(const std::shared_ptr<Gate>& gate) {
   builder.advertiseMethod("add", [](int a, int b) { return a + b; });
   builder.advertiseMethod("nothing", [] {});
   builder.advertiseMethod("fail", [](const std::string& text) { throw std::runtime_error(text); });
+  builder.advertiseMethod("throwNumber", [] { throw 5; });
   builder.advertiseMethod("echo", [](const AnyValue& value) { return value; });
   builder.advertiseMethod("count", [](const AnyArguments& all) { return all.args.size(); });
   builder.advertiseMethod(
@@ -143,6 +161,46 @@ TEST_F(ConnectionTest, TellsTheEndingsApart) {
   const auto tooLarge = failureOf([&] { calculator.call<std::string>("large", 100'000'000); });
   EXPECT_THAT(tooLarge.second, HasSubstr("more than the limit"));
   EXPECT_EQ(calculator.call<int>("add", 1, 1), 2) << "the connection lives on";
+}
+
+TEST_F(ConnectionTest, AnswersWhateverAMethodThrows) {
+  const auto thrown = failureOf([&] { calculator.call<void>("throwNumber"); });
+  EXPECT_EQ(thrown, std::pair(FutureException::State::UserError, std::string("unknown exception")));
+}
+
+TEST_F(ConnectionTest, RunsCallbacksOfItsUsersOnTheEventLoop) {
+  const auto continued = calculator.async<int>("add", 1, 1).then([this](Future<int> sum) {
+    // It waits for the network: nothing would come if this were the network's thread.
+    return sum.value() + calculator.call<int>("add", 1, 1);
+  });
+  EXPECT_EQ(continued.value(guardMs), 4);
+}
+
+TEST_F(ConnectionTest, DestroysObjectsOfItsUsersOnTheEventLoop) {
+  // A description is asked for in the network's thread, while the last handle goes elsewhere.
+  for (int round = 0; round < 200; ++round) {
+    std::atomic<bool> isWrong{false};
+    std::atomic<bool> isGone{false};
+    struct Guard {
+      std::atomic<bool>& isWrong;
+      std::atomic<bool>& isGone;
+      ~Guard() {
+        isWrong = net::Reactor::isThisThread();
+        isGone = true;
+      }
+    };
+    {
+      DynamicObjectBuilder builder;
+      const std::shared_ptr<Guard> guard(new Guard{isWrong, isGone});
+      builder.advertiseMethod("nothing", [guard] {});
+      server->replace(builder.object());
+    }
+    const auto asked = rpc::RemoteObject::make(connection, Side::replaceableId);
+    server->replace({});
+    asked.wait(guardMs);
+    while (!isGone) std::this_thread::yield();
+    ASSERT_FALSE(isWrong);
+  }
 }
 
 TEST_F(ConnectionTest, FailsPendingCallsWhenItIsLost) {

@@ -107,7 +107,8 @@ TEST(FrameHeader, RefusesWhatItDoesNotKnow) {
       bytes[at] = static_cast<char>(value);
       accepted += refusal(bytes) == "accepted";
     }
-    EXPECT_EQ(at == 4 ? 6 : at == 5 ? 3 : 1, accepted) << "byte " << at;
+    // The sample is a queued call: of the types, only Call and Post have a call type.
+    EXPECT_EQ(at == 4 ? 2 : at == 5 ? 3 : 1, accepted) << "byte " << at;
   }
 }
 

@@ -92,3 +92,26 @@ class RawPeer {
 
   int socket_;
 };
+
+/// A listening socket that accepts nothing: the system completes connections, nobody speaks.
+class RawListener {
+ public:
+  RawListener() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    address_.sin_family = AF_INET;
+    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address_;
+    auto* address = reinterpret_cast<sockaddr*>(&address_);
+    if (::bind(socket_, address, size) != 0 || ::listen(socket_, 8) != 0 ||
+        ::getsockname(socket_, address, &size) != 0)
+      throw std::system_error(errno, std::system_category());
+  }
+  ~RawListener() { ::close(socket_); }
+  RawListener(const RawListener&) = delete;
+  RawListener& operator=(const RawListener&) = delete;
+
+  std::string url() const { return "tcp://127.0.0.1:" + std::to_string(ntohs(address_.sin_port)); }
+
+ private:
+  int socket_;
+  sockaddr_in address_{};
+};

@@ -5,12 +5,16 @@
 #include <gmock/gmock.h>
 
 #include <boost/make_shared.hpp>
+#include <chrono>
+#include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gvtype/dynamicobjectbuilder.h>
 
 #include "rawpeer.h"
+#include "src/session/peers.h"
 #include "support/watchdog.h"
 
 namespace gv {
@@ -164,6 +168,66 @@ TEST(Sessions, FreeTheirPortAndTheirObjectsWhenTheyClose) {
     EXPECT_TRUE(weak.lock());
   }
   EXPECT_FALSE(weak.lock());
+}
+
+/// A peer that is no master: it answers every call that there is no such service.
+class PeerWithoutServices {
+ public:
+  PeerWithoutServices() {
+    rpc::Greeting own;
+    own.sessionId = "silent";
+    peers_ = std::make_shared<Peers>(own, wire::Limits());
+    peers_->setOwner({}, [](const auto&) {});
+    acceptor_ = peers_->listen("tcp://127.0.0.1:0");
+  }
+  ~PeerWithoutServices() {
+    acceptor_->close();
+    peers_->close("the test has ended").wait(guardMs);
+  }
+  std::string url() const { return Url::tcp("127.0.0.1", acceptor_->boundPort()).str(); }
+
+ private:
+  std::shared_ptr<Peers> peers_;
+  std::shared_ptr<rpc::Acceptor> acceptor_;
+};
+
+std::ptrdiff_t openDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+TEST(Sessions, LeaveNothingOpenWhenTheyCannotJoin) {
+  const PeerWithoutServices noMaster;
+  const auto session = boost::make_shared<Session>();
+  session->connect(noMaster.url()).wait(guardMs);
+  const std::ptrdiff_t before = openDescriptors();
+  for (int round = 0; round < 30; ++round)
+    EXPECT_THAT(session->connect(noMaster.url()).error(guardMs), HasSubstr("id 1"));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (openDescriptors() > before + 4 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::yield();
+  EXPECT_LE(openDescriptors(), before + 4);
+}
+
+TEST(Sessions, EndWhatIsPendingWhenTheyAreDropped) {
+  const RawListener deaf;  // connects, by the system's queue, and never speaks
+  auto session = boost::make_shared<Session>();
+  const Future<void> joining = session->connect(deaf.url());
+  const auto start = std::chrono::steady_clock::now();
+  session.reset();
+  EXPECT_THAT(joining.error(guardMs), HasSubstr("the session was closed"));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST(Sessions, MayBeDroppedWhileTheyClose) {
+  for (int round = 0; round < 100; ++round) {
+    const auto master = boost::make_shared<Session>();
+    master->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
+    auto client = boost::make_shared<Session>();
+    client->connect(master->url().str()).value(guardMs);
+    const Future<void> closing = client->close();
+    client.reset();
+    EXPECT_EQ(closing.wait(guardMs), FutureState::FinishedWithValue);
+  }
 }
 
 TEST(Sessions, MayBeDroppedWhileTheyConnect) {

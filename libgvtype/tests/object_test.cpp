@@ -84,6 +84,17 @@ TEST(DynamicObject, OfTheSingleThreadedModelRunsOneCallAtATimeInOrder) {
   for (int i = 0; i < 500; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
 }
 
+TEST(DynamicObject, OfTheSingleThreadedModelMayCallItself) {
+  DynamicObjectBuilder builder;
+  builder.setThreadingModel(ObjectThreadingModel::SingleThread);
+  WeakObject<Empty> self;
+  builder.advertiseMethod("inner", [] { return 1; });
+  builder.advertiseMethod("outer", [&self] { return self.lock().call<int>("inner") + 1; });
+  const Object<Empty> object = builder.object();
+  self = object;
+  EXPECT_EQ(object.async<int>("outer").value(guardMs), 2);
+}
+
 TEST(DynamicObject, CanBeExtendedWhileCallsRun) {
   DynamicObjectBuilder builder;
   builder.advertiseMethod("first", [] { return 1; });

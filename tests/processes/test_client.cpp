@@ -1,5 +1,6 @@
-// A client for tests, made to be killed: publishes a module under its name at the robot on the
-// given port, then waits in the robot's method "hold" with that name as the key.
+// A client for tests: publishes a module under its name at the robot on the given port. Then it
+// waits in the robot's method "hold" with that name as the key, to be killed; or, with "leave" as a
+// third argument, returns from main with everything alive, its broker in a static object.
 
 #include <signal.h>
 #include <sys/prctl.h>
@@ -29,16 +30,28 @@ class Victim : public JX::JXModule {
   }
 };
 
+/// Made before the broker's threads are, so destroyed after they have been stopped.
+struct LastOwner {
+  boost::shared_ptr<JX::JXBroker> broker;
+  ~LastOwner() {
+    if (broker) broker->shutdown();
+  }
+} lastOwner;
+
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves no client behind
-  if (argumentCount != 3) return 2;
+  if (argumentCount != 3 && argumentCount != 4) return 2;
   const std::string name = arguments[2];
   try {
     const auto broker =
         JX::JXBroker::createBroker(name, "127.0.0.1", 0, "127.0.0.1", std::stoi(arguments[1]));
     JX::createModule<Victim>(broker, name);
+    if (argumentCount == 4) {
+      lastOwner.broker = broker;
+      return 0;
+    }
     JX::JXProxy(broker, "Robot").call<void>("hold", name);
   } catch (const JX::JXError& error) {
     std::cerr << error.description() << '\n';
