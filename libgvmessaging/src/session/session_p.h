@@ -60,8 +60,18 @@ class Session::Private final : public rpc::ServiceHost,
   void onConnectionClosed(const ConnectionPointer& connection);
 
   Object<Empty> directory() const;
+  Future<AnyReference> callDirectory(const std::string& method,
+                                     const GenericFunctionParameters& arguments);
   template <class R, class... A>
-  Future<R> askDirectory(const std::string& method, const A&... arguments);
+  Future<R> askDirectory(const std::string& method, const A&... arguments) {
+    return callDirectory(method, makeParameters(arguments...))
+        .then(
+            [](Future<AnyReference> answer) {
+              const AnyReference value = answer.value();
+              if constexpr (!std::is_void_v<R>) return value.to<R>();
+            },
+            FutureCallbackType::Sync);
+  }
   Future<unsigned> publish(unsigned id, const ServiceInfo& info, const Object<Empty>& object);
   Future<Object<Empty>> remoteService(const ServiceInfo& info);
   void forgetRemote(const std::string& name);
