@@ -51,15 +51,6 @@ class Loop : public ::testing::Test {
   house::Watchdog watchdog_{"event loop"};
 };
 
-TEST_F(Loop, RunsTasksOnItsOwnThreads) {
-  EventLoop loop(sized(2, 4));
-  auto isInside = loop.async([&] { return loop.isInThisContext(); });
-  EXPECT_TRUE(isInside.value());
-  EXPECT_FALSE(loop.isInThisContext());
-  EXPECT_FALSE(loop.async([] { return gv::getEventLoop()->isInThisContext(); }).value());
-  EXPECT_THROW(loop.post({}), std::invalid_argument);
-}
-
 TEST_F(Loop, TaskStartsWhileAllOthersWaitForIt) {
   EventLoop loop(announcedOnly(2, 64));
   Promise<int> awaited;
@@ -69,12 +60,6 @@ TEST_F(Loop, TaskStartsWhileAllOthersWaitForIt) {
   }
   loop.post([&] { awaited.setValue(3); });
   for (auto& future : waiting) EXPECT_EQ(future.value(), 3);
-}
-
-TEST_F(Loop, WaitBehindAQueuedTaskLetsItStart) {
-  EventLoop loop(announcedOnly(1, 8));
-  auto outer = loop.async([&] { return loop.async([] { return 1; }).value() + 1; });
-  EXPECT_EQ(outer.value(), 2);
 }
 
 TEST_F(Loop, TaskStartsWhileAllOthersBlockUnannounced) {
@@ -117,22 +102,22 @@ TEST_F(Loop, CallQueuedBehindThreadsThatBlockLaterIsRefused) {
     while (!canBlock.isFinished()) std::this_thread::yield();
     answer.future().wait();
   });
+  auto plain = loop.async([] { return 1; });
   EXPECT_TRUE(loop.tryPost([&] { answer.setValue("ran"); }, [&] { answer.setValue("refused"); }));
   posted.setValue();
   EXPECT_EQ(answer.future().value(), "refused");
+  EXPECT_EQ(plain.value(), 1) << "only calls are refused";
 }
 
 TEST_F(Loop, SurvivesWhatTasksThrow) {
   EventLoop loop(sized(1, 1));
   house::LogCapture capture;
   loop.post([] { throw std::runtime_error("task trouble"); });
-  loop.post([] { throw 5; });
   auto failed = loop.async([]() -> int { throw std::runtime_error("what it was"); });
   auto odd = loop.async([]() -> int { throw 5; });
   EXPECT_EQ(failed.error(), "what it was");
   EXPECT_EQ(odd.error(), "unknown exception");
   EXPECT_EQ(capture.count("task trouble"), 1);
-  EXPECT_EQ(capture.count("unknown exception"), 1);
   EXPECT_EQ(loop.async([] { return 2; }).value(), 2);
 }
 
@@ -151,6 +136,7 @@ TEST_F(Loop, DelayedTasksRunInTheOrderOfTheirTimesNotBefore) {
 TEST_F(Loop, CanceledTaskNeverRunsAndLeavesNothing) {
   EventLoop loop(sized(1, 1));
   house::LiveCounter counter;
+  EXPECT_FALSE(gv::TaskHandle().cancel());
   std::atomic<int> runs{0};
   auto task = [&runs, mark = house::LiveCounter::Mark(counter)] { ++runs; };
   auto delayed = loop.post(task, hours(1));
@@ -170,25 +156,6 @@ TEST_F(Loop, CanceledTaskNeverRunsAndLeavesNothing) {
   blocker.value();
   loop.async([] {}).value();
   EXPECT_EQ(runs, 0);
-}
-
-TEST_F(Loop, CancelOfAStartedTaskIsRefused) {
-  EventLoop loop(sized(1, 1));
-  Promise<void> started, release;
-  auto future = loop.async([&, wait = release.future()] {
-    started.setValue();
-    wait.wait();
-    return 4;
-  });
-  started.future().wait();
-  future.cancel();
-  EXPECT_TRUE(future.isRunning());
-  release.setValue();
-  EXPECT_EQ(future.value(), 4);
-  auto handle = loop.post([] {});
-  loop.async([] {}).value();
-  EXPECT_FALSE(handle.cancel());
-  EXPECT_FALSE(gv::TaskHandle().cancel());
 }
 
 TEST_F(Loop, CancelAsTheTaskFiresHasOneOutcome) {
@@ -260,31 +227,6 @@ TEST_F(Loop, MayEndOnItsOwnThread) {
   });
   ended.future().value();
   while (counter.live() > 0) std::this_thread::yield();
-}
-
-TEST_F(Loop, ServiceRunsBesideThePoolAndIsStoppedAtTheEnd) {
-  Promise<void> stop;
-  std::atomic<bool> hasReturned{false};
-  std::atomic<int> stops{0};
-  {
-    EventLoop loop(sized(1, 1));
-    loop.runService(
-        "service-with-a-long-name",
-        [&] {
-          EXPECT_FALSE(loop.isInThisContext());
-          stop.future().wait();
-          hasReturned = true;
-        },
-        [&] {
-          ++stops;
-          stop.setValue();
-        });
-    loop.runService(
-        "brief", [] { throw std::runtime_error("service trouble"); }, [] {});
-    EXPECT_EQ(loop.async([] { return 1; }).value(), 1);
-  }
-  EXPECT_TRUE(hasReturned);
-  EXPECT_EQ(stops, 1);
 }
 
 TEST_F(Loop, ManyPostersLoseNothing) {

@@ -138,26 +138,10 @@ TEST(Future, LastPromiseGoneUnsettledIsABrokenPromise) {
   EXPECT_EQ(calls, 1);
 }
 
-TEST(Future, SettlingTwiceThrowsAndKeepsTheFirstEnd) {
-  Promise<std::string> promise;
-  promise.setValue("first");
-  EXPECT_THROW(promise.setValue("second"), std::logic_error);
-  EXPECT_THROW(promise.setError("late"), std::logic_error);
-  EXPECT_THROW(promise.setCanceled(), std::logic_error);
-  EXPECT_EQ(promise.future().value(), "first");
-}
-
 TEST(Future, TellsItsEndsApart) {
   auto failed = gv::makeFailedFuture<int>("no route", FutureException::State::NotSent);
-  EXPECT_TRUE(failed.hasError());
   EXPECT_EQ(failed.error(), "no route");
-  try {
-    failed.value();
-    FAIL();
-  } catch (const FutureException& error) {
-    EXPECT_STREQ(error.what(), "no route");
-    EXPECT_EQ(error.state(), FutureException::State::NotSent);
-  }
+  EXPECT_EQ(thrownBy([&] { failed.value(); }), FutureException::State::NotSent);
 
   Promise<int> canceled;
   canceled.setCanceled();
@@ -166,21 +150,11 @@ TEST(Future, TellsItsEndsApart) {
   EXPECT_EQ(thrownBy([&] { canceled.future().value(); }), FutureException::State::Canceled);
   EXPECT_EQ(thrownBy([&] { canceled.future().error(); }), FutureException::State::Canceled);
 
-  auto ready = gv::makeReadyFuture(4);
-  EXPECT_EQ(ready.value(-1), 4);
-  EXPECT_FALSE(ready.hasError(0));
-  EXPECT_EQ(thrownBy([&] { ready.error(); }), FutureException::State::Invalid);
-}
-
-TEST(Future, EmptyOneThrowsInvalid) {
   Future<int> empty;
   EXPECT_EQ(empty.wait(), FutureState::None);
-  EXPECT_FALSE(empty.isFinished());
-  EXPECT_FALSE(empty.isRunning());
   empty.cancel();
   EXPECT_EQ(thrownBy([&] { empty.value(); }), FutureException::State::Invalid);
   EXPECT_EQ(thrownBy([&] { empty.connect([](Future<int>) {}); }), FutureException::State::Invalid);
-  EXPECT_EQ(thrownBy([&] { empty.then([](Future<int>) {}); }), FutureException::State::Invalid);
 }
 
 TEST(Future, UnsettledOneTimesOut) {
@@ -195,24 +169,11 @@ TEST(Future, UnsettledOneTimesOut) {
   EXPECT_NO_THROW(future.value(0));
 }
 
-TEST(Future, WakesEveryWaiter) {
-  house::Watchdog watchdog("waiters");
-  Promise<int> promise;
-  std::atomic<int> sum{0};
-  std::vector<std::thread> waiters;
-  for (int i = 0; i < 8; ++i) {
-    waiters.emplace_back([&, future = promise.future()] { sum += future.value(); });
-  }
-  promise.setValue(5);
-  for (auto& waiter : waiters) waiter.join();
-  EXPECT_EQ(sum, 40);
-}
-
 TEST(Future, CallbacksRunWhereTheirTypeSays) {
   Promise<int> promise;  // asynchronous by default
   auto future = promise.future();
   auto onLoop = [] { return gv::getEventLoop()->isInThisContext(); };
-  Promise<bool> early, late, sync;
+  Promise<bool> early, late;
   std::thread::id syncThread;
   future.connect([&](Future<int>) { early.setValue(onLoop()); });
   future.connect([&](Future<int>) { syncThread = std::this_thread::get_id(); },
@@ -268,23 +229,6 @@ TEST(Future, CopiesAndDestroysValuesUnlocked) {
   EXPECT_GT(calls, 3);
 }
 
-struct ThrowsWhenMoved {
-  bool isArmed = false;
-  ThrowsWhenMoved() = default;
-  ThrowsWhenMoved(const ThrowsWhenMoved&) = default;
-  ThrowsWhenMoved(ThrowsWhenMoved&& other) : isArmed(other.isArmed) {
-    if (isArmed) throw std::runtime_error("cannot move");
-  }
-};
-
-TEST(Future, ValueThatCannotBeStoredEndsAsAnError) {
-  Promise<ThrowsWhenMoved> promise;
-  ThrowsWhenMoved value;
-  value.isArmed = true;
-  promise.setValue(std::as_const(value));  // the copy succeeds, moving it in does not
-  EXPECT_EQ(promise.future().error(0), "cannot move");
-}
-
 TEST(Future, LeavesNoValueBehind) {
   house::LiveCounter counter;
   {
@@ -304,46 +248,24 @@ TEST(FutureThen, PassesResultsAndErrorsOn) {
   auto text = promise.future().then([](Future<int> f) { return std::to_string(f.value()); });
   auto nothing = text.then([](Future<std::string> f) { EXPECT_EQ(f.value(), "12"); });
   auto thrown = nothing.then([](Future<void>) -> int { throw std::runtime_error("broke"); });
-  auto odd = nothing.then([](Future<void>) -> int { throw 5; });
   promise.setValue(12);
   EXPECT_TRUE(nothing.hasValue(0));
   EXPECT_EQ(thrown.error(0), "broke");
-  EXPECT_EQ(odd.error(0), "unknown exception");
 
   auto lost = gv::makeFailedFuture<int>("gone", FutureException::State::ConnectionLost);
   auto after = lost.then([](Future<int> f) { return f.value(); }, FutureCallbackType::Sync);
-  EXPECT_EQ(after.error(0), "gone");
   EXPECT_EQ(after.errorState(0), FutureException::State::ConnectionLost);
-}
-
-TEST(FutureThen, TimeoutInsideIsNoTimeoutOfTheNewFuture) {
-  Promise<int> never;
-  auto next = gv::makeReadyFuture().then([&](Future<void>) { return never.future().value(0); },
-                                         FutureCallbackType::Sync);
-  EXPECT_EQ(thrownBy([&] { next.value(0); }), FutureException::State::UserError);
 }
 
 TEST(FutureThen, FlattensAReturnedFuture) {
   Promise<int> outer(FutureCallbackType::Sync);
   Promise<std::string> inner;
   auto flat = outer.future().then([&](Future<int>) { return inner.future(); });
-  static_assert(std::is_same_v<decltype(flat), Future<std::string>>);
   outer.setValue(1);
   EXPECT_TRUE(flat.isRunning());
   inner.setError("inner", FutureException::State::ConnectionLost);
   EXPECT_EQ(flat.error(0), "inner");
   EXPECT_EQ(flat.errorState(0), FutureException::State::ConnectionLost);
-
-  auto invalid = outer.future().then([](Future<int>) { return Future<int>(); });
-  EXPECT_TRUE(invalid.hasError(0));
-}
-
-TEST(FutureThen, FlattenedFutureThatBreaksBreaksTheOuterOne) {
-  auto inner = std::make_unique<Promise<void>>();
-  auto flat = gv::makeReadyFuture().then([&](Future<void>) { return inner->future(); },
-                                         FutureCallbackType::Sync);
-  inner.reset();
-  EXPECT_EQ(flat.errorState(0), FutureException::State::BrokenPromise);
 }
 
 TEST(FutureCancel, IsARequestToThePromise) {
@@ -356,15 +278,6 @@ TEST(FutureCancel, IsARequestToThePromise) {
   EXPECT_TRUE(promise.future().isRunning());
   promise.setValue(3);
   EXPECT_EQ(promise.future().value(), 3);
-
-  Promise<int> deaf;
-  deaf.future().cancel();
-  EXPECT_TRUE(deaf.future().isRunning());
-
-  Promise<int> done(FutureCallbackType::Sync, [&] { ++requests; });
-  done.setValue(1);
-  done.future().cancel();
-  EXPECT_EQ(requests, 1);
 }
 
 TEST(FutureCancel, GoesBackThroughThen) {

@@ -17,66 +17,25 @@ PoolView busy() {
   return view;
 }
 
-TEST(PoolPolicy, GrowsAtOnceUpToTheMinimum) {
+TEST(PoolPolicy, AThreadUnderWayCountsForTheTaskItComesFor) {
   PoolView view = busy();
-  EXPECT_FALSE(growsAtOnce(view));
-  view.threads = 1;
-  EXPECT_TRUE(growsAtOnce(view));
-  view.arriving = 1;  // somebody comes for the task
+  view.threads = view.arriving = 1;
   EXPECT_FALSE(growsAtOnce(view));
   view.queued = 2;
   EXPECT_TRUE(growsAtOnce(view));
 }
 
-TEST(PoolPolicy, AnnouncedWaitIsReplacedAtOnceWhileTasksWait) {
+TEST(PoolPolicy, AQueueThatMovesGetsMoreTimeThanAStalledOne) {
   PoolView view = busy();
-  view.blocked = 1;
-  EXPECT_TRUE(growsAtOnce(view));
-  view.queued = 0;
-  EXPECT_FALSE(growsAtOnce(view));
-  view.queued = 9;
-  view.threads = view.blocked = view.maxThreads;
-  EXPECT_FALSE(growsAtOnce(view));
-}
-
-TEST(PoolPolicy, StalledTasksBringAThread) {
-  PoolView view = busy();
-  view.longestWait = milliseconds(9);
-  view.sinceLastStart = milliseconds(9);
-  EXPECT_FALSE(growsWhenStalled(view));
-  view.longestWait = view.sinceLastStart = milliseconds(10);
-  EXPECT_TRUE(growsWhenStalled(view));
-  view.threads = view.maxThreads;
-  EXPECT_FALSE(growsWhenStalled(view));
-}
-
-TEST(PoolPolicy, QueueThatMovesGetsMoreTime) {
-  PoolView view = busy();
-  view.longestWait = milliseconds(99);
-  view.sinceLastStart = milliseconds(1);
-  EXPECT_FALSE(growsWhenStalled(view));
-  view.longestWait = milliseconds(100);
-  EXPECT_TRUE(growsWhenStalled(view));
-}
-
-TEST(PoolPolicy, RefusesOnlyWhenNothingCanRun) {
-  PoolView view = busy();
-  view.threads = view.blocked = 3;
-  EXPECT_FALSE(refusesCalls(view));
-  view.threads = 4;
-  EXPECT_FALSE(refusesCalls(view));
-  view.blocked = 4;
-  EXPECT_TRUE(refusesCalls(view));
-}
-
-TEST(PoolPolicy, WarnsAtTheCeilingOnly) {
-  PoolView view = busy();
-  view.longestWait = milliseconds(500);
-  EXPECT_FALSE(warnsOfCeiling(view));
-  view.threads = view.maxThreads;
-  EXPECT_TRUE(warnsOfCeiling(view));
-  view.longestWait = milliseconds(5);
-  EXPECT_FALSE(warnsOfCeiling(view));
+  const struct {
+    int longestWait, sinceLastStart;
+    bool grows;
+  } rows[] = {{9, 9, false}, {10, 10, true}, {99, 1, false}, {100, 1, true}};
+  for (const auto& row : rows) {
+    view.longestWait = milliseconds(row.longestWait);
+    view.sinceLastStart = milliseconds(row.sinceLastStart);
+    EXPECT_EQ(growsWhenStalled(view), row.grows) << row.longestWait;
+  }
 }
 
 TEST(PoolPolicy, KeepsTheMinimumBesideBlockedThreads) {

@@ -18,11 +18,7 @@ class RawPeer {
  public:
   static RawPeer connectTo(std::uint16_t port) {
     RawPeer peer;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    check(::connect(peer.socket_, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    peer.connect(port);
     return peer;
   }
 
@@ -31,7 +27,13 @@ class RawPeer {
   RawPeer(RawPeer&& other) noexcept : socket_(std::exchange(other.socket_, -1)) {}
   RawPeer& operator=(RawPeer&&) = delete;
 
-  int descriptor() const { return socket_; }
+  void connect(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    check(::connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  }
 
   void send(std::string_view bytes) {
     while (!bytes.empty()) {
@@ -96,12 +98,14 @@ class RawPeer {
 /// A listening socket that accepts nothing: the system completes connections, nobody speaks.
 class RawListener {
  public:
-  RawListener() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  /// The system drops whoever knocks when more than @p backlog wait.
+  explicit RawListener(int backlog = 8)
+      : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     address_.sin_family = AF_INET;
     address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address_;
     auto* address = reinterpret_cast<sockaddr*>(&address_);
-    if (::bind(socket_, address, size) != 0 || ::listen(socket_, 8) != 0 ||
+    if (::bind(socket_, address, size) != 0 || ::listen(socket_, backlog) != 0 ||
         ::getsockname(socket_, address, &size) != 0)
       throw std::system_error(errno, std::system_category());
   }
@@ -109,7 +113,8 @@ class RawListener {
   RawListener(const RawListener&) = delete;
   RawListener& operator=(const RawListener&) = delete;
 
-  std::string url() const { return "tcp://127.0.0.1:" + std::to_string(ntohs(address_.sin_port)); }
+  std::uint16_t port() const { return ntohs(address_.sin_port); }
+  std::string url() const { return "tcp://127.0.0.1:" + std::to_string(port()); }
 
  private:
   int socket_;

@@ -54,19 +54,6 @@ void expectLogged(const house::LogCapture& log, Level level, const std::string& 
   EXPECT_EQ(count, 1) << function << ": " << text;
 }
 
-TEST_F(Network, BothReportTheDirectorysAddress) {
-  EXPECT_EQ(master->getName(), "master");
-  const int port = master->getPort();
-  EXPECT_NE(port, 0);
-  const house::LogCapture log;
-  EXPECT_EQ(child->getIP(), "127.0.0.1");
-  EXPECT_EQ(child->getPort(), port);
-  expectLogged(log, Level::Verbose, "getIP", "IP asked. Ask for parent IP.");
-  expectLogged(log, Level::Verbose, "getParentIP", "Ask for parent IP 127.0.0.1");
-  expectLogged(log, Level::Verbose, "getParentPort", "Ask for parent port " + std::to_string(port));
-  EXPECT_TRUE(child->isConnected());
-}
-
 TEST_F(Network, AFailedCreationLeavesNoBrokerBehind) {
   const std::string taken = "tcp://127.0.0.1:" + std::to_string(master->getPort());
   const struct {
@@ -105,33 +92,6 @@ TEST_F(Network, ANameCanBePublishedOnceAndIsFreeAgain) {
   second->initModule();
   second->initModule();
   EXPECT_EQ(child->getModuleByName("Name"), second);
-}
-
-TEST_F(Network, UnknownModulesAreLoggedAndNothingElse) {
-  const house::LogCapture log;
-  EXPECT_EQ(master->unregisterModule("Nobody"), 0);
-  expectLogged(log, Level::Error, "unregisterModule",
-               "JXBroker::unregisterModule can't unregister module: Nobody");
-  EXPECT_EQ(master->getModuleByName("Nobody"), nullptr);
-  expectLogged(log, Level::Verbose, "getModuleByName",
-               "JXBroker::getModuleByName: module not found:Nobody");
-  EXPECT_FALSE(child->isModulePresent("Nobody"));
-}
-
-TEST_F(Network, TheListsAppendNamesAndProcesses) {
-  createModule<TestModule>(child, "First");
-  createModule<TestModule>(child, "Second");
-  const auto list = boost::make_shared<std::vector<JXModuleInfo>>(1);
-  const house::LogCapture log;
-  EXPECT_EQ(child->getModuleList(list), 0);
-  expectLogged(log, Level::Warning, "getModuleList",
-               "JXBroker::getModuleList may contain incomplete information (missing ip/port)");
-  ASSERT_EQ(list->size(), 3u);
-  EXPECT_EQ((*list)[1].name + (*list)[2].name, "FirstSecond");
-  EXPECT_EQ((*list)[2].processId, static_cast<int>(gv::os::processId()));
-  list->clear();
-  EXPECT_EQ(master->getGlobalModuleList(list), 0);
-  EXPECT_EQ(list->size(), 3u) << "the directory itself is a service";
 }
 
 /// Tells the order in which modules exit, and fails there if told so.

@@ -24,24 +24,6 @@ gv::Future<AnyReference> start(TestModule& module, const std::string& name, Meta
   return module.metaCall(module.asObject(), id, arguments, type, {});
 }
 
-TEST(Binding, ADescriptionHoldsWhatWasSaidAndNothingElse) {
-  const auto module = makeModule();
-  module->setModuleDescription("the whole");
-  module->functionName("f", "Elsewhere", "d", 3);
-  module->addParam("a", "the first");
-  module->setReturn("r", "the result");
-  module->bindMethod(makeFunctor([](int, const std::string&) { return 0.5; }));
-  const gv::MetaMethod method = module->metaObject().findMethod("f").at(0);
-  EXPECT_EQ(method.toString(), "f(is)");
-  EXPECT_EQ(method.returnSignature().toString(), "d");
-  EXPECT_EQ(method.description() + method.returnDescription(), "dthe result");
-  ASSERT_EQ(method.parameters().size(), 1u);
-  EXPECT_EQ(method.parameters()[0].name() + method.parameters()[0].description(), "athe first");
-  EXPECT_EQ(module->metaObject().description(), "the whole");
-  EXPECT_EQ(module->metaObject().method(gv::MetaObject::firstOwnId)->description(),
-            "Exits and unregisters the module.");
-}
-
 TEST(Binding, AFunctorIsSpentAndBindingItAgainOffersAnEmptyFunction) {
   const auto module = makeModule();
   const auto functor = makeFunctor([] { return 1; });
@@ -110,15 +92,6 @@ TEST(Routing, AQueuedCallKeepsItsModuleAndItsArguments) {
   EXPECT_EQ(liveModules.live(), 1);
   open.set_value();
   EXPECT_EQ(result.value().to<std::string>(), "read after");
-}
-
-TEST(Routing, AModuleThatNoSharedPointerOwnsCannotBeUsed) {
-  TestModule module(nullptr, "OnTheStack");
-  EXPECT_THROW(module.getThis(), boost::bad_weak_ptr);
-  EXPECT_THROW(module.asObject(), boost::bad_weak_ptr);
-  EXPECT_THROW(module.initModule(), boost::bad_weak_ptr);
-  EXPECT_TRUE(module.isModuleStopped());
-  EXPECT_THROW(module.metaCall({}, 100, {}, MetaCallType::Auto, {}), boost::bad_weak_ptr);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <iostream>
 #include <stdexcept>
 
 #include <gv/eventloop.h>
@@ -25,11 +24,6 @@ class TestModule : public JXModule {
     bind("fail", makeFunctor([](const std::string& text) { throw std::domain_error(text); }));
     bind("failOddly", makeFunctor([] { throw 7; }));
     bind("later", makeFunctor([](int n) { return gv::getEventLoop()->async([n] { return n; }); }));
-    bind("hang", makeFunctor([] {
-           std::cout << "hanging" << std::endl;
-           const gv::Promise<void> never;
-           never.future().wait();
-         }));
     bind("withdraw", makeFunctor(this, &TestModule::exit));
   }
 
@@ -40,13 +34,10 @@ class TestModule : public JXModule {
     bindMethod(functor);
   }
 
-  using JXModule::addParam;
   using JXModule::bindMethod;
   using JXModule::bindMethodOverload;
   using JXModule::functionName;
   using JXModule::getCurrentMethodDescription;
-  using JXModule::setModuleDescription;
-  using JXModule::setReturn;
 
  private:
   house::LiveCounter::Mark mark_{liveModules};

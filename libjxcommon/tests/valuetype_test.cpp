@@ -27,21 +27,16 @@ TEST(ValueType, EachKindKeepsItsContentBothWays) {
       {AnyValue::from(true), true, "b"},
       {AnyValue::from(std::int8_t{-128}), -128, "i"},
       {AnyValue::from(std::uint8_t{255}), 255u, "u"},
-      {AnyValue::from(std::int16_t{-32768}), -32768, "i"},
-      {AnyValue::from(std::uint16_t{65535}), 65535u, "u"},
-      {AnyValue::from(std::int32_t{INT32_MIN}), INT32_MIN, "i"},
       {AnyValue::from(std::uint32_t{UINT32_MAX}), UINT32_MAX, "u"},
       {AnyValue::from(std::int64_t{INT64_MIN}), std::int64_t{INT64_MIN}, "x"},
       {AnyValue::from(std::uint64_t{UINT64_MAX}), std::uint64_t{UINT64_MAX}, "t"},
       {AnyValue::from(0.5f), 0.5, "d"},
-      {AnyValue::from(-1e300), -1e300, "d"},
       {AnyValue::from(bytes), bytes, "s"},
       {AnyValue::from(gv::Buffer(bytes.data(), 3)), JXValue::binary(bytes.data(), 3), "r"},
       {AnyValue::from(std::vector<bool>{true}), std::vector<JXValue>{true}, "av"},
       {AnyValue::from(std::make_tuple(1, bytes)), std::vector<JXValue>{1, bytes}, "av"},
       {AnyValue::from(std::map<int, bool>{{1, true}}), JXValue::fromJson("[[1, true]]"), "av"},
       {AnyValue::from(mixed), JXValue::fromJson("[1, null]"), "av"},
-      {AnyValue::make(gv::getType<void>()), JXValue(), ""},
       {AnyValue(), JXValue(), ""},
   };
   for (const auto& row : rows) {
@@ -60,12 +55,6 @@ TEST(ValueType, ArraysConvertElementByElement) {
   const auto tuple = AnyReference::from(array).to<std::tuple<int, int, std::vector<bool>>>();
   EXPECT_EQ(tuple, std::make_tuple(1, 2, std::vector<bool>{true}));
   EXPECT_THROW(AnyReference::from(array).to<std::vector<int>>(), gv::ConversionError);
-}
-
-TEST(ValueType, APartMayReplaceTheWhole) {
-  JXValue array = std::vector<JXValue>{"first", 2};
-  operations.assign(&array, AnyReference::from(array[0]));
-  EXPECT_EQ(array, JXValue("first"));
 }
 
 AnyValue nested(int levels) {  // of a list and a dynamic value each

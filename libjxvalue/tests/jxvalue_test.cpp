@@ -2,10 +2,8 @@
 #include <jxerror/jxerror.h>
 #include <jxvalue/jxvalue.h>
 
-#include <cmath>
 #include <cstdint>
 #include <limits>
-#include <map>
 #include <type_traits>
 
 namespace JX {
@@ -49,23 +47,6 @@ const std::vector<JXValue>& ladder() {
   return values;
 }
 
-TEST(JXValue, KeepsKindWidthAndSignOfWhatItIsMadeFrom) {
-  const std::pair<JXValue, JXValue::Kind> expected[] = {
-      {JXValue(), JXValue::Kind::Invalid},
-      {true, JXValue::Kind::Bool},
-      {std::int16_t{1}, JXValue::Kind::Int},
-      {1u, JXValue::Kind::UInt},
-      {std::int64_t{1}, JXValue::Kind::Int64},
-      {1ULL, JXValue::Kind::UInt64},
-      {1.0f, JXValue::Kind::Float},
-      {"text", JXValue::Kind::String},
-      {JXValue::binary(nullptr, 0), JXValue::Kind::Binary},
-      {std::vector<bool>{true}, JXValue::Kind::Array},
-      {std::vector<std::vector<std::string>>{{"a"}}, JXValue::Kind::Array},
-  };
-  for (const auto& [value, kind] : expected) EXPECT_EQ(value.kind(), kind);
-}
-
 TEST(JXValue, RefusesToReadIntegersThatDoNotFit) {
   EXPECT_EQ(JXValue(std::int64_t{-7}).toInt(), -7);
   EXPECT_EQ(JXValue(7ULL).toInt64(), 7);
@@ -73,14 +54,8 @@ TEST(JXValue, RefusesToReadIntegersThatDoNotFit) {
   EXPECT_THROW(JXValue(3000000000u).toInt(), JXError);
   EXPECT_THROW(JXValue(-1).toUInt64(), JXError);
   EXPECT_THROW(JXValue(~0ULL).toInt64(), JXError);
-}
-
-TEST(JXValue, ReadsAnIntegerAsDoubleOnlyWhenExact) {
-  constexpr std::int64_t limit = std::int64_t{1} << 53;
-  EXPECT_EQ(JXValue(limit).toDouble(), 9007199254740992.0);
-  EXPECT_THROW(JXValue(limit + 1).toDouble(), JXError);
-  EXPECT_EQ(JXValue(std::numeric_limits<std::int64_t>::min()).toDouble(), -0x1p63);
-  EXPECT_THROW(JXValue(std::numeric_limits<std::int64_t>::max()).toDouble(), JXError);
+  EXPECT_EQ(JXValue(std::int64_t{1} << 53).toDouble(), 0x1p53);
+  EXPECT_THROW(JXValue((std::int64_t{1} << 53) + 1).toDouble(), JXError);
   EXPECT_THROW(JXValue(~0ULL).toDouble(), JXError);
 }
 
@@ -104,38 +79,21 @@ TEST(JXValue, NeverReadsAnotherKind) {
   EXPECT_THROW(JXValue(static_cast<const char*>(nullptr)), JXError);
 }
 
-TEST(JXValue, HoldsAnyBytes) {
-  const std::string bytes("a\0\xff", 3);
-  EXPECT_EQ(JXValue(bytes).toString(), bytes);
-  const std::vector<unsigned char> block{0, 255, 10};
-  EXPECT_EQ(JXValue::binary(block.data(), block.size()).toBinary(), block);
-}
-
 TEST(JXValue, GrowsByPositionOnlyWhenChangeable) {
   JXValue value;
   value[2] = "third";
-  EXPECT_EQ(value.getSize(), 3);
-  EXPECT_FALSE(value[0].isValid());
+  EXPECT_EQ(value, array({JXValue(), JXValue(), "third"}));
   const JXValue& constant = value;
   EXPECT_THROW(constant[3], JXError);
   EXPECT_THROW(value[-1], JXError);
+  EXPECT_THROW(value.arraySetSize(-1), JXError);
   EXPECT_EQ(value.getSize(), 3);
+  value.arraySetSize(1);
+  EXPECT_EQ(value, array({JXValue()}));
   JXValue text("text");
   EXPECT_THROW(text[0], JXError);
   EXPECT_THROW(text.arrayPush(1), JXError);
   EXPECT_EQ(text, JXValue("text"));
-}
-
-TEST(JXValue, SetsTheSizeKeepingTheFirstElements) {
-  JXValue value = array({1, 2, 3});
-  value.arraySetSize(2);
-  EXPECT_EQ(value, array({1, 2}));
-  value.arraySetSize(3);
-  EXPECT_EQ(value, array({1, 2, JXValue()}));
-  EXPECT_THROW(value.arraySetSize(-1), JXError);
-  JXValue text("text");
-  text.arraySetSize(0);
-  EXPECT_EQ(text, array({}));
 }
 
 TEST(JXValue, CopiesAreIndependent) {
@@ -163,6 +121,8 @@ TEST(JXValue, SurvivesBeingAssignedToAPartOfItselfAndBack) {
 }
 
 TEST(JXValue, HasOneTotalOrderThatEqualityAgreesWith) {
+  EXPECT_EQ(JXValue(1), JXValue(1ULL));
+  EXPECT_LT(JXValue(-1), JXValue(0ULL));
   const auto& values = ladder();
   for (std::size_t i = 0; i < values.size(); ++i) {
     for (std::size_t j = 0; j < values.size(); ++j) {
@@ -170,16 +130,6 @@ TEST(JXValue, HasOneTotalOrderThatEqualityAgreesWith) {
       EXPECT_EQ(values[i] == values[j], i == j) << i << " and " << j;
     }
   }
-}
-
-TEST(JXValue, ComparesIntegersByNumberAndServesAsAKey) {
-  EXPECT_EQ(JXValue(1), JXValue(1ULL));
-  EXPECT_NE(JXValue(1), JXValue(1.0));
-  EXPECT_LT(JXValue(-1), JXValue(0ULL));
-  EXPECT_LT(JXValue(std::int64_t{1} << 62), JXValue(1ULL << 63));
-  std::map<JXValue, int> byValue{{nan, 1}, {"a", 2}, {JXValue::binary("a", 1), 3}};
-  EXPECT_EQ(byValue[JXValue(nan)], 1);
-  EXPECT_EQ(byValue.size(), 3u);
 }
 
 }  // namespace

@@ -18,8 +18,8 @@ std::uint32_t payloadSizeOf(std::string_view header) {
   return numberAt(header, PayloadSizeAt);
 }
 
-std::uint32_t FrameBytes::number(std::size_t at) const {
-  return numberAt(bytes_, at);
+std::uint32_t FrameBytes::messageId() const {
+  return numberAt(bytes_, MessageIdAt);
 }
 
 FrameBytes FrameBytes::withByte(std::size_t at, unsigned char value) const {

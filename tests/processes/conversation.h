@@ -34,9 +34,8 @@ class FrameBytes {
 
   const std::string& bytes() const { return bytes_; }
   FrameType type() const { return static_cast<FrameType>(bytes_.at(TypeAt)); }
-  std::uint32_t service() const { return number(ServiceAt); }
   /// The low half of it; the tests' ids never exceed that.
-  std::uint32_t messageId() const { return number(MessageIdAt); }
+  std::uint32_t messageId() const;
   std::string_view payload() const { return std::string_view(bytes_).substr(HeaderSize); }
 
   /// Copies that differ in a byte or a number of the header, or in the payload and its size.
@@ -45,8 +44,6 @@ class FrameBytes {
   FrameBytes withPayload(const std::string& payload) const;
 
  private:
-  std::uint32_t number(std::size_t at) const;
-
   std::string bytes_;
 };
 

@@ -59,12 +59,6 @@ bool HostilePeer::send(std::string_view bytes) {
   return true;
 }
 
-bool HostilePeer::sendByteByByte(std::string_view bytes) {
-  for (; !bytes.empty(); bytes.remove_prefix(1))
-    if (!send(bytes.substr(0, 1))) return false;
-  return true;
-}
-
 std::string HostilePeer::receive() {
   waitUntilReadable(socket_);
   std::string bytes(65536, '\0');

@@ -24,8 +24,6 @@ class HostilePeer {
 
   /// False when the other side has closed meanwhile; the rest is not sent then.
   bool send(std::string_view bytes);
-  /// One byte a write, each in a packet of its own.
-  bool sendByteByByte(std::string_view bytes);
 
   /// What has arrived, once there is something; empty at the end of the connection.
   std::string receive();

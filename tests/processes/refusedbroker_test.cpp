@@ -7,7 +7,6 @@
 
 #include <jxcommon/jxbrokermanager.h>
 #include <jxcommon/jxproxy.h>
-#include <jxerror/jxerror.h>
 
 #include "hostilepeer.h"
 #include "recordingproxy.h"
@@ -33,33 +32,6 @@ class RefusedBroker : public testing::Test {
   }
   house::Watchdog watchdog{"a broker refused"};
 };
-
-TEST_F(RefusedBroker, APortInUseIsNamedAndItsOwnerUnharmed) {
-  RobotProcess robot;
-  try {
-    JX::JXBroker::createBroker("refused", "127.0.0.1", robot.port(), "", 0, 0, "", true);
-    FAIL() << "two masters on one port";
-  } catch (const JX::JXError& error) {
-    EXPECT_EQ(error.moduleName(), "JXBroker");
-    EXPECT_EQ(error.methodName(), "createBroker");
-    EXPECT_EQ(error.description(), "Service Directory can't listen on " + robot.address());
-  }
-  const auto client = robot.join("client");
-  EXPECT_EQ(JX::JXProxy(client, "Robot").call<int>("add", 1, 2), 3);
-  client->shutdown();
-  EXPECT_TRUE(robot.end());
-}
-
-TEST_F(RefusedBroker, AParentThatIsNotThereIsKnownAtOnce) {
-  int port = 0;
-  {
-    const ListeningSocket closedAgain;
-    port = closedAgain.port();
-  }
-  const auto start = Clock::now();
-  EXPECT_EQ(errorOf([&] { createChild(port); }), cannotConnect(port));
-  EXPECT_LT(millisecondsSince(start), 4000);
-}
 
 TEST_F(RefusedBroker, AParentThatNeverSpeaksIsGivenFiveSeconds) {
   const ListeningSocket silent;  // the system accepts for it

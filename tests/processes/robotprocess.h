@@ -10,7 +10,6 @@
 
 namespace processes {
 
-/// What a process holds of the system's resources, as the system tells it.
 struct Figures {
   int descriptors = 0;
   int threads = 0;
@@ -23,7 +22,6 @@ class RobotProcess {
   RobotProcess();
 
   int port() const { return port_; }
-  /// "tcp://127.0.0.1:port"
   const std::string& address() const { return address_; }
   Figures figures() const;
 
@@ -33,7 +31,6 @@ class RobotProcess {
   /// Waits until the robot's method "hold" waits with this key.
   void waitUntilHolding(const std::string& key) { process_.waitForLine("holding " + key); }
 
-  /// Kills the robot as the system would: at once and without its help.
   void kill();
   /// Asks the robot to end; whether it did so in order, and its sanitizers found nothing.
   [[nodiscard]] bool end();

@@ -4,12 +4,9 @@
 
 namespace house {
 
-/// Counts the live instances of one kind of object, so that a test can end with "none is left".
-/// A class is counted by holding a `LiveCounter::Mark` as a member. Any thread may read the count.
-/// The counter outlives all its marks.
+/// Counts live objects: those that hold a `LiveCounter::Mark`, copied and moved-from ones as well.
 class LiveCounter {
  public:
-  /// Counts as one instance for as long as it lives; copies and moved-from marks count as well.
   class Mark {
    public:
     explicit Mark(LiveCounter& counter) : counter_(&counter) { counter_->live_.fetch_add(1); }
@@ -25,7 +22,6 @@ class LiveCounter {
   LiveCounter(const LiveCounter&) = delete;
   LiveCounter& operator=(const LiveCounter&) = delete;
 
-  /// Instances alive now.
   int live() const { return live_.load(); }
 
  private:

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,8 +15,6 @@ namespace house {
 /// Collects the log records written while it lives, from every thread.
 class LogCapture {
  public:
-  using Match = std::function<bool(const gv::log::Record&)>;
-
   LogCapture() {
     id_ = gv::log::addHandler("test capture", [shared = shared_](const gv::log::Record& record) {
       std::lock_guard lock(shared->mutex);
@@ -42,19 +39,13 @@ class LogCapture {
                                           [&](const auto& r) { return contains(r, part); }));
   }
 
-  /// Waits until some record matches; false when none did within `guard`, which is a failure.
-  [[nodiscard]] bool waitFor(const Match& match,
-                             std::chrono::milliseconds guard = std::chrono::seconds(20)) const {
+  /// Waits until some record's text contains `part`; false when none did in 20 s: a failure.
+  [[nodiscard]] bool waitForText(const std::string& part) const {
     std::unique_lock lock(shared_->mutex);
-    return shared_->changed.wait_for(lock, guard, [&] {
-      return std::any_of(shared_->records.begin(), shared_->records.end(), match);
+    return shared_->changed.wait_for(lock, std::chrono::seconds(20), [&] {
+      return std::any_of(shared_->records.begin(), shared_->records.end(),
+                         [&](const auto& r) { return contains(r, part); });
     });
-  }
-
-  /// Waits until some record's text contains `part`.
-  [[nodiscard]] bool waitForText(const std::string& part,
-                                 std::chrono::milliseconds guard = std::chrono::seconds(20)) const {
-    return waitFor([&](const gv::log::Record& r) { return contains(r, part); }, guard);
   }
 
  private:

@@ -5,9 +5,7 @@
 
 namespace house {
 
-/// A limit on the wall time of one test: when it is still alive after `limit`, it prints `what`
-/// and aborts the process, so that a hang shows its stacks instead of a silent time-out.
-/// Construct it first in the test.
+/// Aborts the process when still alive after `limit`: a hang shows its stacks. Construct it first.
 class Watchdog {
  public:
   explicit Watchdog(std::string what,
