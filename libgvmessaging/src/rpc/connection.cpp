@@ -14,7 +14,7 @@
 namespace gv::rpc {
 namespace {
 
-constexpr const char* category = "gv.connection";
+constexpr const char* category = "gvmessaging.connection";
 
 std::uint64_t nextConnectionId() {
   static std::atomic<std::uint64_t> last{0};

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include <gv/eventloop.h>
+#include <gv/log.h>
 #include <gv/os.h>
 
 #include "src/net/reactor.h"
@@ -210,7 +211,15 @@ std::shared_ptr<rpc::Acceptor> Session::Private::acceptOn(const Url& url) {
 void Session::Private::announceEndpoints() {
   std::vector<std::string> texts;
   for (const Url& url : endpoints()) texts.push_back(url.str());
-  if (isConnected() && !texts.empty()) askDirectory<void>("announceEndpoints", texts);
+  if (!isConnected() || texts.empty()) return;
+  askDirectory<void>("announceEndpoints", texts)
+      .connect(
+          [](const Future<void>& told) {
+            if (told.hasError(0))
+              GV_LOG(log::Level::Warning, "gvmessaging.session", "announceEndpoints",
+                     "peers cannot find this session: " + told.error(0));
+          },
+          FutureCallbackType::Sync);
 }
 
 // ---- The end
