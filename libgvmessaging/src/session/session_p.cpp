@@ -160,7 +160,7 @@ bool Session::Private::useDirectory(const Url& url, const ConnectionPointer& con
   return true;
 }
 
-/// In the network's thread, as all steps of joining.
+/// In the network's thread, or, while nobody has been reached, in the one that closes the session.
 void Session::Private::failJoining(const std::shared_ptr<Joining>& joining,
                                    const std::string& text) {
   if (joining->isSettled.exchange(true)) return;
