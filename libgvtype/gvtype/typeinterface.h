@@ -25,6 +25,7 @@ enum class TypeKind {
   Map,
   Tuple,
   Dynamic,
+  Object,
   Future,
   Unknown
 };

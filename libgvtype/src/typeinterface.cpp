@@ -65,6 +65,8 @@ std::string typeName(const TypeInterface* type) {
       break;
     case TypeKind::Dynamic:
       return "dynamic";
+    case TypeKind::Object:
+      return "object";
     case TypeKind::Future:
       return "future<" + typeName(type->future->valueType()) + ">";
     case TypeKind::Unknown:
@@ -111,6 +113,9 @@ void appendSignature(std::string& text, const TypeInterface* type) {
       return;
     case TypeKind::Dynamic:
       text += 'v';
+      return;
+    case TypeKind::Object:
+      text += 'o';
       return;
     case TypeKind::Future:
       appendSignature(text, type->future->valueType());
