@@ -11,7 +11,8 @@
 /// Log records by category and level, and handlers that receive them.
 ///
 /// Everything here may be called from any thread, from static initialisers and destructors of any
-/// library in any order, and from inside handlers. Nothing throws but for lack of memory.
+/// library in any order, and from inside handlers. Nothing throws but for lack of memory. In a
+/// forked child everything works on, with the handlers of the parent.
 ///
 /// Levels start at info. The environment variable GV_LOG changes that before the first record:
 /// `GV_LOG=warning`, `GV_LOG=info,JXBroker*=verbose`; its items read like calls of `setLevel`, left
@@ -38,7 +39,9 @@ struct Record {
 /// Names a handler; 0 is never one.
 using HandlerId = std::uint64_t;
 /// The handler that is there from the start and writes to the standard error, one line a record,
-/// control characters escaped.
+/// control characters escaped. A closed standard error is ignored. One that blocks, such as a full
+/// pipe that nobody reads, blocks every thread that logs: where that may happen, remove this
+/// handler and add one that does not block.
 inline constexpr HandlerId DefaultHandler = 1;
 
 /// Adds a handler, called with every enabled record from now on: in the thread that logs, before
@@ -94,21 +97,26 @@ class GV_API Category {
 /// counts.
 GV_API const Category& category(const std::string& name);
 
-/// As `write` above, with a resolved category.
-GV_API void write(Level level, const Category& category, const std::string& function,
-                  const std::string& file, int line, const std::string& text);
+/// As `write` above, with a resolved category; the strings become those of the record.
+GV_API void write(Level level, const Category& category, std::string function, std::string file,
+                  int line, std::string text);
 
 }  // namespace gv::log
 
 /// Logs `text` (anything that makes a std::string, evaluated only when enabled) from `function`,
-/// with an empty file and line 0. A disabled line costs one relaxed load. Level and category must
-/// be the same at each pass of one line:
+/// with an empty file and line 0. A disabled line costs the load of its level, through the category
+/// that its first pass found: no lock, no guard. The category must be the same at each pass:
 ///
 ///     GV_LOG(gv::log::Level::Warning, "gv.session", "connect", peer + " does not answer");
 ///
-#define GV_LOG(level, category_, function, text)                                       \
-  do {                                                                                 \
-    static const ::gv::log::Category& gvLogCategory_ = ::gv::log::category(category_); \
-    if (gvLogCategory_.isEnabled(level))                                               \
-      ::gv::log::write(level, gvLogCategory_, function, "", 0, text);                  \
+#define GV_LOG(level, category_, function, text)                                               \
+  do {                                                                                         \
+    static constinit ::std::atomic<const ::gv::log::Category*> gvLogFound_{nullptr};           \
+    const ::gv::log::Category* gvLogCategory_ = gvLogFound_.load(::std::memory_order_acquire); \
+    if (!gvLogCategory_) {                                                                     \
+      gvLogCategory_ = &::gv::log::category(category_);                                        \
+      gvLogFound_.store(gvLogCategory_, ::std::memory_order_release);                          \
+    }                                                                                          \
+    if (gvLogCategory_->isEnabled(level))                                                      \
+      ::gv::log::write(level, *gvLogCategory_, function, "", 0, text);                         \
   } while (false)

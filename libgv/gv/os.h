@@ -12,7 +12,8 @@ namespace gv::os {
 /// `setenv` elsewhere in the process is a race, as it is for `::getenv`.
 GV_API std::string getenv(const char* name);
 
-/// The kernel's number of the calling thread, as `top -H` and debuggers show it.
+/// The kernel's number of the calling thread, as `top -H` and debuggers show it; in a forked
+/// child the child's own. Asked once a thread, a load from then on.
 GV_API unsigned gettid();
 
 /// The number of this process; in a forked child the child's own.

@@ -25,14 +25,14 @@ CategoryTable::CategoryTable() {
 }
 
 const Category& CategoryTable::category(const std::string& name) {
-  std::unique_lock lock(mutex_);
+  std::lock_guard lock(mutex_);
   std::unique_ptr<Category>& entry = categories_[name];
   if (!entry) entry.reset(new Category(name, filters_.levelOf(name)));
   return *entry;
 }
 
 bool CategoryTable::isEnabled(const std::string& name, Level level) const {
-  std::shared_lock lock(mutex_);
+  std::lock_guard lock(mutex_);
   const auto found = categories_.find(name);
   if (found != categories_.end()) return found->second->isEnabled(level);
   // Not registered here: names may come from anywhere, and the table never shrinks.
@@ -40,7 +40,7 @@ bool CategoryTable::isEnabled(const std::string& name, Level level) const {
 }
 
 void CategoryTable::setLevel(Level level, const std::string& pattern) {
-  std::unique_lock lock(mutex_);
+  std::lock_guard lock(mutex_);
   filters_.set(level, pattern);
   for (const auto& [name, category] : categories_) {
     category->level_.store(filters_.levelOf(name), std::memory_order_relaxed);

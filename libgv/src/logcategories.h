@@ -3,7 +3,7 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <shared_mutex>
+#include <mutex>
 #include <string>
 
 #include <gv/log.h>
@@ -22,10 +22,14 @@ class CategoryTable {
   bool isEnabled(const std::string& name, Level level) const;
   void setLevel(Level level, const std::string& pattern);
 
+  /// A fork happens between the two, on this thread, so that the child finds nothing half done.
+  void lockForFork() { mutex_.lock(); }
+  void unlockAfterFork() { mutex_.unlock(); }
+
  private:
   CategoryTable();
 
-  mutable std::shared_mutex mutex_;  // guards both below, and the writing of levels
+  mutable std::mutex mutex_;  // guards both below, and the writing of levels
   Filters filters_;
   std::map<std::string, std::unique_ptr<Category>, std::less<>> categories_;
 };

@@ -1,6 +1,7 @@
 #include "src/loghandlers.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include <gv/detail/futurestate.h>
@@ -126,6 +127,15 @@ void HandlerTable::waitUntilLeftLocked(std::unique_lock<std::mutex>& lock, Handl
   left_.notify_all();
   left_.wait(lock, [&] { return handler.running == handler.removing; });
   for (Frame* frame = innermost_; frame; frame = frame->outer) --frame->handler->removing;
+}
+
+void HandlerTable::unlockInChild() {
+  // Of those inside a handler or in `remove` only this thread is left.
+  for (const auto& handler : *handlers_) handler->running = handler->removing = 0;
+  for (Frame* frame = innermost_; frame; frame = frame->outer) frame->handler->running = 1;
+  // Not destroyed first, nor used on: either would wait for waiters that are gone.
+  new (&left_) std::condition_variable;
+  mutex_.unlock();
 }
 
 }  // namespace gv::log

@@ -24,6 +24,11 @@ class HandlerTable {
   /// Calls every handler that is not running on this thread already.
   void dispatch(const Record& record);
 
+  /// A fork happens between the first and one of the others, on this thread.
+  void lockForFork() { mutex_.lock(); }
+  void unlockInParent() { mutex_.unlock(); }
+  void unlockInChild();
+
  private:
   struct Handler;
   struct Frame;

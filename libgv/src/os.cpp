@@ -90,6 +90,22 @@ std::string derivedMachineId() {
   return id;
 }
 
+thread_local unsigned threadNumber = 0;  // 0: not asked yet
+
+// The one thread of a forked child has another number than its parent.
+[[maybe_unused]] const int watchesForks =
+    pthread_atfork(nullptr, nullptr, [] { threadNumber = 0; });
+
+unsigned askThreadNumber() {
+#ifdef __linux__
+  return static_cast<unsigned>(::syscall(SYS_gettid));
+#else
+  std::uint64_t id = 0;
+  pthread_threadid_np(nullptr, &id);
+  return static_cast<unsigned>(id);
+#endif
+}
+
 }  // namespace
 
 std::string getenv(const char* name) {
@@ -98,13 +114,8 @@ std::string getenv(const char* name) {
 }
 
 unsigned gettid() {
-#ifdef __linux__
-  return static_cast<unsigned>(::syscall(SYS_gettid));
-#else
-  std::uint64_t id = 0;
-  pthread_threadid_np(nullptr, &id);
-  return static_cast<unsigned>(id);
-#endif
+  if (threadNumber == 0) threadNumber = askThreadNumber();
+  return threadNumber;
 }
 
 unsigned processId() {

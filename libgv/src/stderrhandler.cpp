@@ -5,7 +5,9 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
+#include <atomic>
 #include <memory>
+#include <mutex>
 
 namespace gv::log {
 namespace {
@@ -30,14 +32,28 @@ spdlog::level::level_enum spdlogLevel(Level level) {
   return spdlog::level::off;
 }
 
-spdlog::logger& stderrLogger() {
-  static spdlog::logger* const logger = [] {
-    auto made = new spdlog::logger("gv", std::make_shared<spdlog::sinks::stderr_sink_mt>());
-    made->set_level(spdlog::level::trace);
-    made->set_pattern("[%L] %Y-%m-%d %H:%M:%S.%e %v");
-    return made;
-  }();
-  return *logger;
+/// Not one of spdlog's sinks with a lock: these share it with the whole program, and it would stay
+/// locked in the child of a fork.
+struct StderrWriter {
+  explicit StderrWriter(const StderrWriter* before)
+      : replaced(before), logger("gv", std::make_shared<spdlog::sinks::stderr_sink_st>()) {
+    logger.set_level(spdlog::level::trace);
+    logger.set_pattern("[%L] %Y-%m-%d %H:%M:%S.%e %v");
+  }
+
+  const StderrWriter* const replaced;  // never destroyed: another thread's lock in it is not ours
+  std::mutex mutex;                    // guards the logger
+  spdlog::logger logger;
+};
+
+constinit std::atomic<StderrWriter*> currentWriter{nullptr};
+
+StderrWriter& stderrWriter() {
+  if (StderrWriter* made = currentWriter.load(std::memory_order_acquire)) return *made;
+  auto made = std::make_unique<StderrWriter>(nullptr);
+  StderrWriter* other = nullptr;
+  if (currentWriter.compare_exchange_strong(other, made.get())) return *made.release();
+  return *other;
 }
 
 /// Keeps a write to a closed pipe from killing the process, without touching its signal handlers.
@@ -116,9 +132,15 @@ void writeToStderr(const Record& record) {
   if (!record.function.empty()) line += ": " + escapeControls(record.function);
   line += ": " + escapeControls(record.text);
   SigpipeGuard guard;
+  StderrWriter& writer = stderrWriter();
+  std::lock_guard lock(writer.mutex);
   // Passed as text, not as a format: braces in it mean nothing.
-  stderrLogger().log(record.time, spdlog::source_loc{}, spdlogLevel(record.level),
-                     spdlog::string_view_t(line));
+  writer.logger.log(record.time, spdlog::source_loc{}, spdlogLevel(record.level),
+                    spdlog::string_view_t(line));
+}
+
+void renewStderrAfterFork() {
+  if (const StderrWriter* writer = currentWriter.load()) currentWriter = new StderrWriter(writer);
 }
 
 }  // namespace gv::log

@@ -16,4 +16,7 @@ GV_API std::string escapeControls(std::string_view text);
 /// during exit; a standard error that is closed is ignored.
 void writeToStderr(const Record& record);
 
+/// To be called in the child of a fork, where a thread that is gone may have been writing.
+void renewStderrAfterFork();
+
 }  // namespace gv::log

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -13,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gv/eventloop.h>
 #include <gv/log.h>
@@ -121,6 +123,43 @@ int postInForkedChild() {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 7;
 }
 
+/// Other threads are inside handlers, removing handlers and writing to stderr at each fork.
+int forkWhileLogging() {
+  if (!std::freopen("/dev/null", "w", stderr)) return 9;
+  const auto linger = [](const gv::log::Record&) { std::this_thread::yield(); };
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> writers;
+  for (int i = 0; i < 3; ++i) {
+    writers.emplace_back([&] {
+      while (!stop) {
+        const auto handler = gv::log::addHandler("short", linger);
+        gv::log::setLevel(gv::log::Level::Info, "fork");
+        gv::log::write(gv::log::Level::Info, "fork", "", "", 0, "noise");
+        gv::log::removeHandler(handler);
+      }
+    });
+  }
+  const auto inherited = gv::log::addHandler("inherited", linger);
+  gv::log::HandlerId own = 0;
+  own = gv::log::addHandler("own", [&own](const gv::log::Record& record) {
+    if (record.text == "from the child") gv::log::removeHandler(own);
+  });
+  int status = 0;
+  for (int round = 0; round < 300 && status == 0; ++round) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(20);  // a deadlock ends the child by a signal
+      GV_LOG(gv::log::Level::Info, "fork.child", "", "from the child");
+      gv::log::removeHandler(inherited);
+      _exit(0);
+    }
+    waitpid(child, &status, 0);
+  }
+  stop = true;
+  for (auto& writer : writers) writer.join();
+  return status == 0 ? 0 : 10;
+}
+
 int logLines() {
   gv::log::write(gv::log::Level::Verbose, "chatty.one", "logLines", "", 0, "forged\n{}%n");
   gv::log::write(gv::log::Level::Info, "other", "logLines", "", 0, "unwanted");
@@ -150,6 +189,7 @@ int main(int argc, char** argv) {
       {"services", services},
       {"late-use", lateUse},
       {"fork", postInForkedChild},
+      {"fork-while-logging", forkWhileLogging},
       {"log-lines", logLines},
       {"log-to-closed-pipe", logToClosedPipe},
   };

@@ -29,7 +29,7 @@ TEST_P(Exit, IsQuietAndBounded) {
 INSTANTIATE_TEST_SUITE_P(Ways, Exit,
                          ::testing::Values("blocked-in-futures", "blocked-in-foreign-code", "busy",
                                            "delayed-tasks", "exit-in-task", "waiter-of-queued-task",
-                                           "services", "late-use"),
+                                           "services", "late-use", "fork-while-logging"),
                          [](const auto& way) {
                            std::string name;
                            for (const char c : std::string(way.param)) {

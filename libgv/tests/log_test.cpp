@@ -104,6 +104,29 @@ TEST_F(Log, RemovalWaitsForTheHandlerInOtherThreads) {
   EXPECT_EQ(late, 0);
 }
 
+TEST_F(Log, HandlerThatBlocksStopsOnlyTheThreadInIt) {
+  std::latch inside(1), release(1);
+  std::atomic<int> calls{0};
+  const auto slow = gv::log::addHandler("slow", [&](const Record& record) {
+    ++calls;
+    if (record.text != "block") return;
+    inside.count_down();
+    release.wait();
+  });
+  std::thread blocked([] { say("block"); });
+  inside.wait();
+  {
+    house::LogCapture added;
+    say("passes");
+    EXPECT_EQ(added.count("passes"), 1);
+  }  // removed
+  gv::log::setLevel(Level::Info, "test");
+  EXPECT_EQ(calls, 2);
+  release.count_down();
+  blocked.join();
+  gv::log::removeHandler(slow);
+}
+
 TEST_F(Log, HandlerMayRemoveItself) {
   int calls = 0;
   gv::log::HandlerId id = 0;

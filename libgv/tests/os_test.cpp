@@ -2,9 +2,12 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <set>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -23,6 +26,18 @@ TEST(Os, HostAddressesAreUsableAndLoopbackComesLast) {
     EXPECT_TRUE(isLoopback || !isAfterLoopback) << address << " stands behind a loopback address";
     isAfterLoopback = isAfterLoopback || isLoopback;
   }
+}
+
+TEST(Os, ThreadNumberIsTheThreadsOwnAfterAForkToo) {
+  const unsigned here = gv::os::gettid();
+  unsigned there = here;
+  std::thread([&] { there = gv::os::gettid(); }).join();
+  EXPECT_NE(there, here);
+  const pid_t child = fork();
+  if (child == 0) _exit(gv::os::gettid() == gv::os::processId() ? 0 : 1);
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace
