@@ -113,10 +113,10 @@ GV_API void write(Level level, const Category& category, std::string function, s
   do {                                                                                         \
     static constinit ::std::atomic<const ::gv::log::Category*> gvLogFound_{nullptr};           \
     const ::gv::log::Category* gvLogCategory_ = gvLogFound_.load(::std::memory_order_acquire); \
-    if (!gvLogCategory_) {                                                                     \
+    if (!gvLogCategory_) [[unlikely]] {                                                        \
       gvLogCategory_ = &::gv::log::category(category_);                                        \
       gvLogFound_.store(gvLogCategory_, ::std::memory_order_release);                          \
     }                                                                                          \
-    if (gvLogCategory_->isEnabled(level))                                                      \
+    if (gvLogCategory_->isEnabled(level)) [[unlikely]]                                         \
       ::gv::log::write(level, *gvLogCategory_, function, "", 0, text);                         \
   } while (false)
