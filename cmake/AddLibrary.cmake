@@ -58,6 +58,13 @@ function(house_add_tests target)
                        PROPERTIES TIMEOUT 120 LABELS unit)
 endfunction()
 
+# house_add_long_run(<target> <filter>): those tests once more as one CTest entry with the label
+# long, which the everyday run leaves out, and ten times the rounds (house::rounds).
+function(house_add_long_run target filter)
+  add_test(NAME ${target}.long COMMAND ${target} --gtest_filter=${filter})
+  set_tests_properties(${target}.long PROPERTIES LABELS long TIMEOUT 900 ENVIRONMENT JX_TEST_ROUNDS=10)
+endfunction()
+
 # Compiles each header as a source of its own, so that none relies on what was included before it.
 function(house_check_headers name)
   set(sources)

@@ -13,8 +13,8 @@
 
 #include "support/live_counter.h"
 #include "support/log_capture.h"
+#include "support/rounds.h"
 #include "support/watchdog.h"
-#include "tests/rounds.h"
 
 namespace {
 

@@ -145,7 +145,7 @@ int forkWhileLogging() {
     if (record.text == "from the child") gv::log::removeHandler(own);
   });
   int status = 0;
-  for (int round = 0; round < 300 && status == 0; ++round) {
+  for (int round = 0; round < 150 && status == 0; ++round) {
     const pid_t child = fork();
     if (child == 0) {
       alarm(20);  // a deadlock ends the child by a signal

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "support/log_capture.h"
+#include "support/rounds.h"
 #include "support/watchdog.h"
-#include "tests/rounds.h"
 
 namespace {
 

@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
-#include <gv/os.h>
 #include <jxcommon/jxmodule.h>
 #include <jxcommon/jxproxy.h>
 
 #include "robotprocess.h"
 #include "scale.h"
+#include "support/rounds.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -26,13 +26,6 @@ class Doubler : public JX::JXModule {
   }
 };
 
-/// The long run asks for more.
-int callsPerThread() {
-  const std::string asked = gv::os::getenv("PROCESS_TEST_CALLS");
-  if (isSanitized) return 500;
-  return asked.empty() ? 2000 : std::stoi(asked);
-}
-
 int wrongAnswers(JX::JXProxy& proxy, int first, int count) {
   int wrong = 0;
   for (int number = first; number < first + count; ++number)
@@ -42,8 +35,8 @@ int wrongAnswers(JX::JXProxy& proxy, int first, int count) {
 
 TEST(NestedCalls, EightThreadsOnOneProxyGetAllAnswersRight) {
   constexpr int threads = 8;
-  const int calls = callsPerThread();
-  const house::Watchdog watchdog("nested calls", std::chrono::seconds(calls > 2000 ? 500 : 110));
+  const int calls = house::rounds(isSanitized ? 5000 : 2000);
+  const house::Watchdog watchdog("nested calls", std::chrono::seconds(110));
   RobotProcess robot;
   const auto client = robot.join("client");
   JX::createModule<Doubler>(client, "Doubler");

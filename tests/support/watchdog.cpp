@@ -6,6 +6,8 @@
 #include <mutex>
 #include <thread>
 
+#include "support/rounds.h"
+
 namespace house {
 
 struct Watchdog::State {
@@ -16,13 +18,14 @@ struct Watchdog::State {
 };
 
 Watchdog::Watchdog(std::string what, std::chrono::milliseconds limit) : state_(new State) {
-  state_->thread = std::thread([state = state_, what = std::move(what), limit] {
-    std::unique_lock lock(state->mutex);
-    if (state->changed.wait_for(lock, limit, [state] { return state->ended; })) return;
-    std::fprintf(stderr, "watchdog: '%s' still runs after %lld ms\n", what.c_str(),
-                 static_cast<long long>(limit.count()));
-    std::abort();
-  });
+  state_->thread =
+      std::thread([state = state_, what = std::move(what), limit = limit * roundsFactor()] {
+        std::unique_lock lock(state->mutex);
+        if (state->changed.wait_for(lock, limit, [state] { return state->ended; })) return;
+        std::fprintf(stderr, "watchdog: '%s' still runs after %lld ms\n", what.c_str(),
+                     static_cast<long long>(limit.count()));
+        std::abort();
+      });
 }
 
 Watchdog::~Watchdog() {

@@ -5,7 +5,8 @@
 
 namespace house {
 
-/// Aborts the process when still alive after `limit`: a hang shows its stacks. Construct it first.
+/// Aborts the process when still alive after `limit` (in the long run, as many times as long):
+/// a hang shows its stacks. Construct it first.
 class Watchdog {
  public:
   explicit Watchdog(std::string what,
