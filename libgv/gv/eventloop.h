@@ -1,21 +1,19 @@
 #pragma once
 
 #include <chrono>
+#include <concepts>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
 
 #include <gv/api.h>
+#include <gv/detail/task.h>
 #include <gv/future.h>
 
 namespace gv {
-
-namespace detail {
-class Pool;
-struct Task;
-}  // namespace detail
 
 /// A task that was posted. A handle: dropping it changes nothing, it may outlive the loop.
 class GV_API TaskHandle {
@@ -25,7 +23,7 @@ class GV_API TaskHandle {
   /// Keeps the task from running, if it has not started. True: it has not run and never will; its
   /// function is destroyed (in this thread, unless it went before). False: it has started, or the
   /// handle is empty. Any thread, the task's own too.
-  bool cancel() const;
+  bool cancel() const { return task_ && task_->drop(); }
 
  private:
   friend class EventLoop;
@@ -78,32 +76,41 @@ class GV_API EventLoop {
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
 
-  /// Runs the task on a thread of the loop, not before the delay is over. After the process began
-  /// to exit the task is dropped instead. Throws std::invalid_argument for an empty function,
-  /// std::system_error when not even a first thread can be made.
-  TaskHandle post(std::function<void()> task,
-                  std::chrono::milliseconds delay = std::chrono::milliseconds(0));
+  /// Runs the task, which may be movable only, on a thread of the loop, not before the delay is
+  /// over. It is destroyed there when it has run. After the process began to exit the task is
+  /// dropped instead. Throws std::invalid_argument for an empty function, std::system_error when
+  /// not even a first thread can be made.
+  template <std::invocable F>
+  TaskHandle post(F task, std::chrono::milliseconds delay = std::chrono::milliseconds(0)) {
+    checkNotEmpty(task);
+    auto posted = std::make_shared<detail::FunctionTask<F>>(std::move(task));
+    submit(posted, delay);
+    return TaskHandle(std::move(posted));
+  }
 
-  /// Runs a copyable function like `post` and gives the future of its result (or of what it
-  /// throws). `Future::cancel` keeps it from running while it has not started: the future is
-  /// cancelled then, and goes on otherwise. Dropped unstarted: a broken promise.
-  template <class F>
-  auto async(F function, std::chrono::milliseconds delay = std::chrono::milliseconds(0)) {
+  /// Runs a function like `post` and gives the future of its result (or of what it throws).
+  /// `Future::cancel` keeps it from running while it has not started: the future is cancelled then,
+  /// and goes on otherwise. Dropped unstarted: a broken promise.
+  template <std::invocable F>
+  auto async(F function, std::chrono::milliseconds delay = std::chrono::milliseconds(0))
+      -> Future<std::decay_t<std::invoke_result_t<F&>>> {
     using Result = std::decay_t<std::invoke_result_t<F&>>;
-    Promise<Result> promise;
-    Future<Result> future = promise.future();
-    postCancelable([function = std::move(function),
-                    promise]() mutable { detail::settleWith(promise, function); },
-                   promise.state_, delay);
+    checkNotEmpty(function);
+    auto task = std::make_shared<detail::AsyncTask<F, Result>>(std::move(function));
+    auto future = detail::Settler::future<Result>(task);
+    submit(std::move(task), delay);
     return future;
   }
 
   /// As `post`, for calls that come in from elsewhere and can be answered with an error, so that
   /// nested calls end in an answer. False, and the task is not taken: as many threads as allowed
   /// exist and all of them are in an announced wait. When that comes about while the task is
-  /// queued, it is dropped and `refuse`, if any, runs in its place, on the loop's own timer thread:
-  /// it must neither block nor wait. `refusalText` says why in both cases.
-  bool tryPost(std::function<void()> task, std::function<void()> refuse = {});
+  /// queued, it is dropped and `refuse` runs in its place, on the loop's own timer thread: it must
+  /// neither block nor wait. `refusalText` says why in both cases.
+  template <std::invocable F, std::invocable G>
+  bool tryPost(F task, G refuse) {
+    return trySubmit(std::make_shared<detail::CallTask<F, G>>(std::move(task), std::move(refuse)));
+  }
   /// The text for such an answer: it names the ceiling and the number.
   std::string refusalText() const;
 
@@ -120,18 +127,30 @@ class GV_API EventLoop {
 
  private:
   friend GV_API EventLoop* getEventLoop();
-  void postCancelable(std::function<void()> task,
-                      const std::shared_ptr<detail::FutureState>& future,
-                      std::chrono::milliseconds delay);
+
+  /// Only what can be empty is asked.
+  template <class F>
+  static void checkNotEmpty(const F& function) {
+    if constexpr (std::is_pointer_v<F> || requires { function.operator bool(); }) {
+      if (!function) throw std::invalid_argument("EventLoop: the task is an empty function");
+    }
+  }
+  void submit(detail::TaskPointer task, std::chrono::milliseconds delay);
+  bool trySubmit(detail::TaskPointer task);
 
   const std::shared_ptr<detail::Pool> pool_;
 };
 
-/// The process's own loop, made at the first call and never destroyed; GV_EVENTLOOP_MIN_THREADS
-/// (default: number of cores) and GV_EVENTLOOP_MAX_THREADS (default 512) size it.
+/// The process's own loop, made at the first call and never destroyed. Its size comes from
+/// GV_EVENTLOOP_MIN_THREADS (default: number of cores) and GV_EVENTLOOP_MAX_THREADS (default 512),
+/// all else and the defaults from `setEventLoopSettings`.
 ///
 /// When the process exits, no more tasks start, services are stopped, and tasks still running get
-/// half a second to end; those that do not are left to the system.
+/// `stopWithin` to end; those that do not are left to the system.
 GV_API EventLoop* getEventLoop();
+
+/// How the process's own loop is to be made; the environment's numbers win. Call it first thing in
+/// `main`: throws std::logic_error once the loop exists.
+GV_API void setEventLoopSettings(const EventLoop::Settings& settings);
 
 }  // namespace gv

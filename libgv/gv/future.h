@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,17 +15,34 @@ template <class T>
 class Promise;
 
 namespace detail {
+struct Settler;
 template <class T, class F, class R>
 struct Continuation;
-}
+}  // namespace detail
 
 /// The outcome of something that ends later: a value, an error or a cancellation.
 ///
 /// A handle: copies share one outcome, which is settled once and never changes. May be used from
-/// any thread, copies and the same object alike (but for assigning to one object in two threads).
+/// any thread, copies and the same object alike (but for assigning to one object in two threads),
+/// and dropped on any: the value goes with the last handle, with no lock held.
+///
 /// Time-outs are in milliseconds; `FutureTimeout_Infinite` waits for ever, 0 and below do not wait.
-/// Waiting polls for some microseconds, then sleeps, having announced that by a `BlockingRegion`;
-/// on a pool thread another one takes over meanwhile. It never runs other work on the thread.
+/// They follow the steady clock. Waiting polls for some microseconds, then sleeps, having announced
+/// that by a `BlockingRegion`; on a pool thread another one takes over meanwhile. It never runs
+/// other work on the thread. To wait in a task for that task's own future never ends: it is logged
+/// as a warning.
+///
+/// Callbacks are called once each, with this future finished:
+/// - `Sync` ones in the thread that settles, before the settlement returns to its caller, or at
+///   once in the connecting thread when the future has ended. `Async` ones on the event loop,
+///   always.
+/// - Those connected before the end start in the order in which they were connected (the `Async`
+///   ones may overlap). One connected while it is being settled is called like any other.
+/// - A callback may connect, cancel, wait for other futures, settle other promises and drop any
+///   handle, that on this future included. What it throws is logged and goes nowhere. It is
+///   destroyed after its call, in the same thread.
+/// - Results of `then` are settled when the callback in which that happens has returned: chains of
+///   any length take a bounded piece of stack.
 ///
 /// A default constructed future is empty: its state is None, it neither runs nor is finished, and
 /// all else throws FutureException with state Invalid.
@@ -71,25 +89,22 @@ class Future {
     if constexpr (!std::is_void_v<T>) return state_->value();
   }
 
-  /// Calls back once, with this future finished: when it is settled, or at once (by the same rule
-  /// of threads) when it is settled already. Callbacks of one type start in the order in which they
-  /// were connected before the end. What a callback throws is logged and goes nowhere.
-  void connect(std::function<void(Future<T>)> callback, FutureCallbackType type) const {
+  /// Calls `callback`, which takes the finished future, by the rules above. It may be movable only.
+  template <std::invocable<Future> F>
+  void connect(F callback, FutureCallbackType type) const {
     valid("connect")->connect(
-        [callback = std::move(callback)](const detail::FutureState::Pointer& state) {
-          callback(Future(std::static_pointer_cast<State>(state)));
-        },
-        type);
+        std::make_unique<detail::FunctionCallback<T, F>>(std::move(callback), type));
   }
   /// As above, with the promise's own callback type.
-  void connect(std::function<void(Future<T>)> callback) const {
+  template <std::invocable<Future> F>
+  void connect(F callback) const {
     connect(std::move(callback), valid("connect")->callbackType());
   }
 
   /// A future of what `function` makes of this one: called as a callback with the finished future,
   /// its result settles the new future; a `Future` that it returns is flattened, its end becomes
   /// the new one's. What it throws becomes the new one's error text. To cancel the new future asks
-  /// this one, or the one returned, to cancel. `function` must be copyable.
+  /// this one, or the one returned, to cancel.
   template <class F>
   auto then(F function, FutureCallbackType type) const;
   /// As above, with the promise's own callback type.
@@ -108,8 +123,9 @@ class Future {
   using State = detail::FutureValue<T>;
   template <class>
   friend class Promise;
-  template <class, class, class>
-  friend struct detail::Continuation;
+  friend struct detail::Settler;
+  template <class, class>
+  friend struct detail::FunctionCallback;
 
   explicit Future(std::shared_ptr<State> state) noexcept : state_(std::move(state)) {}
 
@@ -117,8 +133,6 @@ class Future {
     if (!state_) detail::throwInvalid(operation);
     return state_;
   }
-  std::weak_ptr<detail::FutureState> weakState() const noexcept { return state_; }
-
   std::shared_ptr<State> state_;
 };
 
@@ -127,7 +141,9 @@ class Future {
 /// A handle: copies share one future. When the last copy goes unsettled, the future ends with an
 /// error of kind BrokenPromise. May be used from any thread; when several settle at once, one wins
 /// and the others get std::logic_error. Settling wakes those who wait, then runs synchronous
-/// callbacks before it returns: hold no lock that they could want.
+/// callbacks before it returns (but for those that a `then` in between leads to while another
+/// callback is running on this thread): hold no lock that they could want. A callback may destroy
+/// this promise.
 template <class T>
 class Promise {
  public:
@@ -156,42 +172,38 @@ class Promise {
   /// copying throws (nothing is settled then).
   template <class U = T>
   requires(!std::is_void_v<U>) void setValue(const std::type_identity_t<U>& value) const {
-    keep()->settle(U(value));
+    valid()->settle(U(value), detail::CallbackTime::AtOnce);
   }
   /// As above, moving the value in.
   template <class U = T>
   requires(!std::is_void_v<U>) void setValue(std::type_identity_t<U>&& value) const {
-    keep()->settle(std::move(value));
+    valid()->settle(std::move(value), detail::CallbackTime::AtOnce);
   }
   /// Settles a `Promise<void>`.
-  void setValue() const requires(std::is_void_v<T>) { keep()->settle({}); }
+  void setValue() const requires(std::is_void_v<T>) {
+    valid()->settle({}, detail::CallbackTime::AtOnce);
+  }
   /// Settles with an error. Throws std::logic_error when settled before.
   void setError(std::string text,
                 FutureException::State state = FutureException::State::UserError) const {
-    auto kept = keep();
-    kept->claim();
-    kept->finishWithError(std::move(text), state);
+    valid()->fail({std::move(text), state}, detail::CallbackTime::AtOnce);
   }
   /// Settles as cancelled. Throws std::logic_error when settled before.
   void setCanceled() const {
-    auto kept = keep();
-    kept->claim();
-    kept->finishCanceled();
+    valid()->claim();
+    state_->finishCanceled(detail::CallbackTime::AtOnce);
   }
 
   /// True from the first `Future::cancel` on.
-  bool isCancelRequested() const { return keep()->isCancelRequested(); }
+  bool isCancelRequested() const { return valid()->isCancelRequested(); }
 
   /// The future that this promise settles; empty for a moved-from promise.
   Future<T> future() const { return Future<T>(state_); }
 
  private:
-  friend class EventLoop;
-  template <class, class, class>
-  friend struct detail::Continuation;
+  friend struct detail::Settler;
 
-  // A copy: a callback may destroy this promise while it is still settling.
-  std::shared_ptr<detail::FutureValue<T>> keep() const {
+  const std::shared_ptr<detail::FutureValue<T>>& valid() const {
     if (!state_) detail::throwInvalid("Promise");
     return state_;
   }

@@ -1,10 +1,11 @@
 #include <gv/eventloop.h>
 
+#include <atomic>
 #include <charconv>
 #include <cstdlib>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 #include <gv/log.h>
 #include <gv/os.h>
@@ -14,46 +15,42 @@
 namespace gv {
 namespace {
 
-detail::TaskPointer makeTask(const std::shared_ptr<detail::Pool>& pool,
-                             std::function<void()> function) {
-  if (!function) throw std::invalid_argument("EventLoop::post: the task is an empty function");
-  auto task = std::make_shared<detail::Task>();
-  task->function = std::move(function);
-  task->pool = pool;
-  return task;
+/// What the process's own loop is made from, and whether it has been made.
+struct Plan {
+  std::mutex mutex;  // guards both
+  EventLoop::Settings settings;
+  bool isCarriedOut = false;
+};
+
+Plan& plan() {
+  static Plan* const plan = new Plan;
+  return *plan;
 }
 
-bool cancelTask(detail::Task& task) {
-  if (const auto pool = task.pool.lock()) return pool->cancel(task);
-  return task.state == detail::Task::State::Dropped;
-}
-
-void readThreads(const char* variable, unsigned& threads) {
+/// Returns what there is to complain of.
+std::string readThreads(const char* variable, unsigned& threads) {
   const std::string text = os::getenv(variable);
-  if (text.empty()) return;
+  if (text.empty()) return {};
   unsigned number = 0;
   const char* end = text.data() + text.size();
   const auto [stopped, error] = std::from_chars(text.data(), end, number);
-  if (error == std::errc() && stopped == end && number > 0) {
-    threads = number;
-  } else {
-    GV_LOG(log::Level::Warning, "gv.eventloop", "getEventLoop",
-           std::string(variable) + ": expected a number above 0, not \"" + text + "\"");
+  if (error != std::errc() || stopped != end || number == 0) {
+    return std::string(variable) + ": expected a number above 0, not \"" + text + "\"\n";
   }
+  threads = number;
+  return {};
 }
 
-EventLoop::Settings settingsFromEnvironment() {
-  EventLoop::Settings settings;
-  readThreads("GV_EVENTLOOP_MIN_THREADS", settings.minThreads);
-  readThreads("GV_EVENTLOOP_MAX_THREADS", settings.maxThreads);
+EventLoop::Settings finalSettings(std::string& complaints) {
+  const std::lock_guard lock(plan().mutex);
+  plan().isCarriedOut = true;
+  EventLoop::Settings settings = plan().settings;
+  complaints += readThreads("GV_EVENTLOOP_MIN_THREADS", settings.minThreads);
+  complaints += readThreads("GV_EVENTLOOP_MAX_THREADS", settings.maxThreads);
   return settings;
 }
 
 }  // namespace
-
-bool TaskHandle::cancel() const {
-  return task_ && cancelTask(*task_);
-}
 
 EventLoop::EventLoop(Settings settings) : pool_(std::make_shared<detail::Pool>(settings)) {}
 
@@ -61,36 +58,12 @@ EventLoop::~EventLoop() {
   pool_->stop();
 }
 
-TaskHandle EventLoop::post(std::function<void()> task, std::chrono::milliseconds delay) {
-  auto made = makeTask(pool_, std::move(task));
-  pool_->submit(made, delay, false);
-  return TaskHandle(std::move(made));
+void EventLoop::submit(detail::TaskPointer task, std::chrono::milliseconds delay) {
+  pool_->submit(std::move(task), delay);
 }
 
-void EventLoop::postCancelable(std::function<void()> task,
-                               const std::shared_ptr<detail::FutureState>& future,
-                               std::chrono::milliseconds delay) {
-  auto made = makeTask(pool_, std::move(task));
-  // Weak both: the task holds the promise, whose future holds this.
-  future->setCancelAction([weakTask = std::weak_ptr(made), weakFuture = std::weak_ptr(future)] {
-    const auto unstarted = weakTask.lock();
-    const auto canceled = weakFuture.lock();
-    if (!unstarted || !canceled) return;
-    // Keeps the promise from breaking while the task that holds it is dropped.
-    canceled->addPromise();
-    if (cancelTask(*unstarted)) {
-      canceled->claim();
-      canceled->finishCanceled();
-    }
-    canceled->removePromise();
-  });
-  pool_->submit(made, delay, false);
-}
-
-bool EventLoop::tryPost(std::function<void()> task, std::function<void()> refuse) {
-  auto made = makeTask(pool_, std::move(task));
-  made->refuse = std::move(refuse);
-  return pool_->submit(made, std::chrono::milliseconds(0), true);
+bool EventLoop::trySubmit(detail::TaskPointer task) {
+  return pool_->trySubmit(std::move(task));
 }
 
 std::string EventLoop::refusalText() const {
@@ -113,11 +86,28 @@ void EventLoop::runService(std::string name, std::function<void()> body,
 }
 
 EventLoop* getEventLoop() {
+  static std::string* const complaints = new std::string;
   // Not destroyed: threads that do not end in time still use it.
-  static EventLoop* const loop = new EventLoop(settingsFromEnvironment());
-  static const int registered = std::atexit([] { getEventLoop()->pool_->stop(); });
-  static_cast<void>(registered);
+  static EventLoop* const loop = [] {
+    auto* const made = new EventLoop(finalSettings(*complaints));
+    std::atexit([] { getEventLoop()->pool_->stop(); });
+    return made;
+  }();
+  // Told when the loop stands: a log handler may use it.
+  static std::atomic<bool> isTold{complaints->empty()};
+  if (!isTold.load(std::memory_order_relaxed) && !isTold.exchange(true)) {
+    complaints->pop_back();
+    GV_LOG(log::Level::Warning, "gv.eventloop", "getEventLoop", *complaints);
+  }
   return loop;
+}
+
+void setEventLoopSettings(const EventLoop::Settings& settings) {
+  const std::lock_guard lock(plan().mutex);
+  if (plan().isCarriedOut) {
+    throw std::logic_error("setEventLoopSettings: the process's event loop has been made already");
+  }
+  plan().settings = settings;
 }
 
 }  // namespace gv

@@ -2,12 +2,13 @@
 
 #include <chrono>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 #include <gv/blocking.h>
 #include <gv/eventloop.h>
 #include <gv/log.h>
+
+#include "src/poll.h"
 
 namespace gv {
 
@@ -19,46 +20,124 @@ FutureException::~FutureException() = default;
 namespace detail {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// Answers that come from a running thread mostly come within this time, and a sleep costs more.
-constexpr std::chrono::microseconds spinTime(10);
-
 template <class Action>
-void runSafely(log::Level level, const char* what, const Action& action) {
+void runSafely(log::Level level, const char* function, const Action& action) noexcept {
   try {
     action();
   } catch (...) {
-    GV_LOG(level, "gv.future", what, currentError().text);
+    GV_LOG(level, "gv.future", function, currentError().text);
   }
 }
 
-void call(FutureState::Callback callback, FutureCallbackType type, FutureState::Pointer state) {
+void start(std::unique_ptr<FutureCallback> callback) noexcept {
   // Posting fails in a forked child only (or without memory); the settling side must not suffer.
   runSafely(log::Level::Error, "connect", [&] {
-    if (type == FutureCallbackType::Sync) {
-      callback(state);
+    if (callback->type == FutureCallbackType::Sync) {
+      const auto settled = std::move(callback->settled);
+      callback->run(settled);
+      callback.reset();
     } else {
-      getEventLoop()->post(
-          [callback = std::move(callback), state = std::move(state)] { callback(state); });
+      getEventLoop()->post([owned = std::move(callback)] { owned->run(owned->settled); });
     }
   });
 }
 
+/// The callbacks that are due on one thread. Settlements by callbacks add theirs at the end, so
+/// that a chain of continuations is a loop and no recursion.
+class CallbackRun {
+ public:
+  static void add(CallbackList& callbacks, const std::shared_ptr<FutureState>& settled,
+                  CallbackTime time) noexcept {
+    if (time == CallbackTime::AfterCurrent && current) {
+      callbacks.moveTo(current->due_, settled);
+      return;
+    }
+    CallbackRun run;
+    callbacks.moveTo(run.due_, settled);
+    run.all();
+  }
+
+ private:
+  void all() noexcept {
+    CallbackRun* const outer = std::exchange(current, this);
+    while (auto callback = due_.takeFirst()) start(std::move(callback));
+    current = outer;
+  }
+
+  static thread_local CallbackRun* current;
+  CallbackList due_;
+};
+
+thread_local CallbackRun* CallbackRun::current = nullptr;
+
+thread_local SettlingScope* innermostSettling = nullptr;
+
 }  // namespace
+
+FutureCallback::~FutureCallback() = default;
+
+CallbackList::~CallbackList() {
+  while (takeFirst()) {
+  }
+}
+
+void CallbackList::append(std::unique_ptr<FutureCallback> callback) noexcept {
+  FutureCallback* const added = callback.get();
+  (last_ ? last_->next : first_) = std::move(callback);
+  last_ = added;
+}
+
+void CallbackList::moveTo(CallbackList& to, const std::shared_ptr<FutureState>& settled) noexcept {
+  while (auto callback = takeFirst()) {
+    callback->settled = settled;
+    to.append(std::move(callback));
+  }
+}
+
+void CallbackList::swap(CallbackList& other) noexcept {
+  first_.swap(other.first_);
+  std::swap(last_, other.last_);
+}
+
+std::unique_ptr<FutureCallback> CallbackList::takeFirst() noexcept {
+  auto taken = std::move(first_);
+  if (taken) first_ = std::move(taken->next);
+  if (!first_) last_ = nullptr;
+  return taken;
+}
+
+SettlingScope::SettlingScope(const FutureState* state) noexcept
+    : state_(state), outer_(innermostSettling) {
+  innermostSettling = this;
+}
+
+SettlingScope::~SettlingScope() {
+  innermostSettling = outer_;
+}
+
+bool SettlingScope::contains(const FutureState* state) noexcept {
+  const SettlingScope* scope = innermostSettling;
+  while (scope && scope->state_ != state) scope = scope->outer_;
+  return scope != nullptr;
+}
+
+void FutureState::Canceler::tell() const noexcept {
+  // A settlement that overtook an action makes it throw; that is no fault worth more than a note.
+  if (action) runSafely(log::Level::Verbose, "cancel", action);
+  if (const auto told = target.lock()) told->cancel();
+}
 
 FutureState::FutureState(FutureCallbackType type) : callbackType_(type) {}
 
 FutureState::~FutureState() = default;
 
 gv::FutureState FutureState::wait(int timeoutMs) const {
-  if (state() != gv::FutureState::Running || timeoutMs <= 0) return state();
-  const auto spinEnd = Clock::now() + spinTime;
-  do {
-    std::this_thread::yield();
-    if (state() != gv::FutureState::Running) return state();
-  } while (Clock::now() < spinEnd);
-
+  const auto isSettled = [this] { return state() != gv::FutureState::Running; };
+  if (timeoutMs <= 0 || pollBriefly(isSettled)) return state();
+  if (SettlingScope::contains(this)) {
+    GV_LOG(log::Level::Warning, "gv.future", "wait",
+           "a task waits for its own future, which cannot end before the task does");
+  }
   BlockingRegion region;
   sleepUntilSettled(timeoutMs);
   return state();
@@ -102,89 +181,91 @@ std::string FutureState::error(int timeoutMs) const {
 }
 
 FutureException::State FutureState::errorState(int timeoutMs) const {
-  switch (waitSettled(timeoutMs)) {
-    case gv::FutureState::FinishedWithError:
-      return errorState_;
-    case gv::FutureState::Canceled:
-      return FutureException::State::Canceled;
-    default:
-      throw FutureException(FutureException::State::Invalid, "the future has a value, no error");
-  }
+  if (waitSettled(timeoutMs) == gv::FutureState::Canceled) return FutureException::State::Canceled;
+  error(0);
+  return errorState_;
 }
 
-void FutureState::connect(Callback callback, FutureCallbackType type) {
+void FutureState::connect(std::unique_ptr<FutureCallback> callback) {
   {
     std::lock_guard lock(mutex_);
     if (state() == gv::FutureState::Running) {
-      callbacks_.push_back({std::move(callback), type});
+      callbacks_.append(std::move(callback));
       return;
     }
   }
-  call(std::move(callback), type, shared_from_this());
+  callback->settled = shared_from_this();
+  start(std::move(callback));
 }
 
 void FutureState::cancel() {
-  std::function<void()> action;
+  Canceler canceler;
   {
     std::lock_guard lock(mutex_);
     if (state() != gv::FutureState::Running || cancelRequested_) return;
     cancelRequested_ = true;
-    action.swap(cancelAction_);
+    std::swap(canceler, canceler_);
   }
-  // A settlement that overtook the action makes it throw; that is no fault worth more than a note.
-  if (action) runSafely(log::Level::Verbose, "cancel", action);
+  canceler.tell();
 }
 
 void FutureState::setCancelAction(std::function<void()> action) {
+  setCanceler({std::move(action), {}});
+}
+
+void FutureState::setCancelTarget(std::weak_ptr<CancelTarget> target) {
+  setCanceler({{}, std::move(target)});
+}
+
+void FutureState::setCanceler(Canceler canceler) {
   {
     std::lock_guard lock(mutex_);
     if (state() != gv::FutureState::Running) return;
     if (!cancelRequested_) {
-      action.swap(cancelAction_);
+      std::swap(canceler, canceler_);
       return;
     }
   }
-  runSafely(log::Level::Verbose, "cancel", action);
+  canceler.tell();
 }
 
 void FutureState::claim() {
   if (claimed_.exchange(true)) throw std::logic_error("the promise is already settled");
 }
 
-void FutureState::finishWithValue() noexcept {
-  finish(gv::FutureState::FinishedWithValue);
+void FutureState::finishWithValue(CallbackTime time) noexcept {
+  finish(gv::FutureState::FinishedWithValue, time);
 }
 
-void FutureState::finishWithError(std::string text, FutureException::State state) noexcept {
+void FutureState::finishWithError(std::string text, FutureException::State state,
+                                  CallbackTime time) noexcept {
   error_ = std::move(text);
   errorState_ = state;
-  finish(gv::FutureState::FinishedWithError);
+  finish(gv::FutureState::FinishedWithError, time);
 }
 
-void FutureState::finishCanceled() noexcept {
-  finish(gv::FutureState::Canceled);
+void FutureState::finishCanceled(CallbackTime time) noexcept {
+  finish(gv::FutureState::Canceled, time);
 }
 
-void FutureState::finish(gv::FutureState end) noexcept {
-  // Both die at the end of the function, unlocked: their captures are foreign code.
-  std::vector<Connected> callbacks;
-  std::function<void()> cancelAction;
+void FutureState::finish(gv::FutureState end, CallbackTime time) noexcept {
+  // Declared here so that both die unlocked: their captures are foreign code.
+  CallbackList callbacks;
+  Canceler canceler;
   {
     std::lock_guard lock(mutex_);
     state_.store(end, std::memory_order_release);
-    callbacks.swap(callbacks_);
-    cancelAction.swap(cancelAction_);
+    callbacks_.swap(callbacks);
+    std::swap(canceler, canceler_);
   }
   settled_.notify_all();
-  for (Connected& connected : callbacks) {
-    call(std::move(connected.callback), connected.type, shared_from_this());
-  }
+  if (!callbacks.isEmpty()) CallbackRun::add(callbacks, shared_from_this(), time);
 }
 
 void FutureState::removePromise() noexcept {
   if (promises_.fetch_sub(1, std::memory_order_acq_rel) != 1 || claimed_.exchange(true)) return;
   finishWithError("broken promise: every promise of this future is gone unsettled",
-                  FutureException::State::BrokenPromise);
+                  FutureException::State::BrokenPromise, CallbackTime::AfterCurrent);
 }
 
 CurrentError currentError() {

@@ -9,8 +9,15 @@
 
 #include <gv/log.h>
 
+#include "src/poll.h"
+
 namespace gv::detail {
 namespace {
+
+// A worker that would have had its next task within this time had better polled for it.
+constexpr std::chrono::microseconds worthPolling(40);
+// About what it takes to wake a worker that sleeps.
+constexpr std::chrono::microseconds wakeCost(2);
 
 thread_local const Pool* currentPool = nullptr;
 
@@ -23,15 +30,6 @@ unsigned watchForks() {
       pthread_atfork(nullptr, nullptr, [] { forkGeneration.fetch_add(1); });
   static_cast<void>(registered);
   return forkGeneration.load();
-}
-
-void nameThisThread(const std::string& name) {
-  const std::string shortened = name.substr(0, 15);  // the kernel's limit
-#ifdef __APPLE__
-  pthread_setname_np(shortened.c_str());
-#else
-  pthread_setname_np(pthread_self(), shortened.c_str());
-#endif
 }
 
 EventLoop::Settings completed(EventLoop::Settings settings) {
@@ -47,13 +45,24 @@ std::chrono::milliseconds between(Clock::time_point from, Clock::time_point to) 
 
 }  // namespace
 
-void runLogged(const char* operation, const std::function<void()>& function) noexcept {
-  try {
-    function();
-  } catch (...) {
-    GV_LOG(log::Level::Error, "gv.eventloop", operation,
-           "ended with an exception: " + currentError().text);
+// ---- Tasks
+
+Task::~Task() = default;
+
+bool Task::moveToDropped() {
+  const bool isMine = move(State::Queued, State::Dropped) || move(State::Delayed, State::Dropped) ||
+                      // Its delay was over between the two.
+                      move(State::Queued, State::Dropped);
+  if (isMine) {
+    if (const auto pool = pool_.lock()) pool->forgetDelayed(*this);
   }
+  return isMine;
+}
+
+bool Task::drop() {
+  if (!moveToDropped()) return state_ == State::Dropped;
+  discard();
+  return true;
 }
 
 Pool::Pool(const EventLoop::Settings& settings)
@@ -74,46 +83,72 @@ bool Pool::isCurrent() const noexcept {
   return currentPool == this;
 }
 
-bool Pool::submit(const TaskPointer& task, std::chrono::milliseconds delay, bool isRefusable) {
+void Pool::submit(TaskPointer task, std::chrono::milliseconds delay) {
+  if (delay.count() <= 0) {
+    accept(std::move(task), false);
+    return;
+  }
   checkNotForked();
+  task->pool_ = weak_from_this();
   // Far beyond any use, and safe from overflow of the clock.
   delay = std::min<std::chrono::milliseconds>(delay, std::chrono::hours(24 * 365 * 50));
-  WorkerPointer woken;
-  std::function<void()> dropped;
   {
-    std::lock_guard lock(mutex_);
-    if (isClosing_) {
-      task->state = Task::State::Dropped;
-      dropped.swap(task->function);
-      return true;
+    const Lock lock(mutex_);
+    if (!isClosing_) {
+      startMonitorLocked();
+      const auto due = Clock::now() + delay;
+      queue_.schedule(task, due);
+      alertMonitorLocked(due);
+      return;
     }
-    const auto now = Clock::now();
-    if (isRefusable && refusesCalls(viewLocked(now))) return false;
-    startMonitorLocked();
-    if (delay.count() > 0) {
-      queue_.schedule(task, now + delay);
-      alertMonitorLocked(now + delay);
-    } else {
-      queue_.push(task, now);
-      woken = provideThreadLocked(now);
-    }
+    task->state_ = Task::State::Dropped;
   }
+  task->discard();
+}
+
+bool Pool::trySubmit(TaskPointer task) {
+  return accept(std::move(task), true);
+}
+
+bool Pool::accept(TaskPointer task, bool isRefusable) {
+  checkNotForked();
+  const auto now = Clock::now();
+  WorkerPointer woken;
+  Lock lock = lockSoon(mutex_);
+  if (isClosing_) {
+    task->state_ = Task::State::Dropped;
+    lock.unlock();
+    task->discard();
+    return true;
+  }
+  if (isRefusable && refusesCalls(viewLocked())) return false;
+  startMonitorLocked();
+  queue_.push(task, now);
+  hasWork_.store(true, std::memory_order_relaxed);
+  if (isLikelyTakenSoonLocked()) {
+    lock.unlock();
+    if (pollFor(wakeCost, [&] { return task->state_ != Task::State::Queued; })) return true;
+    lock.lock();
+  }
+  woken = provideThreadLocked(now);
+  lock.unlock();
   if (woken) woken->wake.notify_one();
   return true;
 }
 
-bool Pool::cancel(Task& task) {
-  if (isForked()) return false;
-  std::function<void()> function;
-  std::function<void()> refuse;
-  std::lock_guard lock(mutex_);
-  if (!queue_.remove(task)) return task.state == Task::State::Dropped;
-  function.swap(task.function);
-  refuse.swap(task.refuse);
-  return true;
+/// A worker that is about to come back for more is quicker than one that has to be woken.
+bool Pool::isLikelyTakenSoonLocked() const {
+  return pollingPays_ && !idle_.empty() && needsThread(viewLocked()) &&
+         workers_ - blocked_ > idle_.size();
 }
 
-PoolView Pool::viewLocked(Clock::time_point now) const {
+void Pool::forgetDelayed(Task& task) {
+  if (isForked()) return;
+  const Lock lock(mutex_);
+  queue_.forgetDelayed(task);
+}
+
+PoolView Pool::viewLocked() const {
   PoolView view;
   view.minThreads = settings_.minThreads;
   view.maxThreads = settings_.maxThreads;
@@ -121,31 +156,40 @@ PoolView Pool::viewLocked(Clock::time_point now) const {
   view.blocked = blocked_;
   view.arriving = arriving_;
   view.queued = queue_.size();
-  view.longestWait = between(queue_.oldest().value_or(now), now);
-  view.sinceLastStart = between(lastStart_, now);
   view.growAfter = settings_.growAfter;
   return view;
 }
 
-EventLoop::Figures Pool::figures() const {
+PoolView Pool::timedViewLocked(Clock::time_point now) {
+  const auto oldest = queue_.oldest();
+  PoolView view = viewLocked();
+  view.longestWait = between(oldest.value_or(now), now);
+  view.sinceLastStart = between(lastProgress_, now);
+  return view;
+}
+
+EventLoop::Figures Pool::figures() {
   if (isForked()) return {0, 0, settings_.maxThreads, 0, {}};
-  std::lock_guard lock(mutex_);
-  const PoolView view = viewLocked(Clock::now());
+  const Lock lock(mutex_);
+  const PoolView view = timedViewLocked(Clock::now());
   return {view.threads, view.blocked, view.maxThreads, view.queued, view.longestWait};
 }
 
+// ---- Workers
+
 Pool::WorkerPointer Pool::provideThreadLocked(Clock::time_point now) {
-  const PoolView view = viewLocked(now);
+  const PoolView view = viewLocked();
   if (!needsThread(view)) return nullptr;
   if (!idle_.empty()) {
     WorkerPointer woken = std::move(idle_.back());
     idle_.pop_back();
     woken->isWoken = true;
+    pollingPays_ = now - woken->parkedAt < worthPolling;
     ++arriving_;
     return woken;
   }
   if (growsAtOnce(view)) startWorkerLocked();
-  if (needsThread(viewLocked(now))) alertMonitorLocked(now + settings_.growAfter);
+  if (needsThread(viewLocked())) alertMonitorLocked(now + settings_.growAfter);
   return nullptr;
 }
 
@@ -161,52 +205,19 @@ void Pool::startWorkerLocked() {
   }
 }
 
-void Pool::startMonitorLocked() {
-  if (monitor_) return;
-  auto thread = std::make_shared<Thread>();
-  startThreadLocked("gv-monitor", thread, [this] { monitor(); });
-  monitor_ = std::move(thread);
-}
-
-void Pool::startThreadLocked(const std::string& name, const ThreadPointer& thread,
-                             std::function<void()> body) {
-  live_.push_back(thread);
-  try {
-    thread->handle =
-        std::thread([self = shared_from_this(), name, thread, body = std::move(body)]() mutable {
-          nameThisThread(name);
-          body();
-          body = nullptr;
-          self->endThread(thread);
-        });
-  } catch (...) {
-    live_.pop_back();
-    throw;
-  }
-}
-
-void Pool::endThread(const ThreadPointer& thread) {
-  std::lock_guard lock(mutex_);
-  std::erase(live_, thread);
-  ended_.push_back(thread);
-  alertMonitorLocked(Clock::now());
-  threadEnded_.notify_all();
-}
-
 void Pool::work(const WorkerPointer& self) {
   BlockingObserverScope scope(self.get());
   currentPool = this;
-  std::unique_lock lock(mutex_);
+  Lock lock(mutex_);
   --arriving_;
   while (!isClosing_) {
     if (TaskPointer task = queue_.pop()) {
-      lastStart_ = Clock::now();
+      if (queue_.size() == 0) hasWork_.store(false, std::memory_order_relaxed);
+      ++starts_;
       lock.unlock();
-      runLogged("post", task->function);
-      // Handles keep the task, not what the function holds.
-      task->function = nullptr;
+      runLogged("post", [&] { task->run(); });
       task.reset();
-      lock.lock();
+      lock = lockSoon(mutex_);
     } else if (!idleLocked(lock, self)) {
       break;
     }
@@ -216,15 +227,35 @@ void Pool::work(const WorkerPointer& self) {
   currentPool = nullptr;
 }
 
-bool Pool::idleLocked(std::unique_lock<std::mutex>& lock, const WorkerPointer& self) {
-  const auto retireAt = Clock::now() + settings_.retireAfter;
+/// Returns with something to do, or false when this worker is one too many.
+bool Pool::idleLocked(Lock& lock, const WorkerPointer& self) {
+  hasWork_.store(isClosing_, std::memory_order_relaxed);
+  return pollForTaskLocked(lock) || parkLocked(lock, self);
+}
+
+bool Pool::pollForTaskLocked(Lock& lock) {
+  if (isPolling_ || !pollingPays_) return false;
+  isPolling_ = true;
+  ++arriving_;
+  lock.unlock();
+  const bool found = pollBriefly([this] { return hasWork_.load(std::memory_order_relaxed); });
+  lock.lock();
+  pollingPays_ = found;
+  --arriving_;
+  isPolling_ = false;
+  return queue_.size() > 0 || isClosing_;
+}
+
+bool Pool::parkLocked(Lock& lock, const WorkerPointer& self) {
+  self->parkedAt = Clock::now();
+  const auto retireAt = self->parkedAt + settings_.retireAfter;
   self->isWoken = false;
   idle_.push_back(self);
   const auto isOver = [&] { return self->isWoken || isClosing_; };
   while (!isOver()) {
-    if (!mayRetire(viewLocked(retireAt))) {
+    if (!mayRetire(viewLocked())) {
       self->wake.wait(lock);
-    } else if (!self->wake.wait_until(lock, retireAt, isOver) && mayRetire(viewLocked(retireAt))) {
+    } else if (!self->wake.wait_until(lock, retireAt, isOver) && mayRetire(viewLocked())) {
       std::erase(idle_, self);
       return false;
     }
@@ -241,12 +272,12 @@ void Pool::workerWillBlock() noexcept {
   if (isForked()) return;
   WorkerPointer woken;
   {
-    std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     ++blocked_;
     if (isClosing_) return;
     const auto now = Clock::now();
     woken = provideThreadLocked(now);
-    if (refusesCalls(viewLocked(now))) {
+    if (refusesCalls(viewLocked())) {
       // Nested calls: those queued behind the ones that wait for them would never be answered.
       auto refusable = queue_.takeRefusable();
       if (!refusable.empty()) alertMonitorLocked(now);
@@ -258,8 +289,13 @@ void Pool::workerWillBlock() noexcept {
 
 void Pool::workerHasUnblocked() noexcept {
   if (isForked()) return;
-  std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   --blocked_;
+}
+
+void logException(const char* operation) noexcept {
+  GV_LOG(log::Level::Error, "gv.eventloop", operation,
+         "ended with an exception: " + currentError().text);
 }
 
 }  // namespace gv::detail

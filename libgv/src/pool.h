@@ -18,20 +18,22 @@
 namespace gv::detail {
 
 /// The threads and the queue behind an EventLoop: workers, which run tasks; the monitor, which
-/// starts delayed tasks, adds threads where nobody announced a wait, joins threads that ended; and
-/// services. Every thread holds the pool, which so outlives those that `stop` could not wait for.
+/// starts delayed tasks, adds threads where nobody announced a wait and joins threads that ended;
+/// a reporter while there is a warning to log; and services. Every thread holds the pool, which so
+/// outlives those that `stop` could not wait for.
 ///
 /// No function of a user is called, moved or destroyed under the mutex.
 class Pool : public std::enable_shared_from_this<Pool> {
  public:
   explicit Pool(const EventLoop::Settings& settings);
 
-  /// False, and the task is not taken: it may be refused, and no thread can run it.
-  bool submit(const TaskPointer& task, std::chrono::milliseconds delay, bool isRefusable);
-  bool cancel(Task& task);
+  void submit(TaskPointer task, std::chrono::milliseconds delay);
+  /// False, and the task is not taken: no thread can run it.
+  bool trySubmit(TaskPointer task);
+  void forgetDelayed(Task& task);
   void runService(std::string name, std::function<void()> body, std::function<void()> stop);
   bool isCurrent() const noexcept;
-  EventLoop::Figures figures() const;
+  EventLoop::Figures figures();
   unsigned maxThreads() const { return settings_.maxThreads; }
 
   /// Ends the pool: no task starts any more, services are stopped, threads joined as far as they
@@ -51,6 +53,7 @@ class Pool : public std::enable_shared_from_this<Pool> {
     Pool& pool;
     std::condition_variable wake;
     bool isWoken = false;
+    Clock::time_point parkedAt;
   };
   struct Service final : Thread {
     std::function<void()> body;
@@ -58,59 +61,90 @@ class Pool : public std::enable_shared_from_this<Pool> {
   };
   using ThreadPointer = std::shared_ptr<Thread>;
   using WorkerPointer = std::shared_ptr<Worker>;
+  using Lock = std::unique_lock<std::mutex>;
 
   // pool.cpp: tasks and workers
+  bool accept(TaskPointer task, bool isRefusable);
+  bool isLikelyTakenSoonLocked() const;
   WorkerPointer provideThreadLocked(Clock::time_point now);
   void startWorkerLocked();
+  void work(const WorkerPointer& self);
+  bool idleLocked(Lock& lock, const WorkerPointer& self);
+  bool pollForTaskLocked(Lock& lock);
+  bool parkLocked(Lock& lock, const WorkerPointer& self);
+  void workerWillBlock() noexcept;
+  void workerHasUnblocked() noexcept;
+  PoolView viewLocked() const;
+  PoolView timedViewLocked(Clock::time_point now);
+  bool isForked() const noexcept;
+  void checkNotForked() const;
+
+  // poolthreads.cpp: their start and end
   void startMonitorLocked();
   void startThreadLocked(const std::string& name, const ThreadPointer& thread,
                          std::function<void()> body);
   void endThread(const ThreadPointer& thread);
-  void work(const WorkerPointer& self);
-  bool idleLocked(std::unique_lock<std::mutex>& lock, const WorkerPointer& self);
-  void workerWillBlock() noexcept;
-  void workerHasUnblocked() noexcept;
-  PoolView viewLocked(Clock::time_point now) const;
-  bool isForked() const noexcept;
-  void checkNotForked() const;
+  std::vector<TaskPointer> closeLocked();
+  void stopServices();
+  void joinThreads();
+  bool waitForLocked(Lock& lock, const std::vector<ThreadPointer>& threads);
 
   // poolmonitor.cpp
   void monitor();
   void alertMonitorLocked(Clock::time_point when);
-  Clock::time_point nextLookLocked(Clock::time_point now) const;
-  bool runChoresLocked(std::unique_lock<std::mutex>& lock);
+  Clock::time_point nextLookLocked(Clock::time_point now);
+  bool runChoresLocked(Lock& lock);
+  void startReporterLocked(Clock::time_point now);
+  void report();
   std::string warningLocked(Clock::time_point now);
-
-  // poolstop.cpp
-  std::vector<TaskPointer> closeLocked();
-  void stopServices();
-  void joinThreads();
-  bool waitForLocked(std::unique_lock<std::mutex>& lock, const std::vector<ThreadPointer>& threads);
 
   const EventLoop::Settings settings_;
   const unsigned forkGeneration_;
 
-  mutable std::mutex mutex_;  // guards all below
+  std::mutex mutex_;  // guards all below but the atomic
   TaskQueue queue_;
-  std::vector<WorkerPointer> idle_;   // the last one has idled shortest and is woken first
-  std::vector<ThreadPointer> live_;   // workers, services and the monitor
-  std::vector<ThreadPointer> ended_;  // of these, to be joined
-  std::vector<TaskPointer> refused_;  // whose `refuse` the monitor has to run
+  /// Tasks are due, or it ends: read by the polling worker, hence on a cache line of its own.
+  alignas(64) std::atomic<bool> hasWork_{false};
+  alignas(
+      64) std::vector<WorkerPointer> idle_;  // the last one has idled shortest and is woken first
+  std::vector<ThreadPointer> live_;          // all that have not ended
+  std::vector<ThreadPointer> ended_;         // of these, to be joined
   unsigned workers_ = 0;
   unsigned blocked_ = 0;
-  unsigned arriving_ = 0;
-  Clock::time_point lastStart_;  // of a task
+  unsigned arriving_ = 0;     // workers started, woken or polling, about to take a task
+  bool isPolling_ = false;    // a worker is
+  bool pollingPays_ = false;  // tasks of late came soon after the last one
+  std::size_t starts_ = 0;    // of tasks, ever
   bool isClosing_ = false;
   std::condition_variable threadEnded_;
 
   std::condition_variable monitorWake_;
   ThreadPointer monitor_;
   Clock::time_point monitorWakeAt_;  // past while it is awake
+  std::size_t startsSeen_ = 0;       // by it
+  Clock::time_point lastProgress_;   // when it last saw that tasks had started
+
+  std::vector<TaskPointer> refused_;  // which the monitor has to answer
+
+  bool isReporting_ = false;  // there is a reporter
+  std::string warning_;       // for it to log
   Clock::time_point lastWarning_;
   std::string startFailure_;  // why the last thread could not be started, until told
 };
 
 /// Runs a function of a user's; what it throws is logged as an error.
-void runLogged(const char* operation, const std::function<void()>& function) noexcept;
+template <class F>
+void runLogged(const char* operation, const F& function) noexcept;
+/// The end of the above: call it while the exception is handled.
+void logException(const char* operation) noexcept;
+
+template <class F>
+void runLogged(const char* operation, const F& function) noexcept {
+  try {
+    function();
+  } catch (...) {
+    logException(operation);
+  }
+}
 
 }  // namespace gv::detail

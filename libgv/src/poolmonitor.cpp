@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <system_error>
 #include <utility>
 
 #include <gv/log.h>
@@ -13,16 +14,22 @@ constexpr std::chrono::seconds warningInterval(1);
 }  // namespace
 
 void Pool::monitor() {
-  std::unique_lock lock(mutex_);
+  Lock lock(mutex_);
   while (!isClosing_) {
     const auto now = Clock::now();
     for (std::size_t released = queue_.releaseDue(now); released > 0; --released) {
+      hasWork_.store(true, std::memory_order_relaxed);
       if (WorkerPointer woken = provideThreadLocked(now)) woken->wake.notify_one();
     }
-    if (growsWhenStalled(viewLocked(now))) startWorkerLocked();
+    const bool isActive = std::exchange(startsSeen_, starts_) != starts_;
+    if (isActive) lastProgress_ = now;
+    if (growsWhenStalled(timedViewLocked(now))) startWorkerLocked();
+    startReporterLocked(now);
     if (runChoresLocked(lock)) continue;
 
     monitorWakeAt_ = nextLookLocked(now);
+    // While tasks come and go it looks at a steady pace, and need not be woken for each.
+    if (isActive) monitorWakeAt_ = std::min(monitorWakeAt_, now + settings_.growAfter / 2);
     if (monitorWakeAt_ == Clock::time_point::max()) {
       monitorWake_.wait(lock);
     } else {
@@ -38,7 +45,7 @@ void Pool::alertMonitorLocked(Clock::time_point when) {
   monitorWake_.notify_one();
 }
 
-Clock::time_point Pool::nextLookLocked(Clock::time_point now) const {
+Clock::time_point Pool::nextLookLocked(Clock::time_point now) {
   auto next = queue_.nextDue().value_or(Clock::time_point::max());
   if (const auto oldest = queue_.oldest()) {
     const auto stalledAt = *oldest + settings_.growAfter;
@@ -48,28 +55,45 @@ Clock::time_point Pool::nextLookLocked(Clock::time_point now) const {
 }
 
 /// What is done unlocked; true when there was something and time has passed.
-bool Pool::runChoresLocked(std::unique_lock<std::mutex>& lock) {
+bool Pool::runChoresLocked(Lock& lock) {
   auto ended = std::exchange(ended_, {});
   auto refused = std::exchange(refused_, {});
-  const std::string warning = warningLocked(Clock::now());
-  if (ended.empty() && refused.empty() && warning.empty()) return false;
-
+  if (ended.empty() && refused.empty()) return false;
   lock.unlock();
   for (const ThreadPointer& thread : ended) thread->handle.join();
-  for (const TaskPointer& task : refused) {
-    runLogged("tryPost", task->refuse);
-    task->function = nullptr;
-    task->refuse = nullptr;
-  }
+  for (const TaskPointer& task : refused) runLogged("tryPost", [&] { task->refuse(); });
   ended.clear();
   refused.clear();
-  if (!warning.empty()) GV_LOG(log::Level::Warning, "gv.eventloop", "post", warning);
   lock.lock();
   return true;
 }
 
+/// Warnings are logged by a thread of their own: a handler that blocks would stop the monitor, and
+/// with it timers and growth.
+void Pool::startReporterLocked(Clock::time_point now) {
+  if (std::string warning = warningLocked(now); !warning.empty()) warning_ = std::move(warning);
+  if (isReporting_ || warning_.empty()) return;
+  try {
+    startThreadLocked("gv-report", std::make_shared<Thread>(), [this] { report(); });
+    isReporting_ = true;
+  } catch (const std::system_error&) {
+    // Tried again at the next look.
+  }
+}
+
+void Pool::report() {
+  Lock lock(mutex_);
+  while (!warning_.empty()) {
+    const auto warning = std::exchange(warning_, {});
+    lock.unlock();
+    GV_LOG(log::Level::Warning, "gv.eventloop", "post", warning);
+    lock.lock();
+  }
+  isReporting_ = false;
+}
+
 std::string Pool::warningLocked(Clock::time_point now) {
-  const PoolView view = viewLocked(now);
+  const PoolView view = timedViewLocked(now);
   const bool isStuck = warnsOfCeiling(view);
   if ((!isStuck && startFailure_.empty()) || now < lastWarning_ + warningInterval) return {};
   lastWarning_ = now;

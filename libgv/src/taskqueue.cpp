@@ -1,81 +1,99 @@
 #include "src/taskqueue.h"
 
-#include <algorithm>
-#include <iterator>
 #include <utility>
 
 namespace gv::detail {
 
-void TaskQueue::push(const TaskPointer& task, Clock::time_point now) {
-  due_.push_back(task);
-  task->state = Task::State::Queued;
-  task->queuedAt = now;
+TaskQueue::~TaskQueue() {
+  // One by one: a chain that destroys itself would recurse.
+  while (takeFront()) {
+  }
+}
+
+void TaskQueue::append(TaskPointer task, Clock::time_point now) {
+  task->queuedAt_ = now;
+  Task* const added = task.get();
+  (back_ ? back_->next_ : front_) = std::move(task);
+  back_ = added;
+  ++size_;
+}
+
+TaskPointer TaskQueue::takeFront() {
+  TaskPointer taken = std::move(front_);
+  if (!taken) return nullptr;
+  front_ = std::move(taken->next_);
+  if (!front_) back_ = nullptr;
+  --size_;
+  return taken;
+}
+
+void TaskQueue::push(TaskPointer task, Clock::time_point now) {
+  task->state_.store(Task::State::Queued, std::memory_order_relaxed);
+  append(std::move(task), now);
 }
 
 void TaskQueue::schedule(const TaskPointer& task, Clock::time_point due) {
-  task->delayedAt = delayed_.emplace(due, task);
-  task->state = Task::State::Delayed;
+  task->delayedAt_ = delayed_.emplace(due, task);
+  task->state_ = Task::State::Delayed;
 }
 
 TaskPointer TaskQueue::pop() {
-  if (due_.empty()) return nullptr;
-  TaskPointer task = std::move(due_.front());
-  due_.pop_front();
-  task->state = Task::State::Started;
-  skipRemoved();
-  return task;
+  while (TaskPointer task = takeFront()) {
+    if (task->move(Task::State::Queued, Task::State::Started)) return task;
+  }
+  return nullptr;
 }
 
-bool TaskQueue::remove(Task& task) {
-  if (task.state == Task::State::Delayed) {
-    delayed_.erase(task.delayedAt);
-  } else if (task.state == Task::State::Queued) {
-    ++removed_;
-  } else {
-    return false;
-  }
-  task.state = Task::State::Dropped;
-  skipRemoved();
-  return true;
-}
-
-void TaskQueue::skipRemoved() {
-  while (!due_.empty() && due_.front()->state == Task::State::Dropped) {
-    due_.pop_front();
-    --removed_;
-  }
+void TaskQueue::forgetDelayed(Task& task) {
+  if (task.delayedAt_ == delayed_.end()) return;
+  delayed_.erase(task.delayedAt_);
+  task.delayedAt_ = delayed_.end();
 }
 
 std::size_t TaskQueue::releaseDue(Clock::time_point now) {
-  const auto end = delayed_.upper_bound(now);
-  const auto count = static_cast<std::size_t>(std::distance(delayed_.begin(), end));
-  for (auto it = delayed_.begin(); it != end; ++it) push(it->second, now);
-  delayed_.erase(delayed_.begin(), end);
-  return count;
+  std::size_t released = 0;
+  while (!delayed_.empty() && delayed_.begin()->first <= now) {
+    const TaskPointer task = std::move(delayed_.begin()->second);
+    delayed_.erase(delayed_.begin());
+    task->delayedAt_ = delayed_.end();
+    if (!task->move(Task::State::Delayed, Task::State::Queued)) continue;
+    append(task, now);
+    ++released;
+  }
+  return released;
 }
 
 std::vector<TaskPointer> TaskQueue::takeRefusable() {
   std::vector<TaskPointer> taken;
-  for (const TaskPointer& task : due_) {
-    if (task->state == Task::State::Queued && task->refuse) taken.push_back(task);
+  for (std::size_t left = size_; left > 0; --left) {
+    TaskPointer task = takeFront();
+    if (task->isRefusable() && task->move(Task::State::Queued, Task::State::Dropped)) {
+      taken.push_back(std::move(task));
+    } else if (task->state_ == Task::State::Queued) {
+      const auto queuedAt = task->queuedAt_;
+      append(std::move(task), queuedAt);
+    }
   }
-  for (const TaskPointer& task : taken) remove(*task);
   return taken;
 }
 
 std::vector<TaskPointer> TaskQueue::takeAll() {
-  std::vector<TaskPointer> taken(due_.begin(), due_.end());
-  for (const auto& [due, task] : delayed_) taken.push_back(task);
-  due_.clear();
+  std::vector<TaskPointer> taken;
+  while (TaskPointer task = takeFront()) {
+    if (task->move(Task::State::Queued, Task::State::Dropped)) taken.push_back(std::move(task));
+  }
+  for (auto& [due, task] : delayed_) {
+    task->delayedAt_ = delayed_.end();
+    if (task->move(Task::State::Delayed, Task::State::Dropped)) taken.push_back(task);
+  }
   delayed_.clear();
-  removed_ = 0;
-  for (const TaskPointer& task : taken) task->state = Task::State::Dropped;
   return taken;
 }
 
-std::optional<Clock::time_point> TaskQueue::oldest() const {
-  if (due_.empty()) return std::nullopt;
-  return due_.front()->queuedAt;
+std::optional<Clock::time_point> TaskQueue::oldest() {
+  while (front_ && front_->state_ == Task::State::Dropped) takeFront();
+  if (!front_) return std::nullopt;
+  return front_->queuedAt_;
 }
 
 std::optional<Clock::time_point> TaskQueue::nextDue() const {

@@ -1,67 +1,54 @@
 #pragma once
 
-#include <chrono>
-#include <deque>
-#include <functional>
-#include <map>
-#include <memory>
+#include <cstddef>
 #include <optional>
 #include <vector>
 
-#include <gv/api.h>
+#include <gv/detail/task.h>
 
 namespace gv::detail {
 
-class Pool;
-struct Task;
-
-using TaskPointer = std::shared_ptr<Task>;
 using Clock = std::chrono::steady_clock;
 
-/// One posted function. All but `pool` is guarded by the pool's mutex until the task has started,
-/// and its thread's own then.
-struct Task {
-  enum class State { New, Delayed, Queued, Started, Dropped };
-
-  std::function<void()> function;
-  std::function<void()> refuse;  // empty: is never refused
-  std::weak_ptr<Pool> pool;
-  State state = State::New;
-  Clock::time_point queuedAt;
-  std::multimap<Clock::time_point, TaskPointer>::iterator delayedAt;
-};
-
 /// The tasks of a pool that have not started: those due, in order, and those with a delay. Not
-/// locked: its owner does that. Destroys no task's functions, which are foreign code: what is
-/// removed is handed out.
+/// locked: its owner does that. Runs and discards none, which is foreign code.
+///
+/// A due task that is dropped stays in its place until it comes to the front; it counts meanwhile.
 class GV_API TaskQueue {
  public:
-  void push(const TaskPointer& task, Clock::time_point now);
+  TaskQueue() = default;
+  ~TaskQueue();
+  TaskQueue(const TaskQueue&) = delete;
+  TaskQueue& operator=(const TaskQueue&) = delete;
+
+  void push(TaskPointer task, Clock::time_point now);
   void schedule(const TaskPointer& task, Clock::time_point due);
   /// The oldest due task, started; null when there is none.
   TaskPointer pop();
-  /// Removes a task; false when it has started or was removed before.
-  bool remove(Task& task);
+  /// Forgets a delayed task that was dropped, if it is still there.
+  void forgetDelayed(Task& task);
   /// Moves tasks whose delay is over among those due; returns how many.
   std::size_t releaseDue(Clock::time_point now);
-  /// Removes the due tasks that can be refused.
+  /// Removes the due tasks that can be refused; the caller refuses them.
   std::vector<TaskPointer> takeRefusable();
-  /// Removes everything.
+  /// Removes everything; the caller discards it.
   std::vector<TaskPointer> takeAll();
 
   /// Number of tasks due.
-  std::size_t size() const { return due_.size() - removed_; }
+  std::size_t size() const noexcept { return size_; }
   /// When the oldest task due became so.
-  std::optional<Clock::time_point> oldest() const;
+  std::optional<Clock::time_point> oldest();
   /// When the next delay is over.
   std::optional<Clock::time_point> nextDue() const;
 
  private:
-  void skipRemoved();
+  void append(TaskPointer task, Clock::time_point now);
+  TaskPointer takeFront();
 
-  std::deque<TaskPointer> due_;  // removed ones stay until they come to the front
-  std::size_t removed_ = 0;      // how many of these; the front is never one
-  std::multimap<Clock::time_point, TaskPointer> delayed_;
+  TaskPointer front_;
+  Task* back_ = nullptr;
+  std::size_t size_ = 0;
+  DelayedTasks delayed_;
 };
 
 }  // namespace gv::detail

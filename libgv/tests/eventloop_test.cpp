@@ -79,7 +79,7 @@ TEST_F(Loop, CeilingQueuesWarnsAndRefusesCalls) {
   waitUntil(loop, [](const auto& figures) { return figures.blocked == 2; });
 
   auto queued = loop.async([] { return 1; });
-  EXPECT_FALSE(loop.tryPost([] { FAIL() << "was refused"; }));
+  EXPECT_FALSE(loop.tryPost([] { FAIL() << "was refused"; }, [] {}));
   EXPECT_NE(loop.refusalText().find("GV_EVENTLOOP_MAX_THREADS (2)"), std::string::npos);
   EXPECT_TRUE(capture.waitForText("1 tasks wait, the oldest for "));
   EXPECT_EQ(capture.count("all 2 threads (GV_EVENTLOOP_MAX_THREADS) are busy, 2 of them"), 1);
@@ -90,7 +90,7 @@ TEST_F(Loop, CeilingQueuesWarnsAndRefusesCalls) {
   EXPECT_EQ(queued.value(), 1);
   Promise<void> accepted;
   waitUntil(loop, [](const auto& figures) { return figures.blocked == 0; });
-  EXPECT_TRUE(loop.tryPost([&] { accepted.setValue(); }));
+  EXPECT_TRUE(loop.tryPost([&] { accepted.setValue(); }, [] {}));
   accepted.future().value();
 }
 

@@ -1,12 +1,12 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include <gv/api.h>
 #include <gv/futureexception.h>
@@ -26,6 +26,53 @@ inline constexpr int FutureTimeout_Infinite = 0x7fffffff;
 
 namespace detail {
 
+class FutureState;
+
+/// One callback of a future. Owned by the future until it is settled, then by who runs it, once.
+struct GV_API FutureCallback {
+  explicit FutureCallback(FutureCallbackType callbackType) : type(callbackType) {}
+  virtual ~FutureCallback();
+  virtual void run(const std::shared_ptr<FutureState>& settled) = 0;
+
+  const FutureCallbackType type;
+  std::shared_ptr<FutureState> settled;  // set when it is due
+  std::unique_ptr<FutureCallback> next;
+};
+
+/// Callbacks in order. However many there are, destroying them does not recurse.
+class GV_API CallbackList {
+ public:
+  CallbackList() = default;
+  CallbackList(const CallbackList&) = delete;
+  CallbackList& operator=(const CallbackList&) = delete;
+  ~CallbackList();
+
+  bool isEmpty() const noexcept { return !first_; }
+  void append(std::unique_ptr<FutureCallback> callback) noexcept;
+  /// Makes each due for `settled` and moves it to the end of `to`.
+  void moveTo(CallbackList& to, const std::shared_ptr<FutureState>& settled) noexcept;
+  std::unique_ptr<FutureCallback> takeFirst() noexcept;
+  void swap(CallbackList& other) noexcept;
+
+ private:
+  std::unique_ptr<FutureCallback> first_;
+  FutureCallback* last_ = nullptr;
+};
+
+/// Whom a future tells that it was asked to cancel: what it continues, or the task behind it.
+class GV_API CancelTarget {
+ public:
+  virtual void cancel() = 0;
+
+ protected:
+  ~CancelTarget() = default;
+};
+
+/// When a settlement runs its synchronous callbacks. `AtOnce`: before it returns. `AfterCurrent`:
+/// when the callback that is running on this thread has returned, so that chains of continuations
+/// do not pile up on the stack; without one, at once.
+enum class CallbackTime { AtOnce, AfterCurrent };
+
 /// What every future shares with its promises, but for the value: the one settlement, those who
 /// wait for it and those to be called on it.
 ///
@@ -33,11 +80,8 @@ namespace detail {
 ///
 /// `claim` decides the race of several settlers; its winner stores the value with no lock held and
 /// publishes it with one of the finishes. Callbacks, callers' destructors and waits run unlocked.
-class GV_API FutureState : public std::enable_shared_from_this<FutureState> {
+class GV_API FutureState : public CancelTarget, public std::enable_shared_from_this<FutureState> {
  public:
-  using Pointer = std::shared_ptr<FutureState>;
-  using Callback = std::function<void(const Pointer&)>;
-
   explicit FutureState(FutureCallbackType type);
   virtual ~FutureState();
   FutureState(const FutureState&) = delete;
@@ -55,38 +99,44 @@ class GV_API FutureState : public std::enable_shared_from_this<FutureState> {
   std::string error(int timeoutMs) const;
   FutureException::State errorState(int timeoutMs) const;
 
-  void connect(Callback callback, FutureCallbackType type);
+  void connect(std::unique_ptr<FutureCallback> callback);
 
-  /// Asks for cancellation, the first time only: runs the action set below.
-  void cancel();
+  /// Asks for cancellation, the first time only: tells whoever is set below.
+  void cancel() override;
   bool isCancelRequested() const noexcept { return cancelRequested_.load(); }
-  /// What `cancel` does; runs at once when that has been asked for. Dropped when settled.
+  /// Whom `cancel` tells, in place of what was set before; told now when that has been asked for.
+  /// Dropped when settled.
   void setCancelAction(std::function<void()> action);
+  void setCancelTarget(std::weak_ptr<CancelTarget> target);
 
   /// Wins the right to settle, or throws std::logic_error.
   void claim();
   /// Each needs `claim` before, and is called once.
-  void finishWithValue() noexcept;
-  void finishWithError(std::string text, FutureException::State state) noexcept;
-  void finishCanceled() noexcept;
+  void finishWithValue(CallbackTime time) noexcept;
+  void finishWithError(std::string text, FutureException::State state, CallbackTime time) noexcept;
+  void finishCanceled(CallbackTime time) noexcept;
 
   /// Promises count themselves; the last one gone leaves a broken promise if nothing has settled.
   void addPromise() noexcept { promises_.fetch_add(1, std::memory_order_relaxed); }
   void removePromise() noexcept;
 
  private:
-  void finish(gv::FutureState end) noexcept;
-  void sleepUntilSettled(int timeoutMs) const;
-
-  struct Connected {
-    Callback callback;
-    FutureCallbackType type;
+  struct Canceler {
+    std::function<void()> action;
+    std::weak_ptr<CancelTarget> target;
+    void tell() const noexcept;
   };
+
+  void finish(gv::FutureState end, CallbackTime time) noexcept;
+  void setCanceler(Canceler canceler);
+  void sleepUntilSettled(int timeoutMs) const;
 
   const FutureCallbackType callbackType_;
   std::atomic<gv::FutureState> state_{gv::FutureState::Running};  // left once, under mutex_
+  // Whoever waits looks at the above: what the settler touches first lies on another cache line.
+  [[maybe_unused]] std::array<char, 64> distance_;
   std::atomic<bool> claimed_{false};
-  std::atomic<bool> cancelRequested_{false};
+  std::atomic<bool> cancelRequested_{false};  // set under mutex_
   std::atomic<unsigned> promises_{0};
 
   // Written by the winner of `claim` before it publishes, constant afterwards.
@@ -94,9 +144,26 @@ class GV_API FutureState : public std::enable_shared_from_this<FutureState> {
   FutureException::State errorState_ = FutureException::State::UserError;
 
   mutable std::mutex mutex_;  // guards the two below and the step out of Running
-  std::vector<Connected> callbacks_;
-  std::function<void()> cancelAction_;
+  CallbackList callbacks_;
+  Canceler canceler_;
   mutable std::condition_variable settled_;
+};
+
+/// Marks the calling thread as the one that will settle a future, so that a wait for that future on
+/// this very thread, which could never end, is reported. Scopes nest.
+class GV_API SettlingScope {
+ public:
+  explicit SettlingScope(const FutureState* state) noexcept;
+  ~SettlingScope();
+  SettlingScope(const SettlingScope&) = delete;
+  SettlingScope& operator=(const SettlingScope&) = delete;
+
+ private:
+  friend class FutureState;
+  static bool contains(const FutureState* state) noexcept;
+
+  const FutureState* const state_;
+  SettlingScope* const outer_;
 };
 
 /// The error text and kind under which the exception being handled settles a future.

@@ -24,48 +24,73 @@ struct Flattened<Future<T>> {
   static constexpr bool isFuture = true;
 };
 
-/// Settles with the result of calling the function, or with what it throws.
-template <class T, class F, class... Args>
-void settleWith(const Promise<T>& promise, F& function, Args&&... args) {
-  std::optional<Stored<T>> result;
-  try {
-    if constexpr (std::is_void_v<T>) {
-      std::invoke(function, std::forward<Args>(args)...);
-      result.emplace();
-    } else {
-      result.emplace(std::invoke(function, std::forward<Args>(args)...));
-    }
-  } catch (...) {
-    CurrentError failure = currentError();
-    promise.setError(std::move(failure.text), failure.state);
-    return;
-  }
-  if constexpr (std::is_void_v<T>) {
-    promise.setValue();
-  } else {
-    promise.setValue(std::move(*result));
-  }
-}
-
-/// Settles the promise as the finished future ended.
+/// What a function came to: a value, or else an error.
 template <class T>
-void settleLike(const Promise<T>& promise, const Future<T>& finished) {
-  switch (finished.wait(0)) {
-    case gv::FutureState::FinishedWithValue:
+struct Outcome {
+  std::optional<Stored<T>> value;
+  CurrentError error;
+
+  template <class F, class... Args>
+  static Outcome of(F& function, Args&&... args) {
+    Outcome outcome;
+    try {
       if constexpr (std::is_void_v<T>) {
-        promise.setValue();
+        std::invoke(function, std::forward<Args>(args)...);
+        outcome.value.emplace();
       } else {
-        auto copy = [&finished] { return finished.value(0); };
-        settleWith(promise, copy);
+        outcome.value.emplace(std::invoke(function, std::forward<Args>(args)...));
       }
-      return;
-    case gv::FutureState::FinishedWithError:
-      promise.setError(finished.error(0), finished.errorState(0));
-      return;
-    default:
-      promise.setCanceled();
+    } catch (...) {
+      outcome.error = currentError();
+    }
+    return outcome;
   }
-}
+};
+
+/// Settles for the framework: callbacks come after the one that is running.
+struct Settler {
+  template <class T>
+  static FutureValue<T>& state(const Promise<T>& promise) {
+    return *promise.valid();
+  }
+  template <class T>
+  static Future<T> future(std::shared_ptr<FutureValue<T>> state) {
+    return Future<T>(std::move(state));
+  }
+
+  template <class T>
+  static void settle(FutureValue<T>& state, Outcome<T> outcome) {
+    if (outcome.value) {
+      state.settle(std::move(*outcome.value), CallbackTime::AfterCurrent);
+    } else {
+      state.fail(std::move(outcome.error), CallbackTime::AfterCurrent);
+    }
+  }
+
+  /// Settles as the finished future ended.
+  template <class T>
+  static void settleLike(FutureValue<T>& state, const Future<T>& finished) {
+    switch (finished.wait(0)) {
+      case gv::FutureState::FinishedWithValue: {
+        const auto copy = [&finished] { return finished.value(0); };
+        settle(state, Outcome<T>::of(copy));
+        return;
+      }
+      case gv::FutureState::FinishedWithError:
+        state.fail({finished.error(0), finished.errorState(0)}, CallbackTime::AfterCurrent);
+        return;
+      default:
+        state.claim();
+        state.finishCanceled(CallbackTime::AfterCurrent);
+    }
+  }
+
+  /// Cancelling the one asks `source` to cancel. Weakly: the source's callbacks hold the one.
+  template <class T, class U>
+  static void forwardCancel(FutureValue<T>& state, const Future<U>& source) {
+    state.setCancelTarget(std::weak_ptr<FutureState>(source.state_));
+  }
+};
 
 /// The callback behind `Future::then`.
 template <class T, class F, class R>
@@ -79,7 +104,7 @@ struct Continuation {
     if constexpr (Flattened<R>::isFuture) {
       flatten(std::move(finished));
     } else {
-      settleWith(promise, function, std::move(finished));
+      Settler::settle(Settler::state(promise), Outcome<Result>::of(function, std::move(finished)));
     }
   }
 
@@ -89,22 +114,13 @@ struct Continuation {
       inner = std::invoke(function, std::move(finished));
       if (!inner.isValid()) throwInvalid("then");
     } catch (...) {
-      CurrentError failure = currentError();
-      promise.setError(std::move(failure.text), failure.state);
+      Settler::state(promise).fail(currentError(), CallbackTime::AfterCurrent);
       return;
     }
-    forwardCancel(promise, inner);
-    inner.connect([promise = promise](R ended) { settleLike(promise, ended); },
-                  FutureCallbackType::Sync);
-  }
-
-  /// Cancelling the promise's future asks `source` to cancel. Weakly: the source's callbacks hold
-  /// the promise.
-  template <class U>
-  static void forwardCancel(const Promise<Result>& promise, const Future<U>& source) {
-    promise.state_->setCancelAction([weak = source.weakState()] {
-      if (auto state = weak.lock()) state->cancel();
-    });
+    Settler::forwardCancel(Settler::state(promise), inner);
+    inner.connect(
+        [promise = promise](R ended) { Settler::settleLike(Settler::state(promise), ended); },
+        FutureCallbackType::Sync);
   }
 };
 
@@ -119,7 +135,7 @@ auto Future<T>::then(F function, FutureCallbackType type) const {
   using Continuation = detail::Continuation<T, F, R>;
   Promise<typename Continuation::Result> promise(valid("then")->callbackType());
   auto result = promise.future();
-  Continuation::forwardCancel(promise, *this);
+  detail::Settler::forwardCancel(detail::Settler::state(promise), *this);
   connect(Continuation{std::move(promise), std::move(function)}, type);
   return result;
 }

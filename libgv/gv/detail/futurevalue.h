@@ -1,12 +1,19 @@
 #pragma once
 
+#include <functional>
+#include <memory>
 #include <optional>
 #include <type_traits>
 #include <utility>
 
 #include <gv/detail/futurestate.h>
 
-namespace gv::detail {
+namespace gv {
+
+template <class T>
+class Future;
+
+namespace detail {
 
 /// Stands for the value of a `Future<void>`.
 struct NoValue {};
@@ -16,13 +23,13 @@ using Stored = std::conditional_t<std::is_void_v<T>, NoValue, T>;
 
 /// The shared state of a future with its value.
 template <class T>
-class FutureValue final : public FutureState {
+class FutureValue : public FutureState {
  public:
   using FutureState::FutureState;
 
   /// Settles with the value; throws std::logic_error when settled before. A value whose move throws
   /// settles with that error: the claim is spent.
-  void settle(Stored<T> value) {
+  void settle(Stored<T> value, CallbackTime time) {
     claim();
     if constexpr (std::is_nothrow_move_constructible_v<Stored<T>>) {
       value_.emplace(std::move(value));
@@ -31,11 +38,17 @@ class FutureValue final : public FutureState {
         value_.emplace(std::move(value));
       } catch (...) {
         CurrentError failure = currentError();
-        finishWithError(std::move(failure.text), failure.state);
+        finishWithError(std::move(failure.text), failure.state, time);
         return;
       }
     }
-    finishWithValue();
+    finishWithValue(time);
+  }
+
+  /// Settles with an error; throws std::logic_error when settled before.
+  void fail(CurrentError failure, CallbackTime time) {
+    claim();
+    finishWithError(std::move(failure.text), failure.state, time);
   }
 
   /// Needs state FinishedWithValue.
@@ -46,4 +59,18 @@ class FutureValue final : public FutureState {
   std::optional<Stored<T>> value_;
 };
 
-}  // namespace gv::detail
+/// A callback that takes the finished future.
+template <class T, class F>
+struct FunctionCallback final : FutureCallback {
+  FunctionCallback(F callable, FutureCallbackType callbackType)
+      : FutureCallback(callbackType), function(std::move(callable)) {}
+
+  void run(const std::shared_ptr<FutureState>& finished) override {
+    std::invoke(function, Future<T>(std::static_pointer_cast<FutureValue<T>>(finished)));
+  }
+
+  F function;
+};
+
+}  // namespace detail
+}  // namespace gv

@@ -1,18 +1,62 @@
+#include <pthread.h>
+
 #include <algorithm>
 #include <utility>
-
-#include <gv/log.h>
 
 #include "src/pool.h"
 
 namespace gv::detail {
+namespace {
+
+void nameThisThread(const std::string& name) {
+  const std::string shortened = name.substr(0, 15);  // the kernel's limit
+#ifdef __APPLE__
+  pthread_setname_np(shortened.c_str());
+#else
+  pthread_setname_np(pthread_self(), shortened.c_str());
+#endif
+}
+
+}  // namespace
+
+void Pool::startMonitorLocked() {
+  if (monitor_) return;
+  auto thread = std::make_shared<Thread>();
+  startThreadLocked("gv-monitor", thread, [this] { monitor(); });
+  monitor_ = std::move(thread);
+}
+
+void Pool::startThreadLocked(const std::string& name, const ThreadPointer& thread,
+                             std::function<void()> body) {
+  live_.push_back(thread);
+  try {
+    thread->handle =
+        std::thread([self = shared_from_this(), name, thread, body = std::move(body)]() mutable {
+          nameThisThread(name);
+          body();
+          body = nullptr;
+          self->endThread(thread);
+        });
+  } catch (...) {
+    live_.pop_back();
+    throw;
+  }
+}
+
+void Pool::endThread(const ThreadPointer& thread) {
+  const Lock lock(mutex_);
+  std::erase(live_, thread);
+  ended_.push_back(thread);
+  alertMonitorLocked(Clock::now());
+  threadEnded_.notify_all();
+}
 
 void Pool::runService(std::string name, std::function<void()> body, std::function<void()> stop) {
   checkNotForked();
   auto service = std::make_shared<Service>();
   service->body = std::move(body);
   service->stop = std::move(stop);
-  std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   if (isClosing_) return;
   startMonitorLocked();
   startThreadLocked(name, service, [raw = service.get()] {
@@ -25,20 +69,19 @@ void Pool::stop() {
   if (isForked()) return;
   std::vector<TaskPointer> dropped;
   {
-    std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (isClosing_) return;
     dropped = closeLocked();
   }
-  for (const TaskPointer& task : dropped) {
-    task->function = nullptr;
-    task->refuse = nullptr;
-  }
+  for (const TaskPointer& task : dropped) task->discard();
+  dropped.clear();
   stopServices();
   joinThreads();
 }
 
 std::vector<TaskPointer> Pool::closeLocked() {
   isClosing_ = true;
+  hasWork_.store(true, std::memory_order_relaxed);
   auto dropped = queue_.takeAll();
   dropped.insert(dropped.end(), refused_.begin(), refused_.end());
   refused_.clear();
@@ -50,7 +93,7 @@ std::vector<TaskPointer> Pool::closeLocked() {
 void Pool::stopServices() {
   std::vector<ThreadPointer> services;
   {
-    std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     for (const ThreadPointer& thread : live_) {
       if (dynamic_cast<Service*>(thread.get())) services.push_back(thread);
     }
@@ -60,13 +103,12 @@ void Pool::stopServices() {
   for (const ThreadPointer& service : services) {
     runLogged("runService", static_cast<Service&>(*service).stop);
   }
-  std::unique_lock lock(mutex_);
+  Lock lock(mutex_);
   waitForLocked(lock, services);
 }
 
 /// False when some were still running after the time set. This thread is not waited for.
-bool Pool::waitForLocked(std::unique_lock<std::mutex>& lock,
-                         const std::vector<ThreadPointer>& threads) {
+bool Pool::waitForLocked(Lock& lock, const std::vector<ThreadPointer>& threads) {
   const auto hasEnded = [this](const ThreadPointer& thread) {
     return thread->handle.get_id() == std::this_thread::get_id() ||
            std::find(live_.begin(), live_.end(), thread) == live_.end();
@@ -77,7 +119,7 @@ bool Pool::waitForLocked(std::unique_lock<std::mutex>& lock,
 }
 
 void Pool::joinThreads() {
-  std::unique_lock lock(mutex_);
+  Lock lock(mutex_);
   waitForLocked(lock, std::vector<ThreadPointer>(live_));
   // What still runs keeps the pool alive and ends by itself, or with the process.
   for (const ThreadPointer& thread : live_) thread->handle.detach();
