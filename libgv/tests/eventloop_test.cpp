@@ -51,24 +51,31 @@ class Loop : public ::testing::Test {
   house::Watchdog watchdog_{"event loop"};
 };
 
-TEST_F(Loop, TaskStartsWhileAllOthersWaitForIt) {
-  EventLoop loop(announcedOnly(2, 64));
-  Promise<int> awaited;
+TEST_F(Loop, ThousandTasksThatWaitForLaterOnesEndAtOnceAndTheirThreadsRetire) {
+  auto settings = announcedOnly(2, 1100);
+  settings.retireAfter = milliseconds(1);
+  EventLoop loop(settings);
+  constexpr int count = 1000;
+  std::vector<Promise<int>> awaited(count);
   std::vector<Future<int>> waiting;
-  for (int i = 0; i < 20; ++i) {
-    waiting.push_back(loop.async([future = awaited.future()] { return future.value(); }));
+  for (const auto& promise : awaited) {
+    waiting.push_back(loop.async([future = promise.future()] { return future.value(); }));
   }
-  loop.post([&] { awaited.setValue(3); });
-  for (auto& future : waiting) EXPECT_EQ(future.value(), 3);
+  for (const auto& promise : awaited) loop.post([promise] { promise.setValue(3); });
+  for (const auto& future : waiting) EXPECT_EQ(future.value(), 3);
+  waitUntil(loop, [](const auto& figures) { return figures.threads == 2; });
+  EXPECT_EQ(loop.async([] { return 1; }).value(), 1);
 }
 
-TEST_F(Loop, TaskStartsWhileAllOthersBlockUnannounced) {
-  EventLoop loop(sized(2, 64));
+TEST_F(Loop, TasksThatBlockUnannouncedAreFoundByTheMonitor) {
+  EventLoop loop(sized(2, 1100));
   std::latch gate(1);
   std::vector<Future<void>> blocked;
-  for (int i = 0; i < 6; ++i) blocked.push_back(loop.async([&] { gate.wait(); }));
+  for (int i = 0; i < house::rounds(100); ++i) {
+    blocked.push_back(loop.async([&] { gate.wait(); }));
+  }
   loop.post([&] { gate.count_down(); });
-  for (auto& future : blocked) future.value();
+  for (const auto& future : blocked) future.value();
 }
 
 TEST_F(Loop, CeilingQueuesWarnsAndRefusesCalls) {
@@ -107,6 +114,36 @@ TEST_F(Loop, CallQueuedBehindThreadsThatBlockLaterIsRefused) {
   posted.setValue();
   EXPECT_EQ(answer.future().value(), "refused");
   EXPECT_EQ(plain.value(), 1) << "only calls are refused";
+}
+
+TEST_F(Loop, LogHandlerThatBlocksOnAWarningStopsNoTimer) {
+  EventLoop loop(sized(1, 2));
+  std::latch gate(1);
+  Promise<void> isBlocking;
+  const auto handler = gv::log::addHandler("blocks", [&](const gv::log::Record& record) {
+    if (record.text.find("tasks wait") == std::string::npos) return;
+    isBlocking.setValue();
+    gate.wait();
+  });
+  Promise<void> release;
+  for (int i = 0; i < 3; ++i) loop.post([future = release.future()] { future.wait(); });
+  isBlocking.future().value();
+  auto delayed = loop.async([] { return 1; }, milliseconds(5));
+  release.setValue();
+  EXPECT_EQ(delayed.value(), 1);
+  gate.count_down();
+  gv::log::removeHandler(handler);
+}
+
+TEST_F(Loop, TaskThatWaitsForItselfIsNamedAndStallsNothing) {
+  EventLoop loop(announcedOnly(1, 2));
+  house::LogCapture capture;
+  Promise<Future<void>> given;
+  auto self = loop.async([itself = given.future()] { itself.value().wait(200); });
+  given.setValue(self);
+  loop.async([] {}).value();
+  self.value();
+  EXPECT_EQ(capture.count("a task waits for its own future"), 1);
 }
 
 TEST_F(Loop, SurvivesWhatTasksThrow) {
@@ -173,22 +210,6 @@ TEST_F(Loop, CancelAsTheTaskFiresHasOneOutcome) {
   }
   EXPECT_EQ(wrong, 0);
   RecordProperty("canceled", canceled);
-}
-
-TEST_F(Loop, IdleThreadsAboveTheMinimumRetire) {
-  auto settings = sized(2, 16);
-  settings.retireAfter = milliseconds(1);
-  EventLoop loop(settings);
-  Promise<void> release;
-  std::vector<Future<void>> blocked;
-  for (int i = 0; i < 8; ++i) {
-    blocked.push_back(loop.async([future = release.future()] { future.wait(); }));
-  }
-  waitUntil(loop, [](const auto& figures) { return figures.threads == 8; });
-  release.setValue();
-  for (auto& future : blocked) future.value();
-  waitUntil(loop, [](const auto& figures) { return figures.threads == 2; });
-  EXPECT_EQ(loop.async([] { return 1; }).value(), 1);
 }
 
 TEST_F(Loop, NoTaskIsLostToAThreadThatRetires) {

@@ -1,7 +1,9 @@
 #include <gv/future.h>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <barrier>
 #include <functional>
@@ -15,6 +17,7 @@
 
 #include <gv/eventloop.h>
 #include <gv/log.h>
+#include <gv/when.h>
 
 #include "support/live_counter.h"
 #include "support/log_capture.h"
@@ -29,6 +32,17 @@ using gv::FutureException;
 using gv::FutureState;
 using gv::Promise;
 
+/// Runs it on a thread of 256 KiB of stack.
+void runWithSmallStack(void* (*run)(void*), void* argument) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, 256 << 10);
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(&thread, &attributes, run, argument), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
+}
+
 /// The state under which the action throws FutureException; fails the test when it does not.
 FutureException::State thrownBy(const std::function<void()>& action) {
   try {
@@ -40,86 +54,82 @@ FutureException::State thrownBy(const std::function<void()>& action) {
   return FutureException::State::Invalid;
 }
 
-/// Lets two racing steps meet in every order.
-void yieldAtRandom(std::minstd_rand& random) {
-  for (auto yields = random() % 4; yields > 0; --yields) std::this_thread::yield();
-}
+/// What one round of the race below came to.
+struct Raced {
+  std::unique_ptr<Promise<int>> promise[4];
+  Future<int> future;
+  std::atomic<int> wins{0};
+  std::atomic<int> callbacks{0};
+
+  Raced() {
+    Promise<int> first(FutureCallbackType::Sync);
+    for (auto& copy : promise) copy = std::make_unique<Promise<int>>(first);
+    future = first.future();
+    future.connect([this](Future<int>) { ++callbacks; });
+  }
+  /// Whoever settles last finds it settled: one way or another, each drops its promise.
+  void settle(int way) {
+    try {
+      if (way == 0) promise[0]->setValue(7);
+      if (way == 1) promise[1]->setError("bad");
+      if (way == 2) promise[2]->setCanceled();
+      if (way == 3) future.cancel();
+      wins += way < 3 ? 1 : 0;
+    } catch (const std::logic_error&) {
+    }
+    promise[way].reset();
+  }
+};
 
 TEST(Future, OneOfManySettlersWinsAndIsSeenByAll) {
   house::Watchdog watchdog("settlers");
-  const unsigned seed = 20;
-  SCOPED_TRACE(seed);
-  const int rounds = house::rounds(100000);
-  Promise<int> promise;
-  std::atomic<int> wins{0};
-  std::atomic<int> winner{-1};
-  std::barrier start(4);
-  std::barrier end(4);
-  auto settler = [&](int number, const std::function<void()>& settle) {
-    std::minstd_rand random(seed + static_cast<unsigned>(number));
-    for (int round = 0; round < rounds; ++round) {
-      start.arrive_and_wait();
-      yieldAtRandom(random);
-      try {
-        settle();
-        ++wins;
-        winner = number;
-      } catch (const std::logic_error&) {
-      }
-      end.arrive_and_wait();
-    }
-  };
-  std::thread value(settler, 0, [&] { promise.setValue(7); });
-  std::thread error(settler, 1, [&] { promise.setError("bad"); });
-  std::thread cancel(settler, 2, [&] { promise.setCanceled(); });
+  constexpr int atOnce = 500;
   int failures = 0;
-  for (int round = 0; round < rounds; ++round) {
-    std::atomic<int> calls{0};
-    wins = 0;
-    promise = Promise<int>(FutureCallbackType::Sync);
-    promise.future().connect([&](Future<int>) { ++calls; });
-    start.arrive_and_wait();
-    end.arrive_and_wait();
-    const FutureState expected[] = {FutureState::FinishedWithValue, FutureState::FinishedWithError,
-                                    FutureState::Canceled};
-    const bool isRight =
-        wins == 1 && calls == 1 && promise.future().wait(0) == expected[winner.load()];
-    failures += isRight ? 0 : 1;
+  for (int round = house::rounds(100000); round > 0; round -= atOnce) {
+    std::vector<Raced> raced(atOnce);
+    std::barrier start(4);
+    const auto race = [&](int way) {
+      std::minstd_rand random(static_cast<unsigned>(4 * round + way));
+      start.arrive_and_wait();
+      for (auto& one : raced) {
+        if (random() % 64 == 0) std::this_thread::yield();
+        one.settle(way);
+      }
+    };
+    std::thread value(race, 0), error(race, 1), cancel(race, 2);
+    race(3);
+    value.join();
+    error.join();
+    cancel.join();
+    for (auto& one : raced) {
+      if (one.wins != 1 || one.callbacks != 1 || !one.future.isFinished()) ++failures;
+    }
   }
-  value.join();
-  error.join();
-  cancel.join();
   EXPECT_EQ(failures, 0);
 }
 
 TEST(Future, CallbackConnectedDuringTheEndRunsOnce) {
   house::Watchdog watchdog("late callbacks");
-  const int rounds = house::rounds(100000);
-  Promise<int> promise;
-  std::barrier step(2);
-  std::thread settler([&] {
-    std::minstd_rand random(1);
-    for (int round = 0; round < rounds; ++round) {
-      step.arrive_and_wait();
-      yieldAtRandom(random);
-      promise.setValue(round);
-      step.arrive_and_wait();
+  constexpr int atOnce = 500;
+  std::atomic<int> calls{0};
+  int expected = 0;
+  for (int round = house::rounds(100000); round > 0; round -= atOnce) {
+    std::vector<Promise<int>> promises;
+    for (int i = 0; i < atOnce; ++i) promises.emplace_back(FutureCallbackType::Sync);
+    std::barrier start(2);
+    std::thread settler([&] {
+      start.arrive_and_wait();
+      for (const auto& promise : promises) promise.setValue(round);
+    });
+    start.arrive_and_wait();
+    for (const auto& promise : promises) {
+      promise.future().connect(
+          [&](Future<int> ended) { calls += ended.value(0) == round ? 1 : 0; });
     }
-  });
-  std::minstd_rand random(2);
-  int failures = 0;
-  for (int round = 0; round < rounds; ++round) {
-    std::atomic<int> calls{0};
-    promise = Promise<int>(FutureCallbackType::Sync);
-    auto future = promise.future();
-    step.arrive_and_wait();
-    yieldAtRandom(random);
-    future.connect([&](Future<int> ended) { calls += ended.value(0) == round ? 1 : 100; });
-    step.arrive_and_wait();
-    failures += calls == 1 ? 0 : 1;
+    settler.join();
+    expected += atOnce;
   }
-  settler.join();
-  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(calls, expected);
 }
 
 TEST(Future, LastPromiseGoneUnsettledIsABrokenPromise) {
@@ -266,6 +276,54 @@ TEST(FutureThen, FlattensAReturnedFuture) {
   inner.setError("inner", FutureException::State::ConnectionLost);
   EXPECT_EQ(flat.error(0), "inner");
   EXPECT_EQ(flat.errorState(0), FutureException::State::ConnectionLost);
+}
+
+TEST(FutureThen, ChainOfAMillionTakesNoStack) {
+  house::Watchdog watchdog("chain");
+  static const int length = std::min(house::rounds(1'000'000), 1'000'000);
+  const auto run = [](void* result) -> void* {
+    for (const bool isBroken : {false, true}) {
+      auto promise = std::make_unique<Promise<int>>(FutureCallbackType::Sync);
+      const int links = isBroken ? length / 20 : length;  // each throws then
+      auto end = promise->future();
+      for (int i = 0; i < links; ++i) {
+        if (i % 2 == 0) {
+          end = end.then([](Future<int> f) { return f.value() + 1; });
+        } else {
+          end = end.then([](Future<int> f) { return gv::makeReadyFuture(f.value() + 1); });
+        }
+      }
+      if (!isBroken) promise->setValue(0);
+      promise.reset();
+      static_cast<int*>(result)[isBroken] = isBroken ? end.hasError(0) : end.value(0);
+    }
+    return nullptr;
+  };
+  int results[2] = {0, 0};
+  runWithSmallStack(run, results);
+  EXPECT_EQ(results[0], length);
+  EXPECT_EQ(results[1], 1);
+}
+
+TEST(FutureWhen, AllAndAnyEndWithTheLastAndTheFirst) {
+  Promise<int> a(FutureCallbackType::Sync), b(FutureCallbackType::Sync);
+  const std::vector<Future<int>> both = {a.future(), b.future()};
+  auto all = gv::whenAll(both);
+  auto any = gv::whenAny(both);
+  b.setError("b failed");
+  EXPECT_EQ(any.value(0), 1u);
+  EXPECT_TRUE(all.isRunning());
+  a.setValue(1);
+  EXPECT_EQ(all.value(0)[0].value(0), 1);
+  EXPECT_EQ(all.value(0)[1].error(0), "b failed");
+  EXPECT_TRUE(gv::whenAll(std::vector<Future<int>>()).hasValue(0));
+  EXPECT_THROW(gv::whenAny(std::vector<Future<int>>()), std::invalid_argument);
+
+  int requests = 0;
+  Promise<void> slow(FutureCallbackType::Sync, [&] { ++requests; });
+  gv::whenAll(std::vector{slow.future()}).cancel();
+  gv::whenAny(std::vector{slow.future()}).cancel();
+  EXPECT_EQ(requests, 1) << "a future is asked once";
 }
 
 TEST(FutureCancel, IsARequestToThePromise) {

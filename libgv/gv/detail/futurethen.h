@@ -59,6 +59,11 @@ struct Settler {
   }
 
   template <class T>
+  static std::weak_ptr<FutureState> weak(const Future<T>& future) {
+    return future.valid("cancel");
+  }
+
+  template <class T>
   static void settle(FutureValue<T>& state, Outcome<T> outcome) {
     if (outcome.value) {
       state.settle(std::move(*outcome.value), CallbackTime::AfterCurrent);
@@ -88,7 +93,7 @@ struct Settler {
   /// Cancelling the one asks `source` to cancel. Weakly: the source's callbacks hold the one.
   template <class T, class U>
   static void forwardCancel(FutureValue<T>& state, const Future<U>& source) {
-    state.setCancelTarget(std::weak_ptr<FutureState>(source.state_));
+    state.setCancelTarget(weak(source));
   }
 };
 
