@@ -143,7 +143,7 @@ class Future {
 /// and the others get std::logic_error. Settling wakes those who wait, then runs synchronous
 /// callbacks before it returns (but for those that a `then` in between leads to while another
 /// callback is running on this thread): hold no lock that they could want. A callback may destroy
-/// this promise.
+/// this promise, and so may another thread that sees the end.
 template <class T>
 class Promise {
  public:
@@ -172,26 +172,27 @@ class Promise {
   /// copying throws (nothing is settled then).
   template <class U = T>
   requires(!std::is_void_v<U>) void setValue(const std::type_identity_t<U>& value) const {
-    valid()->settle(U(value), detail::CallbackTime::AtOnce);
+    keep()->settle(U(value), detail::CallbackTime::AtOnce);
   }
   /// As above, moving the value in.
   template <class U = T>
   requires(!std::is_void_v<U>) void setValue(std::type_identity_t<U>&& value) const {
-    valid()->settle(std::move(value), detail::CallbackTime::AtOnce);
+    keep()->settle(std::move(value), detail::CallbackTime::AtOnce);
   }
   /// Settles a `Promise<void>`.
   void setValue() const requires(std::is_void_v<T>) {
-    valid()->settle({}, detail::CallbackTime::AtOnce);
+    keep()->settle({}, detail::CallbackTime::AtOnce);
   }
   /// Settles with an error. Throws std::logic_error when settled before.
   void setError(std::string text,
                 FutureException::State state = FutureException::State::UserError) const {
-    valid()->fail({std::move(text), state}, detail::CallbackTime::AtOnce);
+    keep()->fail({std::move(text), state}, detail::CallbackTime::AtOnce);
   }
   /// Settles as cancelled. Throws std::logic_error when settled before.
   void setCanceled() const {
-    valid()->claim();
-    state_->finishCanceled(detail::CallbackTime::AtOnce);
+    const auto kept = keep();
+    kept->claim();
+    kept->finishCanceled(detail::CallbackTime::AtOnce);
   }
 
   /// True from the first `Future::cancel` on.
@@ -207,6 +208,8 @@ class Promise {
     if (!state_) detail::throwInvalid("Promise");
     return state_;
   }
+  /// A copy for the time of settling: whoever sees the end first may destroy this promise.
+  std::shared_ptr<detail::FutureValue<T>> keep() const { return valid(); }
 
   std::shared_ptr<detail::FutureValue<T>> state_;
 };
