@@ -31,12 +31,12 @@ struct ConversionPlace {
   const ConversionPlace* outer = nullptr;
   const char* word = nullptr;
   std::size_t number = 0;
-  int depth = 0;
 };
 
-/// Converts `source` into `target`, an existing value of `type`. Never loses silently: a number
-/// that the target cannot hold exactly is an error. Throws ConversionError; `target` is then a
-/// valid value with unspecified content.
+/// Converts `source` into `target`, an existing value of `type`, by the table of
+/// docs/conversions.md. Never loses silently: a number that the target cannot hold exactly is an
+/// error. Never waits: a future that has not ended is an error. Throws ConversionError; `target` is
+/// then a valid value with unspecified content.
 GVTYPE_API void convertInto(const AnyReference& source, const TypeInterface* type, void* target,
                             const ConversionPlace& place = {});
 
@@ -45,8 +45,8 @@ GVTYPE_API AnyValue convertTo(const AnyReference& source, std::string_view signa
                               const ConversionPlace& place = {});
 
 /// What a conversion of this value to a type of this signature costs, for choosing among overloads:
-/// 0 the same type, more for less fitting ones, negative where it is impossible. Sets
-/// `*looksAtValue` where the answer depends on the value and not on its static type alone.
+/// 0 the same type, more for less fitting ones, negative where it is impossible. Never throws.
+/// Sets `*looksAtValue` where the answer depends on the value and not on its static type alone.
 GVTYPE_API int conversionCost(const AnyReference& source, std::string_view signature,
                               bool* looksAtValue);
 

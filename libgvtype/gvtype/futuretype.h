@@ -30,6 +30,13 @@ struct TypeTraits<Future<T>> {
                                Future<T> settled) { callback(endingOf(settled)); },
                            FutureCallbackType::Sync);
             },
+        .peek =
+            [](const void* future, FutureOps::Ending& ending) {
+              const auto& self = *static_cast<const Future<T>*>(future);
+              if (!self.isFinished()) return false;
+              ending = endingOf(self);
+              return true;
+            },
     };
     type.future = &ops;
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -8,9 +9,10 @@
 
 namespace gv {
 
-/// Lists, maps and tuples of types that are known by signature only, as they come from another
-/// process: each value carries its signature, each element is of the type that the signature says.
-/// They convert to and from the C++ containers like any other list, map or tuple.
+/// Lists, maps, tuples and optionals of types that are known by signature only, as they come from
+/// another process: each value carries its signature, each element is of the type that the
+/// signature says. They convert to and from the C++ types like any other list, map, tuple or
+/// optional.
 struct ListValue {
   std::string signature = "av";  ///< "aT"
   std::vector<AnyValue> elements;
@@ -22,8 +24,13 @@ struct MapValue {
 };
 
 struct TupleValue {
-  std::string signature = "()";  ///< "(..)"
+  std::string signature = "()";  ///< "(..)", of a struct "(..)<Name,field,..>"
   std::vector<AnyValue> members;
+};
+
+struct OptionalValue {
+  std::string signature = "mv";  ///< "mT"
+  std::optional<AnyValue> content;
 };
 
 template <>
@@ -36,6 +43,10 @@ struct TypeTraits<MapValue> {
 };
 template <>
 struct TypeTraits<TupleValue> {
+  GVTYPE_API static void describe(TypeInterface& type);
+};
+template <>
+struct TypeTraits<OptionalValue> {
   GVTYPE_API static void describe(TypeInterface& type);
 };
 

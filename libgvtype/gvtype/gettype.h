@@ -22,14 +22,31 @@ const TypeInterface* getType();
 
 namespace detail {
 
+GVTYPE_API char codeOf(const TypeInterface& type);
+GVTYPE_API void reportThrow(const std::type_info& type) noexcept;
+
+/// What a destructor throws is logged and dropped: values die where nobody could handle it.
+template <class T>
+void destroy(void* value) {
+  if constexpr (std::is_nothrow_destructible_v<T>) {
+    static_cast<T*>(value)->~T();
+  } else {
+    try {
+      static_cast<T*>(value)->~T();
+    } catch (...) {
+      reportThrow(typeid(T));
+    }
+  }
+}
+
 template <class T>
 TypeInterface makeType() {
   TypeInterface type{};
   type.info = &typeid(T);
+  type.nothrowMove = std::is_void_v<T> || std::is_nothrow_move_constructible_v<T>;
   if constexpr (!std::is_void_v<T>) {
     type.size = sizeof(T);
     type.alignment = alignof(T);
-    type.nothrowMove = std::is_nothrow_move_constructible_v<T>;
     if constexpr (std::is_default_constructible_v<T>)
       type.construct = [](void* storage) { ::new (storage) T(); };
     if constexpr (std::is_copy_constructible_v<T>)
@@ -44,10 +61,10 @@ TypeInterface makeType() {
       type.assign = [](void* value, const void* from) {
         *static_cast<T*>(value) = *static_cast<const T*>(from);
       };
-    if constexpr (std::is_destructible_v<T>)
-      type.destroy = [](void* value) { static_cast<T*>(value)->~T(); };
+    if constexpr (std::is_destructible_v<T>) type.destroy = &destroy<T>;
   }
   TypeTraits<T>::describe(type);
+  type.code = codeOf(type);
   return type;
 }
 

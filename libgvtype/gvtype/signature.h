@@ -11,9 +11,11 @@ namespace gv {
 
 /// The signature of a type, as a text of type codes:
 /// `V` void, `b` bool, `c y n q i u x t` integers (int8, uint8, int16, ... uint64), `f d` floats,
-/// `s` string, `r` raw bytes, `v` dynamic, `o` object instance, `X` a type that has no description,
-/// `aT` list, `a{KV}` map, `(..)` tuple. In a list of parameters the last code may be `*`: any
-/// number of any arguments.
+/// `s` string, `r` raw bytes, `v` dynamic, `o` object instance, `aT` list, `a{KV}` map, `mT`
+/// optional, `(..)` tuple, `X` what has no signature: a type without description, and a struct
+/// within itself. A struct is a tuple with its name and the names of its fields behind it:
+/// `(ii)<Point,x,y>`. In a list of parameters the last code may be `*`: any number of any
+/// arguments.
 class GVTYPE_API Signature {
  public:
   /// How deep types may nest.
@@ -43,6 +45,13 @@ GVTYPE_API std::pair<std::string, std::string> signatureSplit(const std::string&
 /// The complete types of a well-formed tuple "(..)", in order; what is not a tuple gives none.
 /// The views point into `tuple`.
 GVTYPE_API std::vector<std::string_view> signatureMembers(std::string_view tuple);
+
+/// The text between the angle brackets of a well-formed struct's signature, "Point,x,y"; empty for
+/// every other type. The view points into `tuple`.
+GVTYPE_API std::string_view signatureAnnotation(std::string_view tuple);
+
+/// Whether a well-formed signature has this type code anywhere.
+GVTYPE_API bool signatureHasCode(std::string_view text, char code);
 
 /// The length of the complete type that a well-formed, non-empty signature text starts with.
 GVTYPE_API std::size_t signatureLength(std::string_view text);

@@ -14,6 +14,7 @@ namespace gv {
 
 enum class FutureState;
 
+/// What a type is to conversions and codecs. Kinds before List hold no other values.
 enum class TypeKind {
   Void,
   Bool,
@@ -24,6 +25,7 @@ enum class TypeKind {
   List,
   Map,
   Tuple,
+  Optional,
   Dynamic,
   Object,
   Future,
@@ -66,6 +68,16 @@ struct TupleOps {
   AnyReference (*member)(const void* tuple, std::size_t index);
 };
 
+/// A value of one type, or nothing.
+struct OptionalOps {
+  const TypeInterface* (*elementType)();
+  /// The content in place; an invalid reference when empty.
+  AnyReference (*content)(const void* optional);
+  void (*reset)(void* optional);
+  /// Replaces the content by a default one and refers to it.
+  AnyReference (*emplace)(void* optional);
+};
+
 /// A value that holds a value of any type, or nothing.
 struct DynamicOps {
   /// Calls `visit` once with the content, an invalid reference where there is none. The reference
@@ -81,6 +93,8 @@ struct FutureOps {
   const TypeInterface* (*valueType)();
   /// Calls `callback` once when the future has settled, in the settling thread (at once if it has).
   void (*connect)(const void* future, std::function<void(const Ending&)> callback);
+  /// How it ended; false while it runs and for an empty future. Never waits.
+  bool (*peek)(const void* future, Ending& ending);
 };
 
 /// What the run-time type system knows of one C++ type: a record of plain functions that a template
@@ -92,6 +106,7 @@ struct FutureOps {
 struct TypeInterface {
   const std::type_info* info;
   TypeKind kind;
+  char code;  ///< the signature of a type of one letter, else 0
   std::size_t size;
   std::size_t alignment;
   bool isSigned;     ///< integers only
@@ -110,11 +125,15 @@ struct TypeInterface {
   const ListOps* list;
   const MapOps* map;
   const TupleOps* tuple;
+  const OptionalOps* optional;
   const DynamicOps* dynamic;
   const FutureOps* future;
-  /// Types of a map's key and value, or of a tuple's members, for the type's static signature.
-  const TypeInterface* const* memberTypes;
+  /// Types of a map's key and value, or of a tuple's members; null for generic maps and tuples.
+  /// Asked late, since a struct may hold containers of itself.
+  const TypeInterface* (*memberType)(std::size_t index);
   std::size_t memberCount;
+  /// Name and fields of a struct, "Point,x,y"; empty for every other type.
+  std::string_view annotation;
 };
 
 /// Whether two records describe the same C++ type, also when they come from two libraries.
@@ -122,10 +141,11 @@ inline bool sameType(const TypeInterface* a, const TypeInterface* b) {
   return a == b || (a && b && *a->info == *b->info);
 }
 
-/// A name for people: "int32", "list<string>", the C++ name for what is not described.
+/// A name for people: "int32", "list<string>", a struct's own name, the C++ name for what is not
+/// described.
 GVTYPE_API std::string typeName(const TypeInterface* type);
 
-/// Appends the static signature of a type ("i", "as", "(sv)").
+/// Appends the static signature of a type ("i", "as", "(sv)"). A struct within itself is an `X`.
 GVTYPE_API void appendSignature(std::string& text, const TypeInterface* type);
 
 }  // namespace gv

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <array>
 #include <concepts>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <unordered_map>
@@ -13,8 +13,8 @@
 #include <gvtype/anyvalue.h>
 #include <gvtype/buffer.h>
 
-// Descriptions of the standard types: scalars, strings, raw bytes, lists, maps, tuples and dynamic
-// values.
+// Descriptions of the standard types: scalars, enumerations (as their integers), strings, raw
+// bytes, lists, maps, tuples, optionals and dynamic values.
 
 namespace gv {
 
@@ -44,6 +44,11 @@ struct TypeTraits<T> {
 template <std::floating_point T>
 requires(sizeof(T) <= 8) struct TypeTraits<T> {
   static void describe(TypeInterface& type) { type.kind = TypeKind::Float; }
+};
+
+template <class T>
+requires std::is_enum_v<T>
+struct TypeTraits<T> : TypeTraits<std::underlying_type_t<T>> {
 };
 
 template <>
@@ -95,6 +100,29 @@ struct TypeTraits<std::vector<T, Allocator>> {
   }
 };
 
+template <class T>
+struct TypeTraits<std::optional<T>> {
+  using Optional = std::optional<T>;
+
+  static void describe(TypeInterface& type) {
+    type.kind = TypeKind::Optional;
+    static const OptionalOps ops = {
+        .elementType = [] { return getType<T>(); },
+        .content =
+            [](const void* optional) {
+              const auto& content = *static_cast<const Optional*>(optional);
+              return content ? AnyReference::from(*content) : AnyReference();
+            },
+        .reset = [](void* optional) { static_cast<Optional*>(optional)->reset(); },
+        .emplace =
+            [](void* optional) {
+              return AnyReference::from(static_cast<Optional*>(optional)->emplace());
+            },
+    };
+    type.optional = &ops;
+  }
+};
+
 namespace detail {
 
 template <class Map>
@@ -121,45 +149,52 @@ struct MapTraits {
                   std::move(*static_cast<Value*>(value.asReference().pointer())));
             },
     };
-    static const TypeInterface* const members[] = {getType<Key>(), getType<Value>()};
     type.map = &ops;
-    type.memberTypes = members;
+    type.memberType = [](std::size_t index) {
+      return index == 0 ? getType<Key>() : getType<Value>();
+    };
     type.memberCount = 2;
   }
 };
 
-template <class Tuple>
-struct TupleTraits {
-  static constexpr std::size_t count = std::tuple_size_v<Tuple>;
+/// A value of a fixed number of members; `Access::at<I>(value)` gives the one at I.
+template <class Value, class Access, class Indices>
+struct TupleTraits;
+template <class Value, class Access, std::size_t... I>
+struct TupleTraits<Value, Access, std::index_sequence<I...>> {
+  template <std::size_t J>
+  using Member =
+      std::remove_cvref_t<decltype(Access::template at<J>(std::declval<const Value&>()))>;
 
   static void describe(TypeInterface& type) {
     type.kind = TypeKind::Tuple;
     static const TupleOps ops = {
-        .size = [](const void*) { return count; },
+        .size = [](const void*) { return sizeof...(I); },
         .member =
-            [](const void* tuple, std::size_t index) {
-              return member(*static_cast<const Tuple*>(tuple), index,
-                            std::make_index_sequence<count>());
+            [](const void* tuple, [[maybe_unused]] std::size_t index) {
+              [[maybe_unused]] const auto& value = *static_cast<const Value*>(tuple);
+              AnyReference found;
+              static_cast<void>(
+                  ((index == I &&
+                    (found = AnyReference::from(Access::template at<I>(value)), true)) ||
+                   ...));
+              return found;
             },
     };
     type.tuple = &ops;
-    setMembers(type, std::make_index_sequence<count>());
+    type.memberType = []([[maybe_unused]] std::size_t index) {
+      const TypeInterface* found = nullptr;
+      static_cast<void>(((index == I && (found = getType<Member<I>>())) || ...));
+      return found;
+    };
+    type.memberCount = sizeof...(I);
   }
+};
 
- private:
-  template <std::size_t... I>
-  static void setMembers(TypeInterface& type, std::index_sequence<I...>) {
-    static const std::array<const TypeInterface*, count> members = {
-        getType<std::tuple_element_t<I, Tuple>>()...};
-    type.memberTypes = members.data();
-    type.memberCount = count;
-  }
-  template <std::size_t... I>
-  static AnyReference member(const Tuple& tuple, std::size_t index, std::index_sequence<I...>) {
-    AnyReference found;
-    static_cast<void>(
-        ((index == I && (found = AnyReference::from(std::get<I>(tuple)), true)) || ...));
-    return found;
+struct StandardAccess {
+  template <std::size_t I, class Tuple>
+  static const auto& at(const Tuple& tuple) {
+    return std::get<I>(tuple);
   }
 };
 
@@ -171,8 +206,12 @@ template <class K, class V, class H, class E, class A>
 struct TypeTraits<std::unordered_map<K, V, H, E, A>>
     : detail::MapTraits<std::unordered_map<K, V, H, E, A>> {};
 template <class... T>
-struct TypeTraits<std::tuple<T...>> : detail::TupleTraits<std::tuple<T...>> {};
+struct TypeTraits<std::tuple<T...>>
+    : detail::TupleTraits<std::tuple<T...>, detail::StandardAccess, std::index_sequence_for<T...>> {
+};
 template <class A, class B>
-struct TypeTraits<std::pair<A, B>> : detail::TupleTraits<std::pair<A, B>> {};
+struct TypeTraits<std::pair<A, B>>
+    : detail::TupleTraits<std::pair<A, B>, detail::StandardAccess, std::index_sequence_for<A, B>> {
+};
 
 }  // namespace gv

@@ -51,7 +51,7 @@ AnyReference AnyFunction::call(const GenericFunctionParameters& arguments) const
                                 typeName(type) + " (argument " + std::to_string(i + 1) + ")");
     AnyValue& value = converted.emplace_back(AnyValue::make(type));
     void* address = value.asReference().pointer();
-    convertInto(argument, type, address, {nullptr, "argument", i + 1, 0});
+    convertInto(argument, type, address, {nullptr, "argument", i + 1});
     addresses.push_back(address);
   }
   AnyArguments tail;

@@ -2,10 +2,10 @@
 
 #include <cstdint>
 #include <new>
-#include <stdexcept>
 
 #include <gvtype/conversion.h>
 #include <gvtype/genericvalues.h>
+#include <gvtype/nesting.h>
 #include <gvtype/signature.h>
 
 namespace gv {
@@ -54,6 +54,19 @@ const TypeInterface* builtInType(std::string_view signature) {
   }
 }
 
+[[noreturn]] void fail(const char* text, const TypeInterface* type) {
+  throw ConversionError(ConversionError::Reason::Kind, text + typeName(type));
+}
+
+/// One removal of a value, with all that it holds. Contents that nest deeper than the limit wait in
+/// `parked` until the stack is back at the outermost destructor.
+struct Teardown {
+  int level = 0;
+  std::vector<AnyValue> parked;
+};
+
+thread_local Teardown* teardown = nullptr;
+
 }  // namespace
 
 AnyValue::AnyValue(const AnyValue& other) : AnyValue(copyOf(other.asReference())) {}
@@ -83,25 +96,35 @@ bool AnyValue::fitsInline(const TypeInterface* type) {
          type->nothrowMove;
 }
 
-void* AnyValue::allocate(const TypeInterface* type) {
-  if (fitsInline(type)) return inline_;
-  void* memory = ::operator new(type->size, std::align_val_t(type->alignment));
-  *reinterpret_cast<void**>(inline_) = memory;
-  onHeap_ = true;
-  return memory;
-}
-
-void AnyValue::takeOver(const TypeInterface* type, void* from) {
-  void* memory = allocate(type);
+/// Makes room for a value and has one constructed there; gives the room back where that fails.
+void AnyValue::hold(const TypeInterface* type, FunctionRef<void(void* memory)> construct) {
+  void* memory = inline_;
+  if (!fitsInline(type)) {
+    memory = ::operator new(type->size, std::align_val_t(type->alignment));
+    *reinterpret_cast<void**>(inline_) = memory;
+    onHeap_ = true;
+  }
   try {
-    if (!type->move) throw std::runtime_error("cannot move a value of type " + typeName(type));
-    type->move(memory, from);
+    construct(memory);
   } catch (...) {
     if (onHeap_) ::operator delete(memory, std::align_val_t(type->alignment));
     onHeap_ = false;
     throw;
   }
   type_ = type;
+  updateNesting();
+}
+
+void AnyValue::updateNesting() {
+  if (!type_ || type_->kind < TypeKind::List) return;
+  const int nesting = nestingOf(asReference());
+  if (nesting >= NestingLevel::limit) NestingLevel::refuse();
+  nesting_ = static_cast<std::uint8_t>(nesting);
+}
+
+void AnyValue::takeOver(const TypeInterface* type, void* from) {
+  if (!type->move) fail("cannot move a value of type ", type);
+  hold(type, [&](void* memory) { type->move(memory, from); });
 }
 
 void AnyValue::moveFrom(AnyValue& other) noexcept {
@@ -114,57 +137,73 @@ void AnyValue::moveFrom(AnyValue& other) noexcept {
     other.type_->destroy(other.inline_);
   }
   type_ = other.type_;
+  nesting_ = std::exchange(other.nesting_, std::uint8_t{0});
   other.type_ = nullptr;
   other.onHeap_ = false;
 }
 
 void AnyValue::reset() noexcept {
   if (!type_) return;
+  if (type_->kind < TypeKind::List)
+    destroyContent();
+  else
+    destroyNested();
+}
+
+void AnyValue::destroyContent() noexcept {
   void* memory = const_cast<void*>(storage());
   if (type_->destroy) type_->destroy(memory);
   if (onHeap_) ::operator delete(memory, std::align_val_t(type_->alignment));
   type_ = nullptr;
   onHeap_ = false;
+  nesting_ = 0;
+}
+
+void AnyValue::destroyNested() noexcept {
+  if (teardown && teardown->level == NestingLevel::limit) {
+    try {
+      teardown->parked.push_back(std::move(*this));
+      return;
+    } catch (...) {  // no memory to park it: the stack it is
+    }
+  }
+  Teardown outermost;
+  Teardown* const current = teardown ? teardown : &outermost;
+  teardown = current;
+  ++current->level;
+  destroyContent();
+  --current->level;
+  if (current != &outermost) return;
+  while (!outermost.parked.empty()) {
+    AnyValue next = std::move(outermost.parked.back());
+    outermost.parked.pop_back();
+  }
+  teardown = nullptr;
 }
 
 AnyValue AnyValue::copyOf(const AnyReference& reference) {
   AnyValue result;
   const TypeInterface* type = reference.type();
   if (!type) return result;
-  if (type->kind == TypeKind::Void) {
-    result.type_ = type;
+  if (type->kind < TypeKind::List) {
+    result.hold(type, [&](void* memory) {
+      if (type->copy) type->copy(memory, reference.pointer());
+    });
     return result;
   }
-  if (!type->copy) throw std::runtime_error("cannot copy a value of type " + typeName(type));
-  void* memory = result.allocate(type);
-  try {
-    type->copy(memory, reference.pointer());
-  } catch (...) {
-    if (result.onHeap_) ::operator delete(memory, std::align_val_t(type->alignment));
-    result.onHeap_ = false;
-    throw;
-  }
-  result.type_ = type;
+  if (!type->copy) fail("cannot copy a value of type ", type);
+  const NestingLevel level;
+  result.hold(type, [&](void* memory) { type->copy(memory, reference.pointer()); });
   return result;
 }
 
 AnyValue AnyValue::make(const TypeInterface* type) {
   AnyValue result;
-  if (type->kind == TypeKind::Void) {
-    result.type_ = type;
-    return result;
-  }
-  if (!type->construct)
-    throw std::runtime_error("a value of type " + typeName(type) + " has no default");
-  void* memory = result.allocate(type);
-  try {
-    type->construct(memory);
-  } catch (...) {
-    if (result.onHeap_) ::operator delete(memory, std::align_val_t(type->alignment));
-    result.onHeap_ = false;
-    throw;
-  }
-  result.type_ = type;
+  if (!type->construct && type->kind != TypeKind::Void)
+    fail("there is no default value of type ", type);
+  result.hold(type, [&](void* memory) {
+    if (type->construct) type->construct(memory);
+  });
   return result;
 }
 
@@ -174,13 +213,16 @@ AnyValue AnyValue::makeDefault(std::string_view signature) {
     return from(MapValue{.signature = std::string(signature), .entries = {}});
   if (signature.starts_with('a'))
     return from(ListValue{.signature = std::string(signature), .elements = {}});
+  if (signature.starts_with('m'))
+    return from(OptionalValue{.signature = std::string(signature), .content = {}});
   if (signature.starts_with('(')) {
     TupleValue tuple{.signature = std::string(signature), .members = {}};
     for (const std::string_view member : signatureMembers(signature))
       tuple.members.push_back(makeDefault(member));
     return from(std::move(tuple));
   }
-  throw std::runtime_error("no value can be made of signature '" + std::string(signature) + "'");
+  throw ConversionError(ConversionError::Reason::Kind,
+                        "no value can be made of signature '" + std::string(signature) + "'");
 }
 
 bool operator==(const AnyValue& a, const AnyValue& b) {

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <gvtype/conversion.h>
+#include <gvtype/nesting.h>
 
 #include "scalar.h"
 
@@ -67,6 +68,11 @@ std::vector<AnyReference> elementsOf(const AnyReference& value) {
   if (type->kind == TypeKind::Tuple) {
     for (std::size_t i = 0; i < type->tuple->size(value.pointer()); ++i)
       elements.push_back(type->tuple->member(value.pointer(), i));
+  } else if (type->kind == TypeKind::List) {
+    const bool hasAddresses = type->list->emplace != nullptr;
+    type->list->forEach(value.pointer(), [&](const AnyReference& element) {
+      elements.push_back(hasAddresses ? element : element.clone());
+    });
   } else {
     type->map->forEach(value.pointer(), [&](const AnyReference& key, const AnyReference& mapped) {
       elements.push_back(key);
@@ -82,33 +88,36 @@ int compareSequences(const std::vector<AnyReference>& a, const std::vector<AnyRe
   return order(a.size(), b.size());
 }
 
-std::vector<AnyReference> elementsOfSequence(const AnyReference& value) {
-  if (value.type()->kind != TypeKind::List) return elementsOf(value);
-  std::vector<AnyReference> elements;
-  const bool hasAddresses = value.type()->list->emplace != nullptr;
-  value.type()->list->forEach(value.pointer(), [&](const AnyReference& element) {
-    elements.push_back(hasAddresses ? element : element.clone());
-  });
-  return elements;
+int compareOptionals(const AnyReference& a, const AnyReference& b) {
+  return compareValues(a.type()->optional->content(a.pointer()),
+                       b.type()->optional->content(b.pointer()));
 }
 
-AnyReference contentOf(const AnyReference& value) {
-  AnyReference content = value;
-  while (content.isValid() && content.type()->kind == TypeKind::Dynamic) {
-    AnyReference inner;
-    content.type()->dynamic->visit(content.pointer(), [&](const AnyReference& visited) {
-      inner = visited.isValid() ? visited.clone() : AnyReference();
-    });
-    content = inner;
-  }
-  return content;
+bool isDynamic(const AnyReference& value) {
+  return value.isValid() && value.type()->kind == TypeKind::Dynamic;
+}
+
+/// Calls `visit` with what a dynamic value holds, with any other value itself.
+void withContent(const AnyReference& value, FunctionRef<void(const AnyReference&)> visit) {
+  if (isDynamic(value))
+    value.type()->dynamic->visit(value.pointer(), visit);
+  else
+    visit(value);
+}
+
+int compareContents(const AnyReference& a, const AnyReference& b) {
+  const NestingLevel level;
+  int result = 0;
+  withContent(a, [&](const AnyReference& x) {
+    withContent(b, [&](const AnyReference& y) { result = compareValues(x, y); });
+  });
+  return result;
 }
 
 }  // namespace
 
-int compareValues(const AnyReference& first, const AnyReference& second) {
-  const AnyReference a = contentOf(first);
-  const AnyReference b = contentOf(second);
+int compareValues(const AnyReference& a, const AnyReference& b) {
+  if (isDynamic(a) || isDynamic(b)) return compareContents(a, b);
   if (classOf(a) != classOf(b)) return order(classOf(a), classOf(b));
   if (!a.isValid()) return 0;
   switch (a.type()->kind) {
@@ -121,9 +130,14 @@ int compareValues(const AnyReference& first, const AnyReference& second) {
       return order(a.type()->bytes->view(a.pointer()), b.type()->bytes->view(b.pointer()));
     case TypeKind::List:
     case TypeKind::Tuple:
-      return compareSequences(elementsOfSequence(a), elementsOfSequence(b));
-    case TypeKind::Map:
+    case TypeKind::Map: {
+      const NestingLevel level;
       return compareSequences(elementsOf(a), elementsOf(b));
+    }
+    case TypeKind::Optional: {
+      const NestingLevel level;
+      return compareOptionals(a, b);
+    }
     default:
       // Of no comparable content: all values of one type are alike.
       return order(typeName(a.type()), typeName(b.type()));

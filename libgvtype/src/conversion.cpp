@@ -5,8 +5,11 @@
 #include <cmath>
 #include <vector>
 
+#include <gvtype/futuretype.h>
+#include <gvtype/nesting.h>
 #include <gvtype/signature.h>
 
+#include "fieldorder.h"
 #include "scalar.h"
 
 namespace gv {
@@ -25,18 +28,25 @@ std::string describe(const ConversionPlace& place) {
 }
 
 ConversionPlace inside(const ConversionPlace& place, const char* word, std::size_t index) {
-  return {&place, word, index + 1, place.depth + 1};
+  return {&place, word, index + 1};
 }
 
 [[noreturn]] void failKind(const AnyReference& source, const TypeInterface* type,
-                           const ConversionPlace& place) {
-  throw ConversionError(
-      ConversionError::Reason::Kind,
-      "cannot convert " + typeName(source.type()) + " to " + typeName(type) + describe(place));
+                           const ConversionPlace& place, const char* reason = "") {
+  throw ConversionError(ConversionError::Reason::Kind, "cannot convert " + typeName(source.type()) +
+                                                           " to " + typeName(type) + reason +
+                                                           describe(place));
 }
 
 [[noreturn]] void failValue(const AnyReference& source, const TypeInterface* type,
-                            const ConversionPlace& place) {
+                            const ConversionPlace& place, const std::string& reason) {
+  throw ConversionError(ConversionError::Reason::Value,
+                        "cannot convert " + typeName(source.type()) + " to " + typeName(type) +
+                            ": " + reason + describe(place));
+}
+
+[[noreturn]] void failNumber(const AnyReference& source, const TypeInterface* type,
+                             const ConversionPlace& place) {
   throw ConversionError(ConversionError::Reason::Value,
                         "cannot convert " + typeName(source.type()) + " " + scalarText(source) +
                             " to " + typeName(type) + ": the value does not fit" + describe(place));
@@ -52,7 +62,7 @@ void integerToFloat(const AnyReference& source, const TypeInterface* type, void*
                     const ConversionPlace& place) {
   const Integer integer = readInteger(source);
   if (!isExact(integer.magnitude(), type->size == 4 ? FLT_MANT_DIG : DBL_MANT_DIG))
-    failValue(source, type, place);
+    failNumber(source, type, place);
   const auto magnitude = static_cast<double>(integer.magnitude());
   writeFloat(type, target, integer.isNegative() ? -magnitude : magnitude);
 }
@@ -64,7 +74,7 @@ void floatToInteger(const AnyReference& source, const TypeInterface* type, void*
   const double limit = std::ldexp(1.0, bits);
   if (!(number < limit && number >= (type->isSigned ? -limit : 0.0)) ||
       std::trunc(number) != number)
-    failValue(source, type, place);
+    failNumber(source, type, place);
   writeInteger(type, target,
                number < 0 ? static_cast<std::uint64_t>(static_cast<std::int64_t>(number))
                           : static_cast<std::uint64_t>(number));
@@ -76,7 +86,7 @@ void floatToFloat(const AnyReference& source, const TypeInterface* type, void* t
   if (type->size == 4 && std::isfinite(number) &&
       (std::fabs(number) > static_cast<double>(FLT_MAX) ||
        static_cast<double>(static_cast<float>(number)) != number))
-    failValue(source, type, place);
+    failNumber(source, type, place);
   writeFloat(type, target, number);
 }
 
@@ -92,7 +102,7 @@ void convertToNumber(const AnyReference& source, const TypeInterface* type, void
   else if ((from == TypeKind::Int || from == TypeKind::Bool) &&
            (type->kind == TypeKind::Int || type->kind == TypeKind::Bool)) {
     const Integer integer = readInteger(source);
-    if (!fitsInteger(integer, type)) failValue(source, type, place);
+    if (!fitsInteger(integer, type)) failNumber(source, type, place);
     writeInteger(type, target, integer.bits);
   } else {
     failKind(source, type, place);
@@ -147,11 +157,19 @@ void convertToTuple(const AnyReference& source, const TypeInterface* type, void*
                           "cannot convert " + typeName(source.type()) + " of " +
                               std::to_string(sequenceSize(source)) + " elements to " +
                               typeName(type) + " of " + std::to_string(wanted) + describe(place));
-  std::size_t index = 0;
-  forEachElement(source, [&](const AnyReference& element) {
+  const FieldOrder order(annotationOf(source), annotationOf({type, target}));
+  if (!order.isPossible()) failKind(source, type, place, ": their fields have other names");
+  const auto convertMember = [&](const AnyReference& element, std::size_t index) {
     const AnyReference member = type->tuple->member(target, index);
-    convertInto(element, member.type(), member.pointer(), inside(place, "element", index++));
-  });
+    convertInto(element, member.type(), member.pointer(), inside(place, "element", index));
+  };
+  std::size_t index = 0;
+  if (order.isByPosition()) {
+    forEachElement(source, [&](const AnyReference& element) { convertMember(element, index++); });
+  } else {
+    for (; index < wanted; ++index)
+      convertMember(source.type()->tuple->member(source.pointer(), order.sourceOf(index)), index);
+  }
 }
 
 void convertToMap(const AnyReference& source, const TypeInterface* type, void* target,
@@ -170,35 +188,50 @@ void convertToMap(const AnyReference& source, const TypeInterface* type, void* t
   });
 }
 
-}  // namespace
+void convertToOptional(const AnyReference& source, const TypeInterface* type, void* target,
+                       const ConversionPlace& place) {
+  const bool isOptional = source.type()->kind == TypeKind::Optional;
+  const AnyReference content =
+      isOptional ? source.type()->optional->content(source.pointer()) : source;
+  if (!content.isValid()) return type->optional->reset(target);
+  const AnyReference place_ = type->optional->emplace(target);
+  convertInto(content, place_.type(), place_.pointer(), {&place});
+}
 
-ConversionError::~ConversionError() = default;
+void convertFromOptional(const AnyReference& source, const TypeInterface* type, void* target,
+                         const ConversionPlace& place) {
+  const AnyReference content = source.type()->optional->content(source.pointer());
+  if (!content.isValid()) failValue(source, type, place, "the optional is empty");
+  convertInto(content, type, target, {&place});
+}
 
-void convertInto(const AnyReference& source, const TypeInterface* type, void* target,
-                 const ConversionPlace& place) {
-  if (place.depth > Signature::maxDepth)
-    throw ConversionError(
-        ConversionError::Reason::Value,
-        "a value nests deeper than " + std::to_string(Signature::maxDepth) + " levels");
-  if (type->kind == TypeKind::Dynamic && !sameType(source.type(), type))
-    return type->dynamic->assign(target, source);
-  if (!source.isValid()) failKind(source, type, place);
-  // A type whose values carry a signature of their own takes the elements, not the whole value.
-  if (sameType(source.type(), type) && !type->ownSignature && type->assign)
-    return type->assign(target, source.pointer());
+void convertFromFuture(const AnyReference& source, const TypeInterface* type, void* target,
+                       const ConversionPlace& place) {
+  FutureOps::Ending ending;
+  if (!source.type()->future->peek(source.pointer(), ending))
+    failValue(source, type, place, "the future has not ended");
+  if (!ending.value.isValid()) failValue(source, type, place, "the future failed: " + ending.error);
+  convertInto(ending.value, type, target, {&place});
+}
+
+bool isEmptyOptional(const AnyReference& value) {
+  return value.isValid() && value.type()->kind == TypeKind::Optional &&
+         !value.type()->optional->content(value.pointer()).isValid();
+}
+
+void convertNested(const AnyReference& source, const TypeInterface* type, void* target,
+                   const ConversionPlace& place) {
+  const NestingLevel level;
   if (source.type()->kind == TypeKind::Dynamic)
     return source.type()->dynamic->visit(source.pointer(), [&](const AnyReference& content) {
-      convertInto(content, type, target, {&place, nullptr, 0, place.depth + 1});
+      convertInto(content, type, target, {&place});
     });
+  if (type->kind == TypeKind::Optional) return convertToOptional(source, type, target, place);
+  if (source.type()->kind == TypeKind::Optional)
+    return convertFromOptional(source, type, target, place);
+  if (source.type()->kind == TypeKind::Future)
+    return convertFromFuture(source, type, target, place);
   switch (type->kind) {
-    case TypeKind::Bool:
-    case TypeKind::Int:
-    case TypeKind::Float:
-      return convertToNumber(source, type, target, place);
-    case TypeKind::String:
-    case TypeKind::Raw:
-      if (source.type()->kind != type->kind) failKind(source, type, place);
-      return type->bytes->assign(target, source.type()->bytes->view(source.pointer()));
     case TypeKind::List:
       return convertToList(source, type, target, place);
     case TypeKind::Map:
@@ -210,10 +243,39 @@ void convertInto(const AnyReference& source, const TypeInterface* type, void* ta
   }
 }
 
+void convertFlat(const AnyReference& source, const TypeInterface* type, void* target,
+                 const ConversionPlace& place) {
+  if (type->kind >= TypeKind::Bool && type->kind <= TypeKind::Float)
+    return convertToNumber(source, type, target, place);
+  if (source.type()->kind != type->kind) failKind(source, type, place);
+  if (type->bytes) type->bytes->assign(target, source.type()->bytes->view(source.pointer()));
+}
+
+}  // namespace
+
+ConversionError::~ConversionError() = default;
+
+void convertInto(const AnyReference& source, const TypeInterface* type, void* target,
+                 const ConversionPlace& place) {
+  if (type->kind == TypeKind::Dynamic && !sameType(source.type(), type))
+    return type->dynamic->assign(target, isEmptyOptional(source) ? AnyReference() : source);
+  if (!source.isValid()) {
+    if (type->kind == TypeKind::Optional) return type->optional->reset(target);
+    failKind(source, type, place);
+  }
+  // A type whose values carry a signature of their own takes the elements, not the whole value.
+  if (sameType(source.type(), type) && !type->ownSignature && type->assign)
+    return type->assign(target, source.pointer());
+  if (source.type()->kind < TypeKind::List && type->kind < TypeKind::List)
+    return convertFlat(source, type, target, place);
+  convertNested(source, type, target, place);
+}
+
 AnyValue convertTo(const AnyReference& source, std::string_view signature,
                    const ConversionPlace& place) {
   AnyValue result = AnyValue::makeDefault(signature);
   convertInto(source, result.type(), result.asReference().pointer(), place);
+  result.updateNesting();
   return result;
 }
 

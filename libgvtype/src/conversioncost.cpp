@@ -1,7 +1,11 @@
 // What a conversion costs, for choosing among overloads.
 
 #include <gvtype/conversion.h>
+#include <gvtype/futuretype.h>
+#include <gvtype/nesting.h>
 #include <gvtype/signature.h>
+
+#include "fieldorder.h"
 
 namespace gv {
 namespace {
@@ -76,7 +80,6 @@ int listCost(const AnyReference& source, std::string_view element, bool* looksAt
   Worst worst;
   if (type->kind == TypeKind::List) {
     const TypeInterface* elementType = type->list->elementType();
-    if (elementType->kind == TypeKind::Dynamic) *looksAtValue = true;
     bool first = true;
     type->list->forEach(source.pointer(), [&](const AnyReference& item) {
       // Elements of one scalar type cost the same: the first speaks for all.
@@ -84,6 +87,7 @@ int listCost(const AnyReference& source, std::string_view element, bool* looksAt
       if (first || !uniform) worst.add(conversionCost(item, element, looksAtValue));
       first = false;
     });
+    if (first) *looksAtValue = true;  // any list that is empty converts
     return worst.of(container);
   }
   if (type->kind != TypeKind::Tuple) return impossible;
@@ -104,13 +108,16 @@ int tupleCost(const AnyReference& source, std::string_view signature, bool* look
   if (type->kind == TypeKind::List) {
     *looksAtValue = true;
     type->list->forEach(source.pointer(), add);
-  } else if (type->kind == TypeKind::Tuple) {
-    for (std::size_t i = 0; i < type->tuple->size(source.pointer()); ++i)
-      add(type->tuple->member(source.pointer(), i));
-  } else {
-    return impossible;
+    return index == members.size() ? worst.of(container) : impossible;
   }
-  return index == members.size() ? worst.of(container) : impossible;
+  if (type->kind != TypeKind::Tuple || type->tuple->size(source.pointer()) != members.size())
+    return impossible;
+  const FieldOrder order(annotationOf(source), signatureAnnotation(signature));
+  if (!order.isPossible()) return impossible;
+  while (index < members.size())
+    add(type->tuple->member(source.pointer(),
+                            order.isByPosition() ? index : order.sourceOf(index)));
+  return worst.of(container);
 }
 
 int mapCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
@@ -118,6 +125,7 @@ int mapCost(const AnyReference& source, std::string_view signature, bool* looksA
   const std::string_view inner = signature.substr(2, signature.size() - 3);
   const std::size_t keyLength = signatureLength(inner);
   Worst worst;
+  if (source.type()->map->size(source.pointer()) == 0) *looksAtValue = true;
   source.type()->map->forEach(
       source.pointer(), [&](const AnyReference& key, const AnyReference& value) {
         worst.add(conversionCost(key, inner.substr(0, keyLength), looksAtValue));
@@ -126,44 +134,66 @@ int mapCost(const AnyReference& source, std::string_view signature, bool* looksA
   return worst.of(container);
 }
 
-int dynamicCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
+/// A value that holds another one, or nothing: it converts as its content does.
+int heldCost(const AnyReference& content, std::string_view signature, bool* looksAtValue) {
   *looksAtValue = true;
+  const int cost = conversionCost(content, signature, looksAtValue);
+  return cost == impossible ? impossible : cost + widening;
+}
+
+int dynamicCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
   int cost = impossible;
   source.type()->dynamic->visit(source.pointer(), [&](const AnyReference& content) {
-    if (content.isValid()) cost = conversionCost(content, signature, looksAtValue);
+    cost = heldCost(content, signature, looksAtValue);
   });
-  return cost == impossible ? impossible : cost + widening;
+  return cost;
+}
+
+int futureCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
+  FutureOps::Ending ending;
+  source.type()->future->peek(source.pointer(), ending);
+  return heldCost(ending.value, signature, looksAtValue);
+}
+
+int toOptionalCost(const AnyReference& source, std::string_view element, bool* looksAtValue) {
+  AnyReference content = source;
+  if (source.type()->kind == TypeKind::Optional) {
+    content = source.type()->optional->content(source.pointer());
+    if (!content.isValid()) *looksAtValue = true;  // any optional that is empty converts
+    if (!content.isValid()) return container;
+  }
+  const int cost = conversionCost(content, element, looksAtValue);
+  return cost == impossible ? impossible : cost + container;
+}
+
+/// Between types of which one at least has more than one letter.
+int nestedCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
+  if (NestingLevel::isExhausted()) return impossible;
+  const NestingLevel level;
+  const TypeInterface* type = source.type();
+  if (type->kind == TypeKind::Dynamic) return dynamicCost(source, signature, looksAtValue);
+  if (!type->code && source.signature() == signature) return same;
+  if (signature == "v") return type->copy ? intoDynamic : impossible;
+  if (signature.starts_with('m')) return toOptionalCost(source, signature.substr(1), looksAtValue);
+  if (type->kind == TypeKind::Optional)
+    return heldCost(type->optional->content(source.pointer()), signature, looksAtValue);
+  if (type->kind == TypeKind::Future) return futureCost(source, signature, looksAtValue);
+  if (signature.starts_with("a{")) return mapCost(source, signature, looksAtValue);
+  if (signature.starts_with('a')) return listCost(source, signature.substr(1), looksAtValue);
+  if (signature.starts_with('(')) return tupleCost(source, signature, looksAtValue);
+  return impossible;
 }
 
 }  // namespace
 
 int conversionCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
   const TypeInterface* type = source.type();
-  if (!type) return signature == "v" ? same : impossible;
-  if (type->kind == TypeKind::Dynamic)
-    return signature == "v" ? same : dynamicCost(source, signature, looksAtValue);
-  if (signature == "v") return type->kind == TypeKind::Unknown ? impossible : intoDynamic;
-  std::string own;
-  if (type->ownSignature)
-    own = type->ownSignature(source.pointer());
-  else
-    appendSignature(own, type);
-  if (own == signature) return same;  // of two types without description the call itself tells
-  switch (type->kind) {
-    case TypeKind::Bool:
-    case TypeKind::Int:
-    case TypeKind::Float:
-      return signature.size() == 1 ? numberCost(own[0], signature[0]) : impossible;
-    case TypeKind::List:
-    case TypeKind::Tuple:
-    case TypeKind::Map:
-      if (signature.starts_with("a{")) return mapCost(source, signature, looksAtValue);
-      if (signature.starts_with('a')) return listCost(source, signature.substr(1), looksAtValue);
-      if (signature.starts_with('(')) return tupleCost(source, signature, looksAtValue);
-      return impossible;
-    default:
-      return impossible;
-  }
+  if (!type) return signature == "v" ? same : signature.starts_with('m') ? container : impossible;
+  if (!type->code || signature.size() != 1) return nestedCost(source, signature, looksAtValue);
+  if (type->code == signature[0]) return same;  // of two X the call itself tells
+  if (type->kind == TypeKind::Dynamic) return nestedCost(source, signature, looksAtValue);
+  if (signature == "v") return type->copy || type->code == 'V' ? intoDynamic : impossible;
+  return numberCost(type->code, signature[0]);
 }
 
 }  // namespace gv

@@ -17,6 +17,11 @@ constexpr std::string_view simpleCodes = "bcynqiuxtfdsrvoX";
                            std::to_string(position) + ": " + reason);
 }
 
+bool isIdentifierPart(char c, bool mayBeDigit) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' ||
+         (mayBeDigit && c >= '0' && c <= '9');
+}
+
 /// Reads complete types from a text, front to back, in one pass.
 class Parser {
  public:
@@ -47,6 +52,9 @@ class Parser {
         parseMap(depth);
       else
         parseType(depth + 1);
+    } else if (code == 'm') {
+      ++position_;
+      parseType(depth + 1);
     } else if (code == '(') {
       parseTuple(depth);
     } else {
@@ -64,13 +72,40 @@ class Parser {
 
   void parseTuple(int depth) {
     ++position_;
-    while (peek("')'") != ')') {
+    std::size_t members = 0;
+    for (; peek("')'") != ')'; ++members) {
       if (depth == 0 && text_.substr(position_) == "*)")
         ++position_;
       else
         parseType(depth + 1);
     }
+    const bool hasTail = text_[position_ - 1] == '*';
     ++position_;
+    if (!hasTail && text_.substr(position_).starts_with('<')) parseAnnotation(members);
+  }
+
+  void parseAnnotation(std::size_t members) {
+    ++position_;
+    parseIdentifier();
+    while (text_.substr(position_).starts_with("::")) {
+      position_ += 2;
+      parseIdentifier();
+    }
+    for (; members > 0; --members) {
+      if (peek("',' and a field") != ',') fail(text_, position_, "fewer fields than members");
+      ++position_;
+      parseIdentifier();
+    }
+    if (peek("'>'") == ',') fail(text_, position_, "more fields than members");
+    if (text_[position_] != '>') fail(text_, position_, "'>' expected");
+    ++position_;
+  }
+
+  void parseIdentifier() {
+    const std::size_t start = position_;
+    while (position_ < text_.size() && isIdentifierPart(text_[position_], position_ > start))
+      ++position_;
+    if (position_ == start) fail(text_, position_, "identifier expected");
   }
 
   std::string_view text_;
@@ -93,13 +128,14 @@ std::pair<std::string, std::string> signatureSplit(const std::string& nameOrSign
 
 std::size_t signatureLength(std::string_view text) {
   std::size_t i = 0;
-  while (i < text.size() && text[i] == 'a') ++i;
+  while (i < text.size() && (text[i] == 'a' || text[i] == 'm')) ++i;
   if (i < text.size() && (text[i] == '(' || text[i] == '{')) {
     int open = 0;
     for (; i < text.size(); ++i) {
       if (text[i] == '(' || text[i] == '{') ++open;
       if ((text[i] == ')' || text[i] == '}') && --open == 0) break;
     }
+    if (text.substr(i).starts_with(")<")) i = text.find('>', i);
   }
   return i + 1;
 }
@@ -107,13 +143,30 @@ std::size_t signatureLength(std::string_view text) {
 std::vector<std::string_view> signatureMembers(std::string_view tuple) {
   std::vector<std::string_view> members;
   if (!tuple.starts_with('(')) return members;
-  std::string_view rest = tuple.substr(1, tuple.size() - 2);
+  std::string_view rest = tuple.substr(1, tuple.rfind(')') - 1);
   while (!rest.empty()) {
     const std::size_t length = signatureLength(rest);
     members.push_back(rest.substr(0, length));
     rest.remove_prefix(length);
   }
   return members;
+}
+
+std::string_view signatureAnnotation(std::string_view tuple) {
+  if (!tuple.starts_with('(') || !tuple.ends_with('>')) return {};
+  const std::size_t open = tuple.rfind('<');
+  return tuple.substr(open + 1, tuple.size() - open - 2);
+}
+
+bool signatureHasCode(std::string_view text, char code) {
+  bool isInAnnotation = false;
+  for (const char c : text) {
+    if (c == '<' || c == '>')
+      isInAnnotation = c == '<';
+    else if (c == code && !isInAnnotation)
+      return true;
+  }
+  return false;
 }
 
 }  // namespace gv

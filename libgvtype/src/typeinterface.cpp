@@ -1,38 +1,68 @@
 #include <gvtype/typeinterface.h>
 
-#include <cstdlib>
-#include <memory>
-
 #include <boost/core/demangle.hpp>
 
+#include <gv/log.h>
 #include <gvtype/anyreference.h>
 
 namespace gv {
 namespace {
 
-char integerCode(const TypeInterface* type) {
-  switch (type->size) {
+char integerCode(const TypeInterface& type) {
+  switch (type.size) {
     case 1:
-      return type->isSigned ? 'c' : 'y';
+      return type.isSigned ? 'c' : 'y';
     case 2:
-      return type->isSigned ? 'n' : 'q';
+      return type.isSigned ? 'n' : 'q';
     case 4:
-      return type->isSigned ? 'i' : 'u';
+      return type.isSigned ? 'i' : 'u';
     default:
-      return type->isSigned ? 'x' : 't';
+      return type.isSigned ? 'x' : 't';
   }
 }
 
-void appendMembers(std::string& text, const TypeInterface* type,
-                   void (*append)(std::string&, const TypeInterface*), const char* separator) {
-  for (std::size_t i = 0; i < type->memberCount; ++i) {
-    if (i > 0) text += separator;
-    append(text, type->memberTypes[i]);
-  }
-}
+/// The structs around the type whose signature is being made.
+struct Enclosing {
+  const TypeInterface* type;
+  const Enclosing* outer;
+};
 
-void appendName(std::string& text, const TypeInterface* type) {
-  text += typeName(type);
+void appendPart(std::string& text, const TypeInterface* type, const Enclosing* outer) {
+  if (type->code) {
+    text += type->code;
+    return;
+  }
+  const Enclosing own{type, outer};
+  const auto appendMembers = [&] {
+    for (std::size_t i = 0; i < type->memberCount; ++i) appendPart(text, type->memberType(i), &own);
+  };
+  switch (type->kind) {
+    case TypeKind::List:
+      text += 'a';
+      return appendPart(text, type->list->elementType(), &own);
+    case TypeKind::Optional:
+      text += 'm';
+      return appendPart(text, type->optional->elementType(), &own);
+    case TypeKind::Future:
+      return appendPart(text, type->future->valueType(), &own);
+    case TypeKind::Map:
+      text += "a{";
+      if (!type->memberType) text += "vv";  // a generic map: its values say more
+      appendMembers();
+      text += '}';
+      return;
+    default:
+      break;
+  }
+  for (const Enclosing* struct_ = outer; struct_; struct_ = struct_->outer)
+    if (sameType(struct_->type, type)) {
+      text += 'X';
+      return;
+    }
+  text += '(';
+  appendMembers();
+  text += ')';
+  if (!type->annotation.empty()) text.append("<").append(type->annotation).append(">");
 }
 
 }  // namespace
@@ -56,13 +86,17 @@ std::string typeName(const TypeInterface* type) {
     case TypeKind::List:
       return "list<" + typeName(type->list->elementType()) + ">";
     case TypeKind::Map:
-      if (type->memberCount == 0) return "map";
+      if (!type->memberType) return "map";
       name = "map<";
       break;
     case TypeKind::Tuple:
-      if (!type->memberTypes) return "tuple";
+      if (!type->annotation.empty())
+        return std::string(type->annotation.substr(0, type->annotation.find(',')));
+      if (!type->memberType) return "tuple";
       name = "tuple<";
       break;
+    case TypeKind::Optional:
+      return "optional<" + typeName(type->optional->elementType()) + ">";
     case TypeKind::Dynamic:
       return "dynamic";
     case TypeKind::Object:
@@ -72,57 +106,46 @@ std::string typeName(const TypeInterface* type) {
     case TypeKind::Unknown:
       return boost::core::demangle(type->info->name());
   }
-  appendMembers(name, type, appendName, ", ");
+  for (std::size_t i = 0; i < type->memberCount; ++i)
+    name += (i > 0 ? ", " : "") + typeName(type->memberType(i));
   return name + ">";
 }
 
 void appendSignature(std::string& text, const TypeInterface* type) {
-  switch (type->kind) {
+  appendPart(text, type, nullptr);
+}
+
+char detail::codeOf(const TypeInterface& type) {
+  switch (type.kind) {
     case TypeKind::Void:
-      text += 'V';
-      return;
+      return 'V';
     case TypeKind::Bool:
-      text += 'b';
-      return;
+      return 'b';
     case TypeKind::Int:
-      text += integerCode(type);
-      return;
+      return integerCode(type);
     case TypeKind::Float:
-      text += type->size == 4 ? 'f' : 'd';
-      return;
+      return type.size == 4 ? 'f' : 'd';
     case TypeKind::String:
-      text += 's';
-      return;
+      return 's';
     case TypeKind::Raw:
-      text += 'r';
-      return;
-    case TypeKind::List:
-      text += 'a';
-      appendSignature(text, type->list->elementType());
-      return;
-    case TypeKind::Map:
-      text += "a{";
-      if (type->memberCount == 0) text += "vv";  // a generic map: its values say more
-      appendMembers(text, type, appendSignature, "");
-      text += '}';
-      return;
-    case TypeKind::Tuple:
-      text += '(';
-      appendMembers(text, type, appendSignature, "");
-      text += ')';
-      return;
+      return 'r';
     case TypeKind::Dynamic:
-      text += 'v';
-      return;
+      return 'v';
     case TypeKind::Object:
-      text += 'o';
-      return;
-    case TypeKind::Future:
-      appendSignature(text, type->future->valueType());
-      return;
+      return 'o';
     case TypeKind::Unknown:
-      text += 'X';
-      return;
+      return 'X';
+    default:
+      return 0;
+  }
+}
+
+void detail::reportThrow(const std::type_info& type) noexcept {
+  try {
+    GV_LOG(log::Level::Warning, "gv.type", "destroy",
+           "the destructor of a " + boost::core::demangle(type.name()) +
+               " threw; the exception is dropped");
+  } catch (...) {  // no memory left for the text
   }
 }
 

@@ -5,6 +5,16 @@
 #include <gvtype/signature.h>
 
 namespace gv {
+namespace {
+
+/// Makes `place` the default of a type; refers to what is to be filled in.
+AnyReference fill(AnyValue& place, std::string_view signature) {
+  if (signature == "v") return AnyReference::from(place);
+  place = AnyValue::makeDefault(signature);
+  return place.asReference();
+}
+
+}  // namespace
 
 void TypeTraits<std::string>::describe(TypeInterface& type) {
   type.kind = TypeKind::String;
@@ -63,10 +73,7 @@ void TypeTraits<ListValue>::describe(TypeInterface& type) {
           [](void* list) {
             auto& self = *static_cast<ListValue*>(list);
             const std::string_view element = std::string_view(self.signature).substr(1);
-            AnyValue& added = self.elements.emplace_back();
-            if (element == "v") return AnyReference::from(added);
-            added = AnyValue::makeDefault(element);
-            return added.asReference();
+            return fill(self.elements.emplace_back(), element);
           },
       .push = nullptr,
   };
@@ -118,6 +125,30 @@ void TypeTraits<TupleValue>::describe(TypeInterface& type) {
           },
   };
   type.tuple = &ops;
+}
+
+void TypeTraits<OptionalValue>::describe(TypeInterface& type) {
+  type.kind = TypeKind::Optional;
+  type.ownSignature = [](const void* value) -> const std::string& {
+    return static_cast<const OptionalValue*>(value)->signature;
+  };
+  static const OptionalOps ops = {
+      .elementType = [] { return getType<AnyValue>(); },
+      .content =
+          [](const void* value) {
+            const auto& [signature, content] = *static_cast<const OptionalValue*>(value);
+            if (!content) return AnyReference();
+            // An optional that holds an empty dynamic value is not empty.
+            return signature == "mv" ? AnyReference::from(*content) : content->asReference();
+          },
+      .reset = [](void* value) { static_cast<OptionalValue*>(value)->content.reset(); },
+      .emplace =
+          [](void* value) {
+            auto& [signature, content] = *static_cast<OptionalValue*>(value);
+            return fill(content.emplace(), std::string_view(signature).substr(1));
+          },
+  };
+  type.optional = &ops;
 }
 
 }  // namespace gv

@@ -155,6 +155,7 @@ const gv::TypeInterface* arrayType() {
     gv::TypeInterface list = *gv::getType<JXValue>();
     list.info = &typeid(ArrayContent);
     list.kind = TypeKind::List;
+    list.code = 0;
     list.dynamic = nullptr;
     list.list = &ops;
     return list;

@@ -19,7 +19,7 @@ struct Output {
 using Packer = msgpack::packer<Output>;
 
 ConversionPlace inside(const ConversionPlace& place, const char* word, std::size_t index) {
-  return {&place, word, index + 1, place.depth + 1};
+  return {&place, word, index + 1};
 }
 
 std::uint32_t checkedSize(std::size_t size) {
@@ -35,19 +35,14 @@ class Writer {
   Packer& packer() { return packer_; }
 
   void write(const AnyReference& value, std::string_view signature, const ConversionPlace& place) {
-    if (place.depth > Signature::maxDepth)
-      throw ConversionError(
-          ConversionError::Reason::Value,
-          "a value nests deeper than " + std::to_string(Signature::maxDepth) + " levels");
     if (signature == "v") return writeDynamic(value, place);
     if (signature == "V") {
       packer_.pack_nil();
       return;
     }
     if (value.isValid() && value.type()->kind == TypeKind::Dynamic)
-      return value.type()->dynamic->visit(value.pointer(), [&](const AnyReference& content) {
-        write(content, signature, {&place, nullptr, 0, place.depth + 1});
-      });
+      return value.type()->dynamic->visit(
+          value.pointer(), [&](const AnyReference& content) { write(content, signature, place); });
     if (!writeAsItIs(value, signature, place)) {
       const AnyValue converted = convertTo(value, signature, place);
       writeAsItIs(converted.asReference(), signature, place);
@@ -62,9 +57,8 @@ class Writer {
     }
     const TypeInterface* type = value.type();
     if (type->kind == TypeKind::Dynamic)
-      return type->dynamic->visit(value.pointer(), [&](const AnyReference& content) {
-        writeDynamic(content, {&place, nullptr, 0, place.depth + 1});
-      });
+      return type->dynamic->visit(
+          value.pointer(), [&](const AnyReference& content) { writeDynamic(content, place); });
     const std::string signature = value.signature();
     if (type->kind == TypeKind::Void || type->kind == TypeKind::Future ||
         signature.find('X') != std::string::npos)
@@ -72,7 +66,7 @@ class Writer {
                             "a value of type " + typeName(type) + " cannot be sent");
     packer_.pack_array(2);
     writeString(signature);
-    write(value, signature, {&place, nullptr, 0, place.depth + 1});
+    write(value, signature, place);
   }
 
   /// False where the value is of another type than the signature says.
@@ -200,7 +194,7 @@ void writeArguments(std::vector<char>& out, const GenericFunctionParameters& arg
   writer.packer().pack_array(checkedSize(arguments.size()));
   for (std::size_t i = 0; i < arguments.size(); ++i)
     writer.write(arguments[i], i < parameters.size() ? parameters[i] : "v",
-                 {nullptr, "argument", i + 1, 0});
+                 {nullptr, "argument", i + 1});
 }
 
 }  // namespace gv::wire
