@@ -93,7 +93,7 @@ void readAsArguments(std::span<const char> payload) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const std::array<std::string, 10> signatures = {
-      "i", "t", "d", "s", "r", "ab", "a{s(id)}", "(ysv)", "a{vv}", "a(iav)"};
+      "i", "t", "d", "s", "r", "ab", "a{s(id)}", "(ysv)<P,a,b,c>", "a{vv}", "am(iamv)"};
   if (size == 0) return 0;
   const std::span<const char> payload(reinterpret_cast<const char*>(data + 1), size - 1);
   const std::size_t choice = data[0] % (signatures.size() + 2);

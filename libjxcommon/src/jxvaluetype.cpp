@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include <gvtype/conversion.h>
-#include <gvtype/signature.h>
+#include <gvtype/nesting.h>
 
 namespace {
 
@@ -12,7 +12,7 @@ using gv::ConversionError;
 using gv::TypeKind;
 using JX::JXValue;
 
-JXValue toValue(const AnyReference& content, int depth);
+JXValue toValue(const AnyReference& content);
 
 template <class T>
 T read(const AnyReference& number) {
@@ -46,51 +46,42 @@ JXValue emptyArray() {
   return array;
 }
 
-JXValue listToValue(const AnyReference& list, int depth) {
+JXValue listToValue(const AnyReference& list) {
   JXValue array = emptyArray();
-  list.type()->list->forEach(list.pointer(), [&](const AnyReference& element) {
-    array.arrayPush(toValue(element, depth + 1));
-  });
+  list.type()->list->forEach(
+      list.pointer(), [&](const AnyReference& element) { array.arrayPush(toValue(element)); });
   return array;
 }
 
-JXValue tupleToValue(const AnyReference& tuple, int depth) {
+JXValue tupleToValue(const AnyReference& tuple) {
   const gv::TupleOps& ops = *tuple.type()->tuple;
   JXValue array = emptyArray();
   for (std::size_t i = 0; i < ops.size(tuple.pointer()); ++i)
-    array.arrayPush(toValue(ops.member(tuple.pointer(), i), depth + 1));
+    array.arrayPush(toValue(ops.member(tuple.pointer(), i)));
   return array;
 }
 
-JXValue mapToValue(const AnyReference& map, int depth) {
+JXValue mapToValue(const AnyReference& map) {
   JXValue array = emptyArray();
   map.type()->map->forEach(map.pointer(), [&](const AnyReference& key, const AnyReference& value) {
     JXValue entry;
-    entry.arrayPush(toValue(key, depth + 2));
-    entry.arrayPush(toValue(value, depth + 2));
+    entry.arrayPush(toValue(key));
+    entry.arrayPush(toValue(value));
     array.arrayPush(std::move(entry));
   });
   return array;
 }
 
-JXValue dynamicToValue(const AnyReference& dynamic, int depth) {
+JXValue dynamicToValue(const AnyReference& dynamic) {
   JXValue value;
-  dynamic.type()->dynamic->visit(
-      dynamic.pointer(), [&](const AnyReference& content) { value = toValue(content, depth + 1); });
+  dynamic.type()->dynamic->visit(dynamic.pointer(),
+                                 [&](const AnyReference& content) { value = toValue(content); });
   return value;
 }
 
-JXValue toValue(const AnyReference& content, int depth) {
-  if (!content.isValid()) return {};
-  if (depth > gv::Signature::maxDepth)
-    throw ConversionError(
-        ConversionError::Reason::Value,
-        "a value nests deeper than " + std::to_string(gv::Signature::maxDepth) + " levels");
-  if (const JXValue* value = content.as<JXValue>()) return *value;
+JXValue flatToValue(const AnyReference& content) {
   const gv::TypeInterface* type = content.type();
   switch (type->kind) {
-    case TypeKind::Void:
-      return {};
     case TypeKind::Bool:
       return read<bool>(content);
     case TypeKind::Int:
@@ -104,14 +95,28 @@ JXValue toValue(const AnyReference& content, int depth) {
       const std::string_view bytes = type->bytes->view(content.pointer());
       return JXValue::binary(bytes.data(), bytes.size());
     }
+    default:
+      return {};
+  }
+}
+
+JXValue toValue(const AnyReference& content) {
+  if (!content.isValid()) return {};
+  if (const JXValue* value = content.as<JXValue>()) return *value;
+  const gv::TypeInterface* type = content.type();
+  if (type->kind < TypeKind::List) return flatToValue(content);
+  const gv::NestingLevel level;
+  switch (type->kind) {
     case TypeKind::List:
-      return listToValue(content, depth);
+      return listToValue(content);
     case TypeKind::Tuple:
-      return tupleToValue(content, depth);
+      return tupleToValue(content);
     case TypeKind::Map:
-      return mapToValue(content, depth);
+      return mapToValue(content);
+    case TypeKind::Optional:
+      return toValue(type->optional->content(content.pointer()));
     case TypeKind::Dynamic:
-      return dynamicToValue(content, depth);
+      return dynamicToValue(content);
     default:
       throw ConversionError(ConversionError::Reason::Kind,
                             "cannot convert " + gv::typeName(type) + " to dynamic");
@@ -200,7 +205,7 @@ void gv::TypeTraits<JX::JXValue>::describe(TypeInterface& type) {
           },
       // Built whole before it is assigned: the content may be a part of the value itself.
       .assign = [](void* dynamic,
-                   const AnyReference& content) { arrayIn(dynamic) = toValue(content, 0); },
+                   const AnyReference& content) { arrayIn(dynamic) = toValue(content); },
   };
   type.dynamic = &ops;
 }

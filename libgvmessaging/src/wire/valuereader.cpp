@@ -12,7 +12,7 @@ namespace {
 
 /// A container that is being read. References into one stay good while others come and go above it.
 struct Level {
-  enum class Kind { Arguments, List, Map, Tuple, Dynamic };
+  enum class Kind { Arguments, List, Map, Tuple, Optional, Dynamic };
 
   Kind kind;
   AnyReference container;
@@ -44,7 +44,7 @@ class Decoder : public msgpack::null_visitor {
   }
   bool visit_boolean(bool value) {
     if (slotKind("a bool") != TypeKind::Bool) mismatch("a bool");
-    *static_cast<bool*>(slot_.pointer()) = value;
+    convertInto(AnyReference::from(value), slot_.type(), slot_.pointer());
     return true;
   }
   bool visit_positive_integer(std::uint64_t value) {
@@ -76,6 +76,11 @@ class Decoder : public msgpack::null_visitor {
         checkSize(count, slot_.type()->tuple->size(slot_.pointer()));
         push(Level::Kind::Tuple);
         break;
+      case TypeKind::Optional:
+        if (count > 1) checkSize(count, 1);
+        slot_.type()->optional->reset(slot_.pointer());
+        push(Level::Kind::Optional);
+        break;
       case TypeKind::Dynamic:
         checkSize(count, 2);
         push(Level::Kind::Dynamic);
@@ -98,6 +103,10 @@ class Decoder : public msgpack::null_visitor {
       case Level::Kind::Tuple:
         slot_ = level.container.type()->tuple->member(level.container.pointer(), level.index);
         break;
+      case Level::Kind::Optional:
+        chargeGeneric(level.container);
+        slot_ = level.container.type()->optional->emplace(level.container.pointer());
+        break;
       default:
         slot_ = level.index == 0 ? AnyReference::from(level.signature) : level.item.asReference();
     }
@@ -116,6 +125,7 @@ class Decoder : public msgpack::null_visitor {
   bool end_array() {
     Level& level = levels_.back();
     if (level.kind == Level::Kind::Dynamic) {
+      level.item.updateNesting();
       if (AnyValue* value = level.container.as<AnyValue>())
         *value = std::move(level.item);
       else
@@ -164,6 +174,9 @@ class Decoder : public msgpack::null_visitor {
     return slot_.type()->kind;
   }
   [[noreturn]] void mismatch(const char* found) const {
+    if (slot_.isValid() && slot_.type()->kind == TypeKind::Object)
+      throw PayloadError("it has a value where an object is expected: objects cannot be sent" +
+                         where());
     throw PayloadError(std::string("it has ") + found + " where " +
                        (slot_.isValid() ? typeName(slot_.type()) : "the arguments of a call") +
                        " is expected" + where());
@@ -189,7 +202,7 @@ class Decoder : public msgpack::null_visitor {
     budget_ -= bytes + 1;
   }
   void push(Level::Kind kind) {
-    if (levels_.size() > nesting_)
+    if (levels_.size() == nesting_ + (targets_ ? 1 : 0))  // the arguments are no level
       throw PayloadError("it nests deeper than " + std::to_string(nesting_) + " levels");
     levels_.push_back({.kind = kind, .container = slot_, .key = {}, .item = {}, .signature = {}});
   }
@@ -223,6 +236,8 @@ class Decoder : public msgpack::null_visitor {
     if (level.signature == "v" || level.signature == "V" || level.signature.empty())
       throw PayloadError("a dynamic value cannot have the signature '" + level.signature + "'");
     const Signature checked(level.signature);  // refuses a malformed or very long one
+    if (signatureHasCode(level.signature, 'o') || signatureHasCode(level.signature, 'X'))
+      throw PayloadError("a value of the signature '" + level.signature + "' cannot be sent");
     chargeDefault(checked.toString());
     level.item = AnyValue::makeDefault(checked.toString());
   }

@@ -5,6 +5,7 @@
 #include <msgpack.hpp>
 
 #include <gvtype/genericfunctionparameters.h>
+#include <gvtype/nesting.h>
 #include <gvtype/signature.h>
 
 namespace gv::wire {
@@ -35,14 +36,20 @@ class Writer {
   Packer& packer() { return packer_; }
 
   void write(const AnyReference& value, std::string_view signature, const ConversionPlace& place) {
-    if (signature == "v") return writeDynamic(value, place);
     if (signature == "V") {
       packer_.pack_nil();
       return;
     }
-    if (value.isValid() && value.type()->kind == TypeKind::Dynamic)
+    if (signature == "o" || signature == "X") refuse(value.type());
+    if (signature == "v") {
+      const NestingLevel level;
+      return writeDynamic(value, place);
+    }
+    if (value.isValid() && value.type()->kind == TypeKind::Dynamic) {
+      const NestingLevel level;
       return value.type()->dynamic->visit(
           value.pointer(), [&](const AnyReference& content) { write(content, signature, place); });
+    }
     if (!writeAsItIs(value, signature, place)) {
       const AnyValue converted = convertTo(value, signature, place);
       writeAsItIs(converted.asReference(), signature, place);
@@ -50,6 +57,14 @@ class Writer {
   }
 
  private:
+  static bool isScalar(char code) { return code != 0 && code != 'v'; }
+  static std::string_view codeOf(const AnyReference& value) { return {&value.type()->code, 1}; }
+
+  [[noreturn]] static void refuse(const TypeInterface* type) {
+    throw ConversionError(ConversionError::Reason::Kind,
+                          "a value of type " + typeName(type) + " cannot be sent");
+  }
+
   void writeDynamic(const AnyReference& value, const ConversionPlace& place) {
     if (!value.isValid()) {
       packer_.pack_nil();
@@ -61,9 +76,8 @@ class Writer {
           value.pointer(), [&](const AnyReference& content) { writeDynamic(content, place); });
     const std::string signature = value.signature();
     if (type->kind == TypeKind::Void || type->kind == TypeKind::Future ||
-        signature.find('X') != std::string::npos)
-      throw ConversionError(ConversionError::Reason::Kind,
-                            "a value of type " + typeName(type) + " cannot be sent");
+        signatureHasCode(signature, 'X') || signatureHasCode(signature, 'o'))
+      refuse(type);
     packer_.pack_array(2);
     writeString(signature);
     write(value, signature, place);
@@ -73,55 +87,51 @@ class Writer {
   bool writeAsItIs(const AnyReference& value, std::string_view signature,
                    const ConversionPlace& place) {
     if (!value.isValid()) return false;
-    const TypeInterface* type = value.type();
-    switch (type->kind) {
-      case TypeKind::Bool:
-      case TypeKind::Int:
-      case TypeKind::Float:
-        return writeScalar(value, signature);
-      case TypeKind::String:
-        if (signature != "s") return false;
-        writeString(type->bytes->view(value.pointer()));
-        return true;
-      case TypeKind::Raw: {
-        if (signature != "r") return false;
-        const std::string_view bytes = type->bytes->view(value.pointer());
-        packer_.pack_bin(checkedSize(bytes.size()));
-        packer_.pack_bin_body(bytes.data(), checkedSize(bytes.size()));
-        return true;
-      }
+    if (isScalar(value.type()->code)) {
+      if (signature != codeOf(value)) return false;
+      writeScalar(value);
+      return true;
+    }
+    const NestingLevel level;
+    switch (value.type()->kind) {
       case TypeKind::List:
         return writeList(value, signature, place);
       case TypeKind::Map:
         return writeMap(value, signature, place);
       case TypeKind::Tuple:
         return writeTuple(value, signature, place);
+      case TypeKind::Optional:
+        return writeOptional(value, signature, place);
       default:
         return false;
     }
   }
 
-  bool writeScalar(const AnyReference& value, std::string_view signature) {
-    std::string own;
-    appendSignature(own, value.type());
-    if (own != signature) return false;
+  void writeScalar(const AnyReference& value) {
     const void* pointer = value.pointer();
-    switch (own[0]) {
+    switch (value.type()->code) {
       case 'b':
         packer_.pack(*static_cast<const bool*>(pointer));
-        return true;
+        return;
       case 'f':
         packer_.pack(*static_cast<const float*>(pointer));
-        return true;
+        return;
       case 'd':
         packer_.pack(*static_cast<const double*>(pointer));
-        return true;
+        return;
+      case 's':
+        return writeString(value.type()->bytes->view(pointer));
+      case 'r': {
+        const std::string_view bytes = value.type()->bytes->view(pointer);
+        packer_.pack_bin(checkedSize(bytes.size()));
+        packer_.pack_bin_body(bytes.data(), checkedSize(bytes.size()));
+        return;
+      }
       default:
         if (value.type()->isSigned)
           packer_.pack(value.to<std::int64_t>());
         else
           packer_.pack(value.to<std::uint64_t>());
-        return true;
     }
   }
 
@@ -162,10 +172,29 @@ class Writer {
     if (!signature.starts_with('(')) return false;
     const auto members = signatureMembers(signature);
     const TupleOps* tuple = value.type()->tuple;
-    if (tuple->size(value.pointer()) != members.size()) return false;
+    if (tuple->size(value.pointer()) != members.size() || !isInOrder(value, signature))
+      return false;
     packer_.pack_array(checkedSize(members.size()));
     for (std::size_t i = 0; i < members.size(); ++i)
       write(tuple->member(value.pointer(), i), members[i], inside(place, "element", i));
+    return true;
+  }
+
+  /// False between structs that name their fields differently: conversion puts them in order.
+  static bool isInOrder(const AnyReference& value, std::string_view signature) {
+    const std::string_view wanted = signatureAnnotation(signature);
+    if (wanted.empty()) return true;
+    const std::string own = value.signature();
+    const std::string_view annotation = signatureAnnotation(own);
+    return annotation.empty() || annotation == wanted;
+  }
+
+  bool writeOptional(const AnyReference& value, std::string_view signature,
+                     const ConversionPlace& place) {
+    if (!signature.starts_with('m')) return false;
+    const AnyReference content = value.type()->optional->content(value.pointer());
+    packer_.pack_array(content.isValid() ? 1 : 0);
+    if (content.isValid()) write(content, signature.substr(1), place);
     return true;
   }
 
