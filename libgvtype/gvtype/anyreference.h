@@ -9,6 +9,18 @@
 
 namespace gv {
 
+namespace detail {
+
+/// Destroys its value as every value of the type system is, also where that throws.
+template <class T>
+union Owned {
+  explicit Owned(T&& from) : value(std::move(from)) {}
+  ~Owned() { destroy<T>(std::addressof(value)); }
+  T value;
+};
+
+}  // namespace detail
+
 /// A value of any type, by reference: its type and its address. Cheap to copy.
 ///
 /// A reference to a caller's value (from) owns nothing and must not outlive it. A reference that is
@@ -32,8 +44,8 @@ class GVTYPE_API AnyReference {
   /// Takes the value over; every copy of the reference shares its ownership.
   template <class T>
   static AnyReference own(T value) {
-    auto owner = std::make_shared<T>(std::move(value));
-    void* pointer = owner.get();
+    auto owner = std::make_shared<detail::Owned<T>>(std::move(value));
+    void* pointer = std::addressof(owner->value);
     return {getType<T>(), pointer, std::move(owner)};
   }
   /// The result of a call that returns nothing.

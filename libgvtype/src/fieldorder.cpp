@@ -13,16 +13,6 @@ std::string_view fieldsOf(std::string_view annotation) {
   return comma == std::string_view::npos ? std::string_view() : annotation.substr(comma);
 }
 
-std::vector<std::string_view> split(std::string_view fields) {
-  std::vector<std::string_view> names;
-  while (!fields.empty()) {
-    const std::size_t end = std::min(fields.find(',', 1), fields.size());
-    names.push_back(fields.substr(1, end - 1));
-    fields.remove_prefix(end);
-  }
-  return names;
-}
-
 }  // namespace
 
 std::string_view annotationOf(const AnyReference& value) {
@@ -31,10 +21,20 @@ std::string_view annotationOf(const AnyReference& value) {
                             : type->annotation;
 }
 
+std::vector<std::string_view> fieldNames(std::string_view annotation) {
+  std::vector<std::string_view> names;
+  for (std::string_view rest = fieldsOf(annotation); !rest.empty();) {
+    const std::size_t end = std::min(rest.find(',', 1), rest.size());
+    names.push_back(rest.substr(1, end - 1));
+    rest.remove_prefix(end);
+  }
+  return names;
+}
+
 FieldOrder::FieldOrder(std::string_view source, std::string_view target) {
   if (source.empty() || target.empty() || fieldsOf(source) == fieldsOf(target)) return;
-  const auto from = split(fieldsOf(source));
-  const auto to = split(fieldsOf(target));
+  const auto from = fieldNames(source);
+  const auto to = fieldNames(target);
   isPossible_ =
       from.size() == to.size() && std::is_permutation(from.begin(), from.end(), to.begin());
   if (!isPossible_) return;

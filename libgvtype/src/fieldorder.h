@@ -11,6 +11,9 @@ namespace gv {
 /// Name and fields of a struct's value, "Point,x,y"; empty for every other value.
 std::string_view annotationOf(const AnyReference& value);
 
+/// The names of the fields in an annotation.
+std::vector<std::string_view> fieldNames(std::string_view annotation);
+
 /// How the members of one tuple fill those of another, given the annotations of both: by position,
 /// or by name between structs whose fields stand in another order. Both must have as many members.
 class FieldOrder {

@@ -1,5 +1,6 @@
 #include "scalar.h"
 
+#include <charconv>
 #include <cstring>
 
 namespace gv {
@@ -29,8 +30,7 @@ void store(void* target, std::uint64_t bits) {
 
 Integer readInteger(const AnyReference& source) {
   const TypeInterface* type = source.type();
-  if (type->kind == TypeKind::Bool)
-    return {*static_cast<const bool*>(source.pointer()) ? 1u : 0u, false};
+  if (type->kind == TypeKind::Bool) return {load<std::uint8_t>(source.pointer()), false};
   switch (type->size) {
     case 1:
       return {loadExtended<std::int8_t, std::uint8_t>(source), type->isSigned};
@@ -50,7 +50,7 @@ double readFloat(const AnyReference& source) {
 
 void writeInteger(const TypeInterface* type, void* target, std::uint64_t bits) {
   if (type->kind == TypeKind::Bool) {
-    *static_cast<bool*>(target) = bits != 0;
+    store<bool>(target, bits);
     return;
   }
   switch (type->size) {
@@ -80,10 +80,13 @@ bool fitsInteger(const Integer& integer, const TypeInterface* type) {
 }
 
 std::string scalarText(const AnyReference& source) {
+  char text[32];
   if (source.type()->kind == TypeKind::Float) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.17g", readFloat(source));
-    return text;
+    // The shortest text that reads as the same number.
+    const auto end = source.type()->size == 4
+                         ? std::to_chars(text, text + sizeof text, load<float>(source.pointer()))
+                         : std::to_chars(text, text + sizeof text, readFloat(source));
+    return {text, end.ptr};
   }
   const Integer integer = readInteger(source);
   return (integer.isNegative() ? "-" : "") + std::to_string(integer.magnitude());

@@ -2,17 +2,23 @@
 
 #include <gvtype/anyvalue.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+#include <pthread.h>
 
 #include <array>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include <gvtype/conversion.h>
 #include <gvtype/genericfunctionparameters.h>
+#include <gvtype/print.h>
 
 #include "support/live_counter.h"
+#include "support/log_capture.h"
 
 namespace gv {
 namespace {
@@ -72,6 +78,78 @@ TEST(AnyValue, DestroysExactlyWhatItHolds) {
   }
   EXPECT_EQ(uncopyableOnes.live(), 0);
   EXPECT_EQ(largeOnes.live(), 0);
+}
+
+std::string errorOf(const std::function<void()>& action) {
+  try {
+    action();
+    return "no error";
+  } catch (const ConversionError& error) {
+    return error.what();
+  }
+}
+
+/// A list and a dynamic value each; more than may be made is made in place.
+AnyValue nested(int lists) {
+  AnyValue value = AnyValue::from(1);
+  for (int i = 0; i < lists; ++i) {
+    AnyValue outer = AnyValue::from(std::vector<AnyValue>());
+    outer.asReference().as<std::vector<AnyValue>>()->push_back(std::move(value));
+    value = std::move(outer);
+  }
+  return value;
+}
+
+TEST(AnyValue, NestsTo64LevelsInEveryWalk) {
+  const std::string tooDeep = "a value nests deeper than 64 levels";
+  AnyValue good = AnyValue::from(std::vector<int>{1});  // 31 lists of dynamic values around it
+  for (int i = 0; i < 31; ++i) good = AnyValue::from(std::vector<AnyValue>{good});
+  EXPECT_EQ(good, AnyValue(good));
+  EXPECT_EQ(AnyReference::from(good).to<std::vector<AnyValue>>().size(), 1u);
+  const std::vector<AnyValue> list{good};
+  EXPECT_EQ(errorOf([&] { AnyValue::from(list); }), tooDeep);
+  EXPECT_EQ(errorOf([&] { AnyValue::copyOf(AnyReference::from(list)); }), tooDeep);
+  const AnyValue bad = nested(200);
+  EXPECT_EQ(errorOf([&] { AnyValue{bad}; }), tooDeep);
+  EXPECT_EQ(errorOf([&] { static_cast<void>(bad == nested(200)); }), tooDeep);
+  EXPECT_EQ(errorOf([&] { bad.to<std::vector<AnyValue>>(); }), tooDeep);
+  EXPECT_THAT(toText(bad.asReference()), testing::HasSubstr("[...]"));
+  bool looksAtValue = false;
+  EXPECT_GE(conversionCost(bad.asReference(), "av", &looksAtValue), 0);
+  EXPECT_EQ(good, good);  // the count is back where it was
+}
+
+TEST(AnyValue, OfAMillionLevelsDiesOnASmallStack) {
+  pthread_attr_t attributes;
+  ASSERT_EQ(pthread_attr_init(&attributes), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, 256 << 10), 0);
+  AnyValue value = nested(1'000'000);
+  pthread_t thread;
+  const auto destroy = [](void* held) -> void* {
+    *static_cast<AnyValue*>(held) = {};
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, &attributes, destroy, &value), 0);
+  ASSERT_EQ(pthread_join(thread, nullptr), 0);
+  pthread_attr_destroy(&attributes);
+  EXPECT_FALSE(value.isValid());
+}
+
+/// Its destructor throws, unless it was moved from.
+struct Throwing {
+  bool isArmed = true;
+  Throwing() = default;
+  Throwing(Throwing&& other) : isArmed(std::exchange(other.isArmed, false)) {}
+  ~Throwing() noexcept(false) {
+    if (isArmed) throw std::runtime_error("from a destructor");
+  }
+};
+
+TEST(AnyValue, OutlivesADestructorThatThrows) {
+  const house::LogCapture log;
+  { const AnyValue value = AnyValue::from(Throwing()); }
+  { const AnyReference reference = AnyReference::own(Throwing()); }
+  EXPECT_EQ(log.count("Throwing threw"), 2);
 }
 
 TEST(AnyReference, ThatIsAResultOutlivesItsMakerOnAnyThread) {
