@@ -15,7 +15,7 @@ namespace detail {
 template <class T>
 union Owned {
   explicit Owned(T&& from) : value(std::move(from)) {}
-  ~Owned() { destroy<T>(std::addressof(value)); }
+  ~Owned() { destroyValue<T>(std::addressof(value)); }
   T value;
 };
 

@@ -52,7 +52,7 @@ GVTYPE_API int conversionCost(const AnyReference& source, std::string_view signa
 
 /// Orders two values of any types: negative, 0 or positive. Numbers compare by value, exactly;
 /// values without content that could be compared (futures, types without description) by their type
-/// alone.
+/// alone. Throws ConversionError where both nest deeper than NestingLevel::limit.
 GVTYPE_API int compareValues(const AnyReference& a, const AnyReference& b);
 
 }  // namespace gv

@@ -27,7 +27,7 @@ GVTYPE_API void reportThrow(const std::type_info& type) noexcept;
 
 /// What a destructor throws is logged and dropped: values die where nobody could handle it.
 template <class T>
-void destroy(void* value) {
+void destroyValue(void* value) {
   if constexpr (std::is_nothrow_destructible_v<T>) {
     static_cast<T*>(value)->~T();
   } else {
@@ -61,7 +61,7 @@ TypeInterface makeType() {
       type.assign = [](void* value, const void* from) {
         *static_cast<T*>(value) = *static_cast<const T*>(from);
       };
-    if constexpr (std::is_destructible_v<T>) type.destroy = &destroy<T>;
+    if constexpr (std::is_destructible_v<T>) type.destroy = &destroyValue<T>;
   }
   TypeTraits<T>::describe(type);
   type.code = codeOf(type);

@@ -194,8 +194,8 @@ void convertToOptional(const AnyReference& source, const TypeInterface* type, vo
   const AnyReference content =
       isOptional ? source.type()->optional->content(source.pointer()) : source;
   if (!content.isValid()) return type->optional->reset(target);
-  const AnyReference place_ = type->optional->emplace(target);
-  convertInto(content, place_.type(), place_.pointer(), {&place});
+  const AnyReference added = type->optional->emplace(target);
+  convertInto(content, added.type(), added.pointer(), {&place});
 }
 
 void convertFromOptional(const AnyReference& source, const TypeInterface* type, void* target,

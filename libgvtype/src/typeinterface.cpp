@@ -54,8 +54,8 @@ void appendPart(std::string& text, const TypeInterface* type, const Enclosing* o
     default:
       break;
   }
-  for (const Enclosing* struct_ = outer; struct_; struct_ = struct_->outer)
-    if (sameType(struct_->type, type)) {
+  for (const Enclosing* around = outer; around; around = around->outer)
+    if (sameType(around->type, type)) {
       text += 'X';
       return;
     }
