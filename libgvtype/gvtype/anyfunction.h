@@ -1,9 +1,8 @@
 #pragma once
 
-#include <functional>
 #include <memory>
-#include <stdexcept>
-#include <string>
+#include <new>
+#include <span>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -38,12 +37,14 @@ class GVTYPE_API AnyFunction {
   /// From a member function of an object, which must outlive the function's calls.
   template <class T, class R, class C, class... A>
   static AnyFunction from(T* object, R (C::*member)(A...)) {
+    checkParameters<A...>();
     return from([object, member](std::remove_reference_t<A> const&... arguments) -> R {
       return (object->*member)(arguments...);
     });
   }
   template <class T, class R, class C, class... A>
   static AnyFunction from(T* object, R (C::*member)(A...) const) {
+    checkParameters<A...>();
     return from([object, member](std::remove_reference_t<A> const&... arguments) -> R {
       return (object->*member)(arguments...);
     });
@@ -58,7 +59,15 @@ class GVTYPE_API AnyFunction {
   /// Calls it. Throws ConversionError where an argument does not convert, std::runtime_error for a
   /// wrong number of arguments or an empty function, and whatever the callable throws.
   AnyReference call(const GenericFunctionParameters& arguments) const;
+  /// Calls it and constructs the result, converted where the types differ, in `result`: storage
+  /// without a value, of the size and alignment of `resultType`. Without a type the result is
+  /// dropped. Nothing is allocated where all types match. Throws as call() does, and
+  /// ConversionError for the result; nothing is constructed then.
+  void callInto(std::span<const AnyReference> arguments, const TypeInterface* resultType,
+                void* result) const;
 
+  /// The type of the result (a future as such); null for the empty function.
+  const TypeInterface* returnType() const { return body_ ? body_->returnType : nullptr; }
   /// The signature of the result ("V" for none; that of its value for a future).
   Signature returnSignature() const;
   /// The signature of the parameters as a tuple, "(si)"; without the first, the instance, on
@@ -69,13 +78,31 @@ class GVTYPE_API AnyFunction {
   bool takesAnyArguments() const { return body_ && body_->hasTail; }
 
  private:
+  /// What is known of the callable, which stands behind it in a BodyOf.
   struct Body {
     const TypeInterface* returnType = nullptr;
     std::vector<const TypeInterface*> parameters;
     bool hasTail = false;
-    /// Takes the address of each argument, all of the exact types; the tail is one AnyArguments.
-    std::function<AnyReference(void* const* arguments)> invoke;
+    /// Takes the address of each argument, all of the exact types (the tail is one AnyArguments),
+    /// and constructs the result in place; nothing for void.
+    void (*invoke)(const Body* self, void* const* arguments, void* result) = nullptr;
   };
+  template <class F>
+  struct BodyOf : Body {
+    explicit BodyOf(F function) : callable(std::move(function)) {}
+    mutable F callable;  // its call operator may change it
+  };
+
+  template <class... A>
+  static constexpr void checkParameters() {
+    static_assert(
+        ((!std::is_rvalue_reference_v<A> &&
+          (!std::is_lvalue_reference_v<A> || std::is_const_v<std::remove_reference_t<A>>)) &&
+         ...),
+        "parameters must be values or references to const: the caller's values are shared");
+    static_assert(((std::is_reference_v<A> || std::is_copy_constructible_v<A>)&&...),
+                  "a parameter by value must be copyable: the caller's value is shared");
+  }
 
   template <class F, class R, class... A>
   static AnyFunction make(F callable);
@@ -106,7 +133,7 @@ class GVTYPE_API AnyFunction {
     return make<decltype(call), R, const C&, A...>(call);
   }
 
-  AnyReference callConverted(const GenericFunctionParameters& arguments) const;
+  void invoke(std::span<const AnyReference> arguments, void* result) const;
 
   std::shared_ptr<const Body> body_;
   bool hasInstance_ = false;
@@ -129,14 +156,10 @@ AnyFunction AnyFunction::from(F callable) {
 
 template <class F, class R, class... A>
 AnyFunction AnyFunction::make(F callable) {
-  static_assert(
-      ((!std::is_rvalue_reference_v<A> &&
-        (!std::is_lvalue_reference_v<A> || std::is_const_v<std::remove_reference_t<A>>)) &&
-       ...),
-      "parameters must be values or references to const: the caller's values are shared");
+  checkParameters<A...>();
   using Result = std::remove_cvref_t<R>;
   static constexpr std::size_t count = sizeof...(A);
-  auto body = std::make_shared<Body>();
+  auto body = std::make_shared<BodyOf<F>>(std::move(callable));
   body->returnType = getType<Result>();
   body->parameters = {getType<std::remove_cvref_t<A>>()...};
   if constexpr (count > 0) {
@@ -146,22 +169,23 @@ AnyFunction AnyFunction::make(F callable) {
       body->parameters.pop_back();
     }
   }
-  body->invoke = [callable = std::move(callable)](void* const* arguments) mutable -> AnyReference {
+  body->invoke = [](const Body* self, void* const* arguments, void* result) {
     static_cast<void>(arguments);
-    return [&]<std::size_t... I>(std::index_sequence<I...>) {
+    F& function = static_cast<const BodyOf<F>*>(self)->callable;
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
       if constexpr (std::is_void_v<Result>) {
-        callable(*static_cast<const std::remove_cvref_t<A>*>(arguments[I])...);
-        return AnyReference::ofVoid();
+        static_cast<void>(result);
+        function(*static_cast<const std::remove_cvref_t<A>*>(arguments[I])...);
       } else {
-        return AnyReference::own<Result>(
-            callable(*static_cast<const std::remove_cvref_t<A>*>(arguments[I])...));
+        ::new (result)
+            Result(function(*static_cast<const std::remove_cvref_t<A>*>(arguments[I])...));
       }
     }
     (std::index_sequence_for<A...>());
   };
-  AnyFunction function;
-  function.body_ = std::move(body);
-  return function;
+  AnyFunction made;
+  made.body_ = std::move(body);
+  return made;
 }
 
 }  // namespace gv

@@ -1,22 +1,53 @@
 #include <gvtype/anyfunction.h>
 
+#include <array>
+#include <memory>
+#include <stdexcept>
+
 #include <boost/container/small_vector.hpp>
 
 #include <gvtype/conversion.h>
 
+#include "exactarguments.h"
+
 namespace gv {
 namespace {
 
-std::string countText(std::size_t count) {
-  return std::to_string(count) + (count == 1 ? " argument" : " arguments");
-}
+constexpr std::size_t fewArguments = 8;
 
-AnyArguments collectTail(const GenericFunctionParameters& arguments, std::size_t first) {
+AnyArguments collectTail(std::span<const AnyReference> arguments) {
   AnyArguments tail;
-  for (std::size_t i = first; i < arguments.size(); ++i)
-    tail.args.push_back(AnyValue::copyOf(arguments[i]));
+  for (const AnyReference& argument : arguments) tail.args.push_back(AnyValue::copyOf(argument));
   return tail;
 }
+
+/// A place for one result of a type known at run time; destroys what was made in it.
+class ResultStorage {
+ public:
+  explicit ResultStorage(const TypeInterface* type)
+      : type_(type), place_(isInline() ? inline_ : ::operator new(type->size, alignment())) {}
+  ~ResultStorage() {
+    if (isFull_ && type_->destroy) type_->destroy(place_);
+    if (!isInline()) ::operator delete(place_, alignment());
+  }
+  ResultStorage(const ResultStorage&) = delete;
+  ResultStorage& operator=(const ResultStorage&) = delete;
+
+  void* place() { return place_; }
+  void setFull() { isFull_ = true; }
+  AnyReference reference() const { return {type_, place_}; }
+
+ private:
+  bool isInline() const {
+    return type_->size <= sizeof(inline_) && type_->alignment <= alignof(std::max_align_t);
+  }
+  std::align_val_t alignment() const { return std::align_val_t(type_->alignment); }
+
+  const TypeInterface* const type_;
+  bool isFull_ = false;
+  void* const place_;
+  alignas(std::max_align_t) unsigned char inline_[64];
+};
 
 }  // namespace
 
@@ -27,39 +58,53 @@ AnyFunction AnyFunction::withInstance() const {
 }
 
 AnyReference AnyFunction::call(const GenericFunctionParameters& arguments) const {
-  if (!body_) throw std::runtime_error("the function is empty");
-  const std::size_t first = hasInstance_ ? 1 : 0;
-  const std::size_t wanted = body_->parameters.size();
-  const std::size_t given = arguments.size() < first ? 0 : arguments.size() - first;
-  if (given < wanted || (given > wanted && !body_->hasTail))
-    throw std::runtime_error("expected " + std::string(body_->hasTail ? "at least " : "") +
-                             countText(wanted) + ", got " + std::to_string(given));
-
-  boost::container::small_vector<void*, 8> addresses;
-  boost::container::small_vector<AnyValue, 4> converted;
-  converted.reserve(wanted);  // addresses point into it
-  for (std::size_t i = 0; i < wanted; ++i) {
-    const AnyReference& argument = arguments[first + i];
-    const TypeInterface* type = body_->parameters[i];
-    if (sameType(argument.type(), type)) {
-      addresses.push_back(argument.pointer());
-      continue;
-    }
-    if (!type->construct)
-      throw ConversionError(ConversionError::Reason::Kind,
-                            "cannot convert " + typeName(argument.type()) + " to " +
-                                typeName(type) + " (argument " + std::to_string(i + 1) + ")");
-    AnyValue& value = converted.emplace_back(AnyValue::make(type));
-    void* address = value.asReference().pointer();
-    convertInto(argument, type, address, {nullptr, "argument", i + 1});
-    addresses.push_back(address);
+  if (!body_ || body_->returnType->kind == TypeKind::Void) {
+    invoke(arguments, nullptr);
+    return AnyReference::ofVoid();
   }
+  auto result = std::make_shared<ResultStorage>(body_->returnType);
+  invoke(arguments, result->place());
+  result->setFull();
+  void* place = result->place();
+  return {body_->returnType, place, std::move(result)};
+}
+
+void AnyFunction::callInto(std::span<const AnyReference> arguments, const TypeInterface* resultType,
+                           void* result) const {
+  if (!body_ || sameType(body_->returnType, resultType)) return invoke(arguments, result);
+  ResultStorage own(body_->returnType);
+  invoke(arguments, own.place());
+  own.setFull();
+  if (!resultType || resultType->kind == TypeKind::Void) return;
+  AnyValue converted = AnyValue::make(resultType);
+  void* value = converted.asReference().pointer();
+  convertInto(own.reference(), resultType, value);
+  resultType->move(result, value);
+}
+
+void AnyFunction::invoke(std::span<const AnyReference> arguments, void* result) const {
+  if (!body_) throw std::runtime_error("the function is empty");
+  const std::size_t first = hasInstance_ && !arguments.empty() ? 1 : 0;
+  const auto given = arguments.subspan(first);
+  const std::span<const TypeInterface* const> types = body_->parameters;
+  if (!body_->hasTail && given.size() == types.size() && given.size() <= fewArguments) {
+    std::array<void*, fewArguments> addresses;
+    std::size_t i = 0;
+    while (i < given.size() && sameType(given[i].type(), types[i])) {
+      addresses[i] = given[i].pointer();
+      ++i;
+    }
+    if (i == given.size()) return body_->invoke(body_.get(), addresses.data(), result);
+  }
+  const ExactArguments exact(given, types, body_->hasTail);
+  boost::container::small_vector<void*, fewArguments> addresses;
+  for (const AnyReference& reference : exact.references()) addresses.push_back(reference.pointer());
   AnyArguments tail;
   if (body_->hasTail) {
-    tail = collectTail(arguments, first + wanted);
+    tail = collectTail(given.subspan(types.size()));
     addresses.push_back(&tail);
   }
-  return body_->invoke(addresses.data());
+  body_->invoke(body_.get(), addresses.data(), result);
 }
 
 Signature AnyFunction::returnSignature() const {

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -79,6 +80,30 @@ TEST(AnyFunction, EmptyOnesRefuseToBeCalled) {
   EXPECT_FALSE(AnyFunction());
   EXPECT_EQ(errorOf(AnyFunction()), "the function is empty");
   EXPECT_EQ(AnyFunction().parametersSignature(true).toString(), "()");
+}
+
+TEST(AnyFunction, PutsItsResultWhereTheCallerWantsIt) {
+  int calls = 0;
+  const AnyFunction function = AnyFunction::from([copy = 0, &calls](int n) mutable {
+    calls = ++copy;
+    return std::string(40, static_cast<char>('a' + n));
+  });
+  const int n = 1;
+  const AnyReference arguments[] = {AnyReference::from(n)};
+  const auto callFor = [&]<class R>(R) {
+    alignas(R) unsigned char storage[sizeof(R)];
+    function.callInto(arguments, getType<R>(), storage);
+    R* made = std::launder(reinterpret_cast<R*>(storage));
+    R result = std::move(*made);
+    made->~R();
+    return result;
+  };
+  EXPECT_EQ(callFor(std::string()), std::string(40, 'b'));
+  EXPECT_EQ(callFor(AnyValue()).to<std::string>(), std::string(40, 'b'));
+  EXPECT_THROW(callFor(0), ConversionError);
+  function.callInto(arguments, nullptr, nullptr);
+  EXPECT_EQ(calls, 4) << "a callable may have state of its own";
+  EXPECT_THROW(AnyFunction().callInto(arguments, nullptr, nullptr), std::runtime_error);
 }
 
 TEST(AnyFunction, ResultsShareOwnership) {
