@@ -1,41 +1,25 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <string>
+#include <vector>
 
 #include <gvtype/object.h>
 
 namespace gv {
 
-/// An object whose methods are advertised at run time. Base of everything that the framework calls
-/// by id; usually made by a DynamicObjectBuilder.
+/// An object whose methods, signals and properties are advertised at run time. Base of everything
+/// that the framework calls by id; usually made by a DynamicObjectBuilder.
 ///
-/// Methods may be advertised while calls run: a call sees the methods from before or after. Handles
-/// on the object are made from a GenericObject over it; the object must outlive them.
+/// Members may be advertised while calls run: a call sees those from before or after. Their ids
+/// rise from MetaObject::firstOwnId, in one row. Handles share the count that owns the object.
 class GVTYPE_API DynamicObject {
  public:
   DynamicObject();
   virtual ~DynamicObject();
-  DynamicObject(const DynamicObject&) = delete;
-  DynamicObject& operator=(const DynamicObject&) = delete;
 
-  /// The description of all methods, the framework's own included. The reference is good for the
-  /// object's life, its content is that of the moment.
-  const MetaObject& metaObject() const;
-  /// The function of a method; null for an unknown id. Borrowed for the object's life.
-  const AnyFunction* method(unsigned id) const;
-
-  /// Adds a method behind `function`, which takes the instance first, and returns its id. Throws
-  /// std::runtime_error for a name outside the grammar. Adding is safe from any thread.
-  unsigned addMethod(MetaMethodBuilder method, AnyFunction function, MetaCallType callType);
-  void setDescription(const std::string& text);
-
-  /// The handle's part through which the framework's own methods reach this object. Not owned.
-  void setManageable(GenericObject* manageable);
-  /// Constant once the object is published.
-  void setThreadingModel(ObjectThreadingModel model);
-
-  /// Replaces the description of the object's methods, for objects whose bodies live elsewhere.
+  /// Replaces the description of the object's members, for objects whose bodies live elsewhere.
   virtual void setMetaObject(const MetaObject& metaObject);
 
   /// Calls the method `id`. An unknown id is an error of the future, as is whatever the method
@@ -43,18 +27,77 @@ class GVTYPE_API DynamicObject {
   virtual Future<AnyReference> metaCall(Object<Empty> context, unsigned id,
                                         const GenericFunctionParameters& arguments,
                                         MetaCallType callType, Signature returnSignature);
-  /// Starts the method `id` on the event loop and forgets it: ends in metaCall, queued.
+  /// Starts the method `id` on the event loop and forgets it: ends in metaCall, queued. Of a
+  /// signal: emits it there. Errors are logged or lost.
   virtual void metaPost(Object<Empty> context, unsigned id,
                         const GenericFunctionParameters& arguments);
 
+  /// Connects a handler to the signal `id`. It runs in the emitting thread, after the handlers
+  /// connected before it; or, Queued, on the event loop, in the order of the emissions. It may
+  /// connect, disconnect itself and others, emit, drop the object; what it throws is logged. Its
+  /// result is dropped. The future fails for an unknown signal or a wrong number of parameters.
+  virtual Future<SignalLink> metaConnect(Object<Empty> context, unsigned id, AnyFunction handler,
+                                         MetaCallType callType);
+  /// Disconnects a handler. No call of it starts any more; the future settles when none runs, but
+  /// for those on the calling thread's own stack. Never blocks. It fails for a link that is not
+  /// connected.
+  virtual Future<void> metaDisconnect(Object<Empty> context, SignalLink link);
+
+  /// The value of the property `id`.
+  virtual Future<AnyReference> metaProperty(Object<Empty> context, unsigned id);
+  /// Sets the property `id` to the value converted to its type, then emits its signal in this
+  /// thread. Fails the future, and changes nothing, where the value does not convert. Of several
+  /// that set at once the signals may come in another order than the values.
+  virtual Future<void> metaSetProperty(Object<Empty> context, unsigned id,
+                                       const AnyReference& value);
+
+  DynamicObject(const DynamicObject&) = delete;
+  DynamicObject& operator=(const DynamicObject&) = delete;
+
+  /// The description of all members, the framework's own included. The reference is good for the
+  /// object's life, its content is that of the moment.
+  const MetaObject& metaObject() const;
+  /// The function of a method; null for an unknown id. Borrowed for the object's life.
+  const AnyFunction* method(unsigned id) const;
+
+  /// Each adding operation returns the member's id and throws std::runtime_error for a name outside
+  /// the grammar. Adding is safe from any thread. A method's `function` takes the instance first.
+  unsigned addMethod(MetaMethodBuilder method, AnyFunction function, MetaCallType callType);
+  unsigned addSignal(const std::string& name, std::vector<const TypeInterface*> parameters);
+  /// Adds a property with a signal of its own. Values are of the type of the first one, which must
+  /// have a default value.
+  unsigned addProperty(const std::string& name, AnyValue initial);
+  void setDescription(const std::string& text);
+
+  /// Emits the signal `id`: runs its handlers or queues them. The arguments are converted to the
+  /// signal's types. Throws std::runtime_error for an unknown signal, a wrong number of arguments
+  /// or one that does not convert; no handler runs then. Handlers may drop the object.
+  void emitSignal(unsigned id, std::span<const AnyReference> arguments);
+
+  /// As ObjectTypeInterface::callNow.
+  bool callNow(unsigned id, std::span<const AnyReference> arguments,
+               const TypeInterface* resultType, void* result);
+
+  /// The view of this object that its handles share: its own, or the one set. Not owned.
+  GenericObject* manageable() const;
+  /// Constant once the object is published.
+  void setManageable(GenericObject* manageable);
+  /// Constant once the object is published.
+  void setThreadingModel(ObjectThreadingModel model);
+
  private:
+  void addBuiltinMethods();
+
   struct Private;
   std::unique_ptr<Private> p_;
 };
 
 /// The framework's own methods of every object.
 enum class BuiltinMethod : unsigned {
-  MetaObject = 2  ///< () -> the object's description
+  MetaObject = 2,   ///< () -> the object's description
+  Property = 5,     ///< (name) -> the property's value, dynamic
+  SetProperty = 6,  ///< (name, dynamic value) sets a property
+  Properties = 7    ///< () -> the names of all properties, by rising id
 };
 
 }  // namespace gv

@@ -8,7 +8,7 @@
 
 namespace gv {
 
-/// Advertises methods on a dynamic object, its own or a given one.
+/// Advertises methods, signals and properties on a dynamic object, its own or a given one.
 ///
 /// @code
 /// DynamicObjectBuilder builder;
@@ -22,7 +22,7 @@ class GVTYPE_API DynamicObjectBuilder {
   /// Adds to a given object, which stays the caller's and must outlive the builder.
   explicit DynamicObjectBuilder(DynamicObject* object);
 
-  /// Each advertising operation returns the method's id, and throws std::runtime_error for a name
+  /// Each advertising operation returns the member's id, and throws std::runtime_error for a name
   /// outside the grammar (isValidName).
   template <class F>
   unsigned advertiseMethod(const std::string& name, F callable,
@@ -41,6 +41,17 @@ class GVTYPE_API DynamicObjectBuilder {
   unsigned xAdvertiseMethod(const MetaMethodBuilder& method, AnyFunction function,
                             MetaCallType callType = MetaCallType::Auto);
 
+  /// Advertises a signal with parameters of these types; Object<Empty>::emit emits it.
+  template <class... P>
+  unsigned advertiseSignal(const std::string& name) {
+    return object_->addSignal(name, {getType<std::remove_cvref_t<P>>()...});
+  }
+  /// Advertises a property and, under its name, the signal of its new values.
+  template <class T>
+  unsigned advertiseProperty(const std::string& name, const T& initial) {
+    return object_->addProperty(name, AnyValue::from(initial));
+  }
+
   void setDescription(const std::string& text);
   /// Whether the object's methods may run side by side; they may unless this says otherwise.
   /// Set it before the object is called.
@@ -53,7 +64,7 @@ class GVTYPE_API DynamicObjectBuilder {
  private:
   unsigned advertise(MetaMethodBuilder& method, const AnyFunction& function, MetaCallType callType);
 
-  boost::shared_ptr<GenericObject> handle_;
+  boost::shared_ptr<DynamicObject> own_;  // null where the object was given
   DynamicObject* object_;
 };
 

@@ -25,6 +25,8 @@ class GenericObject;
 class MetaMethod;
 class MetaMethodBuilder;
 class MetaObject;
+class MetaProperty;
+class MetaSignal;
 class Signature;
 
 }  // namespace gv

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <span>
 #include <vector>
 
 #include <gvtype/anyreference.h>
@@ -16,6 +17,9 @@ class GVTYPE_API GenericFunctionParameters : public std::vector<AnyReference> {
   /// copied.
   GenericFunctionParameters copy() const;
 };
+
+/// The same for arguments that stand anywhere.
+GVTYPE_API GenericFunctionParameters ownedCopies(std::span<const AnyReference> arguments);
 
 /// References to the given values, which must outlive the result.
 template <class... A>

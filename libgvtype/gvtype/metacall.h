@@ -96,4 +96,32 @@ void handleFuture(const AnyReference& result, Promise<R> promise) {
   detail::settleWithResult(result, promise);
 }
 
+namespace detail {
+
+/// The future of a call's result converted to R, as handleFuture converts it.
+template <class R>
+Future<R> convertedResult(const Future<AnyReference>& result) {
+  // The caller's callbacks are user code: by default not for the settling thread.
+  Promise<R> promise(FutureCallbackType::Async);
+  result.connect(
+      [promise](Future<AnyReference> settled) {
+        try {
+          handleFuture<R>(settled.value(), promise);
+        } catch (const FutureException& error) {
+          promise.setError(error.what(), error.state());
+        } catch (const std::exception& error) {
+          promise.setError(error.what());
+        }
+      },
+      FutureCallbackType::Sync);
+  return promise.future();
+}
+
+template <class R>
+struct DestroyAtEnd {
+  R* value;
+  ~DestroyAtEnd() { value->~R(); }
+};
+
+}  // namespace detail
 }  // namespace gv

@@ -15,13 +15,18 @@ namespace gv {
 using MetaMethodDescription =
     std::tuple<unsigned, std::string, std::string, std::string, std::string,
                std::vector<std::pair<std::string, std::string>>, std::string>;
-/// The object's own description, then its methods.
-using MetaObjectDescription = std::tuple<std::string, std::vector<MetaMethodDescription>>;
+/// Of each signal or property: id, name, signature of the signal's parameters as a tuple or of the
+/// property's value. A property's own signal is not listed.
+using MetaMemberDescription = std::tuple<unsigned, std::string, std::string>;
+/// The object's own description, its methods, its signals, its properties.
+using MetaObjectDescription =
+    std::tuple<std::string, std::vector<MetaMethodDescription>, std::vector<MetaMemberDescription>,
+               std::vector<MetaMemberDescription>>;
 
 GVTYPE_API MetaObjectDescription describeMetaObject(const MetaObject& metaObject);
 
 /// Throws std::runtime_error for what describes no object: a malformed signature, a name outside
-/// the grammar, an id twice, more than 10,000 methods.
+/// the grammar, an id twice, more than 10,000 members.
 GVTYPE_API MetaObject makeMetaObject(const MetaObjectDescription& description);
 
 }  // namespace gv

@@ -25,9 +25,13 @@ void AnyReference::convertTo(const TypeInterface* type, void* target) const {
 }
 
 GenericFunctionParameters GenericFunctionParameters::copy() const {
+  return ownedCopies(*this);
+}
+
+GenericFunctionParameters ownedCopies(std::span<const AnyReference> arguments) {
   GenericFunctionParameters copies;
-  copies.reserve(size());
-  for (const AnyReference& argument : *this)
+  copies.reserve(arguments.size());
+  for (const AnyReference& argument : arguments)
     copies.push_back(argument.isOwning() ? argument : argument.clone());
   return copies;
 }

@@ -1,15 +1,20 @@
 #include <gvtype/dynamicobject.h>
 
+#include <array>
 #include <atomic>
+#include <deque>
 #include <mutex>
 #include <stdexcept>
+#include <typeinfo>
 #include <utility>
-#include <vector>
 
 #include <gv/eventloop.h>
+#include <gv/log.h>
 #include <gvtype/metaobjectdescription.h>
 
+#include "propertytable.h"
 #include "serialqueue.h"
+#include "signaltable.h"
 
 namespace gv {
 namespace {
@@ -18,57 +23,87 @@ struct Method {
   MetaMethod description;
   AnyFunction function;
   MetaCallType callType;
-};
 
-/// The methods at one moment. Calls read it without a lock.
-struct Snapshot {
-  std::vector<Method> methods;  // by ascending id
-  MetaObject metaObject;
-
-  const Method* find(unsigned id) const {
-    for (std::size_t low = 0, high = methods.size(); low < high;) {
-      const std::size_t middle = (low + high) / 2;
-      const unsigned uid = methods[middle].description.uid();
-      if (uid == id) return &methods[middle];
-      (uid < id ? low : high) = uid < id ? middle + 1 : middle;
-    }
-    return nullptr;
+  /// Whether an automatic call may run it in the calling thread and has its result then.
+  bool isDirect() const {
+    return callType != MetaCallType::Queued && function &&
+           function.returnType()->kind != TypeKind::Future;
   }
 };
 
-MetaMethod describeBuiltin(BuiltinMethod id, const std::string& name, const AnyFunction& function) {
-  MetaMethodBuilder builder;
-  builder.setUid(static_cast<unsigned>(id));
-  builder.setName(name);
-  builder.setReturnSignature(function.returnSignature());
-  builder.setParametersSignature(function.parametersSignature(true));
-  return builder.metaMethod();
+/// The members at one moment. Calls read it without a lock.
+struct Snapshot {
+  std::vector<const Method*> builtin;
+  std::vector<const Method*> own;  // by id, from firstOwnId; null where another member is
+  MetaObject metaObject;
+
+  const Method* find(unsigned id) const {
+    if (id >= MetaObject::firstOwnId) {
+      const std::size_t index = id - MetaObject::firstOwnId;
+      return index < own.size() ? own[index] : nullptr;
+    }
+    for (const Method* method : builtin)
+      if (method->description.uid() == id) return method;
+    return nullptr;
+  }
+
+  void add(const Method& method) {
+    const unsigned id = method.description.uid();
+    if (id < MetaObject::firstOwnId) return builtin.push_back(&method);
+    own.resize(id - MetaObject::firstOwnId + 1);
+    own.back() = &method;
+  }
+};
+
+void checkName(const char* kind, const std::string& name) {
+  if (!isValidName(name))
+    throw std::runtime_error("a " + std::string(kind) + " cannot have the name '" + name +
+                             "': names have 1 to 255 bytes, no control characters, no '/', no '(' "
+                             "and do not start with a blank");
 }
 
 }  // namespace
 
 struct DynamicObject::Private {
-  std::mutex mutex;  // guards what follows, but for `current` and `serial`
-  std::vector<Method> methods;
+  explicit Private(DynamicObject* object) : ownView(getDynamicTypeInterface(), object) {}
+
+  GenericObject ownView;
+  GenericObject* manageable = &ownView;
+
+  std::mutex mutex;            // guards what follows, up to `current`
+  std::deque<Method> methods;  // by rising id; constant once in, so that snapshots point at them
+  std::vector<MetaSignal> signalDescriptions;
+  std::vector<MetaProperty> propertyDescriptions;
   std::string description;
   unsigned nextId = MetaObject::firstOwnId;
   /// All that were ever read: references into them stay good for the object's life.
   std::vector<std::unique_ptr<const Snapshot>> snapshots;
-  GenericObject* manageable = nullptr;
 
-  /// The newest snapshot, null when methods were added since. Atomic: calls read it unlocked.
+  /// The newest snapshot, null when members were added since. Atomic: calls read it unlocked.
   std::atomic<const Snapshot*> current{nullptr};
   /// Set for the single-threaded model only; constant once the object is published.
   std::shared_ptr<SerialQueue> serial;
+  SignalTable signals;
+  PropertyTable properties;
 
   const Snapshot& snapshot() {
-    if (const Snapshot* newest = current.load(std::memory_order_acquire)) return *newest;
+    const Snapshot* newest = current.load(std::memory_order_acquire);
+    return newest ? *newest : makeSnapshot();
+  }
+
+  const Snapshot& makeSnapshot() {
     const std::lock_guard lock(mutex);
     if (const Snapshot* newest = current.load(std::memory_order_relaxed)) return *newest;
+    Snapshot made;
     std::vector<MetaMethod> descriptions;
     descriptions.reserve(methods.size());
-    for (const Method& method : methods) descriptions.push_back(method.description);
-    replaceLocked({methods, MetaObject(std::move(descriptions), description)});
+    for (const Method& method : methods) {
+      descriptions.push_back(method.description);
+      made.add(method);
+    }
+    made.metaObject =
+        MetaObject(std::move(descriptions), signalDescriptions, propertyDescriptions, description);
+    replaceLocked(std::move(made));
     return *snapshots.back();
   }
 
@@ -76,16 +111,48 @@ struct DynamicObject::Private {
     snapshots.push_back(std::make_unique<const Snapshot>(std::move(snapshot)));
     current.store(snapshots.back().get(), std::memory_order_release);
   }
+
+  unsigned takeId() {
+    const std::lock_guard lock(mutex);
+    return nextId++;
+  }
+
+  void setChangedLocked() { current.store(nullptr, std::memory_order_release); }
 };
 
-DynamicObject::DynamicObject() : p_(std::make_unique<Private>()) {
-  const auto function =
-      AnyFunction::from([this] { return describeMetaObject(metaObject()); }).withInstance();
-  p_->methods.push_back({describeBuiltin(BuiltinMethod::MetaObject, "metaObject", function),
-                         function, MetaCallType::Direct});
+DynamicObject::DynamicObject() : p_(std::make_unique<Private>(this)) {
+  addBuiltinMethods();
 }
 
 DynamicObject::~DynamicObject() = default;
+
+void DynamicObject::addBuiltinMethods() {
+  const auto add = [this](BuiltinMethod id, const char* name, auto callable) {
+    const AnyFunction function = AnyFunction::from(std::move(callable)).withInstance();
+    MetaMethodBuilder builder;
+    builder.setUid(static_cast<unsigned>(id));
+    builder.setName(name);
+    builder.setReturnSignature(function.returnSignature());
+    builder.setParametersSignature(function.parametersSignature(true));
+    p_->methods.push_back({builder.metaMethod(), function, MetaCallType::Direct});
+  };
+  // The caller's handle keeps the object alive during the call, here as for any method.
+  add(BuiltinMethod::MetaObject, "metaObject", [this] { return describeMetaObject(metaObject()); });
+  add(BuiltinMethod::Property, "property", [this](const std::string& name) {
+    return metaProperty({}, metaObject().propertyNamed(name).uid())
+        .then([](const Future<AnyReference>& got) { return AnyValue::copyOf(got.value()); },
+              FutureCallbackType::Sync);
+  });
+  add(BuiltinMethod::SetProperty, "setProperty",
+      [this](const std::string& name, const AnyValue& value) {
+        return metaSetProperty({}, metaObject().propertyNamed(name).uid(), value.asReference());
+      });
+  add(BuiltinMethod::Properties, "properties", [this] {
+    std::vector<std::string> names;
+    for (const auto& [uid, property] : metaObject().propertyMap()) names.push_back(property.name());
+    return names;
+  });
+}
 
 const MetaObject& DynamicObject::metaObject() const {
   return p_->snapshot().metaObject;
@@ -98,27 +165,54 @@ const AnyFunction* DynamicObject::method(unsigned id) const {
 
 unsigned DynamicObject::addMethod(MetaMethodBuilder method, AnyFunction function,
                                   MetaCallType callType) {
-  const std::string& name = method.metaMethod().name();
-  if (!isValidName(name))
-    throw std::runtime_error("a method cannot have the name '" + name +
-                             "': names have 1 to 255 bytes, no control characters, no '/', no '(' "
-                             "and do not start with a blank");
+  checkName("method", method.metaMethod().name());
   const std::lock_guard lock(p_->mutex);
   const unsigned uid = p_->nextId++;
   method.setUid(uid);
   p_->methods.push_back({method.metaMethod(), std::move(function), callType});
-  p_->current.store(nullptr, std::memory_order_release);
+  p_->setChangedLocked();
+  return uid;
+}
+
+unsigned DynamicObject::addSignal(const std::string& name,
+                                  std::vector<const TypeInterface*> parameters) {
+  checkName("signal", name);
+  std::string signature = "(";
+  for (const TypeInterface* type : parameters) appendSignature(signature, type);
+  signature += ')';
+  const unsigned uid = p_->takeId();
+  p_->signals.add(uid, name, std::move(parameters));
+  const std::lock_guard lock(p_->mutex);
+  p_->signalDescriptions.emplace_back(uid, name, signature);
+  p_->setChangedLocked();
+  return uid;
+}
+
+unsigned DynamicObject::addProperty(const std::string& name, AnyValue initial) {
+  checkName("property", name);
+  const TypeInterface* type = initial.type();
+  std::string signature;
+  appendSignature(signature, type);
+  const unsigned uid = p_->takeId();
+  p_->signals.add(uid, name, {type});
+  p_->properties.add(uid, name, std::move(initial));
+  const std::lock_guard lock(p_->mutex);
+  p_->propertyDescriptions.emplace_back(uid, name, signature);
+  p_->setChangedLocked();
   return uid;
 }
 
 void DynamicObject::setDescription(const std::string& text) {
   const std::lock_guard lock(p_->mutex);
   p_->description = text;
-  p_->current.store(nullptr, std::memory_order_release);
+  p_->setChangedLocked();
+}
+
+GenericObject* DynamicObject::manageable() const {
+  return p_->manageable;
 }
 
 void DynamicObject::setManageable(GenericObject* manageable) {
-  const std::lock_guard lock(p_->mutex);
   p_->manageable = manageable;
 }
 
@@ -130,7 +224,24 @@ void DynamicObject::setThreadingModel(ObjectThreadingModel model) {
 
 void DynamicObject::setMetaObject(const MetaObject& metaObject) {
   const std::lock_guard lock(p_->mutex);
-  p_->replaceLocked({{}, metaObject});
+  p_->replaceLocked({{}, {}, metaObject});
+}
+
+bool DynamicObject::callNow(unsigned id, std::span<const AnyReference> arguments,
+                            const TypeInterface* resultType, void* result) {
+  // What derives from this class may have a metaCall of its own.
+  if (typeid(*this) != typeid(DynamicObject) || p_->serial) return false;
+  const Method* method = p_->snapshot().find(id);
+  if (!method || !method->isDirect()) return false;
+  if (resultType && !sameType(resultType, method->function.returnType())) return false;
+  try {
+    method->function.callInto(arguments, resultType, result);
+  } catch (const std::exception& error) {
+    throw FutureException(FutureException::State::UserError, error.what());
+  } catch (...) {
+    throw FutureException(FutureException::State::UserError, "unknown exception");
+  }
+  return true;
 }
 
 Future<AnyReference> DynamicObject::metaCall(Object<Empty> context, unsigned id,
@@ -170,7 +281,65 @@ Future<AnyReference> DynamicObject::metaCall(Object<Empty> context, unsigned id,
 
 void DynamicObject::metaPost(Object<Empty> context, unsigned id,
                              const GenericFunctionParameters& arguments) {
-  metaCall(std::move(context), id, arguments, MetaCallType::Queued, {});
+  if (!p_->signals.contains(id)) {
+    metaCall(std::move(context), id, arguments, MetaCallType::Queued, {});
+    return;
+  }
+  const auto logFailure = [](const char* text) {
+    GV_LOG(log::Level::Error, "gv.signal", "metaPost", text);
+  };
+  try {
+    auto emission = [this, context, id, copies = arguments.copy(), logFailure] {
+      try {
+        emitSignal(id, copies);
+      } catch (const std::exception& error) {
+        logFailure(error.what());
+      }
+    };
+    if (p_->serial)
+      p_->serial->post(std::move(emission));
+    else
+      getEventLoop()->post(std::move(emission));
+  } catch (const std::exception& error) {  // arguments that cannot be copied, or a forked child
+    logFailure(error.what());
+  }
+}
+
+Future<SignalLink> DynamicObject::metaConnect(Object<Empty>, unsigned id, AnyFunction handler,
+                                              MetaCallType callType) {
+  try {
+    return makeReadyFuture(p_->signals.connect(id, std::move(handler), callType));
+  } catch (const std::runtime_error& error) {
+    return makeFailedFuture<SignalLink>(error.what());
+  }
+}
+
+Future<void> DynamicObject::metaDisconnect(Object<Empty>, SignalLink link) {
+  return p_->signals.disconnect(link);
+}
+
+Future<AnyReference> DynamicObject::metaProperty(Object<Empty>, unsigned id) {
+  try {
+    return makeReadyFuture(p_->properties.value(id));
+  } catch (const std::runtime_error& error) {
+    return makeFailedFuture<AnyReference>(error.what());
+  }
+}
+
+Future<void> DynamicObject::metaSetProperty(Object<Empty>, unsigned id, const AnyReference& value) {
+  try {
+    const std::array placed = {p_->properties.set(id, value)};
+    emitSignal(id, placed);
+    return makeReadyFuture();
+  } catch (const std::exception& error) {
+    return makeFailedFuture<void>(error.what());
+  } catch (...) {  // of copying the user's value
+    return makeFailedFuture<void>("unknown exception");
+  }
+}
+
+void DynamicObject::emitSignal(unsigned id, std::span<const AnyReference> arguments) {
+  p_->signals.emit(id, arguments);
 }
 
 const ObjectTypeInterface* getDynamicTypeInterface() {
@@ -191,6 +360,33 @@ const ObjectTypeInterface* getDynamicTypeInterface() {
           [](void* object, const Object<Empty>& context, unsigned id,
              const GenericFunctionParameters& arguments) {
             static_cast<DynamicObject*>(object)->metaPost(context, id, arguments);
+          },
+      .metaConnect =
+          [](void* object, const Object<Empty>& context, unsigned id, AnyFunction handler,
+             MetaCallType callType) {
+            return static_cast<DynamicObject*>(object)->metaConnect(context, id, std::move(handler),
+                                                                    callType);
+          },
+      .metaDisconnect =
+          [](void* object, const Object<Empty>& context, SignalLink link) {
+            return static_cast<DynamicObject*>(object)->metaDisconnect(context, link);
+          },
+      .metaProperty =
+          [](void* object, const Object<Empty>& context, unsigned id) {
+            return static_cast<DynamicObject*>(object)->metaProperty(context, id);
+          },
+      .metaSetProperty =
+          [](void* object, const Object<Empty>& context, unsigned id, const AnyReference& value) {
+            return static_cast<DynamicObject*>(object)->metaSetProperty(context, id, value);
+          },
+      .emitSignal =
+          [](void* object, unsigned id, std::span<const AnyReference> arguments) {
+            static_cast<DynamicObject*>(object)->emitSignal(id, arguments);
+          },
+      .callNow =
+          [](void* object, unsigned id, std::span<const AnyReference> arguments,
+             const TypeInterface* resultType, void* result) {
+            return static_cast<DynamicObject*>(object)->callNow(id, arguments, resultType, result);
           },
   };
   return &type;

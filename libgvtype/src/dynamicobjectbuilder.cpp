@@ -5,22 +5,9 @@
 #include <boost/make_shared.hpp>
 
 namespace gv {
-namespace {
 
-/// A dynamic object together with the view that handles share.
-struct OwnedObject {
-  DynamicObject object;
-  GenericObject generic{getDynamicTypeInterface(), &object};
-};
-
-}  // namespace
-
-DynamicObjectBuilder::DynamicObjectBuilder() {
-  auto owned = boost::make_shared<OwnedObject>();
-  owned->object.setManageable(&owned->generic);
-  object_ = &owned->object;
-  handle_ = boost::shared_ptr<GenericObject>(owned, &owned->generic);
-}
+DynamicObjectBuilder::DynamicObjectBuilder()
+    : own_(boost::make_shared<DynamicObject>()), object_(own_.get()) {}
 
 DynamicObjectBuilder::DynamicObjectBuilder(DynamicObject* object) : object_(object) {}
 
@@ -46,9 +33,8 @@ void DynamicObjectBuilder::setThreadingModel(ObjectThreadingModel model) {
 }
 
 Object<Empty> DynamicObjectBuilder::object() const {
-  if (!handle_)
-    throw std::logic_error("the object was given to the builder: its owner has handles");
-  return Object<Empty>(handle_);
+  if (!own_) throw std::logic_error("the object was given to the builder: its owner has handles");
+  return gv::Object<DynamicObject>(own_);
 }
 
 }  // namespace gv

@@ -1,26 +1,73 @@
 #include <gvtype/metaobject.h>
 
 #include <stdexcept>
-#include <string_view>
 #include <unordered_map>
 
 #include <gvtype/conversion.h>
 
+#include "nearestnames.h"
+
 namespace gv {
 namespace {
+
+constexpr std::string_view simpleCodes = "bcynqiuxtfds";
+
+/// The type code of a scalar or string, 0 of any other type.
+char simpleCode(const TypeInterface* type) {
+  if (!type) return 0;
+  switch (type->kind) {
+    case TypeKind::Bool:
+      return 'b';
+    case TypeKind::Int: {
+      const bool isSigned = type->isSigned;
+      switch (type->size) {
+        case 1:
+          return isSigned ? 'c' : 'y';
+        case 2:
+          return isSigned ? 'n' : 'q';
+        case 4:
+          return isSigned ? 'i' : 'u';
+        default:
+          return isSigned ? 'x' : 't';
+      }
+    }
+    case TypeKind::Float:
+      return type->size == 4 ? 'f' : 'd';
+    case TypeKind::String:
+      return 's';
+    default:
+      return 0;
+  }
+}
 
 /// A method as overload resolution sees it.
 struct Candidate {
   const MetaMethod* method;
   std::vector<std::string_view> parameters;
+  std::string codes;  // of the parameters, where all are scalars or strings
+  bool isSimple;      // `codes` tells all
   bool hasTail;
+
+  bool isExactly(std::span<const AnyReference> arguments) const {
+    if (!isSimple || arguments.size() != codes.size()) return false;
+    for (std::size_t i = 0; i < codes.size(); ++i)
+      if (simpleCode(arguments[i].type()) != codes[i]) return false;
+    return true;
+  }
 };
 
 Candidate makeCandidate(const MetaMethod& method) {
-  Candidate candidate{&method, signatureMembers(method.parametersSignature().toString()), false};
+  Candidate candidate{
+      &method, signatureMembers(method.parametersSignature().toString()), {}, true, false};
   if (!candidate.parameters.empty() && candidate.parameters.back() == "*") {
     candidate.parameters.pop_back();
     candidate.hasTail = true;
+    candidate.isSimple = false;
+  }
+  for (const std::string_view parameter : candidate.parameters) {
+    candidate.codes += parameter;
+    if (parameter.size() != 1 || simpleCodes.find(parameter[0]) == std::string_view::npos)
+      candidate.isSimple = false;
   }
   return candidate;
 }
@@ -32,7 +79,7 @@ bool acceptsCount(const Candidate& candidate, std::size_t count) {
 
 /// The sum of what the arguments cost; negative when one does not convert. A tail fits anything and
 /// therefore worst.
-int costOf(const Candidate& candidate, const GenericFunctionParameters& arguments,
+int costOf(const Candidate& candidate, std::span<const AnyReference> arguments,
            bool* looksAtValue) {
   constexpr int tailCost = 20;
   int total = candidate.hasTail ? tailCost : 0;
@@ -44,43 +91,134 @@ int costOf(const Candidate& candidate, const GenericFunctionParameters& argument
   return total;
 }
 
-std::string argumentsText(const GenericFunctionParameters& arguments) {
+/// The method whose parameters the arguments fit best; negative where several do equally or none.
+int cheapest(const std::vector<Candidate>& candidates, std::span<const AnyReference> arguments,
+             bool* canCache) {
+  const Candidate* best = nullptr;
+  int bestCost = 0;
+  bool isAmbiguous = false;
+  bool looksAtValue = false;
+  for (const Candidate& candidate : candidates) {
+    if (!acceptsCount(candidate, arguments.size())) continue;
+    const int cost = costOf(candidate, arguments, &looksAtValue);
+    if (cost < 0 || (best && cost > bestCost)) continue;
+    if (best && cost == bestCost) {
+      // The same name and parameters again: the lowest id stands for all of them.
+      if (candidate.parameters != best->parameters) isAmbiguous = true;
+      continue;
+    }
+    best = &candidate;
+    bestCost = cost;
+    isAmbiguous = false;
+  }
+  if (canCache) *canCache = !looksAtValue;
+  return best && !isAmbiguous ? static_cast<int>(best->method->uid()) : -1;
+}
+
+std::string argumentsText(std::span<const AnyReference> arguments) {
   std::string text = "(";
   for (const AnyReference& argument : arguments) text += argument.signature();
   return text + ")";
+}
+
+/// Finds by a view, without making a string.
+struct NameHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view name) const noexcept {
+    return std::hash<std::string_view>()(name);
+  }
+};
+
+template <class Member>
+void addMembers(std::map<unsigned, Member>& map, std::vector<Member> members) {
+  for (Member& member : members) {
+    const unsigned uid = member.uid();
+    if (!map.emplace(uid, std::move(member)).second)
+      throw std::runtime_error("two members of an object have the id " + std::to_string(uid));
+  }
+}
+
+template <class Member>
+std::vector<NamedText> namesOf(const std::map<unsigned, Member>& members) {
+  std::vector<NamedText> names;
+  for (const auto& [uid, member] : members) names.push_back({member.name(), member.toString()});
+  return names;
+}
+
+template <class Member>
+const Member& memberNamed(const std::map<unsigned, Member>& members, const char* kind,
+                          const std::string& name) {
+  for (const auto& [uid, member] : members)
+    if (member.name() == name) return member;
+  throw std::runtime_error("unknown " + std::string(kind) + " '" + name + "'" +
+                           suggestNearest(name, namesOf(members)));
 }
 
 }  // namespace
 
 struct MetaObject::Content {
   std::map<unsigned, MetaMethod> methods;
-  std::unordered_map<std::string, std::vector<Candidate>> byName;
+  std::map<unsigned, MetaSignal> signals;
+  std::map<unsigned, MetaProperty> properties;
+  std::unordered_map<std::string, std::vector<Candidate>, NameHash, std::equal_to<>> byName;
   std::string description;
 
-  const std::vector<Candidate>& named(const std::string& name) const {
+  const std::vector<Candidate>& named(std::string_view name) const {
     static const std::vector<Candidate> none;
     const auto found = byName.find(name);
     return found == byName.end() ? none : found->second;
   }
+
+  void addCandidate(const MetaMethod& method) {
+    std::vector<Candidate>& candidates = byName[method.name()];
+    if (method.uid() >= firstOwnId && !candidates.empty() &&
+        candidates.front().method->uid() <= maxBuiltinId)
+      candidates.clear();
+    candidates.push_back(makeCandidate(method));
+  }
+
+  void checkIds() const {
+    for (const auto& [uid, signal] : signals)
+      if (methods.contains(uid))
+        throw std::runtime_error("two members of an object have the id " + std::to_string(uid));
+  }
 };
 
-MetaObject::MetaObject() : MetaObject({}, {}) {}
+MetaObject::MetaObject() : MetaObject({}, {}, {}, {}) {}
 
-MetaObject::MetaObject(std::vector<MetaMethod> methods, std::string description) {
+MetaObject::MetaObject(std::vector<MetaMethod> methods, std::vector<MetaSignal> signals,
+                       std::vector<MetaProperty> properties, std::string description) {
   auto content = std::make_shared<Content>();
   content->description = std::move(description);
-  for (MetaMethod& method : methods) {
-    const unsigned uid = method.uid();
-    if (!content->methods.emplace(uid, std::move(method)).second)
-      throw std::runtime_error("two methods have the id " + std::to_string(uid));
-  }
-  for (const auto& [uid, method] : content->methods)
-    content->byName[method.name()].push_back(makeCandidate(method));
+  for (const MetaProperty& property : properties)
+    signals.emplace_back(property.uid(), property.name(),
+                         "(" + property.signature().toString() + ")");
+  addMembers(content->methods, std::move(methods));
+  addMembers(content->signals, std::move(signals));
+  addMembers(content->properties, std::move(properties));
+  content->checkIds();
+  for (const auto& [uid, method] : content->methods) content->addCandidate(method);
   content_ = std::move(content);
 }
 
 const std::map<unsigned, MetaMethod>& MetaObject::methodMap() const {
   return content_->methods;
+}
+
+const std::map<unsigned, MetaSignal>& MetaObject::signalMap() const {
+  return content_->signals;
+}
+
+const std::map<unsigned, MetaProperty>& MetaObject::propertyMap() const {
+  return content_->properties;
+}
+
+const MetaSignal& MetaObject::signalNamed(const std::string& name) const {
+  return memberNamed(content_->signals, "signal", name);
+}
+
+const MetaProperty& MetaObject::propertyNamed(const std::string& name) const {
+  return memberNamed(content_->properties, "property", name);
 }
 
 const std::string& MetaObject::description() const {
@@ -110,38 +248,32 @@ std::vector<MetaMethod> MetaObject::findCompatibleMethod(const std::string& name
 
 int MetaObject::findMethod(const std::string& nameOrSignature,
                            const GenericFunctionParameters& arguments, bool* canCache) const {
+  return resolve(nameOrSignature, arguments, canCache);
+}
+
+int MetaObject::resolve(std::string_view nameOrSignature, std::span<const AnyReference> arguments,
+                        bool* canCache) const {
   if (canCache) *canCache = true;
-  if (nameOrSignature.find('(') != std::string::npos) {
-    const std::vector<MetaMethod> exact = findCompatibleMethod(nameOrSignature);
-    return exact.empty() ? -1 : static_cast<int>(exact.front().uid());
+  const std::size_t open = nameOrSignature.find('(');
+  const auto& candidates = content_->named(nameOrSignature.substr(0, open));
+  for (const Candidate& candidate : candidates) {
+    const bool isMeant =
+        open == std::string_view::npos
+            ? candidate.isExactly(arguments)
+            : candidate.method->parametersSignature().toString() == nameOrSignature.substr(open);
+    if (isMeant) return static_cast<int>(candidate.method->uid());
   }
-  const Candidate* best = nullptr;
-  int bestCost = 0;
-  bool isAmbiguous = false;
-  bool looksAtValue = false;
-  for (const Candidate& candidate : content_->named(nameOrSignature)) {
-    if (!acceptsCount(candidate, arguments.size())) continue;
-    const int cost = costOf(candidate, arguments, &looksAtValue);
-    if (cost < 0 || (best && cost > bestCost)) continue;
-    if (best && cost == bestCost) {
-      // The same name and parameters again: the lowest id stands for all of them.
-      if (candidate.parameters != best->parameters) isAmbiguous = true;
-      continue;
-    }
-    best = &candidate;
-    bestCost = cost;
-    isAmbiguous = false;
-  }
-  if (canCache) *canCache = !looksAtValue;
-  return best && !isAmbiguous ? static_cast<int>(best->method->uid()) : -1;
+  return open == std::string_view::npos ? cheapest(candidates, arguments, canCache) : -1;
 }
 
 std::string MetaObject::explainNoMatch(const std::string& nameOrSignature,
-                                       const GenericFunctionParameters& arguments) const {
+                                       std::span<const AnyReference> arguments) const {
   const auto [name, parameters] = signatureSplit(nameOrSignature);
   const auto& candidates = content_->named(name);
   const std::string asked = parameters.empty() ? name + argumentsText(arguments) : nameOrSignature;
-  if (candidates.empty()) return "unknown method '" + asked + "': there is no method of that name";
+  if (candidates.empty())
+    return "unknown method '" + asked + "': there is no method of that name" +
+           suggestNearest(name, namesOf(content_->methods));
   std::string text = "no single method matches '" + asked + "'; candidate(s):";
   for (const Candidate& candidate : candidates) text += " " + candidate.method->toString();
   if (candidates.size() > 1 || !acceptsCount(candidates[0], arguments.size())) return text;

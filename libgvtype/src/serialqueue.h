@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -11,7 +12,8 @@
 namespace gv {
 
 /// Runs tasks one at a time, in the order they were posted, on the threads of an event loop. Tasks
-/// must not throw.
+/// must not throw. After some tasks the queue goes behind what else the loop has to do; a task that
+/// blocks holds up its own queue only.
 class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
  public:
   explicit SerialQueue(EventLoop* loop) : loop_(loop) {}
@@ -25,7 +27,7 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
       isRunning_ = true;
     }
     try {
-      loop_->post([self = shared_from_this()] { self->drain(); });
+      schedule();
     } catch (...) {
       std::deque<std::function<void()>> dropped;
       const std::lock_guard lock(mutex_);
@@ -44,10 +46,34 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
     return queue;
   }
 
+  void schedule() {
+    loop_->post([self = shared_from_this()] { self->drain(); });
+  }
+
   void drain() {
+    constexpr int atOnce = 64;
     const SerialQueue* outer = std::exchange(current(), this);
-    while (const std::function<void()> task = next()) task();
+    bool isScheduled = false;
+    for (int done = 1; !isScheduled && runNext(); ++done)
+      if (done % atOnce == 0) isScheduled = tryToSchedule();
     current() = outer;
+  }
+
+  /// False where there is nothing to run. The task dies before the next one starts.
+  bool runNext() {
+    const std::function<void()> task = next();
+    if (task) task();
+    return task != nullptr;
+  }
+
+  /// False where the loop takes no more tasks: then this one goes on.
+  bool tryToSchedule() {
+    try {
+      schedule();
+      return true;
+    } catch (const std::exception&) {
+      return false;
+    }
   }
 
   std::function<void()> next() {

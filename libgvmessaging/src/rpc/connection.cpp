@@ -4,6 +4,7 @@
 
 #include <gv/eventloop.h>
 #include <gv/log.h>
+#include <gvtype/dynamicobject.h>
 
 #include "src/rpc/argumentlist.h"
 #include "src/rpc/callcontext.h"
@@ -27,8 +28,10 @@ bool isDirectorys(const wire::FrameHeader& header) {
   return header.service == 1;
 }
 
+/// What runs no user code, so that the network's thread serves it: setting a property would run
+/// the handlers of its signal.
 bool isFrameworks(const wire::FrameHeader& header) {
-  return isDirectorys(header) || header.member <= MetaObject::maxBuiltinId;
+  return isDirectorys(header) || header.member == static_cast<unsigned>(BuiltinMethod::MetaObject);
 }
 
 /// One call of the peer's that was read and has not ended, as its connection counts it.

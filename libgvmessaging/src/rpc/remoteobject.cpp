@@ -9,13 +9,9 @@
 namespace gv::rpc {
 namespace {
 
-/// A remote object together with the view that handles share.
-struct OwnedRemote {
-  OwnedRemote(std::shared_ptr<Connection> connection, unsigned service)
-      : object(std::move(connection), service) {}
-  RemoteObject object;
-  GenericObject generic{getDynamicTypeInterface(), static_cast<DynamicObject*>(&object)};
-};
+std::string noProperty(unsigned id) {
+  return "the object has no property with id " + std::to_string(id);
+}
 
 /// How every object is asked for its description, known before the description is.
 MetaMethod metaObjectMethod() {
@@ -37,10 +33,9 @@ Future<Object<Empty>> RemoteObject::make(const std::shared_ptr<Connection>& conn
       .then(
           [connection, service](Future<AnyReference> settled) {
             const auto description = settled.value().to<MetaObjectDescription>();
-            auto owned = boost::make_shared<OwnedRemote>(connection, service);
-            owned->object.setManageable(&owned->generic);
-            owned->object.setMetaObject(makeMetaObject(description));
-            return Object<Empty>(boost::shared_ptr<GenericObject>(owned, &owned->generic));
+            const auto object = boost::make_shared<RemoteObject>(connection, service);
+            object->setMetaObject(makeMetaObject(description));
+            return Object<Empty>(Object<RemoteObject>(object));
           },
           FutureCallbackType::Sync);
 }
@@ -63,6 +58,24 @@ Future<AnyReference> RemoteObject::metaCall(Object<Empty>, unsigned id,
 void RemoteObject::metaPost(Object<Empty>, unsigned id,
                             const GenericFunctionParameters& arguments) {
   connection_->post(service_, methodOrThrow(id), arguments);
+}
+
+Future<AnyReference> RemoteObject::metaProperty(Object<Empty> context, unsigned id) {
+  const auto& properties = metaObject().propertyMap();
+  const auto property = properties.find(id);
+  if (property == properties.end()) return makeFailedFuture<AnyReference>(noProperty(id));
+  return metaCall(std::move(context), static_cast<unsigned>(BuiltinMethod::Property),
+                  makeParameters(property->second.name()), MetaCallType::Auto, {});
+}
+
+Future<void> RemoteObject::metaSetProperty(Object<Empty> context, unsigned id,
+                                           const AnyReference& value) {
+  const auto& properties = metaObject().propertyMap();
+  const auto property = properties.find(id);
+  if (property == properties.end()) return makeFailedFuture<void>(noProperty(id));
+  return metaCall(std::move(context), static_cast<unsigned>(BuiltinMethod::SetProperty),
+                  {AnyReference::from(property->second.name()), value}, MetaCallType::Auto, {})
+      .then([](const Future<AnyReference>& settled) { settled.value(); }, FutureCallbackType::Sync);
 }
 
 }  // namespace gv::rpc

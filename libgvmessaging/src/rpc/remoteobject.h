@@ -25,6 +25,9 @@ class GVMESSAGING_API RemoteObject final : public DynamicObject {
   /// Throws std::runtime_error when it could not be sent.
   void metaPost(Object<Empty> context, unsigned id,
                 const GenericFunctionParameters& arguments) override;
+  Future<AnyReference> metaProperty(Object<Empty> context, unsigned id) override;
+  Future<void> metaSetProperty(Object<Empty> context, unsigned id,
+                               const AnyReference& value) override;
 
  private:
   const MetaMethod& methodOrThrow(unsigned id) const;
