@@ -20,15 +20,18 @@ namespace gv {
 namespace {
 
 struct Method {
+  Method(MetaMethod described, AnyFunction body, MetaCallType type)
+      : description(std::move(described)),
+        function(std::move(body)),
+        callType(type),
+        isDirect(type != MetaCallType::Queued && function &&
+                 function.returnType()->kind != TypeKind::Future) {}
+
   MetaMethod description;
   AnyFunction function;
   MetaCallType callType;
-
   /// Whether an automatic call may run it in the calling thread and has its result then.
-  bool isDirect() const {
-    return callType != MetaCallType::Queued && function &&
-           function.returnType()->kind != TypeKind::Future;
-  }
+  bool isDirect;
 };
 
 /// The members at one moment. Calls read it without a lock.
@@ -134,7 +137,7 @@ void DynamicObject::addBuiltinMethods() {
     builder.setName(name);
     builder.setReturnSignature(function.returnSignature());
     builder.setParametersSignature(function.parametersSignature(true));
-    p_->methods.push_back({builder.metaMethod(), function, MetaCallType::Direct});
+    p_->methods.emplace_back(builder.metaMethod(), function, MetaCallType::Direct);
   };
   // The caller's handle keeps the object alive during the call, here as for any method.
   add(BuiltinMethod::MetaObject, "metaObject", [this] { return describeMetaObject(metaObject()); });
@@ -169,7 +172,7 @@ unsigned DynamicObject::addMethod(MetaMethodBuilder method, AnyFunction function
   const std::lock_guard lock(p_->mutex);
   const unsigned uid = p_->nextId++;
   method.setUid(uid);
-  p_->methods.push_back({method.metaMethod(), std::move(function), callType});
+  p_->methods.emplace_back(method.metaMethod(), std::move(function), callType);
   p_->setChangedLocked();
   return uid;
 }
@@ -232,7 +235,7 @@ bool DynamicObject::callNow(unsigned id, std::span<const AnyReference> arguments
   // What derives from this class may have a metaCall of its own.
   if (typeid(*this) != typeid(DynamicObject) || p_->serial) return false;
   const Method* method = p_->snapshot().find(id);
-  if (!method || !method->isDirect()) return false;
+  if (!method || !method->isDirect) return false;
   if (resultType && !sameType(resultType, method->function.returnType())) return false;
   try {
     method->function.callInto(arguments, resultType, result);

@@ -6,11 +6,12 @@
 
 #include <atomic>
 #include <boost/make_shared.hpp>
-#include <mutex>
+#include <initializer_list>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <gv/eventloop.h>
 #include <gvtype/metaobjectdescription.h>
 
 namespace gv {
@@ -39,7 +40,8 @@ TEST(DynamicObject, FailsTheFutureForWhatTheCallerNamedWrongly) {
   DynamicObjectBuilder builder;
   builder.advertiseMethod("twice", [](int n) { return 2 * n; });
   const Object<Empty> object = builder.object();
-  EXPECT_THAT(errorOf(object.metaCall("thrice", makeParameters(1))), HasSubstr("thrice"));
+  EXPECT_THAT(errorOf(object.metaCall("thrice", makeParameters(1))), HasSubstr("'thrice(i)'"));
+  EXPECT_THAT(errorOf(object.metaCall("TWIC", {})), HasSubstr("; did you mean: twice(i)?"));
   EXPECT_THAT(errorOf(object.metaCall("twice", makeParameters(std::string("x")))),
               HasSubstr("twice(i)"));
   EXPECT_THAT(errorOf(object.metaCall(4711, {})), HasSubstr("4711"));
@@ -54,6 +56,46 @@ TEST(DynamicObject, CarriesWhatAMethodThrows) {
   EXPECT_EQ(errorOf(object.metaCall("text", {})), "out of ink");
   EXPECT_EQ(errorOf(object.metaCall("number", {})), "unknown exception");
   EXPECT_EQ(errorOf(object.metaCall("number", {}, MetaCallType::Queued)), "unknown exception");
+}
+
+/// What a call that throws FutureException says; the same whichever road it takes.
+template <class R, class... A>
+std::string thrownBy(const GenericObject& object, const char* method, const A&... arguments) {
+  try {
+    object.call<R>(method, arguments...);
+    return "no error";
+  } catch (const FutureException& error) {
+    return error.what();
+  }
+}
+
+TEST(GenericObject, CallsAtOnceOrLaterWithTheSameOutcome) {
+  struct Derived : DynamicObject {};
+  for (const auto& object : {boost::shared_ptr<DynamicObject>(boost::make_shared<DynamicObject>()),
+                             boost::shared_ptr<DynamicObject>(boost::make_shared<Derived>())}) {
+    DynamicObjectBuilder builder(object.get());
+    const unsigned id = builder.advertiseMethod("add", [](int a, int b) { return a + b; });
+    builder.advertiseMethod("fail", [] { throw std::runtime_error("out of ink"); });
+    builder.advertiseMethod("odd", [] { throw 5; });
+    builder.advertiseMethod("later", [] { return makeReadyFuture(3); });
+    builder.advertiseMethod(
+        "away", [] { return getEventLoop()->isInThisContext(); }, MetaCallType::Queued);
+    builder.advertiseMethod("text", [] { return std::string("text"); });
+    const GenericObject& generic = *object->manageable();
+    EXPECT_EQ(generic.call<int>("add", 1, 2), 3);
+    EXPECT_EQ(generic.call<int>(id, 1, 2.0), 3);
+    EXPECT_EQ(generic.call<long>("add(ii)", 1, 2), 3);
+    EXPECT_EQ(generic.call<std::string>("text"), "text");
+    EXPECT_EQ(generic.call<int>("later"), 3);
+    EXPECT_TRUE(generic.call<bool>("away"));
+    generic.call<void>("add", 1, 2);
+    EXPECT_EQ(thrownBy<int>(generic, "fail"), "out of ink");
+    EXPECT_EQ(thrownBy<int>(generic, "odd"), "unknown exception");
+    EXPECT_THAT(thrownBy<int>(generic, "add", 1), HasSubstr("add(ii)"));
+    EXPECT_EQ(thrownBy<int>(generic, "text"),
+              "Unable to convert call result to target type: from string to int32");
+    EXPECT_THROW(generic.call<int>(4711U), FutureException);
+  }
 }
 
 TEST(DynamicObject, RunsEachCallTypeWhereItMust) {
@@ -82,6 +124,26 @@ TEST(DynamicObject, OfTheSingleThreadedModelRunsOneCallAtATimeInOrder) {
   for (int i = 0; i < 500; ++i) results.push_back(object.async<bool>("step", i));
   for (auto& result : results) EXPECT_TRUE(result.value(guardMs));
   for (int i = 0; i < 500; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
+}
+
+TEST(DynamicObject, OfTheSingleThreadedModelThatBlocksHoldsUpItselfAlone) {
+  const Promise<void> release;
+  const auto make = [&release] {
+    DynamicObjectBuilder builder;
+    builder.setThreadingModel(ObjectThreadingModel::SingleThread);
+    builder.advertiseMethod("block", [&release] { release.future().wait(guardMs); });
+    builder.advertiseMethod("one", [] { return 1; });
+    return builder.object();
+  };
+  const Object<Empty> blocked = make();
+  const Object<Empty> free = make();
+  const auto blocking = blocked.async<void>("block");
+  const auto behind = blocked.async<int>("one");
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(free.async<int>("one").value(guardMs), 1);
+  EXPECT_TRUE(behind.isRunning());
+  release.setValue();
+  EXPECT_EQ(behind.value(guardMs), 1);
+  blocking.value(guardMs);
 }
 
 TEST(DynamicObject, OfTheSingleThreadedModelMayCallItself) {
@@ -133,6 +195,9 @@ TEST(Overloads, AreChosenByTheArguments) {
   EXPECT_LT(meta.findMethod("f", makeParameters(std::vector<int>())), 0);
   EXPECT_LT(meta.findMethod("f", {}), 0);
   EXPECT_EQ(meta.findMethod("f").size(), 4u);
+  const int own = static_cast<int>(builder.advertiseMethod("properties", [] { return 1; }));
+  EXPECT_EQ(builder.object().metaObject().findMethod("properties", {}), own)
+      << "the framework's own method of that name steps back";
 }
 
 TEST(Overloads, ThatFitEquallyWellAreAmbiguous) {
@@ -155,32 +220,66 @@ TEST(MetaObject, SurvivesItsDescription) {
   struct Adder {
     int add(int a, const std::string&) { return a; }
   } adder;
-  builder.advertiseMethod(method, &adder, &Adder::add);
+  const unsigned id = builder.advertiseMethod(method, &adder, &Adder::add);
+  EXPECT_EQ((builder.advertiseSignal<int, std::string>("moved")), id + 1);
+  EXPECT_EQ(builder.advertiseProperty<int>("volume", 5), id + 2);
+  EXPECT_THROW(builder.advertiseSignal<>("a/b"), std::runtime_error);
   const MetaObject original = builder.object().metaObject();
   const MetaObject copy = makeMetaObject(describeMetaObject(original));
   EXPECT_EQ(describeMetaObject(copy), describeMetaObject(original));
   EXPECT_EQ(copy.findMethod("add")[0].toString(), "add(is)");
-  auto broken = describeMetaObject(original);
-  std::get<2>(std::get<1>(broken).back()) = "(i";
-  EXPECT_THROW(makeMetaObject(broken), std::runtime_error);
-  std::get<1>(broken).back() = std::get<1>(broken).front();
-  EXPECT_THROW(makeMetaObject(broken), std::runtime_error);
+  EXPECT_EQ(copy.signalNamed("moved").toString(), "moved(is)");
+  EXPECT_EQ(copy.propertyNamed("volume").toString(), copy.signalNamed("volume").toString());
+  EXPECT_EQ(copy.signalMap().size(), 2u);
+  using Breaker = void (*)(MetaObjectDescription&);
+  for (const Breaker breakIt : std::initializer_list<Breaker>{
+           [](auto& d) { std::get<2>(std::get<1>(d).back()) = "(i"; },
+           [](auto& d) { std::get<1>(d).back() = std::get<1>(d).front(); },
+           [](auto& d) { std::get<2>(std::get<2>(d).back()) = "i"; },
+           [](auto& d) { std::get<0>(std::get<2>(d).back()) = std::get<0>(std::get<1>(d).back()); },
+           [](auto& d) { std::get<0>(std::get<3>(d).back()) = std::get<0>(std::get<2>(d).back()); },
+           [](auto& d) { std::get<1>(std::get<3>(d).back()) = "a/b"; },
+           [](auto& d) { std::get<2>(std::get<3>(d).back()) = ""; }}) {
+    auto broken = describeMetaObject(original);
+    breakIt(broken);
+    EXPECT_THROW(makeMetaObject(broken), std::runtime_error);
+  }
 }
 
-TEST(Handles, WeakOnesExpireWithTheCountTheyWereMadeFrom) {
-  struct Owner {
-    DynamicObject object;
-    GenericObject generic{getDynamicTypeInterface(), &object};
-  };
-  auto owner = boost::make_shared<Owner>();
-  WeakObject<Empty> weak;
-  {
-    const Object<Empty> handle(boost::shared_ptr<GenericObject>(owner, &owner->generic));
-    weak = handle;
+struct Lamp : DynamicObject {
+  Lamp() {
+    DynamicObjectBuilder(this).advertiseMethod("isOn", [this] { return isOn; });
   }
+  bool isOn = true;
+};
+
+TEST(Handles, WeakOnesExpireWithTheCountTheyWereMadeFrom) {
+  auto owner = boost::make_shared<Lamp>();
+  const WeakObject<Empty> weak{Object<Empty>(Object<Lamp>(owner))};
+  const WeakObject<Lamp> typed{Object<Lamp>(owner)};
   EXPECT_TRUE(weak.lock()) << "the handle has gone, the owner has not";
+  EXPECT_TRUE(typed.lock());
   owner.reset();
   EXPECT_FALSE(weak.lock());
+  EXPECT_FALSE(typed.lock());
+}
+
+TEST(Handles, KnowTheClassOfAnObjectOfThisProcess) {
+  auto owner = boost::make_shared<Lamp>();
+  const Object<Empty> untyped = Object<Lamp>(owner);
+  EXPECT_TRUE(untyped.call<bool>("isOn"));
+  Object<Lamp> lamp(untyped);
+  ASSERT_TRUE(lamp);
+  EXPECT_EQ(lamp.get(), owner.get());
+  lamp->isOn = false;
+  EXPECT_FALSE((*lamp).isOn);
+  EXPECT_EQ(Object<Empty>(lamp), untyped);
+  EXPECT_EQ(owner.use_count(), 3) << "all handles share one count";
+  EXPECT_FALSE(Object<Lamp>(DynamicObjectBuilder().object()));
+  EXPECT_THROW(static_cast<void>(Object<Lamp>()->isOn), std::runtime_error);
+  const AnyValue value = AnyValue::from(untyped);
+  EXPECT_EQ(value.signature(), "o");
+  EXPECT_EQ(value.to<Object<Empty>>(), untyped);
 }
 
 TEST(Results, ConvertWithTheTextsThatCallersKnow) {
