@@ -1,9 +1,6 @@
 #include <gvtype/dynamicobject.h>
 
 #include <array>
-#include <atomic>
-#include <deque>
-#include <mutex>
 #include <stdexcept>
 #include <typeinfo>
 #include <utility>
@@ -12,51 +9,13 @@
 #include <gv/log.h>
 #include <gvtype/metaobjectdescription.h>
 
+#include "membertable.h"
 #include "propertytable.h"
 #include "serialqueue.h"
 #include "signaltable.h"
 
 namespace gv {
 namespace {
-
-struct Method {
-  Method(MetaMethod described, AnyFunction body, MetaCallType type)
-      : description(std::move(described)),
-        function(std::move(body)),
-        callType(type),
-        isDirect(type != MetaCallType::Queued && function &&
-                 function.returnType()->kind != TypeKind::Future) {}
-
-  MetaMethod description;
-  AnyFunction function;
-  MetaCallType callType;
-  /// Whether an automatic call may run it in the calling thread and has its result then.
-  bool isDirect;
-};
-
-/// The members at one moment. Calls read it without a lock.
-struct Snapshot {
-  std::vector<const Method*> builtin;
-  std::vector<const Method*> own;  // by id, from firstOwnId; null where another member is
-  MetaObject metaObject;
-
-  const Method* find(unsigned id) const {
-    if (id >= MetaObject::firstOwnId) {
-      const std::size_t index = id - MetaObject::firstOwnId;
-      return index < own.size() ? own[index] : nullptr;
-    }
-    for (const Method* method : builtin)
-      if (method->description.uid() == id) return method;
-    return nullptr;
-  }
-
-  void add(const Method& method) {
-    const unsigned id = method.description.uid();
-    if (id < MetaObject::firstOwnId) return builtin.push_back(&method);
-    own.resize(id - MetaObject::firstOwnId + 1);
-    own.back() = &method;
-  }
-};
 
 void checkName(const char* kind, const std::string& name) {
   if (!isValidName(name))
@@ -71,56 +30,13 @@ struct DynamicObject::Private {
   explicit Private(DynamicObject* object) : ownView(getDynamicTypeInterface(), object) {}
 
   GenericObject ownView;
+  /// Both constant once the object is published; the queue is set for the single-threaded model.
   GenericObject* manageable = &ownView;
-
-  std::mutex mutex;            // guards what follows, up to `current`
-  std::deque<Method> methods;  // by rising id; constant once in, so that snapshots point at them
-  std::vector<MetaSignal> signalDescriptions;
-  std::vector<MetaProperty> propertyDescriptions;
-  std::string description;
-  unsigned nextId = MetaObject::firstOwnId;
-  /// All that were ever read: references into them stay good for the object's life.
-  std::vector<std::unique_ptr<const Snapshot>> snapshots;
-
-  /// The newest snapshot, null when members were added since. Atomic: calls read it unlocked.
-  std::atomic<const Snapshot*> current{nullptr};
-  /// Set for the single-threaded model only; constant once the object is published.
   std::shared_ptr<SerialQueue> serial;
+
+  MemberTable members;
   SignalTable signals;
   PropertyTable properties;
-
-  const Snapshot& snapshot() {
-    const Snapshot* newest = current.load(std::memory_order_acquire);
-    return newest ? *newest : makeSnapshot();
-  }
-
-  const Snapshot& makeSnapshot() {
-    const std::lock_guard lock(mutex);
-    if (const Snapshot* newest = current.load(std::memory_order_relaxed)) return *newest;
-    Snapshot made;
-    std::vector<MetaMethod> descriptions;
-    descriptions.reserve(methods.size());
-    for (const Method& method : methods) {
-      descriptions.push_back(method.description);
-      made.add(method);
-    }
-    made.metaObject =
-        MetaObject(std::move(descriptions), signalDescriptions, propertyDescriptions, description);
-    replaceLocked(std::move(made));
-    return *snapshots.back();
-  }
-
-  void replaceLocked(Snapshot snapshot) {
-    snapshots.push_back(std::make_unique<const Snapshot>(std::move(snapshot)));
-    current.store(snapshots.back().get(), std::memory_order_release);
-  }
-
-  unsigned takeId() {
-    const std::lock_guard lock(mutex);
-    return nextId++;
-  }
-
-  void setChangedLocked() { current.store(nullptr, std::memory_order_release); }
 };
 
 DynamicObject::DynamicObject() : p_(std::make_unique<Private>(this)) {
@@ -137,7 +53,7 @@ void DynamicObject::addBuiltinMethods() {
     builder.setName(name);
     builder.setReturnSignature(function.returnSignature());
     builder.setParametersSignature(function.parametersSignature(true));
-    p_->methods.emplace_back(builder.metaMethod(), function, MetaCallType::Direct);
+    p_->members.addBuiltin(builder.metaMethod(), function);
   };
   // The caller's handle keeps the object alive during the call, here as for any method.
   add(BuiltinMethod::MetaObject, "metaObject", [this] { return describeMetaObject(metaObject()); });
@@ -158,23 +74,18 @@ void DynamicObject::addBuiltinMethods() {
 }
 
 const MetaObject& DynamicObject::metaObject() const {
-  return p_->snapshot().metaObject;
+  return p_->members.current().metaObject;
 }
 
 const AnyFunction* DynamicObject::method(unsigned id) const {
-  const Method* method = p_->snapshot().find(id);
+  const Method* method = p_->members.current().find(id);
   return method ? &method->function : nullptr;
 }
 
 unsigned DynamicObject::addMethod(MetaMethodBuilder method, AnyFunction function,
                                   MetaCallType callType) {
   checkName("method", method.metaMethod().name());
-  const std::lock_guard lock(p_->mutex);
-  const unsigned uid = p_->nextId++;
-  method.setUid(uid);
-  p_->methods.emplace_back(method.metaMethod(), std::move(function), callType);
-  p_->setChangedLocked();
-  return uid;
+  return p_->members.addMethod(std::move(method), std::move(function), callType);
 }
 
 unsigned DynamicObject::addSignal(const std::string& name,
@@ -182,12 +93,9 @@ unsigned DynamicObject::addSignal(const std::string& name,
   checkName("signal", name);
   std::string signature = "(";
   for (const TypeInterface* type : parameters) appendSignature(signature, type);
-  signature += ')';
-  const unsigned uid = p_->takeId();
+  const unsigned uid = p_->members.takeId();
   p_->signals.add(uid, name, std::move(parameters));
-  const std::lock_guard lock(p_->mutex);
-  p_->signalDescriptions.emplace_back(uid, name, signature);
-  p_->setChangedLocked();
+  p_->members.addSignal(MetaSignal(uid, name, signature + ")"));
   return uid;
 }
 
@@ -196,19 +104,15 @@ unsigned DynamicObject::addProperty(const std::string& name, AnyValue initial) {
   const TypeInterface* type = initial.type();
   std::string signature;
   appendSignature(signature, type);
-  const unsigned uid = p_->takeId();
+  const unsigned uid = p_->members.takeId();
   p_->signals.add(uid, name, {type});
   p_->properties.add(uid, name, std::move(initial));
-  const std::lock_guard lock(p_->mutex);
-  p_->propertyDescriptions.emplace_back(uid, name, signature);
-  p_->setChangedLocked();
+  p_->members.addProperty(MetaProperty(uid, name, signature));
   return uid;
 }
 
 void DynamicObject::setDescription(const std::string& text) {
-  const std::lock_guard lock(p_->mutex);
-  p_->description = text;
-  p_->setChangedLocked();
+  p_->members.setDescription(text);
 }
 
 GenericObject* DynamicObject::manageable() const {
@@ -226,15 +130,14 @@ void DynamicObject::setThreadingModel(ObjectThreadingModel model) {
 }
 
 void DynamicObject::setMetaObject(const MetaObject& metaObject) {
-  const std::lock_guard lock(p_->mutex);
-  p_->replaceLocked({{}, {}, metaObject});
+  p_->members.replace(metaObject);
 }
 
 bool DynamicObject::callNow(unsigned id, std::span<const AnyReference> arguments,
                             const TypeInterface* resultType, void* result) {
   // What derives from this class may have a metaCall of its own.
   if (typeid(*this) != typeid(DynamicObject) || p_->serial) return false;
-  const Method* method = p_->snapshot().find(id);
+  const Method* method = p_->members.current().find(id);
   if (!method || !method->isDirect) return false;
   if (resultType && !sameType(resultType, method->function.returnType())) return false;
   try {
@@ -250,7 +153,7 @@ bool DynamicObject::callNow(unsigned id, std::span<const AnyReference> arguments
 Future<AnyReference> DynamicObject::metaCall(Object<Empty> context, unsigned id,
                                              const GenericFunctionParameters& arguments,
                                              MetaCallType callType, Signature) {
-  const Method* method = p_->snapshot().find(id);
+  const Method* method = p_->members.current().find(id);
   if (!method)
     return makeFailedFuture<AnyReference>("the object has no method with id " + std::to_string(id));
   GenericFunctionParameters withInstance;
@@ -343,56 +246,6 @@ Future<void> DynamicObject::metaSetProperty(Object<Empty>, unsigned id, const An
 
 void DynamicObject::emitSignal(unsigned id, std::span<const AnyReference> arguments) {
   p_->signals.emit(id, arguments);
-}
-
-const ObjectTypeInterface* getDynamicTypeInterface() {
-  static const ObjectTypeInterface type = {
-      .metaObject = [](const void* object) -> const MetaObject& {
-        return static_cast<const DynamicObject*>(object)->metaObject();
-      },
-      .method = [](const void* object,
-                   unsigned id) { return static_cast<const DynamicObject*>(object)->method(id); },
-      .metaCall =
-          [](void* object, const Object<Empty>& context, unsigned id,
-             const GenericFunctionParameters& arguments, MetaCallType callType,
-             const Signature& returnSignature) {
-            return static_cast<DynamicObject*>(object)->metaCall(context, id, arguments, callType,
-                                                                 returnSignature);
-          },
-      .metaPost =
-          [](void* object, const Object<Empty>& context, unsigned id,
-             const GenericFunctionParameters& arguments) {
-            static_cast<DynamicObject*>(object)->metaPost(context, id, arguments);
-          },
-      .metaConnect =
-          [](void* object, const Object<Empty>& context, unsigned id, AnyFunction handler,
-             MetaCallType callType) {
-            return static_cast<DynamicObject*>(object)->metaConnect(context, id, std::move(handler),
-                                                                    callType);
-          },
-      .metaDisconnect =
-          [](void* object, const Object<Empty>& context, SignalLink link) {
-            return static_cast<DynamicObject*>(object)->metaDisconnect(context, link);
-          },
-      .metaProperty =
-          [](void* object, const Object<Empty>& context, unsigned id) {
-            return static_cast<DynamicObject*>(object)->metaProperty(context, id);
-          },
-      .metaSetProperty =
-          [](void* object, const Object<Empty>& context, unsigned id, const AnyReference& value) {
-            return static_cast<DynamicObject*>(object)->metaSetProperty(context, id, value);
-          },
-      .emitSignal =
-          [](void* object, unsigned id, std::span<const AnyReference> arguments) {
-            static_cast<DynamicObject*>(object)->emitSignal(id, arguments);
-          },
-      .callNow =
-          [](void* object, unsigned id, std::span<const AnyReference> arguments,
-             const TypeInterface* resultType, void* result) {
-            return static_cast<DynamicObject*>(object)->callNow(id, arguments, resultType, result);
-          },
-  };
-  return &type;
 }
 
 }  // namespace gv
