@@ -139,7 +139,7 @@ TEST(DynamicObject, OfTheSingleThreadedModelThatBlocksHoldsUpItselfAlone) {
   const Object<Empty> free = make();
   const auto blocking = blocked.async<void>("block");
   const auto behind = blocked.async<int>("one");
-  for (int i = 0; i < 200; ++i) EXPECT_EQ(free.async<int>("one").value(guardMs), 1);
+  for (int i = 0; i < 70; ++i) EXPECT_EQ(free.async<int>("one").value(guardMs), 1);
   EXPECT_TRUE(behind.isRunning());
   release.setValue();
   EXPECT_EQ(behind.value(guardMs), 1);
