@@ -217,10 +217,26 @@ TEST_F(ConnectionTest, FailsPendingCallsWhenItIsLost) {
 TEST_F(ConnectionTest, ServesOthersWhileMethodsBlock) {
   std::vector<Future<int>> held;
   for (int i = 0; i < 100; ++i) held.push_back(calculator.async<int>("hold"));
-  while (gate->waiting < 100) std::this_thread::yield();
-  EXPECT_EQ(calculator.call<int>("add", 1, 1), 2);
+  // Not queued by its caller, as those are: it must leave the network's thread all the same.
+  std::thread direct([this] { EXPECT_EQ(calculator.call<int>("hold"), 1); });
+  while (gate->waiting < 101) std::this_thread::yield();
+  EXPECT_EQ(calculator.async<int>("add", 1, 1).value(guardMs), 2);
   gate->open.setValue();
+  direct.join();
   for (auto& future : held) EXPECT_EQ(future.value(guardMs), 1);
+}
+
+TEST_F(ConnectionTest, DescribesServicesAndRefusesCallsWhileEveryThreadIsBlocked) {
+  EventLoop& loop = *getEventLoop();
+  const unsigned ceiling = loop.figures().maxThreads;
+  Promise<void> release;
+  for (unsigned i = 0; i < ceiling; ++i)
+    loop.post([blocked = release.future()] { blocked.wait(); });
+  while (loop.figures().blocked < ceiling) std::this_thread::yield();
+  EXPECT_TRUE(rpc::RemoteObject::make(connection, calculatorId).hasValue(guardMs));
+  EXPECT_THAT(failureOf([&] { calculator.call<int>("add", 1, 1); }).second,
+              HasSubstr("GV_EVENTLOOP_MAX_THREADS (" + std::to_string(ceiling)));
+  release.setValue();
 }
 
 TEST_F(ConnectionTest, RefusesUnknownServicesAndMembers) {
