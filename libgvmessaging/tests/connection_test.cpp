@@ -90,6 +90,7 @@ Object<Empty> makeCalculator(const std::shared_ptr<Gate>& gate) {
   builder.advertiseMethod("count", [](const AnyArguments& all) { return all.args.size(); });
   builder.advertiseMethod(
       "large", [](int size) { return std::string(static_cast<std::size_t>(size), 'x'); });
+  builder.advertiseProperty<int>("precision", 5);
   builder.advertiseMethod("hold", [gate] {
     ++gate->waiting;
     gate->open.future().wait();
@@ -147,6 +148,17 @@ TEST_F(ConnectionTest, CarriesCallsAndResults) {
   const std::map<std::string, std::vector<int>> map = {{"a", {1, 2}}};
   EXPECT_EQ((calculator.call<std::map<std::string, std::vector<int>>>("echo", map)), map);
   EXPECT_EQ(calculator.call<std::string>("large", 5'000'000).size(), 5'000'000u);
+}
+
+TEST_F(ConnectionTest, ReachesThePropertiesOfRemoteObjects) {
+  const Object<Empty>& own = server->objects[calculatorId];
+  EXPECT_EQ(calculator.property<int>("precision").value(guardMs), 5);
+  calculator.setProperty("precision", 7).value(guardMs);
+  EXPECT_EQ(own.property<int>("precision").value(guardMs), 7);
+  EXPECT_THAT(calculator.setProperty("precision", std::string("x")).error(guardMs),
+              HasSubstr("property 'precision': cannot convert"));
+  EXPECT_THAT(calculator.connect("precision", [](int) {}).error(guardMs),
+              HasSubstr("emits no signal"));
 }
 
 TEST_F(ConnectionTest, TellsTheEndingsApart) {

@@ -75,18 +75,6 @@ TEST_F(SessionTest, OffersAndFindsServices) {
   EXPECT_THAT(client->unregisterService(id).error(guardMs), HasSubstr(std::to_string(id)));
 }
 
-TEST_F(SessionTest, ReachesThePropertiesOfRemoteObjects) {
-  DynamicObjectBuilder builder;
-  builder.advertiseProperty<int>("volume", 5);
-  client->registerService("Speaker", builder.object()).value(guardMs);
-  const Object<Empty> remote = master->service("Speaker").value(guardMs);
-  EXPECT_EQ(remote.property<int>("volume").value(guardMs), 5);
-  remote.setProperty("volume", 7).value(guardMs);
-  EXPECT_EQ(builder.object().property<int>("volume").value(guardMs), 7);
-  EXPECT_THAT(remote.setProperty("volume", std::string("x")).error(guardMs), HasSubstr("volume"));
-  EXPECT_THAT(remote.connect("volume", [](int) {}).error(guardMs), HasSubstr("in this process"));
-}
-
 TEST_F(SessionTest, FindsLocalServicesWithoutTheNetwork) {
   const Object<Empty> object = makeObject();
   client->registerService("Counter", object).value(guardMs);
