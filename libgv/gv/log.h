@@ -16,7 +16,8 @@
 ///
 /// Levels start at info. The environment variable GV_LOG changes that before the first record:
 /// `GV_LOG=warning`, `GV_LOG=info,JXBroker*=verbose`; its items read like calls of `setLevel`, left
-/// to right. Until it is removed, a default handler writes records to the standard error.
+/// to right. Until it is removed, a default handler writes records to the standard error, times in
+/// UTC.
 namespace gv::log {
 
 /// How grave a record is, from nothing at all to the finest detail. As the level of a category:

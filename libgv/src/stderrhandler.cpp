@@ -5,7 +5,10 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
+#include <array>
 #include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 
@@ -38,7 +41,7 @@ struct StderrWriter {
   explicit StderrWriter(const StderrWriter* before)
       : replaced(before), logger("gv", std::make_shared<spdlog::sinks::stderr_sink_st>()) {
     logger.set_level(spdlog::level::trace);
-    logger.set_pattern("[%L] %Y-%m-%d %H:%M:%S.%e %v");
+    logger.set_pattern("[%L] %v");
   }
 
   const StderrWriter* const replaced;  // never destroyed: another thread's lock in it is not ours
@@ -88,6 +91,22 @@ class SigpipeGuard {
   bool wasPending_;
 };
 
+/// "2030-01-31 23:59:59.999Z". Made here from UTC: the C library's conversions take a lock, which
+/// stays locked in the child of a fork when another thread held it.
+std::string timeText(std::chrono::system_clock::time_point time) {
+  const auto day = std::chrono::floor<std::chrono::days>(time);
+  const std::chrono::year_month_day date(day);
+  const std::chrono::hh_mm_ss clock(std::chrono::floor<std::chrono::milliseconds>(time - day));
+  std::array<char, 40> text{};
+  std::snprintf(text.data(), text.size(), "%04d-%02u-%02u %02d:%02d:%02d.%03dZ",
+                static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+                static_cast<unsigned>(date.day()), static_cast<int>(clock.hours().count()),
+                static_cast<int>(clock.minutes().count()),
+                static_cast<int>(clock.seconds().count()),
+                static_cast<int>(clock.subseconds().count()));
+  return text.data();
+}
+
 void appendEscape(std::string& to, unsigned char byte) {
   constexpr char digits[] = "0123456789abcdef";
   switch (byte) {
@@ -128,7 +147,8 @@ std::string escapeControls(std::string_view text) {
 }
 
 void writeToStderr(const Record& record) {
-  std::string line = std::to_string(record.threadId) + ' ' + escapeControls(record.category);
+  std::string line = timeText(record.time) + ' ' + std::to_string(record.threadId) + ' ' +
+                     escapeControls(record.category);
   if (!record.function.empty()) line += ": " + escapeControls(record.function);
   line += ": " + escapeControls(record.text);
   SigpipeGuard guard;

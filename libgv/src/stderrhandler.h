@@ -12,8 +12,8 @@ namespace gv::log {
 /// forge lines nor steer a terminal. Other UTF-8 passes unchanged.
 GV_API std::string escapeControls(std::string_view text);
 
-/// The default handler: one line on the standard error. Usable at any time, also before main and
-/// during exit; a standard error that is closed is ignored.
+/// The default handler: one line on the standard error, its time in UTC. Usable at any time, also
+/// before main and during exit; a standard error that is closed is ignored.
 void writeToStderr(const Record& record);
 
 /// To be called in the child of a fork, where a thread that is gone may have been writing.
