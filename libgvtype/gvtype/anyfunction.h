@@ -133,11 +133,31 @@ class GVTYPE_API AnyFunction {
     return make<decltype(call), R, const C&, A...>(call);
   }
 
+  friend class DynamicObject;
+
+  /// Calls it with the arguments behind the instance where all types match as they are and the
+  /// arguments are few: false where not.
+  bool invokeExactly(std::span<const AnyReference> arguments, void* result) const;
   void invoke(std::span<const AnyReference> arguments, void* result) const;
 
   std::shared_ptr<const Body> body_;
   bool hasInstance_ = false;
 };
+
+inline bool AnyFunction::invokeExactly(std::span<const AnyReference> arguments,
+                                       void* result) const {
+  constexpr std::size_t few = 8;
+  const Body& body = *body_;
+  const std::size_t count = body.parameters.size();
+  if (body.hasTail || count > few || arguments.size() != count) return false;
+  void* addresses[few];
+  for (std::size_t i = 0; i < count; ++i) {
+    if (!sameType(arguments[i].type(), body.parameters[i])) return false;
+    addresses[i] = arguments[i].pointer();
+  }
+  body.invoke(&body, addresses, result);
+  return true;
+}
 
 template <class F>
 AnyFunction AnyFunction::from(F callable) {

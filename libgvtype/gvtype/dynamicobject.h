@@ -86,7 +86,11 @@ class GVTYPE_API DynamicObject {
   void setThreadingModel(ObjectThreadingModel model);
 
  private:
+  friend class DynamicObjectBuilder;
+
   void addBuiltinMethods();
+  /// Says that this is no part of a derived object, so that callNow may run its methods.
+  void setPlain();
 
   struct Private;
   std::unique_ptr<Private> p_;

@@ -33,8 +33,8 @@ struct ObjectTypeInterface {
   void (*emitSignal)(void* object, unsigned id, std::span<const AnyReference> arguments);
   /// Runs a method at once in this thread, where an automatic call may and its result is of
   /// `resultType`, and constructs the result in `result`, storage without a value; without a type
-  /// the result is dropped. `arguments` start with an empty slot for the instance. False: nothing
-  /// has run, metaCall is the way. Throws FutureException with what the call ended with.
+  /// the result is dropped. False: nothing has run, metaCall is the way. Throws FutureException
+  /// with what the call ended with.
   bool (*callNow)(void* object, unsigned id, std::span<const AnyReference> arguments,
                   const TypeInterface* resultType, void* result);
 };
@@ -73,7 +73,7 @@ class GVTYPE_API GenericObject {
   /// The same by an id that was looked up before.
   template <class R, class... A>
   R call(unsigned id, const A&... arguments) const {
-    return callSlots<R>(nullptr, id, slotsOf(arguments...));
+    return callId<R>(nullptr, id, referencesTo(arguments...));
   }
 
   const ObjectTypeInterface* const type;
@@ -86,36 +86,35 @@ class GVTYPE_API GenericObject {
   template <class R, class... A>
   R callNamed(const Object<Empty>* context, std::string_view nameOrSignature,
               const A&... arguments) const {
-    const auto slots = slotsOf(arguments...);
-    return callSlots<R>(context, resolveOrThrow(nameOrSignature, slots), slots);
+    const auto references = referencesTo(arguments...);
+    return callId<R>(context, resolveOrThrow(nameOrSignature, references), references);
   }
-  /// The arguments behind an empty slot for the instance.
   template <class... A>
-  static std::array<AnyReference, sizeof...(A) + 1> slotsOf(const A&... arguments) {
-    return {AnyReference(), AnyReference::from(arguments)...};
+  static std::array<AnyReference, sizeof...(A)> referencesTo(const A&... arguments) {
+    return {AnyReference::from(arguments)...};
   }
   unsigned resolveOrThrow(std::string_view nameOrSignature,
-                          std::span<const AnyReference> slots) const;
+                          std::span<const AnyReference> arguments) const;
   Future<AnyReference> callLater(const Object<Empty>* context, unsigned id,
-                                 std::span<const AnyReference> slots) const;
+                                 std::span<const AnyReference> arguments) const;
 
   template <class R>
-  R callSlots(const Object<Empty>* context, unsigned id,
-              std::span<const AnyReference> slots) const {
+  R callId(const Object<Empty>* context, unsigned id,
+           std::span<const AnyReference> arguments) const {
     if constexpr (std::is_void_v<R>) {
-      if (type->callNow(value, id, slots, nullptr, nullptr)) return;
+      if (type->callNow(value, id, arguments, nullptr, nullptr)) return;
     } else {
       union Place {
         Place() {}
         ~Place() {}
         R result;
       } place;
-      if (type->callNow(value, id, slots, getType<R>(), &place)) {
+      if (type->callNow(value, id, arguments, getType<R>(), &place)) {
         const detail::DestroyAtEnd<R> guard{&place.result};
         return std::move(place.result);
       }
     }
-    return detail::convertedResult<R>(callLater(context, id, slots)).value();
+    return detail::convertedResult<R>(callLater(context, id, arguments)).value();
   }
 };
 

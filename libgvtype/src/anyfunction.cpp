@@ -84,18 +84,9 @@ void AnyFunction::callInto(std::span<const AnyReference> arguments, const TypeIn
 
 void AnyFunction::invoke(std::span<const AnyReference> arguments, void* result) const {
   if (!body_) throw std::runtime_error("the function is empty");
-  const std::size_t first = hasInstance_ && !arguments.empty() ? 1 : 0;
-  const auto given = arguments.subspan(first);
+  const auto given = arguments.subspan(hasInstance_ && !arguments.empty() ? 1 : 0);
+  if (invokeExactly(given, result)) return;
   const std::span<const TypeInterface* const> types = body_->parameters;
-  if (!body_->hasTail && given.size() == types.size() && given.size() <= fewArguments) {
-    std::array<void*, fewArguments> addresses;
-    std::size_t i = 0;
-    while (i < given.size() && sameType(given[i].type(), types[i])) {
-      addresses[i] = given[i].pointer();
-      ++i;
-    }
-    if (i == given.size()) return body_->invoke(body_.get(), addresses.data(), result);
-  }
   const ExactArguments exact(given, types, body_->hasTail);
   boost::container::small_vector<void*, fewArguments> addresses;
   for (const AnyReference& reference : exact.references()) addresses.push_back(reference.pointer());

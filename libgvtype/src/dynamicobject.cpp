@@ -2,7 +2,6 @@
 
 #include <array>
 #include <stdexcept>
-#include <typeinfo>
 #include <utility>
 
 #include <gv/eventloop.h>
@@ -24,6 +23,15 @@ void checkName(const char* kind, const std::string& name) {
                              "and do not start with a blank");
 }
 
+/// The arguments behind an empty slot for the instance, as every method takes them.
+GenericFunctionParameters behindInstance(std::span<const AnyReference> arguments) {
+  GenericFunctionParameters slots;
+  slots.reserve(arguments.size() + 1);
+  slots.emplace_back();
+  slots.insert(slots.end(), arguments.begin(), arguments.end());
+  return slots;
+}
+
 }  // namespace
 
 struct DynamicObject::Private {
@@ -33,6 +41,9 @@ struct DynamicObject::Private {
   /// Both constant once the object is published; the queue is set for the single-threaded model.
   GenericObject* manageable = &ownView;
   std::shared_ptr<SerialQueue> serial;
+  /// Whether it has this class's own metaCall for sure, which what derives from it may replace.
+  /// Constant once the object is published.
+  bool isPlain = false;
 
   MemberTable members;
   SignalTable signals;
@@ -115,6 +126,10 @@ void DynamicObject::setDescription(const std::string& text) {
   p_->members.setDescription(text);
 }
 
+void DynamicObject::setPlain() {
+  p_->isPlain = true;
+}
+
 GenericObject* DynamicObject::manageable() const {
   return p_->manageable;
 }
@@ -135,13 +150,13 @@ void DynamicObject::setMetaObject(const MetaObject& metaObject) {
 
 bool DynamicObject::callNow(unsigned id, std::span<const AnyReference> arguments,
                             const TypeInterface* resultType, void* result) {
-  // What derives from this class may have a metaCall of its own.
-  if (typeid(*this) != typeid(DynamicObject) || p_->serial) return false;
+  if (!p_->isPlain || p_->serial) return false;
   const Method* method = p_->members.current().find(id);
   if (!method || !method->isDirect) return false;
   if (resultType && !sameType(resultType, method->function.returnType())) return false;
   try {
-    method->function.callInto(arguments, resultType, result);
+    if (resultType && method->function.invokeExactly(arguments, result)) return true;
+    method->function.callInto(behindInstance(arguments), resultType, result);
   } catch (const std::exception& error) {
     throw FutureException(FutureException::State::UserError, error.what());
   } catch (...) {
@@ -156,10 +171,7 @@ Future<AnyReference> DynamicObject::metaCall(Object<Empty> context, unsigned id,
   const Method* method = p_->members.current().find(id);
   if (!method)
     return makeFailedFuture<AnyReference>("the object has no method with id " + std::to_string(id));
-  GenericFunctionParameters withInstance;
-  withInstance.reserve(arguments.size() + 1);
-  withInstance.emplace_back();
-  withInstance.insert(withInstance.end(), arguments.begin(), arguments.end());
+  const GenericFunctionParameters withInstance = behindInstance(arguments);
   const unsigned caller = 0;
   // A method of a single-threaded object that calls its own object would wait for itself.
   const bool isInside = p_->serial && callType != MetaCallType::Queued && p_->serial->isCurrent();

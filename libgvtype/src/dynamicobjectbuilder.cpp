@@ -7,7 +7,9 @@
 namespace gv {
 
 DynamicObjectBuilder::DynamicObjectBuilder()
-    : own_(boost::make_shared<DynamicObject>()), object_(own_.get()) {}
+    : own_(boost::make_shared<DynamicObject>()), object_(own_.get()) {
+  object_->setPlain();
+}
 
 DynamicObjectBuilder::DynamicObjectBuilder(DynamicObject* object) : object_(object) {}
 

@@ -1,7 +1,9 @@
 #include <gvtype/metaobject.h>
 
+#include <functional>
 #include <stdexcept>
-#include <unordered_map>
+
+#include <boost/unordered_map.hpp>
 
 #include <gvtype/conversion.h>
 
@@ -10,48 +12,18 @@
 namespace gv {
 namespace {
 
-constexpr std::string_view simpleCodes = "bcynqiuxtfds";
-
-/// The type code of a scalar or string, 0 of any other type.
-char simpleCode(const TypeInterface* type) {
-  if (!type) return 0;
-  switch (type->kind) {
-    case TypeKind::Bool:
-      return 'b';
-    case TypeKind::Int: {
-      const bool isSigned = type->isSigned;
-      switch (type->size) {
-        case 1:
-          return isSigned ? 'c' : 'y';
-        case 2:
-          return isSigned ? 'n' : 'q';
-        case 4:
-          return isSigned ? 'i' : 'u';
-        default:
-          return isSigned ? 'x' : 't';
-      }
-    }
-    case TypeKind::Float:
-      return type->size == 4 ? 'f' : 'd';
-    case TypeKind::String:
-      return 's';
-    default:
-      return 0;
-  }
-}
-
 /// A method as overload resolution sees it.
 struct Candidate {
   const MetaMethod* method;
   std::vector<std::string_view> parameters;
-  std::string codes;  // of the parameters, where all are scalars or strings
+  std::string codes;  // of the parameters, where each has one letter and there is no tail
   bool isSimple;      // `codes` tells all
   bool hasTail;
 
   bool isExactly(std::span<const AnyReference> arguments) const {
     if (!isSimple || arguments.size() != codes.size()) return false;
     for (std::size_t i = 0; i < codes.size(); ++i)
-      if (simpleCode(arguments[i].type()) != codes[i]) return false;
+      if (!arguments[i].isValid() || arguments[i].type()->code != codes[i]) return false;
     return true;
   }
 };
@@ -66,8 +38,7 @@ Candidate makeCandidate(const MetaMethod& method) {
   }
   for (const std::string_view parameter : candidate.parameters) {
     candidate.codes += parameter;
-    if (parameter.size() != 1 || simpleCodes.find(parameter[0]) == std::string_view::npos)
-      candidate.isSimple = false;
+    if (parameter.size() != 1) candidate.isSimple = false;
   }
   return candidate;
 }
@@ -121,9 +92,7 @@ std::string argumentsText(std::span<const AnyReference> arguments) {
   return text + ")";
 }
 
-/// Finds by a view, without making a string.
 struct NameHash {
-  using is_transparent = void;
   std::size_t operator()(std::string_view name) const noexcept {
     return std::hash<std::string_view>()(name);
   }
@@ -160,12 +129,13 @@ struct MetaObject::Content {
   std::map<unsigned, MetaMethod> methods;
   std::map<unsigned, MetaSignal> signals;
   std::map<unsigned, MetaProperty> properties;
-  std::unordered_map<std::string, std::vector<Candidate>, NameHash, std::equal_to<>> byName;
+  /// Boost's finds by a view, without making a string, and divides by no prime.
+  boost::unordered_map<std::string, std::vector<Candidate>, NameHash> byName;
   std::string description;
 
   const std::vector<Candidate>& named(std::string_view name) const {
     static const std::vector<Candidate> none;
-    const auto found = byName.find(name);
+    const auto found = byName.find(name, NameHash(), std::equal_to<>());
     return found == byName.end() ? none : found->second;
   }
 

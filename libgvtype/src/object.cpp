@@ -21,20 +21,19 @@ void GenericObject::metaPost(unsigned id, const GenericFunctionParameters& argum
 }
 
 unsigned GenericObject::resolveOrThrow(std::string_view nameOrSignature,
-                                       std::span<const AnyReference> slots) const {
+                                       std::span<const AnyReference> arguments) const {
   const MetaObject& description = metaObject();
-  const int id = description.resolve(nameOrSignature, slots.subspan(1));
+  const int id = description.resolve(nameOrSignature, arguments);
   if (id < 0)
-    throw FutureException(
-        FutureException::State::UserError,
-        description.explainNoMatch(std::string(nameOrSignature), slots.subspan(1)));
+    throw FutureException(FutureException::State::UserError,
+                          description.explainNoMatch(std::string(nameOrSignature), arguments));
   return static_cast<unsigned>(id);
 }
 
 Future<AnyReference> GenericObject::callLater(const Object<Empty>* context, unsigned id,
-                                              std::span<const AnyReference> slots) const {
+                                              std::span<const AnyReference> arguments) const {
   return type->metaCall(value, context ? *context : Object<Empty>(), id,
-                        GenericFunctionParameters(slots.begin() + 1, slots.end()),
+                        GenericFunctionParameters(arguments.begin(), arguments.end()),
                         MetaCallType::Auto, {});
 }
 
