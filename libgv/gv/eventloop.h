@@ -42,7 +42,7 @@ class GV_API TaskHandle {
 /// Tasks start in the order posted, on several threads: those after one another may overlap. What a
 /// task throws is logged as an error and goes nowhere. All operations may be called from any
 /// thread, tasks included. In a forked child a loop made before the fork has no threads: `post` and
-/// its like throw std::runtime_error there.
+/// its like throw std::runtime_error there; where a task forked, its return ends the child.
 class GV_API EventLoop {
  public:
   /// How a loop grows and shrinks.
@@ -51,11 +51,12 @@ class GV_API EventLoop {
     unsigned minThreads = 0;
     /// The ceiling, at least 1; wins over minThreads.
     unsigned maxThreads = 512;
-    /// How long a task waits behind others that block unannounced.
+    /// About how long a task waits behind others that block unannounced; at least 1 ms.
     std::chrono::milliseconds growAfter{10};
     /// Idle time after which a thread above the minimum goes.
     std::chrono::milliseconds retireAfter{5000};
-    /// How long the end waits for services, and then for running tasks.
+    /// How long the end waits for services, and then for running tasks. (The thread_local objects
+    /// of threads that have ended by then are waited for without limit.)
     std::chrono::milliseconds stopWithin{500};
   };
 
@@ -65,6 +66,7 @@ class GV_API EventLoop {
     unsigned blocked;                       ///< threads in an announced wait
     unsigned maxThreads;                    ///< the ceiling
     std::size_t queued;                     ///< tasks due that have not started
+    std::size_t delayed;                    ///< tasks whose delay runs
     std::chrono::milliseconds longestWait;  ///< how long the oldest of them has waited
   };
 
@@ -104,9 +106,10 @@ class GV_API EventLoop {
 
   /// As `post`, for calls that come in from elsewhere and can be answered with an error, so that
   /// nested calls end in an answer. False, and the task is not taken: as many threads as allowed
-  /// exist and all of them are in an announced wait. When that comes about while the task is
-  /// queued, it is dropped and `refuse` runs in its place, on the loop's own timer thread: it must
-  /// neither block nor wait. `refusalText` says why in both cases.
+  /// exist and all of them are in an announced wait (or none exists and none can be made). When
+  /// that comes about while the task is queued, it is dropped and `refuse` runs in its place, on
+  /// the loop's own timer thread: it must neither block nor wait. `refusalText` says why in both
+  /// cases.
   template <std::invocable F, std::invocable G>
   bool tryPost(F task, G refuse) {
     return trySubmit(std::make_shared<detail::CallTask<F, G>>(std::move(task), std::move(refuse)));

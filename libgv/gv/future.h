@@ -103,7 +103,8 @@ class Future {
 
   /// A future of what `function` makes of this one: called as a callback with the finished future,
   /// its result settles the new future; a `Future` that it returns is flattened, its end becomes
-  /// the new one's. What it throws becomes the new one's error text. To cancel the new future asks
+  /// the new one's. What it throws becomes the new one's error text, a FutureException of a
+  /// cancellation its cancellation. To cancel the new future asks
   /// this one, or the one returned, to cancel.
   template <class F>
   auto then(F function, FutureCallbackType type) const;
@@ -169,7 +170,8 @@ class Promise {
   }
 
   /// Settles with a copy of the value. Throws std::logic_error when settled before, and what
-  /// copying throws (nothing is settled then).
+  /// copying throws (nothing is settled then). Where moving the copy to its place throws, the
+  /// future ends with that error.
   template <class U = T>
   requires(!std::is_void_v<U>) void setValue(const std::type_identity_t<U>& value) const {
     keep()->settle(U(value), detail::CallbackTime::AtOnce);
@@ -183,7 +185,8 @@ class Promise {
   void setValue() const requires(std::is_void_v<T>) {
     keep()->settle({}, detail::CallbackTime::AtOnce);
   }
-  /// Settles with an error. Throws std::logic_error when settled before.
+  /// Settles with an error. Throws std::logic_error when settled before. `Canceled` settles as
+  /// cancelled; `Timeout` and `Invalid`, which tell of a wait, count as `UserError`.
   void setError(std::string text,
                 FutureException::State state = FutureException::State::UserError) const {
     keep()->fail({std::move(text), state}, detail::CallbackTime::AtOnce);

@@ -54,8 +54,8 @@ GV_API HandlerId addHandler(const std::string& name, std::function<void(const Re
 
 /// Removes a handler; an id that is unknown or removed is ignored. Waits for calls of the handler
 /// running in other threads, so that when it returns the handler does not run and will not run, but
-/// for calls on the calling thread's own stack. Of two handlers that remove each other (or
-/// themselves) at once, each waits only for threads that are not in such a removal.
+/// for calls on the calling thread's own stack. Of threads inside handlers that
+/// remove each other's (or their own) in a circle, none waits for the others.
 GV_API void removeHandler(HandlerId id);
 
 /// Sets the level of every category that matches the pattern (`*` any text, `?` any character), of
@@ -63,7 +63,7 @@ GV_API void removeHandler(HandlerId id);
 GV_API void setLevel(Level level, const std::string& categoryPattern = "*");
 
 /// True when a record would be handed to the handlers. One relaxed load with a `Category` (below);
-/// with a name, which need not be registered, a look-up more.
+/// with a name, which need not be registered, a lock and a look-up more.
 GV_API bool isEnabled(const std::string& category, Level level);
 
 /// Registers a category, so that tools can list it; again, or by another library, changes nothing.

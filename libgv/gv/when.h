@@ -17,8 +17,8 @@ namespace detail {
 template <class T>
 class CancelAll {
  public:
-  explicit CancelAll(const std::vector<Future<T>>& futures) {
-    for (const auto& future : futures) targets_.push_back(Settler::weak(future));
+  CancelAll(const std::vector<Future<T>>& futures, const char* operation) {
+    for (const auto& future : futures) targets_.push_back(Settler::weak(future, operation));
   }
   void operator()() const {
     for (const auto& weak : targets_) {
@@ -41,15 +41,17 @@ class CancelAll {
 template <class T>
 Future<std::vector<Future<T>>> whenAll(std::vector<Future<T>> futures) {
   struct Gathering {
-    Promise<std::vector<Future<T>>> promise;
+    explicit Gathering(std::vector<Future<T>> given)
+        : promise(FutureCallbackType::Sync, detail::CancelAll<T>(given, "whenAll")),
+          futures(std::move(given)),
+          left(futures.size() + 1) {}
+
+    const Promise<std::vector<Future<T>>> promise;
     std::vector<Future<T>> futures;
+    // One more than there are, for this function itself: nothing settles before all are connected.
     std::atomic<std::size_t> left;
   };
-  // One more than there are, for this function itself: nothing settles before all are connected.
-  auto gathering = std::make_shared<Gathering>(
-      Promise<std::vector<Future<T>>>(FutureCallbackType::Sync, detail::CancelAll(futures)),
-      std::move(futures), std::size_t{0});
-  gathering->left = gathering->futures.size() + 1;
+  auto gathering = std::make_shared<Gathering>(std::move(futures));
   auto all = gathering->promise.future();
   const auto ended = [](Gathering& them) {
     if (them.left.fetch_sub(1) != 1) return;
@@ -72,11 +74,13 @@ template <class T>
 Future<std::size_t> whenAny(const std::vector<Future<T>>& futures) {
   if (futures.empty()) throw std::invalid_argument("whenAny: no futures to wait for");
   struct Race {
-    Promise<std::size_t> promise;
+    explicit Race(const std::vector<Future<T>>& given)
+        : promise(FutureCallbackType::Sync, detail::CancelAll<T>(given, "whenAny")) {}
+
+    const Promise<std::size_t> promise;
     std::atomic<bool> isOver{false};
   };
-  auto race = std::make_shared<Race>(
-      Promise<std::size_t>(FutureCallbackType::Sync, detail::CancelAll(futures)));
+  auto race = std::make_shared<Race>(futures);
   auto first = race->promise.future();
   for (std::size_t place = 0; place < futures.size(); ++place) {
     futures[place].connect(

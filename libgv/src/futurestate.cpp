@@ -46,6 +46,9 @@ void start(std::unique_ptr<FutureCallback> callback) noexcept {
 /// that a chain of continuations is a loop and no recursion.
 class CallbackRun {
  public:
+  /// How many runs are nested, one in a callback of the other.
+  static int depth() noexcept { return current ? current->depth_ : 0; }
+
   static void add(CallbackList& callbacks, const std::shared_ptr<FutureState>& settled,
                   CallbackTime time) noexcept {
     if (time == CallbackTime::AfterCurrent && current) {
@@ -65,6 +68,7 @@ class CallbackRun {
   }
 
   static thread_local CallbackRun* current;
+  const int depth_ = depth() + 1;
   CallbackList due_;
 };
 
@@ -121,10 +125,10 @@ bool SettlingScope::contains(const FutureState* state) noexcept {
   return scope != nullptr;
 }
 
-void FutureState::Canceler::tell() const noexcept {
+std::shared_ptr<FutureState> FutureState::Canceler::tell() const noexcept {
   // A settlement that overtook an action makes it throw; that is no fault worth more than a note.
   if (action) runSafely(log::Level::Verbose, "cancel", action);
-  if (const auto told = target.lock()) told->cancel();
+  return target.lock();
 }
 
 FutureState::FutureState(FutureCallbackType type) : callbackType_(type) {}
@@ -199,21 +203,26 @@ void FutureState::connect(std::unique_ptr<FutureCallback> callback) {
 }
 
 void FutureState::cancel() {
+  // A loop: chains of continuations may be of any length.
+  for (auto next = cancelThis(); next;) next = next->cancelThis();
+}
+
+std::shared_ptr<FutureState> FutureState::cancelThis() {
   Canceler canceler;
   {
     std::lock_guard lock(mutex_);
-    if (state() != gv::FutureState::Running || cancelRequested_) return;
+    if (state() != gv::FutureState::Running || cancelRequested_) return nullptr;
     cancelRequested_ = true;
     std::swap(canceler, canceler_);
   }
-  canceler.tell();
+  return canceler.tell();
 }
 
 void FutureState::setCancelAction(std::function<void()> action) {
   setCanceler({std::move(action), {}});
 }
 
-void FutureState::setCancelTarget(std::weak_ptr<CancelTarget> target) {
+void FutureState::setCancelTarget(std::weak_ptr<FutureState> target) {
   setCanceler({{}, std::move(target)});
 }
 
@@ -226,7 +235,7 @@ void FutureState::setCanceler(Canceler canceler) {
       return;
     }
   }
-  canceler.tell();
+  if (const auto next = canceler.tell()) next->cancel();
 }
 
 void FutureState::claim() {
@@ -248,6 +257,19 @@ void FutureState::finishCanceled(CallbackTime time) noexcept {
   finish(gv::FutureState::Canceled, time);
 }
 
+void FutureState::finishLike(std::string text, FutureException::State state,
+                             CallbackTime time) noexcept {
+  switch (state) {
+    case FutureException::State::Canceled:
+      return finishCanceled(time);
+    case FutureException::State::Timeout:
+    case FutureException::State::Invalid:
+      return finishWithError(std::move(text), FutureException::State::UserError, time);
+    default:
+      return finishWithError(std::move(text), state, time);
+  }
+}
+
 void FutureState::finish(gv::FutureState end, CallbackTime time) noexcept {
   // Declared here so that both die unlocked: their captures are foreign code.
   CallbackList callbacks;
@@ -263,23 +285,20 @@ void FutureState::finish(gv::FutureState end, CallbackTime time) noexcept {
 }
 
 void FutureState::removePromise() noexcept {
+  // Promises that die with the callbacks of others could make a chain of any length.
+  constexpr int deepest = 16;
   if (promises_.fetch_sub(1, std::memory_order_acq_rel) != 1 || claimed_.exchange(true)) return;
-  finishWithError("broken promise: every promise of this future is gone unsettled",
-                  FutureException::State::BrokenPromise, CallbackTime::AfterCurrent);
+  finishWithError(
+      "broken promise: every promise of this future is gone unsettled",
+      FutureException::State::BrokenPromise,
+      CallbackRun::depth() < deepest ? CallbackTime::AtOnce : CallbackTime::AfterCurrent);
 }
 
 CurrentError currentError() {
   try {
     throw;
   } catch (const FutureException& error) {
-    switch (error.state()) {
-      // These two tell of the wait that threw, not of how the new future ends.
-      case FutureException::State::Timeout:
-      case FutureException::State::Invalid:
-        return {error.what(), FutureException::State::UserError};
-      default:
-        return {error.what(), error.state()};
-    }
+    return {error.what(), error.state()};
   } catch (const std::exception& error) {
     return {error.what(), FutureException::State::UserError};
   } catch (...) {

@@ -13,19 +13,45 @@ namespace gv::log {
 struct HandlerTable::Handler {
   HandlerId id;
   std::string name;
-  Function function;      // constant until nobody can enter any more
-  unsigned running = 0;   // threads inside
-  unsigned removing = 0;  // those of them that wait in `remove`
+  Function function;     // constant until nobody can enter any more
+  unsigned running = 0;  // threads inside
   bool isRemoved = false;
   bool hasThrown = false;
 };
 
+/// One call of a handler, on its thread's stack.
 struct HandlerTable::Frame {
-  Handler* handler;
-  Frame* outer;
+  Frame(HandlerTable& owner, Handler& called) : table(owner), handler(called), outer(innermost_) {
+    innermost_ = this;
+  }
+  ~Frame() {
+    innermost_ = outer;
+    std::lock_guard lock(table.mutex_);
+    --handler.running;
+    if (handler.isRemoved) table.left_.notify_all();
+  }
+  Frame(const Frame&) = delete;
+  Frame& operator=(const Frame&) = delete;
+
+  HandlerTable& table;
+  Handler& handler;
+  const Frame* const outer;
 };
 
-thread_local HandlerTable::Frame* HandlerTable::innermost_ = nullptr;
+/// A thread that waits in `remove`.
+struct HandlerTable::Removal {
+  const Handler* target;
+  const Frame* innermost;
+  bool isSeen = false;  // while it is asked whom it waits for
+
+  bool isInside(const Handler& handler) const {
+    const Frame* frame = innermost;
+    while (frame && &frame->handler != &handler) frame = frame->outer;
+    return frame != nullptr;
+  }
+};
+
+thread_local const HandlerTable::Frame* HandlerTable::innermost_ = nullptr;
 
 HandlerTable& HandlerTable::instance() {
   static HandlerTable* const table = new HandlerTable;
@@ -57,8 +83,8 @@ void HandlerTable::dispatch(const Record& record) {
   const auto targets = handlers();
   for (const auto& handler : *targets) {
     bool isRunningHere = false;
-    for (Frame* frame = innermost_; frame; frame = frame->outer) {
-      isRunningHere = isRunningHere || frame->handler == handler.get();
+    for (const Frame* frame = innermost_; frame; frame = frame->outer) {
+      isRunningHere = isRunningHere || &frame->handler == handler.get();
     }
     if (!isRunningHere) call(*handler, record);
   }
@@ -70,17 +96,12 @@ void HandlerTable::call(Handler& handler, const Record& record) {
     if (handler.isRemoved) return;
     ++handler.running;
   }
-  Frame frame{&handler, innermost_};
-  innermost_ = &frame;
+  const Frame frame(*this, handler);
   try {
     handler.function(record);
   } catch (...) {
     reportThrow(handler, record);
   }
-  innermost_ = frame.outer;
-  std::lock_guard lock(mutex_);
-  --handler.running;
-  if (handler.isRemoved) left_.notify_all();
 }
 
 void HandlerTable::reportThrow(Handler& handler, const Record& record) {
@@ -118,21 +139,38 @@ void HandlerTable::remove(HandlerId id) {
 }
 
 void HandlerTable::waitUntilLeftLocked(std::unique_lock<std::mutex>& lock, Handler& handler) {
-  if (!innermost_) {
-    left_.wait(lock, [&] { return handler.running == 0; });
-    return;
-  }
-  // Inside a handler: a thread that waits here too may be waiting for this one.
-  for (Frame* frame = innermost_; frame; frame = frame->outer) ++frame->handler->removing;
+  Removal self{&handler, innermost_};
+  removals_.push_back(&self);
   left_.notify_all();
-  left_.wait(lock, [&] { return handler.running == handler.removing; });
-  for (Frame* frame = innermost_; frame; frame = frame->outer) --frame->handler->removing;
+  left_.wait(lock, [&] { return handler.running == waitingForLocked(handler, self); });
+  std::erase(removals_, &self);
+}
+
+/// How many of the threads inside the handler cannot leave it before `self` gives up: itself, and
+/// those that wait for a handler that `self` is inside, directly or through others.
+unsigned HandlerTable::waitingForLocked(const Handler& handler, const Removal& self) {
+  unsigned count = 0;
+  for (Removal* inside : removals_) {
+    if (!inside->isInside(handler)) continue;
+    for (Removal* removal : removals_) removal->isSeen = false;
+    if (waitsForLocked(*inside, self)) ++count;
+  }
+  return count;
+}
+
+bool HandlerTable::waitsForLocked(Removal& removal, const Removal& self) {
+  if (&removal == &self || self.isInside(*removal.target)) return true;
+  if (std::exchange(removal.isSeen, true)) return false;
+  return std::any_of(removals_.begin(), removals_.end(), [&](Removal* other) {
+    return other->isInside(*removal.target) && waitsForLocked(*other, self);
+  });
 }
 
 void HandlerTable::unlockInChild() {
   // Of those inside a handler or in `remove` only this thread is left.
-  for (const auto& handler : *handlers_) handler->running = handler->removing = 0;
-  for (Frame* frame = innermost_; frame; frame = frame->outer) frame->handler->running = 1;
+  for (const auto& handler : *handlers_) handler->running = 0;
+  for (const Frame* frame = innermost_; frame; frame = frame->outer) frame->handler.running = 1;
+  removals_.clear();
   // Not destroyed first, nor used on: either would wait for waiters that are gone.
   new (&left_) std::condition_variable;
   mutex_.unlock();

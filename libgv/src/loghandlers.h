@@ -32,6 +32,7 @@ class HandlerTable {
  private:
   struct Handler;
   struct Frame;
+  struct Removal;
   using Handlers = std::vector<std::shared_ptr<Handler>>;
 
   HandlerTable();
@@ -39,13 +40,16 @@ class HandlerTable {
   void call(Handler& handler, const Record& record);
   void reportThrow(Handler& handler, const Record& record);
   void waitUntilLeftLocked(std::unique_lock<std::mutex>& lock, Handler& handler);
+  unsigned waitingForLocked(const Handler& handler, const Removal& self);
+  bool waitsForLocked(Removal& removal, const Removal& self);
 
-  static thread_local Frame* innermost_;  // calls of handlers on this thread's stack
+  static thread_local const Frame* innermost_;  // calls of handlers on this thread's stack
 
   mutable std::mutex mutex_;                  // guards all below and the changing fields of Handler
   std::shared_ptr<const Handlers> handlers_;  // replaced, never changed
   HandlerId lastId_ = 0;
-  std::condition_variable left_;  // a handler was left, or one thread in it waits in `remove`
+  std::vector<Removal*> removals_;  // those that wait at the moment, each on its thread's stack
+  std::condition_variable left_;    // a handler was left, or one thread in it waits in `remove`
 };
 
 }  // namespace gv::log

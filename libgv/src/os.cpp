@@ -50,12 +50,17 @@ std::string usableAddress(const ifaddrs& interface) {
   return text.data();
 }
 
+/// Empty for what is no id: an image that was never started holds a word there, the same
+/// everywhere.
 std::string machineIdFromFile(const char* path) {
+  constexpr std::size_t digits = 32;
   std::ifstream file(path);
   std::string id;
   std::getline(file, id);
-  std::erase_if(id, [](unsigned char c) { return !std::isxdigit(c); });
-  return id;
+  const bool isId = id.size() == digits && std::all_of(id.begin(), id.end(), [](unsigned char c) {
+                      return std::isxdigit(c) != 0;
+                    });
+  return isId ? id : std::string();
 }
 
 /// FNV-1a, for a stable name only.

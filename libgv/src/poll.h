@@ -49,7 +49,7 @@ bool pollFor(std::chrono::nanoseconds longest, const Condition& isOver) noexcept
   return isOver();
 }
 
-/// Locks a mutex that is held for tens of nanoseconds at a time: to sleep for it would take longer.
+/// Locks a mutex that is mostly held for tens of nanoseconds: to sleep for it would take longer.
 inline std::unique_lock<std::mutex> lockSoon(std::mutex& mutex) noexcept {
   for (int look = 0; look < 32; ++look) {
     if (mutex.try_lock()) return std::unique_lock(mutex, std::adopt_lock);

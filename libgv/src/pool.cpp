@@ -14,6 +14,11 @@
 namespace gv::detail {
 namespace {
 
+using std::chrono::milliseconds;
+
+// Far beyond any use, and safe from overflow of the clock.
+constexpr milliseconds longest = std::chrono::hours(24 * 365 * 50);
+
 // A worker that would have had its next task within this time had better polled for it.
 constexpr std::chrono::microseconds worthPolling(40);
 // About what it takes to wake a worker that sleeps.
@@ -36,11 +41,14 @@ EventLoop::Settings completed(EventLoop::Settings settings) {
   if (settings.minThreads == 0) settings.minThreads = std::thread::hardware_concurrency();
   settings.maxThreads = std::max(settings.maxThreads, 1u);
   settings.minThreads = std::clamp(settings.minThreads, 1u, settings.maxThreads);
+  settings.growAfter = std::clamp<milliseconds>(settings.growAfter, milliseconds(1), longest);
+  settings.retireAfter = std::clamp<milliseconds>(settings.retireAfter, milliseconds(0), longest);
+  settings.stopWithin = std::clamp<milliseconds>(settings.stopWithin, milliseconds(0), longest);
   return settings;
 }
 
-std::chrono::milliseconds between(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(to - from);
+milliseconds between(Clock::time_point from, Clock::time_point to) {
+  return std::chrono::duration_cast<milliseconds>(to - from);
 }
 
 }  // namespace
@@ -90,8 +98,7 @@ void Pool::submit(TaskPointer task, std::chrono::milliseconds delay) {
   }
   checkNotForked();
   task->pool_ = weak_from_this();
-  // Far beyond any use, and safe from overflow of the clock.
-  delay = std::min<std::chrono::milliseconds>(delay, std::chrono::hours(24 * 365 * 50));
+  delay = std::min(delay, longest);
   {
     const Lock lock(mutex_);
     if (!isClosing_) {
@@ -107,7 +114,11 @@ void Pool::submit(TaskPointer task, std::chrono::milliseconds delay) {
 }
 
 bool Pool::trySubmit(TaskPointer task) {
-  return accept(std::move(task), true);
+  try {
+    return accept(std::move(task), true);
+  } catch (const std::system_error&) {
+    return false;  // there is no thread and none can be made
+  }
 }
 
 bool Pool::accept(TaskPointer task, bool isRefusable) {
@@ -122,7 +133,7 @@ bool Pool::accept(TaskPointer task, bool isRefusable) {
     return true;
   }
   if (isRefusable && refusesCalls(viewLocked())) return false;
-  startMonitorLocked();
+  startFirstThreadsLocked();
   queue_.push(task, now);
   hasWork_.store(true, std::memory_order_relaxed);
   if (isLikelyTakenSoonLocked()) {
@@ -161,6 +172,7 @@ PoolView Pool::viewLocked() const {
 }
 
 PoolView Pool::timedViewLocked(Clock::time_point now) {
+  queue_.sweep();
   const auto oldest = queue_.oldest();
   PoolView view = viewLocked();
   view.longestWait = between(oldest.value_or(now), now);
@@ -169,10 +181,11 @@ PoolView Pool::timedViewLocked(Clock::time_point now) {
 }
 
 EventLoop::Figures Pool::figures() {
-  if (isForked()) return {0, 0, settings_.maxThreads, 0, {}};
+  if (isForked()) return {0, 0, settings_.maxThreads, 0, 0, {}};
   const Lock lock(mutex_);
   const PoolView view = timedViewLocked(Clock::now());
-  return {view.threads, view.blocked, view.maxThreads, view.queued, view.longestWait};
+  return {view.threads, view.blocked,         view.maxThreads,
+          view.queued,  queue_.delayedSize(), view.longestWait};
 }
 
 // ---- Workers
@@ -188,18 +201,27 @@ Pool::WorkerPointer Pool::provideThreadLocked(Clock::time_point now) {
     ++arriving_;
     return woken;
   }
-  if (growsAtOnce(view)) startWorkerLocked();
+  if (growsAtOnce(view)) tryToStartWorkerLocked();
   if (needsThread(viewLocked())) alertMonitorLocked(now + settings_.growAfter);
   return nullptr;
 }
 
+void Pool::startFirstThreadsLocked() {
+  startMonitorLocked();
+  if (workers_ == 0) startWorkerLocked();
+}
+
 void Pool::startWorkerLocked() {
   auto worker = std::make_shared<Worker>(*this);
+  startThreadLocked("gv-pool", worker, [this, worker] { work(worker); });
+  ++workers_;
+  ++arriving_;
+}
+
+void Pool::tryToStartWorkerLocked() noexcept {
   try {
-    startThreadLocked("gv-pool", worker, [this, worker] { work(worker); });
-    ++workers_;
-    ++arriving_;
-  } catch (const std::system_error& error) {
+    startWorkerLocked();
+  } catch (const std::exception& error) {
     // The monitor tries again while tasks wait.
     startFailure_ = error.what();
   }
@@ -217,6 +239,7 @@ void Pool::work(const WorkerPointer& self) {
       lock.unlock();
       runLogged("post", [&] { task->run(); });
       task.reset();
+      if (isForked()) return;  // the task forked: this is the child, and the pool is the parent's
       lock = lockSoon(mutex_);
     } else if (!idleLocked(lock, self)) {
       break;
@@ -293,9 +316,12 @@ void Pool::workerHasUnblocked() noexcept {
   --blocked_;
 }
 
+std::string describeException() {
+  return "ended with an exception: " + currentError().text;
+}
+
 void logException(const char* operation) noexcept {
-  GV_LOG(log::Level::Error, "gv.eventloop", operation,
-         "ended with an exception: " + currentError().text);
+  GV_LOG(log::Level::Error, "gv.eventloop", operation, describeException());
 }
 
 }  // namespace gv::detail

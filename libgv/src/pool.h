@@ -18,9 +18,9 @@
 namespace gv::detail {
 
 /// The threads and the queue behind an EventLoop: workers, which run tasks; the monitor, which
-/// starts delayed tasks, adds threads where nobody announced a wait and joins threads that ended;
-/// a reporter while there is a warning to log; and services. Every thread holds the pool, which so
-/// outlives those that `stop` could not wait for.
+/// starts delayed tasks and adds threads where nobody announced a wait; a reporter, while there is
+/// something to do that may block: warnings to log, ended threads to join; and services. Every
+/// thread holds the pool, which so outlives those that `stop` could not wait for.
 ///
 /// No function of a user is called, moved or destroyed under the mutex.
 class Pool : public std::enable_shared_from_this<Pool> {
@@ -67,7 +67,9 @@ class Pool : public std::enable_shared_from_this<Pool> {
   bool accept(TaskPointer task, bool isRefusable);
   bool isLikelyTakenSoonLocked() const;
   WorkerPointer provideThreadLocked(Clock::time_point now);
+  void startFirstThreadsLocked();
   void startWorkerLocked();
+  void tryToStartWorkerLocked() noexcept;
   void work(const WorkerPointer& self);
   bool idleLocked(Lock& lock, const WorkerPointer& self);
   bool pollForTaskLocked(Lock& lock);
@@ -93,9 +95,10 @@ class Pool : public std::enable_shared_from_this<Pool> {
   void monitor();
   void alertMonitorLocked(Clock::time_point when);
   Clock::time_point nextLookLocked(Clock::time_point now);
-  bool runChoresLocked(Lock& lock);
-  void startReporterLocked(Clock::time_point now);
+  bool refuseLocked(Lock& lock);
+  void startReporterLocked();
   void report();
+  void runChoresLocked(Lock& lock);
   std::string warningLocked(Clock::time_point now);
 
   const EventLoop::Settings settings_;
@@ -126,18 +129,18 @@ class Pool : public std::enable_shared_from_this<Pool> {
 
   std::vector<TaskPointer> refused_;  // which the monitor has to answer
 
-  bool isReporting_ = false;  // there is a reporter
-  std::string warning_;       // for it to log
+  bool isReporting_ = false;    // the last reporter has not ended
+  ThreadPointer lastReporter_;  // joined by the next one
+  std::string warning_;         // for it to log
   Clock::time_point lastWarning_;
   std::string startFailure_;  // why the last thread could not be started, until told
 };
 
-/// Runs a function of a user's; what it throws is logged as an error.
-template <class F>
-void runLogged(const char* operation, const F& function) noexcept;
-/// The end of the above: call it while the exception is handled.
+/// What to log of the exception being handled, which ended a function of a user's.
+std::string describeException();
 void logException(const char* operation) noexcept;
 
+/// Runs a function of a user's; what it throws is logged as an error.
 template <class F>
 void runLogged(const char* operation, const F& function) noexcept {
   try {

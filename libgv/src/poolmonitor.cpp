@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <system_error>
 #include <utility>
 
 #include <gv/log.h>
@@ -23,9 +22,10 @@ void Pool::monitor() {
     }
     const bool isActive = std::exchange(startsSeen_, starts_) != starts_;
     if (isActive) lastProgress_ = now;
-    if (growsWhenStalled(timedViewLocked(now))) startWorkerLocked();
-    startReporterLocked(now);
-    if (runChoresLocked(lock)) continue;
+    if (growsWhenStalled(timedViewLocked(now))) tryToStartWorkerLocked();
+    if (std::string warning = warningLocked(now); !warning.empty()) warning_ = std::move(warning);
+    startReporterLocked();
+    if (refuseLocked(lock)) continue;
 
     monitorWakeAt_ = nextLookLocked(now);
     // While tasks come and go it looks at a steady pace, and need not be woken for each.
@@ -54,42 +54,53 @@ Clock::time_point Pool::nextLookLocked(Clock::time_point now) {
   return next;
 }
 
-/// What is done unlocked; true when there was something and time has passed.
-bool Pool::runChoresLocked(Lock& lock) {
-  auto ended = std::exchange(ended_, {});
+/// True when there was something and time has passed.
+bool Pool::refuseLocked(Lock& lock) {
   auto refused = std::exchange(refused_, {});
-  if (ended.empty() && refused.empty()) return false;
+  if (refused.empty()) return false;
   lock.unlock();
-  for (const ThreadPointer& thread : ended) thread->handle.join();
-  for (const TaskPointer& task : refused) runLogged("tryPost", [&] { task->refuse(); });
-  ended.clear();
+  std::string failure;
+  for (const TaskPointer& task : refused) {
+    try {
+      task->refuse();
+    } catch (...) {
+      failure = describeException();
+    }
+  }
   refused.clear();
   lock.lock();
+  if (!failure.empty()) warning_ = "a refusal " + failure;
   return true;
 }
 
-/// Warnings are logged by a thread of their own: a handler that blocks would stop the monitor, and
-/// with it timers and growth.
-void Pool::startReporterLocked(Clock::time_point now) {
-  if (std::string warning = warningLocked(now); !warning.empty()) warning_ = std::move(warning);
-  if (isReporting_ || warning_.empty()) return;
+/// What may block has a thread of its own: a log handler, or a thread_local object of a thread that
+/// ends, would stop the monitor, and with it timers and growth.
+void Pool::startReporterLocked() {
+  if (isReporting_ || (warning_.empty() && ended_.empty())) return;
+  auto reporter = std::make_shared<Thread>();
   try {
-    startThreadLocked("gv-report", std::make_shared<Thread>(), [this] { report(); });
+    startThreadLocked("gv-report", reporter, [this] { report(); });
     isReporting_ = true;
-  } catch (const std::system_error&) {
-    // Tried again at the next look.
+    std::swap(reporter, lastReporter_);
+    if (reporter) ended_.push_back(std::move(reporter));
+  } catch (const std::exception&) {
+    // Tried again when there is more to do.
   }
 }
 
 void Pool::report() {
   Lock lock(mutex_);
-  while (!warning_.empty()) {
-    const auto warning = std::exchange(warning_, {});
-    lock.unlock();
-    GV_LOG(log::Level::Warning, "gv.eventloop", "post", warning);
-    lock.lock();
-  }
-  isReporting_ = false;
+  while (!warning_.empty() || !ended_.empty()) runChoresLocked(lock);
+}
+
+void Pool::runChoresLocked(Lock& lock) {
+  auto ended = std::exchange(ended_, {});
+  const auto warning = std::exchange(warning_, {});
+  lock.unlock();
+  if (!warning.empty()) GV_LOG(log::Level::Warning, "gv.eventloop", "post", warning);
+  for (const ThreadPointer& thread : ended) thread->handle.join();
+  ended.clear();
+  lock.lock();
 }
 
 std::string Pool::warningLocked(Clock::time_point now) {

@@ -35,7 +35,7 @@ void Pool::startThreadLocked(const std::string& name, const ThreadPointer& threa
           nameThisThread(name);
           body();
           body = nullptr;
-          self->endThread(thread);
+          if (!self->isForked()) self->endThread(thread);
         });
   } catch (...) {
     live_.pop_back();
@@ -46,8 +46,13 @@ void Pool::startThreadLocked(const std::string& name, const ThreadPointer& threa
 void Pool::endThread(const ThreadPointer& thread) {
   const Lock lock(mutex_);
   std::erase(live_, thread);
-  ended_.push_back(thread);
-  alertMonitorLocked(Clock::now());
+  if (thread == lastReporter_) {
+    // Joined by the next one, or at the end: another one would have to be started for it.
+    isReporting_ = false;
+  } else {
+    ended_.push_back(thread);
+  }
+  if (!warning_.empty() || !ended_.empty()) alertMonitorLocked(Clock::now());
   threadEnded_.notify_all();
 }
 
@@ -124,6 +129,7 @@ void Pool::joinThreads() {
   // What still runs keeps the pool alive and ends by itself, or with the process.
   for (const ThreadPointer& thread : live_) thread->handle.detach();
   auto ended = std::exchange(ended_, {});
+  if (lastReporter_ && !isReporting_) ended.push_back(std::move(lastReporter_));
   lock.unlock();
   for (const ThreadPointer& thread : ended) thread->handle.join();
 }

@@ -69,16 +69,23 @@ class SigpipeGuard {
     pthread_sigmask(SIG_BLOCK, &pipe_, &previous_);
   }
   ~SigpipeGuard() {
-    if (!wasPending_ && isPending()) {
-      int signal = 0;
-      sigwait(&pipe_, &signal);
-    }
+    if (!wasPending_ && isPending()) takePending();
     pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
   }
   SigpipeGuard(const SigpipeGuard&) = delete;
   SigpipeGuard& operator=(const SigpipeGuard&) = delete;
 
  private:
+  void takePending() {
+#ifdef __APPLE__
+    int signal = 0;
+    sigwait(&pipe_, &signal);
+#else
+    // Another thread may have taken it: not waited for.
+    const timespec now{};
+    sigtimedwait(&pipe_, nullptr, &now);
+#endif
+  }
   static bool isPending() {
     sigset_t pending;
     sigemptyset(&pending);

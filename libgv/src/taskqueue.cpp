@@ -1,5 +1,6 @@
 #include "src/taskqueue.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace gv::detail {
@@ -18,6 +19,16 @@ void TaskQueue::append(TaskPointer task, Clock::time_point now) {
   ++size_;
 }
 
+void TaskQueue::sweep() {
+  for (std::size_t left = size_; left > 0; --left) {
+    TaskPointer task = takeFront();
+    if (task->state_ != Task::State::Queued) continue;
+    const auto queuedAt = task->queuedAt_;
+    append(std::move(task), queuedAt);
+  }
+  sweepAt_ = std::max<std::size_t>(64, 2 * size_);
+}
+
 TaskPointer TaskQueue::takeFront() {
   TaskPointer taken = std::move(front_);
   if (!taken) return nullptr;
@@ -30,6 +41,7 @@ TaskPointer TaskQueue::takeFront() {
 void TaskQueue::push(TaskPointer task, Clock::time_point now) {
   task->state_.store(Task::State::Queued, std::memory_order_relaxed);
   append(std::move(task), now);
+  if (size_ >= sweepAt_) sweep();
 }
 
 void TaskQueue::schedule(const TaskPointer& task, Clock::time_point due) {
@@ -69,10 +81,10 @@ std::vector<TaskPointer> TaskQueue::takeRefusable() {
     TaskPointer task = takeFront();
     if (task->isRefusable() && task->move(Task::State::Queued, Task::State::Dropped)) {
       taken.push_back(std::move(task));
-    } else if (task->state_ == Task::State::Queued) {
-      const auto queuedAt = task->queuedAt_;
-      append(std::move(task), queuedAt);
+      continue;
     }
+    const auto queuedAt = task->queuedAt_;
+    append(std::move(task), queuedAt);
   }
   return taken;
 }

@@ -13,7 +13,8 @@ using Clock = std::chrono::steady_clock;
 /// The tasks of a pool that have not started: those due, in order, and those with a delay. Not
 /// locked: its owner does that. Runs and discards none, which is foreign code.
 ///
-/// A due task that is dropped stays in its place until it comes to the front; it counts meanwhile.
+/// A due task that is dropped stays in its place, and counts, until it comes to the front or is
+/// swept out, which happens of itself before they take more room than those that are left.
 class GV_API TaskQueue {
  public:
   TaskQueue() = default;
@@ -34,8 +35,13 @@ class GV_API TaskQueue {
   /// Removes everything; the caller discards it.
   std::vector<TaskPointer> takeAll();
 
+  /// Removes the dropped ones.
+  void sweep();
+
   /// Number of tasks due.
   std::size_t size() const noexcept { return size_; }
+  /// Number of tasks with a delay that runs.
+  std::size_t delayedSize() const noexcept { return delayed_.size(); }
   /// When the oldest task due became so.
   std::optional<Clock::time_point> oldest();
   /// When the next delay is over.
@@ -48,6 +54,7 @@ class GV_API TaskQueue {
   TaskPointer front_;
   Task* back_ = nullptr;
   std::size_t size_ = 0;
+  std::size_t sweepAt_ = 64;
   DelayedTasks delayed_;
 };
 

@@ -160,6 +160,30 @@ int forkWhileLogging() {
   return status == 0 ? 0 : 10;
 }
 
+/// The environment's numbers win over the program's, where they can be read; who is told that one
+/// cannot may use the loop already.
+int readSettings() {
+  setenv("GV_EVENTLOOP_MIN_THREADS", "many", 1);
+  setenv("GV_EVENTLOOP_MAX_THREADS", "7", 1);
+  gv::EventLoop::Settings settings;
+  settings.minThreads = 1;
+  settings.maxThreads = 3;
+  gv::setEventLoopSettings(settings);
+  std::string complaint;
+  gv::log::addHandler("complaint", [&](const gv::log::Record& record) {
+    complaint = record.text;
+    loop().async([] {}).wait();
+  });
+  if (loop().figures().maxThreads != 7) return 11;
+  std::cout << complaint << std::endl;
+  try {
+    gv::setEventLoopSettings(settings);
+  } catch (const std::logic_error&) {
+    return 0;
+  }
+  return 12;
+}
+
 int logLines() {
   gv::log::write(gv::log::Level::Verbose, "chatty.one", "logLines", "", 0, "forged\n{}%n");
   gv::log::write(gv::log::Level::Info, "other", "logLines", "", 0, "unwanted");
@@ -190,6 +214,7 @@ int main(int argc, char** argv) {
       {"late-use", lateUse},
       {"fork", postInForkedChild},
       {"fork-while-logging", forkWhileLogging},
+      {"settings", readSettings},
       {"log-lines", logLines},
       {"log-to-closed-pipe", logToClosedPipe},
   };

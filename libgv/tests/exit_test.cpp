@@ -44,6 +44,12 @@ TEST(ForkedChild, IsToldThatTheLoopHasNoThreadsThere) {
   endOf(program);
 }
 
+TEST(Settings, ComeFromProgramAndEnvironment) {
+  house::ChildProcess program(GV_EXIT_PROGRAM, {"settings"});
+  program.waitForLine("GV_EVENTLOOP_MIN_THREADS: expected a number above 0, not \"many\"");
+  endOf(program);
+}
+
 TEST(DefaultHandler, WritesWhatGvLogEnablesEscaped) {
   house::ChildProcess program(GV_EXIT_PROGRAM, {"log-lines"},
                               {"GV_LOG=warning,nonsense,chatty.*=verbose"});

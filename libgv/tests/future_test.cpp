@@ -54,30 +54,41 @@ FutureException::State thrownBy(const std::function<void()>& action) {
   return FutureException::State::Invalid;
 }
 
-/// What one round of the race below came to.
+/// One promise on which four threads set a value, set an error, cancel and drop at once; on every
+/// fourth they only drop, so that it breaks.
 struct Raced {
   std::unique_ptr<Promise<int>> promise[4];
   Future<int> future;
-  std::atomic<int> wins{0};
+  std::atomic<int> wins[3] = {};
   std::atomic<int> callbacks{0};
 
   Raced() {
-    Promise<int> first(FutureCallbackType::Sync);
+    Promise<int> first(FutureCallbackType::Sync, [this] { attempt(2); });
     for (auto& copy : promise) copy = std::make_unique<Promise<int>>(first);
     future = first.future();
     future.connect([this](Future<int>) { ++callbacks; });
   }
-  /// Whoever settles last finds it settled: one way or another, each drops its promise.
-  void settle(int way) {
+  void attempt(int way) {
     try {
       if (way == 0) promise[0]->setValue(7);
       if (way == 1) promise[1]->setError("bad");
       if (way == 2) promise[2]->setCanceled();
-      if (way == 3) future.cancel();
-      wins += way < 3 ? 1 : 0;
+      ++wins[way];
     } catch (const std::logic_error&) {
     }
+  }
+  void race(int way, bool drops) {
+    if (!drops && way < 2) attempt(way);
+    if (!drops && way == 2) future.cancel();
     promise[way].reset();
+  }
+  bool isRight(bool wasDropped) const {
+    if (callbacks != 1 || wins[0] + wins[1] + wins[2] != (wasDropped ? 0 : 1)) return false;
+    if (wasDropped) return future.errorState(0) == FutureException::State::BrokenPromise;
+    const FutureState end = future.wait(0);
+    return end == (wins[0]   ? FutureState::FinishedWithValue
+                   : wins[1] ? FutureState::FinishedWithError
+                             : FutureState::Canceled);
   }
 };
 
@@ -91,9 +102,9 @@ TEST(Future, OneOfManySettlersWinsAndIsSeenByAll) {
     const auto race = [&](int way) {
       std::minstd_rand random(static_cast<unsigned>(4 * round + way));
       start.arrive_and_wait();
-      for (auto& one : raced) {
+      for (int i = 0; i < atOnce; ++i) {
         if (random() % 64 == 0) std::this_thread::yield();
-        one.settle(way);
+        raced[static_cast<std::size_t>(i)].race(way, i % 4 == 3);
       }
     };
     std::thread value(race, 0), error(race, 1), cancel(race, 2);
@@ -101,8 +112,8 @@ TEST(Future, OneOfManySettlersWinsAndIsSeenByAll) {
     value.join();
     error.join();
     cancel.join();
-    for (auto& one : raced) {
-      if (one.wins != 1 || one.callbacks != 1 || !one.future.isFinished()) ++failures;
+    for (int i = 0; i < atOnce; ++i) {
+      failures += raced[static_cast<std::size_t>(i)].isRight(i % 4 == 3) ? 0 : 1;
     }
   }
   EXPECT_EQ(failures, 0);
@@ -283,7 +294,8 @@ TEST(FutureThen, ChainOfAMillionTakesNoStack) {
   static const int length = std::min(house::rounds(1'000'000), 1'000'000);
   const auto run = [](void* result) -> void* {
     for (const bool isBroken : {false, true}) {
-      auto promise = std::make_unique<Promise<int>>(FutureCallbackType::Sync);
+      int requests = 0;
+      auto promise = std::make_unique<Promise<int>>(FutureCallbackType::Sync, [&] { ++requests; });
       const int links = isBroken ? length / 20 : length;  // each throws then
       auto end = promise->future();
       for (int i = 0; i < links; ++i) {
@@ -293,9 +305,12 @@ TEST(FutureThen, ChainOfAMillionTakesNoStack) {
           end = end.then([](Future<int> f) { return gv::makeReadyFuture(f.value() + 1); });
         }
       }
+      end.cancel();
       if (!isBroken) promise->setValue(0);
       promise.reset();
-      static_cast<int*>(result)[isBroken] = isBroken ? end.hasError(0) : end.value(0);
+      static_cast<int*>(result)[isBroken] = requests != 1 ? -1
+                                            : isBroken    ? end.hasError(0)
+                                                          : end.value(0);
     }
     return nullptr;
   };
@@ -303,6 +318,37 @@ TEST(FutureThen, ChainOfAMillionTakesNoStack) {
   runWithSmallStack(run, results);
   EXPECT_EQ(results[0], length);
   EXPECT_EQ(results[1], 1);
+}
+
+TEST(FutureThen, MayBeWaitedForInACallbackThatEndsWhatItContinues) {
+  house::Watchdog watchdog("ends inside a callback");
+  gv::EventLoop::Settings settings;
+  settings.maxThreads = 1;
+  gv::EventLoop loop(settings);
+  Promise<void> release;
+  loop.post([held = release.future()] { held.wait(); });
+  const auto isSeenIn = [](const Future<int>& ended) {
+    return ended.then([](Future<int> f) { return f.isFinished(); }, FutureCallbackType::Sync)
+        .value();
+  };
+  bool isSeen = false;
+  gv::makeReadyFuture().connect(
+      [&](Future<void>) {
+        const auto canceled = loop.async([] { return 1; });
+        canceled.cancel();
+        auto dropped = std::make_unique<Promise<int>>();
+        const auto broken = dropped->future();
+        dropped.reset();
+        isSeen = isSeenIn(canceled) && isSeenIn(broken);
+      },
+      FutureCallbackType::Sync);
+  EXPECT_TRUE(isSeen);
+  release.setValue();
+
+  Promise<int> canceled(FutureCallbackType::Sync);
+  auto next = canceled.future().then([](Future<int> f) { return f.value(); });
+  canceled.setCanceled();
+  EXPECT_TRUE(next.isCanceled()) << "what throws a cancellation is cancelled";
 }
 
 TEST(FutureWhen, AllAndAnyEndWithTheLastAndTheFirst) {

@@ -159,4 +159,37 @@ TEST_F(Log, HandlersMayRemoveEachOtherAtOnce) {
   }
 }
 
+TEST_F(Log, RemovalWaitsForAThreadThatWaitsInAnotherOne) {
+  std::latch insideX(1), insideY(1), gate(1);
+  std::atomic<bool> hasLeftX{false};
+  bool sawXLeft = false;
+  gv::log::HandlerId x = 0;
+  const auto y = gv::log::addHandler("y", [&](const Record& record) {
+    if (record.text != "to y") return;
+    insideY.count_down();
+    gate.wait();
+  });
+  x = gv::log::addHandler("x", [&](const Record& record) {
+    if (record.text != "to x") return;
+    insideX.count_down();
+    gv::log::removeHandler(y);
+    hasLeftX = true;
+  });
+  const auto z = gv::log::addHandler("z", [&](const Record& record) {
+    if (record.text != "to z") return;
+    gv::log::removeHandler(x);
+    sawXLeft = hasLeftX;
+  });
+  std::thread inY([] { say("to y"); });
+  insideY.wait();
+  std::thread inX([] { say("to x"); });
+  insideX.wait();
+  std::thread inZ([] { say("to z"); });
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+  gate.count_down();
+  for (auto* thread : {&inX, &inY, &inZ}) thread->join();
+  gv::log::removeHandler(z);
+  EXPECT_TRUE(sawXLeft);
+}
+
 }  // namespace

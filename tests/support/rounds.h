@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace house {
@@ -7,7 +8,7 @@ namespace house {
 /// How many times the everyday run this one is: JX_TEST_ROUNDS, which the long run sets.
 inline int roundsFactor() {
   const char* asked = std::getenv("JX_TEST_ROUNDS");
-  return asked ? std::atoi(asked) : 1;
+  return asked ? std::max(1, std::atoi(asked)) : 1;
 }
 
 /// How often a race is tried: fewer times where a sanitizer makes each round much slower.

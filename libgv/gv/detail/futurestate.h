@@ -59,15 +59,6 @@ class GV_API CallbackList {
   FutureCallback* last_ = nullptr;
 };
 
-/// Whom a future tells that it was asked to cancel: what it continues, or the task behind it.
-class GV_API CancelTarget {
- public:
-  virtual void cancel() = 0;
-
- protected:
-  ~CancelTarget() = default;
-};
-
 /// When a settlement runs its synchronous callbacks. `AtOnce`: before it returns. `AfterCurrent`:
 /// when the callback that is running on this thread has returned, so that chains of continuations
 /// do not pile up on the stack; without one, at once.
@@ -80,7 +71,7 @@ enum class CallbackTime { AtOnce, AfterCurrent };
 ///
 /// `claim` decides the race of several settlers; its winner stores the value with no lock held and
 /// publishes it with one of the finishes. Callbacks, callers' destructors and waits run unlocked.
-class GV_API FutureState : public CancelTarget, public std::enable_shared_from_this<FutureState> {
+class GV_API FutureState : public std::enable_shared_from_this<FutureState> {
  public:
   explicit FutureState(FutureCallbackType type);
   virtual ~FutureState();
@@ -101,13 +92,13 @@ class GV_API FutureState : public CancelTarget, public std::enable_shared_from_t
 
   void connect(std::unique_ptr<FutureCallback> callback);
 
-  /// Asks for cancellation, the first time only: tells whoever is set below.
-  void cancel() override;
+  /// Asks for cancellation, the first time only: tells whoever is set below, and whom that tells.
+  void cancel();
   bool isCancelRequested() const noexcept { return cancelRequested_.load(); }
   /// Whom `cancel` tells, in place of what was set before; told now when that has been asked for.
   /// Dropped when settled.
   void setCancelAction(std::function<void()> action);
-  void setCancelTarget(std::weak_ptr<CancelTarget> target);
+  void setCancelTarget(std::weak_ptr<FutureState> target);
 
   /// Wins the right to settle, or throws std::logic_error.
   void claim();
@@ -115,16 +106,23 @@ class GV_API FutureState : public CancelTarget, public std::enable_shared_from_t
   void finishWithValue(CallbackTime time) noexcept;
   void finishWithError(std::string text, FutureException::State state, CallbackTime time) noexcept;
   void finishCanceled(CallbackTime time) noexcept;
+  /// As an error says that it ended: a cancellation is one, and what tells of a wait that threw is
+  /// an error of the user's.
+  void finishLike(std::string text, FutureException::State state, CallbackTime time) noexcept;
 
   /// Promises count themselves; the last one gone leaves a broken promise if nothing has settled.
   void addPromise() noexcept { promises_.fetch_add(1, std::memory_order_relaxed); }
   void removePromise() noexcept;
 
+ protected:
+  /// The first part of `cancel`; returns who is to be told next.
+  virtual std::shared_ptr<FutureState> cancelThis();
+
  private:
   struct Canceler {
     std::function<void()> action;
-    std::weak_ptr<CancelTarget> target;
-    void tell() const noexcept;
+    std::weak_ptr<FutureState> target;
+    std::shared_ptr<FutureState> tell() const noexcept;
   };
 
   void finish(gv::FutureState end, CallbackTime time) noexcept;

@@ -59,8 +59,8 @@ struct Settler {
   }
 
   template <class T>
-  static std::weak_ptr<FutureState> weak(const Future<T>& future) {
-    return future.valid("cancel");
+  static std::weak_ptr<FutureState> weak(const Future<T>& future, const char* operation) {
+    return future.valid(operation);
   }
 
   template <class T>
@@ -93,7 +93,7 @@ struct Settler {
   /// Cancelling the one asks `source` to cancel. Weakly: the source's callbacks hold the one.
   template <class T, class U>
   static void forwardCancel(FutureValue<T>& state, const Future<U>& source) {
-    state.setCancelTarget(weak(source));
+    state.setCancelTarget(weak(source, "then"));
   }
 };
 

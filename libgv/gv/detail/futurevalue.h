@@ -21,11 +21,20 @@ struct NoValue {};
 template <class T>
 using Stored = std::conditional_t<std::is_void_v<T>, NoValue, T>;
 
+/// Refuses, with a text, what would end the process from a destructor.
+template <class F>
+constexpr void checkDestructible() {
+  static_assert(std::is_nothrow_destructible_v<F>,
+                "what is posted, connected or promised must not throw from its destructor");
+}
+
 /// The shared state of a future with its value.
 template <class T>
 class FutureValue : public FutureState {
  public:
-  using FutureState::FutureState;
+  explicit FutureValue(FutureCallbackType type) : FutureState(type) {
+    checkDestructible<Stored<T>>();
+  }
 
   /// Settles with the value; throws std::logic_error when settled before. A value whose move throws
   /// settles with that error: the claim is spent.
@@ -38,7 +47,7 @@ class FutureValue : public FutureState {
         value_.emplace(std::move(value));
       } catch (...) {
         CurrentError failure = currentError();
-        finishWithError(std::move(failure.text), failure.state, time);
+        finishLike(std::move(failure.text), failure.state, time);
         return;
       }
     }
@@ -48,7 +57,7 @@ class FutureValue : public FutureState {
   /// Settles with an error; throws std::logic_error when settled before.
   void fail(CurrentError failure, CallbackTime time) {
     claim();
-    finishWithError(std::move(failure.text), failure.state, time);
+    finishLike(std::move(failure.text), failure.state, time);
   }
 
   /// Needs state FinishedWithValue.
@@ -63,7 +72,9 @@ class FutureValue : public FutureState {
 template <class T, class F>
 struct FunctionCallback final : FutureCallback {
   FunctionCallback(F callable, FutureCallbackType callbackType)
-      : FutureCallback(callbackType), function(std::move(callable)) {}
+      : FutureCallback(callbackType), function(std::move(callable)) {
+    checkDestructible<F>();
+  }
 
   void run(const std::shared_ptr<FutureState>& finished) override {
     std::invoke(function, Future<T>(std::static_pointer_cast<FutureValue<T>>(finished)));

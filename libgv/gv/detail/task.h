@@ -60,7 +60,7 @@ class GV_API Task {
 template <class F>
 class FunctionTask final : public Task {
  public:
-  explicit FunctionTask(F function) : function_(std::move(function)) {}
+  explicit FunctionTask(F function) : function_(std::move(function)) { checkDestructible<F>(); }
 
   void run() override {
     struct Reset {
@@ -81,6 +81,7 @@ class AsyncTask final : public Task, public FutureValue<R> {
  public:
   explicit AsyncTask(F function)
       : FutureValue<R>(FutureCallbackType::Async), function_(std::move(function)) {
+    checkDestructible<F>();
     this->addPromise();
   }
 
@@ -94,15 +95,17 @@ class AsyncTask final : public Task, public FutureValue<R> {
     function_.reset();
     this->removePromise();
   }
-  /// Heeded as long as the task has not started.
-  void cancel() override {
-    if (!moveToDropped()) return FutureState::cancel();
-    function_.reset();
-    this->claim();
-    this->finishCanceled(CallbackTime::AfterCurrent);
-  }
 
  private:
+  /// Heeded as long as the task has not started.
+  std::shared_ptr<FutureState> cancelThis() override {
+    if (!moveToDropped()) return FutureState::cancelThis();
+    function_.reset();
+    this->claim();
+    this->finishCanceled(CallbackTime::AtOnce);
+    return nullptr;
+  }
+
   std::optional<F> function_;
 };
 
