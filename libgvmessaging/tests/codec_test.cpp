@@ -204,6 +204,9 @@ TEST(Codec, RefusesLiesBeforeTheyCostAnything) {
   EXPECT_THAT(errorOf(bytes("\x92\xa1v\x01"), "v"), HasSubstr("cannot have the signature"));
   EXPECT_THAT(errorOf(bytes("\x92\xa2mo\x90"), "v"), HasSubstr("cannot be sent"));
   EXPECT_THAT(errorOf(bytes("\x92\x01\x02"), "mi"), HasSubstr("2 elements where 1"));
+  std::map<int, int> map;
+  EXPECT_THROW(readValue(bytes("\x82\x01\x02\x01\x03"), AnyReference::from(map), Limits()),
+               PayloadError);
 }
 
 TEST(Codec, PaysForTheSignatureInEveryElementThatItDescribes) {

@@ -58,8 +58,8 @@ struct MapOps {
   /// A default key and a default value, as an entry of this map would hold them.
   AnyValue (*makeKey)(const void* map);
   AnyValue (*makeValue)(const void* map);
-  /// Takes both contents over. A map of C++ replaces the value of a key that is already there; a
-  /// MapValue keeps every entry that it was sent.
+  /// Takes both contents over. A map of C++ replaces the value of a key that is already there, and
+  /// does not grow: who must not lose an entry compares sizes. A MapValue keeps every entry.
   void (*insert)(void* map, AnyValue&& key, AnyValue&& value);
 };
 

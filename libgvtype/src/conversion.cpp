@@ -186,6 +186,8 @@ void convertToMap(const AnyReference& source, const TypeInterface* type, void* t
                 inside(place, "value", index++));
     type->map->insert(target, std::move(newKey), std::move(newValue));
   });
+  if (type->map->size(target) != index)
+    failValue(source, type, place, "two of its keys become the same");
 }
 
 void convertToOptional(const AnyReference& source, const TypeInterface* type, void* target,

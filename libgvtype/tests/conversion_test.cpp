@@ -102,6 +102,11 @@ TEST(Conversion, GoesElementByElementThroughContainers) {
   const std::map<std::string, int> map = {{"a", 1}};
   EXPECT_EQ((converted<std::map<std::string, long>>(map)), (std::map<std::string, long>{{"a", 1}}));
   EXPECT_EQ(converted<std::vector<int>>(map), std::nullopt);
+  MapValue twice{"a{vi}", {{AnyValue::from("a"), AnyValue::from(1)}}};
+  EXPECT_EQ((converted<std::map<std::string, int>>(twice)), map);
+  twice.entries.push_back(twice.entries[0]);
+  EXPECT_EQ((errorOf<std::map<std::string, int>>(twice)),
+            "cannot convert map to map<string, int32>: two of its keys become the same");
 }
 
 TEST(Conversion, ThroughGenericValuesComesBackUnchanged) {

@@ -156,8 +156,11 @@ class Decoder : public msgpack::null_visitor {
   }
   bool end_map_value() {
     Level& level = levels_.back();
-    level.container.type()->map->insert(level.container.pointer(), std::move(level.key),
-                                        std::move(level.item));
+    const MapOps* map = level.container.type()->map;
+    map->insert(level.container.pointer(), std::move(level.key), std::move(level.item));
+    if (map->size(level.container.pointer()) != level.index + 1)
+      throw PayloadError("a key of a map comes twice" + where());
+    ++level.index;
     return true;
   }
   bool end_map() {
