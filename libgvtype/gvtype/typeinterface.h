@@ -145,7 +145,8 @@ inline bool sameType(const TypeInterface* a, const TypeInterface* b) {
 /// described.
 GVTYPE_API std::string typeName(const TypeInterface* type);
 
-/// Appends the static signature of a type ("i", "as", "(sv)"). A struct within itself is an `X`.
+/// Appends the static signature of a type ("i", "as", "(sv)"). A struct within itself is an `X`, as
+/// is a future of nothing within another type.
 GVTYPE_API void appendSignature(std::string& text, const TypeInterface* type);
 
 }  // namespace gv

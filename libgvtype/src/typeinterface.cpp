@@ -29,7 +29,8 @@ struct Enclosing {
 
 void appendPart(std::string& text, const TypeInterface* type, const Enclosing* outer) {
   if (type->code) {
-    text += type->code;
+    // Only a future of nothing brings a V into another type, where no signature may have one.
+    text += type->code == 'V' && outer ? 'X' : type->code;
     return;
   }
   const Enclosing own{type, outer};
@@ -44,7 +45,7 @@ void appendPart(std::string& text, const TypeInterface* type, const Enclosing* o
       text += 'm';
       return appendPart(text, type->optional->elementType(), &own);
     case TypeKind::Future:
-      return appendPart(text, type->future->valueType(), &own);
+      return appendPart(text, type->future->valueType(), outer);
     case TypeKind::Map:
       text += "a{";
       if (!type->memberType) text += "vv";  // a generic map: its values say more

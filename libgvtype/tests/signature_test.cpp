@@ -4,8 +4,9 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
-#include <gvtype/anyvalue.h>
+#include <gvtype/futuretype.h>
 
 namespace gv {
 namespace {
@@ -76,6 +77,8 @@ TEST(Signature, NamesAValueOfEveryKind) {
         "r", "v", "ab", "ai", "av", "a{si}", "(is)", "a(is)", "aai", "mi", "mv", "m(is)<P,a,b>"})
     EXPECT_EQ(AnyValue::makeDefault(text).signature(), text);
   EXPECT_THROW(AnyValue::makeDefault("o"), std::runtime_error);
+  EXPECT_EQ(AnyReference::own(Future<void>()).signature(), "V");
+  EXPECT_EQ(AnyReference::own(std::vector<Future<void>>()).signature(), "aX");
 }
 
 }  // namespace
