@@ -75,25 +75,47 @@ class Worst {
   int worst_ = 0;
 };
 
+/// Stands for every value of a type. What the type alone does not decide is then undecided.
+AnyReference anyOf(const TypeInterface* type) {
+  return {type, nullptr};
+}
+
+int undecided(bool* looksAtValue) {
+  *looksAtValue = true;
+  return impossible;
+}
+
+std::size_t memberCount(const AnyReference& tuple) {
+  const TypeInterface* type = tuple.type();
+  return tuple.pointer() ? type->tuple->size(tuple.pointer()) : type->memberCount;
+}
+
+AnyReference memberOf(const AnyReference& tuple, std::size_t index) {
+  return tuple.pointer() ? tuple.type()->tuple->member(tuple.pointer(), index)
+                         : anyOf(tuple.type()->memberType(index));
+}
+
 int listCost(const AnyReference& source, std::string_view element, bool* looksAtValue) {
   const TypeInterface* type = source.type();
-  Worst worst;
-  if (type->kind == TypeKind::List) {
-    const TypeInterface* elementType = type->list->elementType();
-    bool first = true;
-    type->list->forEach(source.pointer(), [&](const AnyReference& item) {
-      // Elements of one scalar type cost the same: the first speaks for all.
-      const bool uniform = elementType->kind < TypeKind::List;
-      if (first || !uniform) worst.add(conversionCost(item, element, looksAtValue));
-      first = false;
-    });
-    if (first) *looksAtValue = true;  // any list that is empty converts
-    return worst.of(container);
+  if (type->kind == TypeKind::Tuple) {
+    Worst worst;
+    for (std::size_t i = 0; i < memberCount(source); ++i)
+      worst.add(conversionCost(memberOf(source, i), element, looksAtValue));
+    return worst.of(container + 1);
   }
-  if (type->kind != TypeKind::Tuple) return impossible;
-  for (std::size_t i = 0; i < type->tuple->size(source.pointer()); ++i)
-    worst.add(conversionCost(type->tuple->member(source.pointer(), i), element, looksAtValue));
-  return worst.of(container + 1);
+  if (type->kind != TypeKind::List) return impossible;
+  // By the elements' type where that decides, so that an empty list fits as a full one does.
+  bool isUndecided = false;
+  Worst ofType;
+  ofType.add(conversionCost(anyOf(type->list->elementType()), element, &isUndecided));
+  if (!isUndecided) return ofType.of(container);
+  *looksAtValue = true;
+  if (!source.pointer()) return impossible;
+  Worst worst;
+  type->list->forEach(source.pointer(), [&](const AnyReference& item) {
+    worst.add(conversionCost(item, element, looksAtValue));
+  });
+  return worst.of(container);
 }
 
 int tupleCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
@@ -107,16 +129,15 @@ int tupleCost(const AnyReference& source, std::string_view signature, bool* look
   };
   if (type->kind == TypeKind::List) {
     *looksAtValue = true;
+    if (!source.pointer()) return impossible;
     type->list->forEach(source.pointer(), add);
     return index == members.size() ? worst.of(container) : impossible;
   }
-  if (type->kind != TypeKind::Tuple || type->tuple->size(source.pointer()) != members.size())
-    return impossible;
+  if (type->kind != TypeKind::Tuple || memberCount(source) != members.size()) return impossible;
   const FieldOrder order(annotationOf(source), signatureAnnotation(signature));
   if (!order.isPossible()) return impossible;
   while (index < members.size())
-    add(type->tuple->member(source.pointer(),
-                            order.isByPosition() ? index : order.sourceOf(index)));
+    add(memberOf(source, order.isByPosition() ? index : order.sourceOf(index)));
   return worst.of(container);
 }
 
@@ -124,13 +145,20 @@ int mapCost(const AnyReference& source, std::string_view signature, bool* looksA
   if (source.type()->kind != TypeKind::Map) return impossible;
   const std::string_view inner = signature.substr(2, signature.size() - 3);
   const std::size_t keyLength = signatureLength(inner);
+  bool isUndecided = false;
   Worst worst;
-  if (source.type()->map->size(source.pointer()) == 0) *looksAtValue = true;
-  source.type()->map->forEach(
-      source.pointer(), [&](const AnyReference& key, const AnyReference& value) {
-        worst.add(conversionCost(key, inner.substr(0, keyLength), looksAtValue));
-        worst.add(conversionCost(value, inner.substr(keyLength), looksAtValue));
-      });
+  const auto add = [&](const AnyReference& key, const AnyReference& value) {
+    worst.add(conversionCost(key, inner.substr(0, keyLength), &isUndecided));
+    worst.add(conversionCost(value, inner.substr(keyLength), &isUndecided));
+  };
+  if (const auto partType = source.type()->memberType) {
+    add(anyOf(partType(0)), anyOf(partType(1)));
+    if (!isUndecided) return worst.of(container);
+  }
+  *looksAtValue = true;
+  if (!source.pointer()) return impossible;
+  worst = {};
+  source.type()->map->forEach(source.pointer(), add);
   return worst.of(container);
 }
 
@@ -158,8 +186,8 @@ int futureCost(const AnyReference& source, std::string_view signature, bool* loo
 int toOptionalCost(const AnyReference& source, std::string_view element, bool* looksAtValue) {
   AnyReference content = source;
   if (source.type()->kind == TypeKind::Optional) {
+    *looksAtValue = true;  // any optional that is empty converts
     content = source.type()->optional->content(source.pointer());
-    if (!content.isValid()) *looksAtValue = true;  // any optional that is empty converts
     if (!content.isValid()) return container;
   }
   const int cost = conversionCost(content, element, looksAtValue);
@@ -171,9 +199,14 @@ int nestedCost(const AnyReference& source, std::string_view signature, bool* loo
   if (NestingLevel::isExhausted()) return impossible;
   const NestingLevel level;
   const TypeInterface* type = source.type();
+  if (!source.pointer() && (type->kind == TypeKind::Dynamic || type->ownSignature))
+    return undecided(looksAtValue);
   if (type->kind == TypeKind::Dynamic) return dynamicCost(source, signature, looksAtValue);
+  if (type->ownSignature) *looksAtValue = true;
   if (!type->code && source.signature() == signature) return same;
   if (signature == "v") return type->copy ? intoDynamic : impossible;
+  if (!source.pointer() && (type->kind == TypeKind::Optional || type->kind == TypeKind::Future))
+    return undecided(looksAtValue);
   if (signature.starts_with('m')) return toOptionalCost(source, signature.substr(1), looksAtValue);
   if (type->kind == TypeKind::Optional)
     return heldCost(type->optional->content(source.pointer()), signature, looksAtValue);

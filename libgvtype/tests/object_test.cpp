@@ -193,6 +193,16 @@ TEST(Overloads, AreChosenByTheArguments) {
   EXPECT_FALSE(canCache);
   EXPECT_EQ(meta.findMethod("f", makeParameters(1, 2)), forTwo);
   EXPECT_LT(meta.findMethod("f", makeParameters(std::vector<int>())), 0);
+  builder.advertiseMethod("f", [](const std::vector<std::string>&) {});
+  const int forList = static_cast<int>(builder.advertiseMethod("f", [](std::vector<double>) {}));
+  const MetaObject lists = builder.object().metaObject();
+  for (const std::vector<int>& list : {std::vector<int>(), std::vector<int>{1}}) {
+    EXPECT_EQ(lists.findMethod("f", makeParameters(list), &canCache), forList);
+    EXPECT_TRUE(canCache);
+  }
+  const std::vector<AnyValue> dynamics = {AnyValue::from(1)};
+  EXPECT_EQ(lists.findMethod("f", makeParameters(dynamics), &canCache), forList);
+  EXPECT_FALSE(canCache);
   EXPECT_LT(meta.findMethod("f", {}), 0);
   EXPECT_EQ(meta.findMethod("f").size(), 4u);
   const int own = static_cast<int>(builder.advertiseMethod("properties", [] { return 1; }));
