@@ -107,20 +107,23 @@ void addMembers(std::map<unsigned, Member>& map, std::vector<Member> members) {
   }
 }
 
+/// Of several members of a name the one with the lowest id. Boost's map divides by no prime.
 template <class Member>
-std::vector<NamedText> namesOf(const std::map<unsigned, Member>& members) {
-  std::vector<NamedText> names;
-  for (const auto& [uid, member] : members) names.push_back({member.name(), member.toString()});
-  return names;
+using ByName = boost::unordered_map<std::string_view, const Member*, NameHash>;
+
+template <class Member>
+ByName<Member> indexByName(const std::map<unsigned, Member>& members) {
+  ByName<Member> index;
+  for (const auto& [uid, member] : members) index.emplace(member.name(), &member);
+  return index;
 }
 
 template <class Member>
-const Member& memberNamed(const std::map<unsigned, Member>& members, const char* kind,
-                          const std::string& name) {
-  for (const auto& [uid, member] : members)
-    if (member.name() == name) return member;
+const Member& memberNamed(const ByName<Member>& index, const std::map<unsigned, Member>& members,
+                          const char* kind, const std::string& name) {
+  if (const auto found = index.find(name); found != index.end()) return *found->second;
   throw std::runtime_error("unknown " + std::string(kind) + " '" + name + "'" +
-                           suggestNearest(name, namesOf(members)));
+                           suggestNearest(name, members));
 }
 
 }  // namespace
@@ -129,13 +132,14 @@ struct MetaObject::Content {
   std::map<unsigned, MetaMethod> methods;
   std::map<unsigned, MetaSignal> signals;
   std::map<unsigned, MetaProperty> properties;
-  /// Boost's finds by a view, without making a string, and divides by no prime.
-  boost::unordered_map<std::string, std::vector<Candidate>, NameHash> byName;
+  boost::unordered_map<std::string_view, std::vector<Candidate>, NameHash> byName;
+  ByName<MetaSignal> signalsByName;
+  ByName<MetaProperty> propertiesByName;
   std::string description;
 
   const std::vector<Candidate>& named(std::string_view name) const {
     static const std::vector<Candidate> none;
-    const auto found = byName.find(name, NameHash(), std::equal_to<>());
+    const auto found = byName.find(name);
     return found == byName.end() ? none : found->second;
   }
 
@@ -168,6 +172,8 @@ MetaObject::MetaObject(std::vector<MetaMethod> methods, std::vector<MetaSignal> 
   addMembers(content->properties, std::move(properties));
   content->checkIds();
   for (const auto& [uid, method] : content->methods) content->addCandidate(method);
+  content->signalsByName = indexByName(content->signals);
+  content->propertiesByName = indexByName(content->properties);
   content_ = std::move(content);
 }
 
@@ -184,11 +190,11 @@ const std::map<unsigned, MetaProperty>& MetaObject::propertyMap() const {
 }
 
 const MetaSignal& MetaObject::signalNamed(const std::string& name) const {
-  return memberNamed(content_->signals, "signal", name);
+  return memberNamed(content_->signalsByName, content_->signals, "signal", name);
 }
 
 const MetaProperty& MetaObject::propertyNamed(const std::string& name) const {
-  return memberNamed(content_->properties, "property", name);
+  return memberNamed(content_->propertiesByName, content_->properties, "property", name);
 }
 
 const std::string& MetaObject::description() const {
@@ -243,7 +249,7 @@ std::string MetaObject::explainNoMatch(const std::string& nameOrSignature,
   const std::string asked = parameters.empty() ? name + argumentsText(arguments) : nameOrSignature;
   if (candidates.empty())
     return "unknown method '" + asked + "': there is no method of that name" +
-           suggestNearest(name, namesOf(content_->methods));
+           suggestNearest(name, content_->methods);
   std::string text = "no single method matches '" + asked + "'; candidate(s):";
   for (const Candidate& candidate : candidates) text += " " + candidate.method->toString();
   if (candidates.size() > 1 || !acceptsCount(candidates[0], arguments.size())) return text;
