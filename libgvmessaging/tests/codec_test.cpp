@@ -63,6 +63,11 @@ struct Pose {
   bool operator==(const Pose&) const = default;
 };
 GV_STRUCT(Pose, name, path)
+struct Key {
+  bool on = false;
+  std::int8_t code = 0;
+};
+GV_STRUCT(Key, on, code)
 /// The fields of a point in another order.
 struct Reversed {
   double y = 0;
@@ -119,8 +124,7 @@ TEST(Codec, WritesAndReadsTheDocumentedBytes) {
        "av\x92\x92\xa1s\xa1"
        "a\xc0"},
       {AnyValue::from(std::vector<std::optional<int>>{std::nullopt, 7}), "ami", "\x92\x90\x91\x07"},
-      {AnyValue::from(std::tuple<bool, std::int8_t>{true, std::int8_t{-1}}), "(bc)<Key,on,code>",
-       "\x92\xc3\xff"},
+      {AnyValue::from(Key{true, -1}), "(bc)<Key,on,code>", "\x92\xc3\xff"},
       {AnyValue::from(std::map<std::string, std::vector<int>>{{"a", {1, 2}}}), "a{sai}",
        "\x81\xa1"
        "a\x92\x01\x02"}};

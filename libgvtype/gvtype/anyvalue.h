@@ -64,10 +64,10 @@ class GVTYPE_API AnyValue {
     return asReference().to<T>();
   }
 
-  /// Equal when both are empty, or hold values of the same kind with equal contents; integers and
-  /// floats compare by value across their sizes.
+  /// Compare contents as compareValues does, a total order over values of any kinds: bools,
+  /// integers and floats by value, lists and tuples by elements, structs by the names of their
+  /// fields. An empty value equals an empty one only, and stands first.
   GVTYPE_API friend bool operator==(const AnyValue& a, const AnyValue& b);
-  /// A total order over values of any kinds.
   GVTYPE_API friend bool operator<(const AnyValue& a, const AnyValue& b);
 
  private:

@@ -50,9 +50,19 @@ GVTYPE_API AnyValue convertTo(const AnyReference& source, std::string_view signa
 GVTYPE_API int conversionCost(const AnyReference& source, std::string_view signature,
                               bool* looksAtValue);
 
-/// Orders two values of any types: negative, 0 or positive. Numbers compare by value, exactly;
-/// values without content that could be compared (futures, types without description) by their type
-/// alone. Throws ConversionError where both nest deeper than NestingLevel::limit.
+/// Orders two values of any types: negative, 0 or positive; a total order. Dynamic values compare
+/// as what they hold. Within a row values compare by content, otherwise the rows stand in an order:
+/// - bools, integers and floats: by value, exactly (true is 1 is 1.0; NaN before all, equal to
+/// NaN);
+/// - strings; raw bytes: by bytes;
+/// - lists and tuples: element by element, a shorter one before what it begins;
+/// - maps: by their entries in the order of their keys, however the map keeps them;
+/// - structs: by fields of the same names, in whatever order and whatever the structs' own names; a
+///   struct equals no tuple and no struct of other fields;
+/// - optionals: an empty one first, then by content;
+/// - objects: by address;
+/// - futures and types without description: all of one type are equal.
+/// Throws ConversionError where both nest deeper than NestingLevel::limit.
 GVTYPE_API int compareValues(const AnyReference& a, const AnyReference& b);
 
 }  // namespace gv

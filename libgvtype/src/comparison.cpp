@@ -1,11 +1,15 @@
 // The order of values of any types.
 
+#include <algorithm>
 #include <cmath>
+#include <utility>
 #include <vector>
 
 #include <gvtype/conversion.h>
 #include <gvtype/nesting.h>
+#include <gvtype/object.h>
 
+#include "fieldorder.h"
 #include "scalar.h"
 
 namespace gv {
@@ -16,7 +20,13 @@ int order(const T& a, const T& b) {
   return a < b ? -1 : b < a ? 1 : 0;
 }
 
+bool isStruct(const AnyReference& value) {
+  return value.type()->kind == TypeKind::Tuple && !annotationOf(value).empty();
+}
+
 /// Bool, integers and floats are one class, lists and tuples another: they compare by content.
+/// Structs are one of their own: they go by name, and what goes by position could not be ordered
+/// among structs with the same fields in another order.
 int classOf(const AnyReference& value) {
   if (!value.isValid()) return -1;
   switch (value.type()->kind) {
@@ -25,7 +35,7 @@ int classOf(const AnyReference& value) {
     case TypeKind::Float:
       return static_cast<int>(TypeKind::Int);
     case TypeKind::Tuple:
-      return static_cast<int>(TypeKind::List);
+      return static_cast<int>(isStruct(value) ? TypeKind::Tuple : TypeKind::List);
     default:
       return static_cast<int>(value.type()->kind);
   }
@@ -68,29 +78,82 @@ std::vector<AnyReference> elementsOf(const AnyReference& value) {
   if (type->kind == TypeKind::Tuple) {
     for (std::size_t i = 0; i < type->tuple->size(value.pointer()); ++i)
       elements.push_back(type->tuple->member(value.pointer(), i));
-  } else if (type->kind == TypeKind::List) {
+  } else {
     const bool hasAddresses = type->list->emplace != nullptr;
     type->list->forEach(value.pointer(), [&](const AnyReference& element) {
       elements.push_back(hasAddresses ? element : element.clone());
-    });
-  } else {
-    type->map->forEach(value.pointer(), [&](const AnyReference& key, const AnyReference& mapped) {
-      elements.push_back(key);
-      elements.push_back(mapped);
     });
   }
   return elements;
 }
 
-int compareSequences(const std::vector<AnyReference>& a, const std::vector<AnyReference>& b) {
+using Entry = std::pair<AnyReference, AnyReference>;
+
+int compareItems(const AnyReference& a, const AnyReference& b) {
+  return compareValues(a, b);
+}
+int compareItems(const Entry& a, const Entry& b) {
+  const int result = compareValues(a.first, b.first);
+  return result ? result : compareValues(a.second, b.second);
+}
+
+template <class Item>
+int compareSequences(const std::vector<Item>& a, const std::vector<Item>& b) {
   for (std::size_t i = 0; i < a.size() && i < b.size(); ++i)
-    if (const int result = compareValues(a[i], b[i])) return result;
+    if (const int result = compareItems(a[i], b[i])) return result;
   return order(a.size(), b.size());
 }
 
+/// The order in which a map goes through its entries is none of its content.
+std::vector<Entry> sortedEntries(const AnyReference& map) {
+  std::vector<Entry> entries;
+  map.type()->map->forEach(map.pointer(), [&](const AnyReference& key, const AnyReference& value) {
+    entries.emplace_back(key, value);
+  });
+  std::sort(entries.begin(), entries.end(),
+            [](const Entry& a, const Entry& b) { return compareItems(a, b) < 0; });
+  return entries;
+}
+
+std::vector<std::pair<std::string_view, AnyReference>> sortedFields(const AnyReference& value) {
+  std::vector<std::pair<std::string_view, AnyReference>> fields;
+  for (const std::string_view name : fieldNames(annotationOf(value)))
+    fields.emplace_back(name, value.type()->tuple->member(value.pointer(), fields.size()));
+  std::stable_sort(fields.begin(), fields.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  return fields;
+}
+
+int compareStructs(const AnyReference& a, const AnyReference& b) {
+  const auto x = sortedFields(a);
+  const auto y = sortedFields(b);
+  for (std::size_t i = 0; i < x.size() && i < y.size(); ++i)
+    if (const int result = order(x[i].first, y[i].first)) return result;
+  if (x.size() != y.size()) return order(x.size(), y.size());
+  for (std::size_t i = 0; i < x.size(); ++i)
+    if (const int result = compareValues(x[i].second, y[i].second)) return result;
+  return 0;
+}
+
+int compareContainers(const AnyReference& a, const AnyReference& b) {
+  const NestingLevel level;
+  if (a.type()->kind == TypeKind::Map) return compareSequences(sortedEntries(a), sortedEntries(b));
+  if (isStruct(a)) return compareStructs(a, b);
+  return compareSequences(elementsOf(a), elementsOf(b));
+}
+
 int compareOptionals(const AnyReference& a, const AnyReference& b) {
+  const NestingLevel level;
   return compareValues(a.type()->optional->content(a.pointer()),
                        b.type()->optional->content(b.pointer()));
+}
+
+/// Values of no content that could be compared, other than objects, are all alike.
+int compareOthers(const AnyReference& a, const AnyReference& b) {
+  const auto* x = a.as<Object<Empty>>();
+  const auto* y = b.as<Object<Empty>>();
+  if (x && y) return order(x->share().get(), y->share().get());
+  return order(typeName(a.type()), typeName(b.type()));
 }
 
 bool isDynamic(const AnyReference& value) {
@@ -130,17 +193,12 @@ int compareValues(const AnyReference& a, const AnyReference& b) {
       return order(a.type()->bytes->view(a.pointer()), b.type()->bytes->view(b.pointer()));
     case TypeKind::List:
     case TypeKind::Tuple:
-    case TypeKind::Map: {
-      const NestingLevel level;
-      return compareSequences(elementsOf(a), elementsOf(b));
-    }
-    case TypeKind::Optional: {
-      const NestingLevel level;
+    case TypeKind::Map:
+      return compareContainers(a, b);
+    case TypeKind::Optional:
       return compareOptionals(a, b);
-    }
     default:
-      // Of no comparable content: all values of one type are alike.
-      return order(typeName(a.type()), typeName(b.type()));
+      return compareOthers(a, b);
   }
 }
 

@@ -2,10 +2,11 @@
 
 #include <gvtype/conversion.h>
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <map>
 #include <optional>
@@ -13,13 +14,25 @@
 #include <tuple>
 #include <vector>
 
+#include <gvtype/dynamicobjectbuilder.h>
 #include <gvtype/futuretype.h>
 #include <gvtype/genericvalues.h>
+#include <gvtype/struct.h>
 
 namespace gv {
 namespace {
 
-using testing::HasSubstr;
+struct Minutes {
+  int minute = 0;
+  int second = 0;
+};
+GV_STRUCT(Minutes, minute, second)
+/// Of the same values, at the same places, as minutes.
+struct Seconds {
+  int second = 0;
+  int minute = 0;
+};
+GV_STRUCT(Seconds, second, minute)
 
 /// The value converted, or nothing when the conversion is refused.
 template <class To, class From>
@@ -162,7 +175,13 @@ TEST(Order, IsTotalOverAllKinds) {
       AnyValue::from((std::int64_t{1} << 53) + 1),
       AnyValue::from(std::numeric_limits<std::uint64_t>::max()),
       AnyValue::from("a"),
-      AnyValue::from("b")};
+      AnyValue::from("b"),
+      AnyValue::from(std::tuple<int, int>{1, 2}),
+      AnyValue::from(std::vector<int>{1, 2, 0}),
+      AnyValue::from(std::map<std::string, int>{{"a", 1}, {"b", 2}}),
+      AnyValue::from(std::map<std::string, int>{{"a", 2}}),
+      AnyValue::from(Minutes{1, 2}),
+      AnyValue::from(Seconds{1, 2})};
   for (std::size_t i = 0; i < ascending.size(); ++i)
     for (std::size_t j = 0; j < ascending.size(); ++j) {
       EXPECT_EQ(ascending[i] < ascending[j], i < j) << i << " " << j;
@@ -170,6 +189,14 @@ TEST(Order, IsTotalOverAllKinds) {
     }
   EXPECT_EQ(AnyValue::from(1), AnyValue::from(1.0));
   EXPECT_EQ(AnyValue::from(std::vector<int>{1, 2}), AnyValue::from(std::tuple<int, long>{1, 2}));
+  EXPECT_EQ(AnyValue::from(std::map<int, int, std::greater<>>{{1, 2}, {3, 4}}),
+            AnyValue::from(std::map<int, int>{{1, 2}, {3, 4}}));
+  EXPECT_EQ(AnyValue::from(Minutes{1, 2}),
+            convertTo(AnyReference::own(Minutes{1, 2}), "(xx)<Any,second,minute>"));
+  const auto object = [] { return AnyValue::from(DynamicObjectBuilder().object()); };
+  const AnyValue one = object();
+  EXPECT_EQ(one, AnyValue(one));
+  EXPECT_FALSE(one == object());
 }
 
 }  // namespace
