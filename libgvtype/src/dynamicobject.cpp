@@ -157,10 +157,8 @@ bool DynamicObject::callNow(unsigned id, std::span<const AnyReference> arguments
   try {
     if (resultType && method->function.invokeExactly(arguments, result)) return true;
     method->function.callInto(behindInstance(arguments), resultType, result);
-  } catch (const std::exception& error) {
-    throw FutureException(FutureException::State::UserError, error.what());
   } catch (...) {
-    throw FutureException(FutureException::State::UserError, "unknown exception");
+    throw FutureException(FutureException::State::UserError, detail::currentError().text);
   }
   return true;
 }
@@ -173,11 +171,13 @@ Future<AnyReference> DynamicObject::metaCall(Object<Empty> context, unsigned id,
     return makeFailedFuture<AnyReference>("the object has no method with id " + std::to_string(id));
   const GenericFunctionParameters withInstance = behindInstance(arguments);
   const unsigned caller = 0;
-  // A method of a single-threaded object that calls its own object would wait for itself.
+  // A method of a single-threaded object that calls its own object would wait for itself. Direct,
+  // whatever the method is advertised as: the pool would run it beside the caller.
   const bool isInside = p_->serial && callType != MetaCallType::Queued && p_->serial->isCurrent();
   if (!p_->serial || isInside || id <= MetaObject::maxBuiltinId)
     return gv::metaCall(getEventLoop(), ObjectThreadingModel::MultiThread, method->callType,
-                        callType, context, id, method->function, withInstance, caller);
+                        isInside ? MetaCallType::Direct : callType, context, id, method->function,
+                        withInstance, caller);
   Promise<AnyReference> promise;
   try {
     p_->serial->post([=, copies = withInstance.copy()] {
@@ -189,10 +189,8 @@ Future<AnyReference> DynamicObject::metaCall(Object<Empty> context, unsigned id,
       else
         promise.setValue(result.value());
     });
-  } catch (const std::exception& error) {
-    promise.setError(error.what(), FutureException::State::NotSent);
   } catch (...) {
-    promise.setError("unknown exception", FutureException::State::NotSent);
+    promise.setError(detail::currentError().text, FutureException::State::NotSent);
   }
   return promise.future();
 }
@@ -203,23 +201,23 @@ void DynamicObject::metaPost(Object<Empty> context, unsigned id,
     metaCall(std::move(context), id, arguments, MetaCallType::Queued, {});
     return;
   }
-  const auto logFailure = [](const char* text) {
-    GV_LOG(log::Level::Error, "gv.signal", "metaPost", text);
+  const auto logFailure = [] {
+    GV_LOG(log::Level::Error, "gv.signal", "metaPost", detail::currentError().text);
   };
   try {
     auto emission = [this, context, id, copies = arguments.copy(), logFailure] {
       try {
         emitSignal(id, copies);
-      } catch (const std::exception& error) {
-        logFailure(error.what());
+      } catch (...) {
+        logFailure();
       }
     };
     if (p_->serial)
       p_->serial->post(std::move(emission));
     else
       getEventLoop()->post(std::move(emission));
-  } catch (const std::exception& error) {  // arguments that cannot be copied, or a forked child
-    logFailure(error.what());
+  } catch (...) {  // arguments that cannot be copied, or a forked child
+    logFailure();
   }
 }
 
@@ -249,10 +247,8 @@ Future<void> DynamicObject::metaSetProperty(Object<Empty>, unsigned id, const An
     const std::array placed = {p_->properties.set(id, value)};
     emitSignal(id, placed);
     return makeReadyFuture();
-  } catch (const std::exception& error) {
-    return makeFailedFuture<void>(error.what());
-  } catch (...) {  // of copying the user's value
-    return makeFailedFuture<void>("unknown exception");
+  } catch (...) {  // also of copying the user's value
+    return makeFailedFuture<void>(detail::currentError().text);
   }
 }
 

@@ -13,10 +13,8 @@ void runInto(const Promise<AnyReference>& promise, const AnyFunction& function,
   AnyReference result;
   try {
     result = function.call(arguments);
-  } catch (const std::exception& error) {
-    return promise.setError(error.what());
   } catch (...) {
-    return promise.setError("unknown exception");
+    return promise.setError(detail::currentError().text);
   }
   promise.setValue(result);
 }
@@ -42,10 +40,8 @@ Future<AnyReference> metaCall(EventLoop* loop, ObjectThreadingModel, MetaCallTyp
     loop->post([promise, function, context, copies = arguments.copy()] {
       runInto(promise, function, copies);
     });
-  } catch (const std::exception& error) {  // arguments that cannot be copied, or a forked child
-    promise.setError(error.what(), FutureException::State::NotSent);
-  } catch (...) {
-    promise.setError("unknown exception", FutureException::State::NotSent);
+  } catch (...) {  // arguments that cannot be copied, or a forked child
+    promise.setError(detail::currentError().text, FutureException::State::NotSent);
   }
   return promise.future();
 }

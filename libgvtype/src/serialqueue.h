@@ -8,12 +8,14 @@
 #include <utility>
 
 #include <gv/eventloop.h>
+#include <gv/future.h>
+#include <gv/log.h>
 
 namespace gv {
 
-/// Runs tasks one at a time, in the order they were posted, on the threads of an event loop. Tasks
-/// must not throw. After some tasks the queue goes behind what else the loop has to do; a task that
-/// blocks holds up its own queue only.
+/// Runs tasks one at a time, in the order they were posted, on the threads of an event loop. What a
+/// task throws is logged. After some tasks the queue goes behind what else the loop has to do; a
+/// task that blocks holds up its own queue only.
 class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
  public:
   explicit SerialQueue(EventLoop* loop) : loop_(loop) {}
@@ -62,7 +64,12 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
   /// False where there is nothing to run. The task dies before the next one starts.
   bool runNext() {
     const std::function<void()> task = next();
-    if (task) task();
+    try {
+      if (task) task();
+    } catch (...) {  // else the queue would stand for ever
+      GV_LOG(log::Level::Error, "gv.type", "runNext",
+             "a task failed: " + detail::currentError().text);
+    }
     return task != nullptr;
   }
 

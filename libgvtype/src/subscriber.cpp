@@ -11,18 +11,12 @@ Subscriber::Subscriber(std::string signal, AnyFunction handler, std::shared_ptr<
 
 void Subscriber::run(std::span<const AnyReference> arguments) {
   if (!enter()) return;
-  std::string failure;
   try {
     handler_.callInto(arguments, nullptr, nullptr);
-  } catch (const std::exception& error) {
-    failure = error.what();
-    if (failure.empty()) failure = "an exception without text";
   } catch (...) {
-    failure = "unknown exception";
-  }
-  if (!failure.empty())
     GV_LOG(log::Level::Error, "gv.signal", "emit",
-           "a handler of the signal '" + signal_ + "' failed: " + failure);
+           "a handler of the signal '" + signal_ + "' failed: " + detail::currentError().text);
+  }
   leave();
 }
 

@@ -150,11 +150,18 @@ TEST(DynamicObject, OfTheSingleThreadedModelMayCallItself) {
   DynamicObjectBuilder builder;
   builder.setThreadingModel(ObjectThreadingModel::SingleThread);
   WeakObject<Empty> self;
-  builder.advertiseMethod("inner", [] { return 1; });
-  builder.advertiseMethod("outer", [&self] { return self.lock().call<int>("inner") + 1; });
+  std::thread::id ran;
+  const auto inner = [&ran] { ran = std::this_thread::get_id(); };
+  builder.advertiseMethod("auto", inner);
+  builder.advertiseMethod("queued", inner, MetaCallType::Queued);
+  builder.advertiseMethod("outer", [&](const std::string& name) {
+    self.lock().call<void>(name);
+    return ran == std::this_thread::get_id();
+  });
   const Object<Empty> object = builder.object();
   self = object;
-  EXPECT_EQ(object.async<int>("outer").value(guardMs), 2);
+  for (const std::string name : {"auto", "queued"})
+    EXPECT_TRUE(object.async<bool>("outer", name).value(guardMs)) << name << " ran beside it";
 }
 
 TEST(DynamicObject, CanBeExtendedWhileCallsRun) {
