@@ -1,11 +1,13 @@
 #include "signaltable.h"
 
+#include <algorithm>
 #include <atomic>
 #include <optional>
 #include <stdexcept>
 
 #include <gv/eventloop.h>
 #include <gv/log.h>
+#include <gvtype/conversion.h>
 
 #include "exactarguments.h"
 
@@ -14,17 +16,53 @@ namespace {
 
 std::atomic<SignalLink> newestLink{0};
 
-/// Whether the handler takes that many arguments, found out without calling it.
-void checkHandler(const std::string& signal, std::size_t given, const AnyFunction& handler) {
-  const std::size_t wanted = handler.parameterTypes().size();
+/// Whether no value of the one type converts to the other. Of types whose values differ in that,
+/// the emission tells.
+bool neverConverts(const TypeInterface* from, const TypeInterface* to) {
+  if (from->kind >= TypeKind::List || !from->construct || !to) return false;
+  std::string target;
+  appendSignature(target, to);
+  bool looksAtValue = false;
+  return conversionCost(AnyValue::make(from).asReference(), target, &looksAtValue) < 0 &&
+         !looksAtValue;
+}
+
+/// Whether the handler takes such arguments, found out without calling it.
+void checkHandler(const std::string& signal, std::span<const TypeInterface* const> given,
+                  const AnyFunction& handler) {
+  const auto wanted = handler.parameterTypes();
   try {
-    checkArgumentCount(given, wanted, handler.takesAnyArguments());
+    checkArgumentCount(given.size(), wanted.size(), handler.takesAnyArguments());
+    for (std::size_t i = 0; i < wanted.size(); ++i)
+      if (neverConverts(given[i], wanted[i]))
+        throw std::runtime_error("cannot convert " + typeName(given[i]) + " to " +
+                                 typeName(wanted[i]) + " (argument " + std::to_string(i + 1) + ")");
   } catch (const std::runtime_error& error) {
     throw std::runtime_error("the handler " + handler.parametersSignature().toString() +
                              " does not take the arguments of the signal '" + signal +
                              "': " + error.what());
   }
 }
+
+/// One emission on this thread, within those whose handlers emit.
+class EmissionLevel {
+ public:
+  EmissionLevel() {
+    constexpr int limit = 64;
+    if (depth_ == limit)
+      throw std::runtime_error("more than " + std::to_string(limit) +
+                               " emissions within each other's handlers on one thread");
+    ++depth_;
+  }
+  ~EmissionLevel() { --depth_; }
+  EmissionLevel(const EmissionLevel&) = delete;
+  EmissionLevel& operator=(const EmissionLevel&) = delete;
+
+ private:
+  static thread_local int depth_;
+};
+
+thread_local int EmissionLevel::depth_ = 0;
 
 }  // namespace
 
@@ -51,7 +89,7 @@ std::shared_ptr<const SignalTable::Declaration> SignalTable::declaration(unsigne
 
 SignalLink SignalTable::connect(unsigned id, AnyFunction handler, MetaCallType callType) {
   const auto declared = declaration(id);
-  checkHandler(declared->name, declared->parameters.size(), handler);
+  checkHandler(declared->name, declared->parameters, handler);
   auto queue =
       callType == MetaCallType::Queued ? std::make_shared<SerialQueue>(getEventLoop()) : nullptr;
   auto subscriber =
@@ -98,27 +136,37 @@ std::shared_ptr<const SignalTable::Subscribers> SignalTable::subscribers(unsigne
 
 void SignalTable::emit(unsigned id, std::span<const AnyReference> arguments) {
   const auto declared = declaration(id);
+  std::optional<EmissionLevel> level;
   std::optional<ExactArguments> exact;
   try {
+    level.emplace();
     exact.emplace(arguments, declared->parameters, false);
-  } catch (const std::runtime_error& error) {
-    throw std::runtime_error("signal '" + declared->name + "': " + error.what());
+  } catch (...) {  // also of converting to the user's types
+    throw std::runtime_error("signal '" + declared->name + "': " + detail::currentError().text);
   }
-  GenericFunctionParameters owned;
-  bool isCopied = false;
-  // From the first handler on `this` may be gone.
+  const auto logNotQueued = [&declared] {
+    GV_LOG(
+        log::Level::Error, "gv.signal", "emit",
+        "the signal '" + declared->name + "' could not be queued: " + detail::currentError().text);
+  };
+  std::optional<GenericFunctionParameters> owned;  // for queued handlers; none without a copy
   const auto listening = subscribers(id);
+  try {
+    if (std::any_of(listening->begin(), listening->end(),
+                    [](const auto& subscriber) { return subscriber->isQueued(); }))
+      owned = ownedCopies(exact->references());
+  } catch (...) {
+    logNotQueued();
+  }
+  // From the first handler on `this` may be gone.
   for (const auto& subscriber : *listening) {
-    if (!subscriber->isQueued()) {
-      subscriber->run(exact->references());
-      continue;
-    }
     try {
-      if (!std::exchange(isCopied, true)) owned = ownedCopies(exact->references());
-      subscriber->post(owned);
-    } catch (const std::exception& error) {
-      GV_LOG(log::Level::Error, "gv.signal", "emit",
-             "the signal '" + declared->name + "' could not be queued: " + error.what());
+      if (!subscriber->isQueued())
+        subscriber->run(exact->references());
+      else if (owned)
+        subscriber->post(*owned);
+    } catch (...) {
+      logNotQueued();
     }
   }
 }

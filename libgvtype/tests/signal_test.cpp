@@ -95,6 +95,57 @@ TEST_F(SignalTest, RefusesWhatIsNotItsOwn) {
   EXPECT_THAT(object.connect("fire", [] {}).error(guardMs), HasSubstr("fired(i)"));
   EXPECT_THAT(object.connect("fired", [](int, int) {}).error(guardMs),
               HasSubstr("the handler (ii) does not take"));
+  EXPECT_THAT(object.connect("fired", [](const std::string&) {}).error(guardMs),
+              HasSubstr("'fired': cannot convert int32 to string (argument 1)"));
+}
+
+/// Throws, as it is copied, what is no std::exception.
+struct Bomb {
+  Bomb() = default;
+  Bomb(const Bomb&) {
+    if (copiesLeft-- == 0) throw 5;
+  }
+  Bomb& operator=(const Bomb&) = default;
+  static inline std::atomic<int> copiesLeft{0};
+};
+
+TEST_F(SignalTest, ArgumentsThatCannotBeCopiedLeaveTheOthersAlone) {
+  DynamicObjectBuilder builder;
+  builder.setThreadingModel(ObjectThreadingModel::SingleThread);
+  builder.advertiseSignal<Bomb>("lit");
+  const unsigned boxed = builder.advertiseSignal<AnyValue>("boxed");
+  builder.advertiseMethod("one", [] { return 1; });
+  object = builder.object();
+  int direct = 0;
+  Promise<void> queued[2];
+  for (const Promise<void>& done : queued)
+    object.connect(
+        "lit", [done](const Bomb&) { done.setValue(); }, MetaCallType::Queued);
+  object.connect("lit", [&](const Bomb&) { ++direct; }).value(guardMs);
+  const house::LogCapture log;
+  const Bomb bomb;
+  object.emit("lit", bomb);
+  EXPECT_EQ(log.count("could not be queued: unknown exception"), 1);
+  Bomb::copiesLeft = 1;
+  object.emit("lit", bomb);
+  for (const Promise<void>& done : queued) EXPECT_TRUE(done.future().hasValue(guardMs));
+  EXPECT_EQ(direct, 2);
+  Bomb::copiesLeft = 1;
+  object.metaPost(boxed, makeParameters(bomb));
+  EXPECT_EQ(object.async<int>("one").value(guardMs), 1) << "the object lives on";
+  EXPECT_EQ(log.count("signal 'boxed': unknown exception"), 1);
+  EXPECT_EQ(log.count("a handler"), 0);
+}
+
+TEST_F(SignalTest, PropertiesBoundToEachOtherEndAtTheLimit) {
+  std::string error;
+  const auto bind = [&](int n) {
+    const Future<void> set = object.setProperty("volume", n + 1);
+    if (set.hasError(guardMs)) error = set.error();
+  };
+  object.connect("volume", bind).value(guardMs);
+  object.setProperty("volume", 6).value(guardMs);
+  EXPECT_THAT(error, HasSubstr("'volume': more than 64 emissions"));
 }
 
 TEST_F(SignalTest, HandlersMayConnectDisconnectEmitAndDropTheObject) {

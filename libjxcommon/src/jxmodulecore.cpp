@@ -137,8 +137,8 @@ gv::Future<gv::AnyReference> JXModuleCore::metaCall(gv::Object<gv::Empty> contex
                               arguments = withInstanceSlot(parameters).copy()]() mutable {
       catch_call(self, methodId, function, std::move(arguments), promise, context, caller);
     });
-  } catch (const std::exception& error) {  // an argument that has no copy, a loop that has ended
-    promise.setError(error.what());
+  } catch (...) {  // an argument that has no copy, a loop that has ended
+    promise.setError(gv::detail::currentError().text);
   }
   return promise.future();
 }
