@@ -60,13 +60,15 @@ class GVTYPE_API DynamicObject {
   /// The function of a method; null for an unknown id. Borrowed for the object's life.
   const AnyFunction* method(unsigned id) const;
 
-  /// Each adding operation returns the member's id and throws std::runtime_error for a name outside
-  /// the grammar. Adding is safe from any thread. A method's `function` takes the instance first.
+  /// Each adding operation returns the member's id. It throws std::runtime_error, and adds nothing,
+  /// for a name outside the grammar, signatures that are none of parameters or of a result, and
+  /// when the object has MetaObject::mostOwnMembers. Adding is safe from any thread. A method's
+  /// `function` takes the instance first, or is empty.
   unsigned addMethod(MetaMethodBuilder method, AnyFunction function, MetaCallType callType);
   unsigned addSignal(const std::string& name, std::vector<const TypeInterface*> parameters);
-  /// Adds a property with a signal of its own. Values are of the type of the first one, which must
-  /// have a default value.
-  unsigned addProperty(const std::string& name, AnyValue initial);
+  /// Adds a property with a signal of its own. Values are of the type of the first one, which is
+  /// copied and must have a default value.
+  unsigned addProperty(const std::string& name, const AnyReference& initial);
   void setDescription(const std::string& text);
 
   /// Emits the signal `id`: runs its handlers or queues them. The arguments are converted to the

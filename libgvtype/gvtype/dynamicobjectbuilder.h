@@ -22,8 +22,8 @@ class GVTYPE_API DynamicObjectBuilder {
   /// Adds to a given object, which stays the caller's and must outlive the builder.
   explicit DynamicObjectBuilder(DynamicObject* object);
 
-  /// Each advertising operation returns the member's id, and throws std::runtime_error for a name
-  /// outside the grammar (isValidName).
+  /// Each advertising operation returns the member's id, and throws std::runtime_error as
+  /// DynamicObject's adding operations do: for a name outside the grammar (isValidName) above all.
   template <class F>
   unsigned advertiseMethod(const std::string& name, F callable,
                            MetaCallType callType = MetaCallType::Auto) {
@@ -37,7 +37,8 @@ class GVTYPE_API DynamicObjectBuilder {
                            MetaCallType callType = MetaCallType::Auto) {
     return advertise(method, AnyFunction::from(object, member), callType);
   }
-  /// Advertises a function that takes the instance first, under a complete description.
+  /// Advertises a function that takes the instance first (AnyFunction::withInstance), or an empty
+  /// one, under a complete description.
   unsigned xAdvertiseMethod(const MetaMethodBuilder& method, AnyFunction function,
                             MetaCallType callType = MetaCallType::Auto);
 
@@ -46,10 +47,11 @@ class GVTYPE_API DynamicObjectBuilder {
   unsigned advertiseSignal(const std::string& name) {
     return object_->addSignal(name, {getType<std::remove_cvref_t<P>>()...});
   }
-  /// Advertises a property and, under its name, the signal of its new values.
+  /// Advertises a property and, under its name, the signal of its new values. One of type AnyValue
+  /// holds values of any type, or none.
   template <class T>
   unsigned advertiseProperty(const std::string& name, const T& initial) {
-    return object_->addProperty(name, AnyValue::from(initial));
+    return object_->addProperty(name, AnyReference::from(initial));
   }
 
   void setDescription(const std::string& text);

@@ -24,6 +24,8 @@ class GVTYPE_API MetaObject {
  public:
   static constexpr unsigned maxBuiltinId = 98;
   static constexpr unsigned firstOwnId = 100;
+  /// How many members an object may have, the framework's own not counted.
+  static constexpr unsigned mostOwnMembers = 10'000;
 
   /// The description of an object without members.
   MetaObject();

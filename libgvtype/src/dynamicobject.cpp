@@ -8,6 +8,7 @@
 #include <gv/log.h>
 #include <gvtype/metaobjectdescription.h>
 
+#include "membercheck.h"
 #include "membertable.h"
 #include "propertytable.h"
 #include "serialqueue.h"
@@ -15,13 +16,6 @@
 
 namespace gv {
 namespace {
-
-void checkName(const char* kind, const std::string& name) {
-  if (!isValidName(name))
-    throw std::runtime_error("a " + std::string(kind) + " cannot have the name '" + name +
-                             "': names have 1 to 255 bytes, no control characters, no '/', no '(' "
-                             "and do not start with a blank");
-}
 
 /// The arguments behind an empty slot for the instance, as every method takes them.
 GenericFunctionParameters behindInstance(std::span<const AnyReference> arguments) {
@@ -70,7 +64,7 @@ void DynamicObject::addBuiltinMethods() {
   add(BuiltinMethod::MetaObject, "metaObject", [this] { return describeMetaObject(metaObject()); });
   add(BuiltinMethod::Property, "property", [this](const std::string& name) {
     return metaProperty({}, metaObject().propertyNamed(name).uid())
-        .then([](const Future<AnyReference>& got) { return AnyValue::copyOf(got.value()); },
+        .then([](const Future<AnyReference>& got) { return got.value().to<AnyValue>(); },
               FutureCallbackType::Sync);
   });
   add(BuiltinMethod::SetProperty, "setProperty",
@@ -95,30 +89,40 @@ const AnyFunction* DynamicObject::method(unsigned id) const {
 
 unsigned DynamicObject::addMethod(MetaMethodBuilder method, AnyFunction function,
                                   MetaCallType callType) {
-  checkName("method", method.metaMethod().name());
+  const MetaMethod& described = method.metaMethod();
+  const std::string& name = described.name();
+  checkMemberName("method", name);
+  checkParameters(name, described.parametersSignature().toString());
+  checkType(name, described.returnSignature().toString());
+  if (function && !function.hasInstance_)
+    throw std::runtime_error("the function of the method '" + name +
+                             "' must be one that takes the instance first");
   return p_->members.addMethod(std::move(method), std::move(function), callType);
 }
 
 unsigned DynamicObject::addSignal(const std::string& name,
                                   std::vector<const TypeInterface*> parameters) {
-  checkName("signal", name);
+  checkMemberName("signal", name);
   std::string signature = "(";
   for (const TypeInterface* type : parameters) appendSignature(signature, type);
+  Signature checked(signature + ")");  // what fails leaves nothing behind
   const unsigned uid = p_->members.takeId();
   p_->signals.add(uid, name, std::move(parameters));
-  p_->members.addSignal(MetaSignal(uid, name, signature + ")"));
+  p_->members.addSignal(MetaSignal(uid, name, std::move(checked)));
   return uid;
 }
 
-unsigned DynamicObject::addProperty(const std::string& name, AnyValue initial) {
-  checkName("property", name);
+unsigned DynamicObject::addProperty(const std::string& name, const AnyReference& initial) {
+  checkMemberName("property", name);
   const TypeInterface* type = initial.type();
   std::string signature;
   appendSignature(signature, type);
+  Signature checked(signature);  // what fails leaves nothing behind
+  AnyValue value = PropertyTable::convert(initial, type);
   const unsigned uid = p_->members.takeId();
   p_->signals.add(uid, name, {type});
-  p_->properties.add(uid, name, std::move(initial));
-  p_->members.addProperty(MetaProperty(uid, name, signature));
+  p_->properties.add(uid, name, std::move(value));
+  p_->members.addProperty(MetaProperty(uid, name, std::move(checked)));
   return uid;
 }
 

@@ -1,5 +1,6 @@
 #include "membertable.h"
 
+#include <stdexcept>
 #include <utility>
 
 namespace gv {
@@ -13,6 +14,13 @@ Method::Method(MetaMethod described, AnyFunction body, MetaCallType type)
 
 unsigned MemberTable::takeId() {
   const std::lock_guard lock(mutex_);
+  return takeIdLocked();
+}
+
+unsigned MemberTable::takeIdLocked() {
+  if (nextId_ - MetaObject::firstOwnId == MetaObject::mostOwnMembers)
+    throw std::runtime_error("an object cannot have more than " +
+                             std::to_string(MetaObject::mostOwnMembers) + " members");
   return nextId_++;
 }
 
@@ -25,7 +33,7 @@ void MemberTable::addBuiltin(MetaMethod description, AnyFunction function) {
 unsigned MemberTable::addMethod(MetaMethodBuilder method, AnyFunction function,
                                 MetaCallType callType) {
   const std::lock_guard lock(mutex_);
-  const unsigned uid = nextId_++;
+  const unsigned uid = takeIdLocked();
   method.setUid(uid);
   methods_.emplace_back(method.metaMethod(), std::move(function), callType);
   setChangedLocked();

@@ -42,6 +42,7 @@ struct Members {
 /// What an object offers, as it grows. Any thread.
 class MemberTable {
  public:
+  /// Throws std::runtime_error when the object is full.
   unsigned takeId();
   void addBuiltin(MetaMethod description, AnyFunction function);
   unsigned addMethod(MetaMethodBuilder method, AnyFunction function, MetaCallType callType);
@@ -59,6 +60,7 @@ class MemberTable {
 
  private:
   const Members& collect();
+  unsigned takeIdLocked();
   void publishLocked(Members members);
   void setChangedLocked() { newest_.store(nullptr, std::memory_order_release); }
 

@@ -1,6 +1,9 @@
 #include <gvtype/metaobjectdescription.h>
 
+#include <limits>
 #include <stdexcept>
+
+#include "membercheck.h"
 
 namespace gv {
 namespace {
@@ -8,35 +11,36 @@ namespace {
 /// Counts what a description holds, against hostile ones.
 class Budget {
  public:
-  /// Throws std::runtime_error for a name outside the grammar, or when there is too much.
-  void take(const std::string& name, const std::string& signature) {
-    constexpr std::size_t mostMembers = 10'000;
+  /// Throws std::runtime_error for an id or name out of bounds, or when there is too much.
+  void take(unsigned uid, const std::string& name, const std::string& signature) {
     constexpr std::size_t mostCodes = 1'000'000;
+    if (uid > std::numeric_limits<int>::max())
+      throw std::runtime_error("the description of an object has a member of id " +
+                               std::to_string(uid) + ", which is too high");
     if (!isValidName(name))
       throw std::runtime_error("the description of an object names a member outside the grammar");
-    if (++members_ > mostMembers)
+    const bool isOwn = uid >= MetaObject::firstOwnId;
+    if (++(isOwn ? own_ : frameworks_) >
+        (isOwn ? MetaObject::mostOwnMembers : MetaObject::firstOwnId))
       throw std::runtime_error("the description of an object has more than " +
-                               std::to_string(mostMembers) + " members");
+                               std::to_string(MetaObject::mostOwnMembers) + " members");
     codes_ += signature.size();
     if (codes_ > mostCodes)
       throw std::runtime_error("the description of an object has too many parameters");
   }
 
  private:
-  std::size_t members_ = 0;
+  std::size_t own_ = 0;
+  std::size_t frameworks_ = 0;
   std::size_t codes_ = 0;
 };
-
-void checkTuple(const std::string& name, const std::string& signature) {
-  if (!signature.starts_with('('))
-    throw std::runtime_error("the parameters of '" + name + "' are no tuple");
-}
 
 MetaMethod makeMethod(const MetaMethodDescription& description, Budget& budget) {
   const auto& [uid, name, parametersSignature, returnSignature, text, parameters, returnText] =
       description;
-  budget.take(name, parametersSignature);
-  checkTuple(name, parametersSignature);
+  budget.take(uid, name, parametersSignature);
+  checkParameters(name, parametersSignature);
+  checkType(name, returnSignature);
   MetaMethodBuilder builder;
   builder.setUid(uid);
   builder.setName(name);
@@ -90,14 +94,14 @@ MetaObject makeMetaObject(const MetaObjectDescription& description) {
     madeMethods.push_back(makeMethod(method, budget));
   std::vector<MetaSignal> madeSignals;
   for (const auto& [uid, name, signature] : signals) {
-    budget.take(name, signature);
-    checkTuple(name, signature);
+    budget.take(uid, name, signature);
+    checkParameters(name, signature);
     madeSignals.emplace_back(uid, name, signature);
   }
   std::vector<MetaProperty> madeProperties;
   for (const auto& [uid, name, signature] : properties) {
-    budget.take(name, signature);
-    if (signature.empty()) throw std::runtime_error("the property '" + name + "' has no type");
+    budget.take(uid, name, signature);
+    checkType(name, signature);
     madeProperties.emplace_back(uid, name, signature);
   }
   return MetaObject(std::move(madeMethods), std::move(madeSignals), std::move(madeProperties),

@@ -14,6 +14,13 @@ AnyReference sharing(std::shared_ptr<const AnyValue> value) {
 
 }  // namespace
 
+AnyValue PropertyTable::convert(const AnyReference& value, const TypeInterface* type) {
+  AnyValue converted = AnyValue::make(type);
+  convertInto(value, type, converted.asReference().pointer());
+  converted.updateNesting();
+  return converted;
+}
+
 void PropertyTable::add(unsigned id, const std::string& name, AnyValue initial) {
   auto value = std::make_shared<const AnyValue>(std::move(initial));
   const std::lock_guard lock(mutex_);
@@ -36,9 +43,9 @@ AnyReference PropertyTable::value(unsigned id) const {
 AnyReference PropertyTable::set(unsigned id, const AnyReference& value) {
   const Property old = property(id);  // keeps the old value: it dies after the unlock
   const TypeInterface* type = old.value->type();
-  auto converted = std::make_shared<AnyValue>(AnyValue::make(type));
+  const auto converted = std::make_shared<AnyValue>();
   try {
-    convertInto(value, type, converted->asReference().pointer());
+    *converted = convert(value, type);
   } catch (const std::runtime_error& error) {
     throw std::runtime_error("property '" + old.name + "': " + error.what());
   }
@@ -47,7 +54,7 @@ AnyReference PropertyTable::set(unsigned id, const AnyReference& value) {
     const std::lock_guard lock(mutex_);
     properties_.at(id).value.swap(placed);  // another one's value may come out
   }
-  return sharing(std::move(converted));
+  return sharing(converted);
 }
 
 }  // namespace gv

@@ -184,6 +184,30 @@ TEST(DynamicObject, RefusesNamesOutsideTheGrammar) {
   builder.advertiseMethod("__pCall", [] {});
 }
 
+TEST(DynamicObject, RefusesWhatIsNoMember) {
+  DynamicObjectBuilder builder;
+  const AnyFunction function = AnyFunction::from([] {}).withInstance();
+  const auto advertise = [&](const char* parameters, const char* result, const AnyFunction& body) {
+    MetaMethodBuilder method;
+    method.setName("m");
+    method.setParametersSignature(parameters);
+    method.setReturnSignature(result);
+    return builder.xAdvertiseMethod(method, body);
+  };
+  EXPECT_THROW(advertise("i", "V", function), std::runtime_error);
+  EXPECT_THROW(advertise("()", "", function), std::runtime_error);
+  EXPECT_THROW(advertise("()", "(*)", function), std::runtime_error);
+  EXPECT_THROW(advertise("()", "V", AnyFunction::from([] {})), std::runtime_error);
+  unsigned last = advertise("()", "V", {});
+  EXPECT_EQ(last, MetaObject::firstOwnId) << "a failure leaves nothing behind";
+  while (last < MetaObject::firstOwnId + MetaObject::mostOwnMembers - 1)
+    last = advertise("()", "V", function);
+  EXPECT_THROW(builder.advertiseProperty("p", 1), std::runtime_error);
+  EXPECT_THROW(builder.advertiseMethod("m", [] {}), std::runtime_error);
+  const auto description = describeMetaObject(builder.object().metaObject());
+  EXPECT_EQ(makeMetaObject(description).methodMap().rbegin()->first, last);
+}
+
 TEST(Overloads, AreChosenByTheArguments) {
   DynamicObjectBuilder builder;
   const int forInt = static_cast<int>(builder.advertiseMethod("f", [](int) {}));
@@ -251,6 +275,8 @@ TEST(MetaObject, SurvivesItsDescription) {
   using Breaker = void (*)(MetaObjectDescription&);
   for (const Breaker breakIt : std::initializer_list<Breaker>{
            [](auto& d) { std::get<2>(std::get<1>(d).back()) = "(i"; },
+           [](auto& d) { std::get<3>(std::get<1>(d).back()) = "(*)"; },
+           [](auto& d) { std::get<0>(std::get<1>(d).back()) = 1U << 31; },
            [](auto& d) { std::get<1>(d).back() = std::get<1>(d).front(); },
            [](auto& d) { std::get<2>(std::get<2>(d).back()) = "i"; },
            [](auto& d) { std::get<0>(std::get<2>(d).back()) = std::get<0>(std::get<1>(d).back()); },

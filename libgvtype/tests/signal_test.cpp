@@ -32,6 +32,7 @@ class SignalTest : public testing::Test {
     builder.advertiseSignal<int>("fired");
     builder.advertiseSignal<>("idle");
     builder.advertiseProperty<std::int8_t>("volume", 5);
+    builder.advertiseProperty("any", AnyValue());
     return builder.object();
   }();
 };
@@ -223,10 +224,22 @@ TEST_F(SignalTest, PropertiesConvertAndTellTheirNewValue) {
   EXPECT_THAT(object.setProperty("value", 1).error(guardMs), HasSubstr("volume(c)"));
   EXPECT_THAT(object.property<int>("colour").error(guardMs), HasSubstr("colour"));
 
-  EXPECT_THAT(object.call<std::vector<std::string>>("properties"), ElementsAre("volume"));
+  EXPECT_THAT(object.call<std::vector<std::string>>("properties"), ElementsAre("volume", "any"));
   object.call<void>("setProperty", std::string("volume"), AnyValue::from(9));
   EXPECT_EQ(object.call<int>("property", std::string("volume")), 9);
   EXPECT_THAT(seen, ElementsAre(7, 9));
+}
+
+TEST_F(SignalTest, ADynamicPropertyHoldsValuesOfAnyTypeOrNone) {
+  EXPECT_EQ(object.metaObject().propertyNamed("any").signature().toString(), "v");
+  std::vector<std::string> seen;
+  object.connect("any", [&](const AnyValue& value) { seen.push_back(value.signature()); }).wait();
+  EXPECT_FALSE(object.property<AnyValue>("any").value(guardMs).isValid());
+  object.setProperty("any", 3).value(guardMs);
+  EXPECT_EQ(object.property<int>("any").value(guardMs), 3);
+  object.setProperty("any", AnyValue::from("text")).value(guardMs);
+  EXPECT_EQ(object.call<AnyValue>("property", std::string("any")), AnyValue::from("text"));
+  EXPECT_THAT(seen, ElementsAre("i", "s"));
 }
 
 }  // namespace
