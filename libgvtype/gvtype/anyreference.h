@@ -14,6 +14,7 @@ namespace detail {
 /// Destroys its value as every value of the type system is, also where that throws.
 template <class T>
 union Owned {
+  Owned() : value{} {}
   explicit Owned(T&& from) : value(std::move(from)) {}
   ~Owned() { destroyValue<T>(std::addressof(value)); }
   T value;

@@ -1,5 +1,10 @@
 #pragma once
 
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
 #include <gv/future.h>
 #include <gvtype/anyfunction.h>
 
@@ -14,7 +19,12 @@ enum class MetaCallType {
   Queued = 2   ///< on the event loop
 };
 
-/// Whether an object's methods may run side by side.
+/// Whether an object's methods may run side by side. Handlers of its signals run beside them in
+/// either model.
+///
+/// Within a method of a single-threaded object its other methods run at once when it calls them. It
+/// must not wait for a queued call of its own object, nor call another single-threaded object whose
+/// method calls back to this one: neither ever ends.
 enum class ObjectThreadingModel {
   SingleThread = 0,  ///< one at a time, in the order of the calls
   MultiThread = 1    ///< on any number of threads
@@ -43,7 +53,7 @@ GVTYPE_API Future<AnyReference> metaCall(EventLoop* loop, ObjectThreadingModel m
 /// waited for, without blocking, and its value or error settles the promise. A result that does not
 /// convert is an error: "Unable to convert call result to target type: from " source " to " target,
 /// or "Return argument conversion error: " and the reason where the types convert but the value
-/// does not fit.
+/// does not fit. A promise that has ended meanwhile, as by its own cancel action, stays as it is.
 template <class R>
 void handleFuture(const AnyReference& result, Promise<R> promise);
 
@@ -52,26 +62,43 @@ namespace detail {
 /// Converts a call's result into `target` or throws std::runtime_error with the texts above.
 GVTYPE_API void convertResult(const AnyReference& result, const TypeInterface* type, void* target);
 /// Logs what went wrong while a promise was being settled with a result.
-GVTYPE_API void logAdapterFailure(const char* text);
+GVTYPE_API void logAdapterFailure(const std::string& text);
+
+/// Both settle a promise that has not ended before, as by its own cancel action.
+template <class R>
+void failOnce(const Promise<R>& promise, const std::string& text,
+              FutureException::State state = FutureException::State::UserError) {
+  try {
+    promise.setError(text, state);
+  } catch (const std::logic_error&) {  // that was its end
+  }
+}
+template <class R, class... Value>
+void succeedOnce(const Promise<R>& promise, Value&&... value) {
+  try {
+    promise.setValue(std::forward<Value>(value)...);
+  } catch (const std::logic_error&) {  // that was its end
+  } catch (...) {                      // of moving the value or of destroying what was moved
+    failOnce(promise, currentError().text);
+  }
+}
 
 template <class R>
 void settleWithResult(const AnyReference& result, const Promise<R>& promise) {
-  try {
-    if constexpr (std::is_void_v<R>) {
-      promise.setValue();
-    } else if constexpr (std::is_same_v<R, AnyReference>) {
-      promise.setValue(result);
-    } else {
-      R value{};
-      convertResult(result, getType<R>(), &value);
-      promise.setValue(std::move(value));
+  if constexpr (std::is_void_v<R>) {
+    succeedOnce(promise);
+  } else if constexpr (std::is_same_v<R, AnyReference>) {
+    succeedOnce(promise, result);
+  } else {
+    std::optional<Owned<R>> made;
+    try {
+      convertResult(result, getType<R>(), &made.emplace().value);
+    } catch (...) {
+      const std::string failure = currentError().text;
+      logAdapterFailure(failure);
+      return failOnce(promise, failure);
     }
-  } catch (const std::exception& error) {
-    logAdapterFailure(error.what());
-    promise.setError(error.what());
-  } catch (...) {
-    logAdapterFailure("unknown exception");
-    promise.setError("unknown exception");
+    succeedOnce(promise, std::move(made->value));
   }
 }
 
@@ -84,12 +111,12 @@ void handleFuture(const AnyReference& result, Promise<R> promise) {
       if (ending.value.isValid())
         handleFuture<R>(ending.value, promise);
       else
-        promise.setError(ending.error, ending.state);
+        detail::failOnce(promise, ending.error, ending.state);
     };
     try {
       result.type()->future->connect(result.pointer(), settle);
     } catch (const FutureException& error) {  // an empty future
-      promise.setError(error.what());
+      detail::failOnce(promise, error.what());
     }
     return;
   }
@@ -120,7 +147,7 @@ Future<R> convertedResult(const Future<AnyReference>& result) {
 template <class R>
 struct DestroyAtEnd {
   R* value;
-  ~DestroyAtEnd() { value->~R(); }
+  ~DestroyAtEnd() { destroyValue<R>(value); }
 };
 
 }  // namespace detail

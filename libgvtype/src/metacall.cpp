@@ -63,7 +63,7 @@ void convertResult(const AnyReference& result, const TypeInterface* type, void* 
   }
 }
 
-void logAdapterFailure(const char* text) {
+void logAdapterFailure(const std::string& text) {
   GV_LOG(log::Level::Error, "gv.adapter", "setPromise", text);
 }
 
