@@ -31,13 +31,14 @@ class GVTYPE_API AnyFunction {
 
   /// From a function, a lambda, a std::function, or a member function, which then takes the
   /// instance as its first argument. Parameters may be values or references to const; the last may
-  /// be AnyArguments.
+  /// be AnyArguments. Null pointers make the empty function, here and below.
   template <class F>
   static AnyFunction from(F callable);
   /// From a member function of an object, which must outlive the function's calls.
   template <class T, class R, class C, class... A>
   static AnyFunction from(T* object, R (C::*member)(A...)) {
     checkParameters<A...>();
+    if (!member) return {};
     return from([object, member](std::remove_reference_t<A> const&... arguments) -> R {
       return (object->*member)(arguments...);
     });
@@ -45,6 +46,7 @@ class GVTYPE_API AnyFunction {
   template <class T, class R, class C, class... A>
   static AnyFunction from(T* object, R (C::*member)(A...) const) {
     checkParameters<A...>();
+    if (!member) return {};
     return from([object, member](std::remove_reference_t<A> const&... arguments) -> R {
       return (object->*member)(arguments...);
     });
@@ -59,12 +61,10 @@ class GVTYPE_API AnyFunction {
   /// Calls it. Throws ConversionError where an argument does not convert, std::runtime_error for a
   /// wrong number of arguments or an empty function, and whatever the callable throws.
   AnyReference call(const GenericFunctionParameters& arguments) const;
-  /// Calls it and constructs the result, converted where the types differ, in `result`: storage
-  /// without a value, of the size and alignment of `resultType`. Without a type the result is
-  /// dropped. Nothing is allocated where all types match. Throws as call() does, and
-  /// ConversionError for the result; nothing is constructed then.
-  void callInto(std::span<const AnyReference> arguments, const TypeInterface* resultType,
-                void* result) const;
+  /// Calls it and constructs the result in `result`: storage without a value, of the size and
+  /// alignment of returnType(). Null: the result is dropped. Nothing is allocated where all types
+  /// match. Throws as call() does; nothing is constructed then.
+  void callInto(std::span<const AnyReference> arguments, void* result) const;
 
   /// The type of the result (a future as such); null for the empty function.
   const TypeInterface* returnType() const { return body_ ? body_->returnType : nullptr; }
@@ -116,10 +116,12 @@ class GVTYPE_API AnyFunction {
   }
   template <class R, class... A>
   static AnyFunction fromPointer(R (*function)(A...)) {
+    if (!function) return {};
     return make<R (*)(A...), R, A...>(function);
   }
   template <class R, class C, class... A>
   static AnyFunction fromPointer(R (C::*member)(A...)) {
+    if (!member) return {};
     auto call = [member](const C& object, std::remove_reference_t<A> const&... arguments) -> R {
       return (const_cast<C&>(object).*member)(arguments...);
     };
@@ -127,6 +129,7 @@ class GVTYPE_API AnyFunction {
   }
   template <class R, class C, class... A>
   static AnyFunction fromPointer(R (C::*member)(A...) const) {
+    if (!member) return {};
     auto call = [member](const C& object, std::remove_reference_t<A> const&... arguments) -> R {
       return (object.*member)(arguments...);
     };

@@ -6,8 +6,6 @@
 
 #include <boost/container/small_vector.hpp>
 
-#include <gvtype/conversion.h>
-
 #include "exactarguments.h"
 
 namespace gv {
@@ -35,7 +33,6 @@ class ResultStorage {
 
   void* place() { return place_; }
   void setFull() { isFull_ = true; }
-  AnyReference reference() const { return {type_, place_}; }
 
  private:
   bool isInline() const {
@@ -69,17 +66,12 @@ AnyReference AnyFunction::call(const GenericFunctionParameters& arguments) const
   return {body_->returnType, place, std::move(result)};
 }
 
-void AnyFunction::callInto(std::span<const AnyReference> arguments, const TypeInterface* resultType,
-                           void* result) const {
-  if (!body_ || sameType(body_->returnType, resultType)) return invoke(arguments, result);
-  ResultStorage own(body_->returnType);
-  invoke(arguments, own.place());
-  own.setFull();
-  if (!resultType || resultType->kind == TypeKind::Void) return;
-  AnyValue converted = AnyValue::make(resultType);
-  void* value = converted.asReference().pointer();
-  convertInto(own.reference(), resultType, value);
-  resultType->move(result, value);
+void AnyFunction::callInto(std::span<const AnyReference> arguments, void* result) const {
+  if (result || !body_ || body_->returnType->kind == TypeKind::Void)
+    return invoke(arguments, result);
+  ResultStorage dropped(body_->returnType);
+  invoke(arguments, dropped.place());
+  dropped.setFull();
 }
 
 void AnyFunction::invoke(std::span<const AnyReference> arguments, void* result) const {

@@ -115,6 +115,7 @@ unsigned DynamicObject::addSignal(const std::string& name,
 unsigned DynamicObject::addProperty(const std::string& name, const AnyReference& initial) {
   checkMemberName("property", name);
   const TypeInterface* type = initial.type();
+  if (!type) throw std::runtime_error("the property '" + name + "' needs a first value");
   std::string signature;
   appendSignature(signature, type);
   Signature checked(signature);  // what fails leaves nothing behind
@@ -157,10 +158,12 @@ bool DynamicObject::callNow(unsigned id, std::span<const AnyReference> arguments
   if (!p_->isPlain || p_->serial) return false;
   const Method* method = p_->members.current().find(id);
   if (!method || !method->isDirect) return false;
-  if (resultType && !sameType(resultType, method->function.returnType())) return false;
+  const TypeInterface* returned = method->function.returnType();
+  if (resultType && !sameType(resultType, returned)) return false;
+  const bool hasPlace = resultType || returned->kind == TypeKind::Void;
   try {
-    if (resultType && method->function.invokeExactly(arguments, result)) return true;
-    method->function.callInto(behindInstance(arguments), resultType, result);
+    if (hasPlace && method->function.invokeExactly(arguments, result)) return true;
+    method->function.callInto(behindInstance(arguments), result);
   } catch (...) {
     throw FutureException(FutureException::State::UserError, detail::currentError().text);
   }

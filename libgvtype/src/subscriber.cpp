@@ -12,7 +12,7 @@ Subscriber::Subscriber(std::string signal, AnyFunction handler, std::shared_ptr<
 void Subscriber::run(std::span<const AnyReference> arguments) {
   if (!enter()) return;
   try {
-    handler_.callInto(arguments, nullptr, nullptr);
+    handler_.callInto(arguments, nullptr);
   } catch (...) {
     GV_LOG(log::Level::Error, "gv.signal", "emit",
            "a handler of the signal '" + signal_ + "' failed: " + detail::currentError().text);

@@ -77,7 +77,11 @@ TEST(AnyFunction, GivesItsTailWhateverWasPassed) {
 }
 
 TEST(AnyFunction, EmptyOnesRefuseToBeCalled) {
+  Account account;
   EXPECT_FALSE(AnyFunction());
+  EXPECT_FALSE(AnyFunction::from(static_cast<int (*)(int)>(nullptr)).withInstance());
+  EXPECT_FALSE(AnyFunction::from(static_cast<void (Account::*)(int)>(nullptr)));
+  EXPECT_FALSE(AnyFunction::from(&account, static_cast<void (Account::*)(int) const>(nullptr)));
   EXPECT_EQ(errorOf(AnyFunction()), "the function is empty");
   EXPECT_EQ(AnyFunction().parametersSignature(true).toString(), "()");
 }
@@ -90,20 +94,13 @@ TEST(AnyFunction, PutsItsResultWhereTheCallerWantsIt) {
   });
   const int n = 1;
   const AnyReference arguments[] = {AnyReference::from(n)};
-  const auto callFor = [&]<class R>(R) {
-    alignas(R) unsigned char storage[sizeof(R)];
-    function.callInto(arguments, getType<R>(), storage);
-    R* made = std::launder(reinterpret_cast<R*>(storage));
-    R result = std::move(*made);
-    made->~R();
-    return result;
-  };
-  EXPECT_EQ(callFor(std::string()), std::string(40, 'b'));
-  EXPECT_EQ(callFor(AnyValue()).to<std::string>(), std::string(40, 'b'));
-  EXPECT_THROW(callFor(0), ConversionError);
-  function.callInto(arguments, nullptr, nullptr);
-  EXPECT_EQ(calls, 4) << "a callable may have state of its own";
-  EXPECT_THROW(AnyFunction().callInto(arguments, nullptr, nullptr), std::runtime_error);
+  alignas(std::string) unsigned char storage[sizeof(std::string)];
+  function.callInto(arguments, storage);
+  auto* made = std::launder(reinterpret_cast<std::string*>(storage));
+  EXPECT_EQ(*made, std::string(40, 'b'));
+  std::destroy_at(made);
+  function.callInto(arguments, nullptr);
+  EXPECT_EQ(calls, 2) << "a callable may have state of its own";
 }
 
 TEST(AnyFunction, ResultsShareOwnership) {
