@@ -158,7 +158,7 @@ TEST_F(ConnectionTest, ReachesThePropertiesOfRemoteObjects) {
   EXPECT_THAT(calculator.setProperty("precision", std::string("x")).error(guardMs),
               HasSubstr("property 'precision': cannot convert"));
   EXPECT_THAT(calculator.connect("precision", [](int) {}).error(guardMs),
-              HasSubstr("emits no signal"));
+              HasSubstr("do not cross connections"));
 }
 
 TEST_F(ConnectionTest, TellsTheEndingsApart) {

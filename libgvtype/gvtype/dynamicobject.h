@@ -28,14 +28,17 @@ class GVTYPE_API DynamicObject {
                                         const GenericFunctionParameters& arguments,
                                         MetaCallType callType, Signature returnSignature);
   /// Starts the method `id` on the event loop and forgets it: ends in metaCall, queued. Of a
-  /// signal: emits it there. Errors are logged or lost.
+  /// signal: emits it there. Errors are logged or lost; but an object of another process throws
+  /// std::runtime_error where the method is unknown or nothing could be sent.
   virtual void metaPost(Object<Empty> context, unsigned id,
                         const GenericFunctionParameters& arguments);
 
   /// Connects a handler to the signal `id`. It runs in the emitting thread, after the handlers
   /// connected before it; or, Queued, on the event loop, in the order of the emissions. It may
   /// connect, disconnect itself and others, emit, drop the object; what it throws is logged. Its
-  /// result is dropped. The future fails for an unknown signal or a wrong number of parameters.
+  /// result is dropped. The future fails for an unknown signal, a wrong number of parameters, one
+  /// to which the signal's values never convert, and signals of objects in other processes, which
+  /// do not cross connections.
   virtual Future<SignalLink> metaConnect(Object<Empty> context, unsigned id, AnyFunction handler,
                                          MetaCallType callType);
   /// Disconnects a handler. No call of it starts any more; the future settles when none runs, but
@@ -47,15 +50,17 @@ class GVTYPE_API DynamicObject {
   virtual Future<AnyReference> metaProperty(Object<Empty> context, unsigned id);
   /// Sets the property `id` to the value converted to its type, then emits its signal in this
   /// thread. Fails the future, and changes nothing, where the value does not convert. Of several
-  /// that set at once the signals may come in another order than the values.
+  /// that set at once the signals may come in another order than the values. It also fails where
+  /// the value was set but emissions are nested too deep (emitSignal) to tell.
   virtual Future<void> metaSetProperty(Object<Empty> context, unsigned id,
                                        const AnyReference& value);
 
   DynamicObject(const DynamicObject&) = delete;
   DynamicObject& operator=(const DynamicObject&) = delete;
 
-  /// The description of all members, the framework's own included. The reference is good for the
-  /// object's life, its content is that of the moment.
+  /// The description of all members, the framework's own included, as of now: what the reference
+  /// refers to does not follow later changes. It is good for the object's life: each description
+  /// that was read between two changes is kept until then, so advertise first, then read.
   const MetaObject& metaObject() const;
   /// The function of a method; null for an unknown id. Borrowed for the object's life.
   const AnyFunction* method(unsigned id) const;
@@ -72,8 +77,9 @@ class GVTYPE_API DynamicObject {
   void setDescription(const std::string& text);
 
   /// Emits the signal `id`: runs its handlers or queues them. The arguments are converted to the
-  /// signal's types. Throws std::runtime_error for an unknown signal, a wrong number of arguments
-  /// or one that does not convert; no handler runs then. Handlers may drop the object.
+  /// signal's types. Throws std::runtime_error for an unknown signal, a wrong number of arguments,
+  /// one that does not convert, and within 64 handlers on this thread that emit in turn; no handler
+  /// runs then. Handlers may drop the object.
   void emitSignal(unsigned id, std::span<const AnyReference> arguments);
 
   /// As ObjectTypeInterface::callNow.

@@ -29,7 +29,8 @@ class GVTYPE_API Object<Empty> {
   explicit operator bool() const { return isValid(); }
   bool operator==(const Object& other) const { return object_ == other.object_; }
 
-  /// What the object offers. Borrowed: good as long as the object lives.
+  /// What the object offers now; does not follow what is advertised later. Borrowed: good as long
+  /// as the object lives.
   const MetaObject& metaObject() const { return get().metaObject(); }
 
   /// Calls a method by id. Fails the future, and does not throw, for what the caller named wrongly.
@@ -42,11 +43,12 @@ class GVTYPE_API Object<Empty> {
                                 MetaCallType callType = MetaCallType::Auto,
                                 const Signature& returnSignature = {}) const;
   /// Starts a method and forgets it: neither its result nor its error comes back. Of a signal:
-  /// emits it on the event loop.
+  /// emits it on the event loop. Throws std::runtime_error where it cannot be sent to the object's
+  /// process.
   void metaPost(unsigned id, const GenericFunctionParameters& arguments) const;
 
   /// Calls a method and waits for its result without limit; the body may run in this thread.
-  /// Throws FutureException.
+  /// Throws FutureException. See ObjectThreadingModel for calls that would wait for themselves.
   template <class R, class... A>
   R call(std::string_view nameOrSignature, const A&... arguments) const {
     const Object held = *this;  // the body may drop this handle
@@ -58,7 +60,8 @@ class GVTYPE_API Object<Empty> {
     return detail::convertedResult<R>(
         metaCall(nameOrSignature, makeParameters(arguments...), MetaCallType::Queued));
   }
-  /// Starts a method and forgets it. Throws std::runtime_error when no single method matches.
+  /// Starts a method and forgets it. Throws std::runtime_error when no single method matches, and
+  /// where it cannot be sent to the object's process.
   template <class... A>
   void post(const std::string& nameOrSignature, const A&... arguments) const {
     postByName(nameOrSignature, makeParameters(arguments...));
@@ -72,8 +75,8 @@ class GVTYPE_API Object<Empty> {
     emitByName(signal, makeParameters(arguments...));
   }
   /// Connects a callable of as many parameters as the signal has (or with AnyArguments as its
-  /// last): see DynamicObject::metaConnect for where it runs and what it may do. The future fails
-  /// for an unknown signal or a wrong number of parameters.
+  /// last): see DynamicObject::metaConnect for where it runs, what it may do, and when the future
+  /// fails. Signals do not cross connections: the object must be of this process.
   template <class F>
   Future<SignalLink> connect(const std::string& signal, F callable,
                              MetaCallType callType = MetaCallType::Auto) const {

@@ -351,6 +351,8 @@ void Connection::serve(const wire::Frame& frame) {
 void Connection::callMethod(const wire::Frame& frame, const Object<Empty>& object) {
   const wire::FrameHeader& header = frame.header;
   const MetaMethod* method = object.metaObject().method(header.member);
+  if (!method && header.type == wire::FrameType::Post)
+    return replyError(header, "the object has no method with id " + std::to_string(header.member));
   CallContext context{.callId = header.messageId, .traceId = header.traceId};
   if (isDirectorys(header)) {
     context.connectionId = id_;

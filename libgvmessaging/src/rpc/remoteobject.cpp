@@ -60,6 +60,11 @@ void RemoteObject::metaPost(Object<Empty>, unsigned id,
   connection_->post(service_, methodOrThrow(id), arguments);
 }
 
+Future<SignalLink> RemoteObject::metaConnect(Object<Empty>, unsigned, AnyFunction, MetaCallType) {
+  return makeFailedFuture<SignalLink>(
+      "signals of objects in other processes do not cross connections");
+}
+
 Future<AnyReference> RemoteObject::metaProperty(Object<Empty> context, unsigned id) {
   const auto& properties = metaObject().propertyMap();
   const auto property = properties.find(id);

@@ -22,9 +22,12 @@ class GVMESSAGING_API RemoteObject final : public DynamicObject {
   Future<AnyReference> metaCall(Object<Empty> context, unsigned id,
                                 const GenericFunctionParameters& arguments, MetaCallType callType,
                                 Signature returnSignature) override;
-  /// Throws std::runtime_error when it could not be sent.
+  /// Throws std::runtime_error for an unknown method and when it could not be sent.
   void metaPost(Object<Empty> context, unsigned id,
                 const GenericFunctionParameters& arguments) override;
+  /// Fails: signals do not cross connections.
+  Future<SignalLink> metaConnect(Object<Empty> context, unsigned id, AnyFunction handler,
+                                 MetaCallType callType) override;
   Future<AnyReference> metaProperty(Object<Empty> context, unsigned id) override;
   Future<void> metaSetProperty(Object<Empty> context, unsigned id,
                                const AnyReference& value) override;
