@@ -118,8 +118,8 @@ unsigned DynamicObject::addProperty(const std::string& name, const AnyReference&
   if (!type) throw std::runtime_error("the property '" + name + "' needs a first value");
   std::string signature;
   appendSignature(signature, type);
-  Signature checked(signature);  // what fails leaves nothing behind
-  AnyValue value = PropertyTable::convert(initial, type);
+  Signature checked(signature);                // what fails leaves nothing behind
+  AnyValue value = AnyValue::copyOf(initial);  // holds a dynamic one as such
   const unsigned uid = p_->members.takeId();
   p_->signals.add(uid, name, {type});
   p_->properties.add(uid, name, std::move(value));

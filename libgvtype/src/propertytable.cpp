@@ -14,13 +14,6 @@ AnyReference sharing(std::shared_ptr<const AnyValue> value) {
 
 }  // namespace
 
-AnyValue PropertyTable::convert(const AnyReference& value, const TypeInterface* type) {
-  AnyValue converted = AnyValue::make(type);
-  convertInto(value, type, converted.asReference().pointer());
-  converted.updateNesting();
-  return converted;
-}
-
 void PropertyTable::add(unsigned id, const std::string& name, AnyValue initial) {
   auto value = std::make_shared<const AnyValue>(std::move(initial));
   const std::lock_guard lock(mutex_);
@@ -43,9 +36,9 @@ AnyReference PropertyTable::value(unsigned id) const {
 AnyReference PropertyTable::set(unsigned id, const AnyReference& value) {
   const Property old = property(id);  // keeps the old value: it dies after the unlock
   const TypeInterface* type = old.value->type();
-  const auto converted = std::make_shared<AnyValue>();
+  auto converted = std::make_shared<AnyValue>(AnyValue::make(type));
   try {
-    *converted = convert(value, type);
+    convertInto(value, type, converted->asReference().pointer());
   } catch (const std::runtime_error& error) {
     throw std::runtime_error("property '" + old.name + "': " + error.what());
   }
@@ -54,7 +47,7 @@ AnyReference PropertyTable::set(unsigned id, const AnyReference& value) {
     const std::lock_guard lock(mutex_);
     properties_.at(id).value.swap(placed);  // another one's value may come out
   }
-  return sharing(converted);
+  return sharing(std::move(converted));
 }
 
 }  // namespace gv

@@ -13,9 +13,6 @@ namespace gv {
 /// readers share it. No lock is held while one is copied, converted or destroyed.
 class PropertyTable {
  public:
-  /// A value that holds one of exactly the type, dynamic types included, as properties do.
-  static AnyValue convert(const AnyReference& value, const TypeInterface* type);
-
   /// The property is of the type that `initial` holds.
   void add(unsigned id, const std::string& name, AnyValue initial);
   /// The value, which the reference keeps alive. Throws std::runtime_error for an unknown id.
