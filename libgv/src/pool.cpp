@@ -149,8 +149,9 @@ bool Pool::accept(TaskPointer task, bool isRefusable) {
 
 /// A worker that is about to come back for more is quicker than one that has to be woken.
 bool Pool::isLikelyTakenSoonLocked() const {
+  const unsigned self = isCurrent() ? 1 : 0;  // busy posting
   return pollingPays_ && !idle_.empty() && needsThread(viewLocked()) &&
-         workers_ - blocked_ > idle_.size();
+         workers_ - blocked_ > idle_.size() + self;
 }
 
 void Pool::forgetDelayed(Task& task) {
