@@ -150,20 +150,24 @@ TEST_F(Loop, TimersGoOnWhileAThreadThatRetiresTakesLong) {
   auto settings = announcedOnly(1, 2);
   settings.retireAfter = milliseconds(0);
   EventLoop loop(settings);
+  static std::atomic<bool> isRetiring{false};
   static std::latch gate(1);
-  static std::latch isRetiring(1);
   struct Slow {
     ~Slow() {
-      isRetiring.count_down();
+      isRetiring = true;
       gate.wait();
     }
   };
-  // The second thread is there only as long as the first one waits for it.
-  loop.async([&] {
-        loop.async([] { thread_local Slow slow; }).wait();
-        isRetiring.wait();
-      })
-      .wait();
+  Promise<void> release;
+  for (int i = 0; i < 2; ++i) {
+    loop.post([held = release.future()] {
+      thread_local Slow slow;
+      held.wait();
+    });
+  }
+  waitUntil(loop, [](const auto& figures) { return figures.blocked == 2; });
+  release.setValue();
+  while (!isRetiring) std::this_thread::yield();
   EXPECT_EQ(loop.async([] { return 1; }, milliseconds(5)).value(), 1);
   gate.count_down();
 }
