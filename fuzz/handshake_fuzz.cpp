@@ -22,10 +22,9 @@ using gv::wire::FrameType;
 class DeafStream : public gv::net::Stream {
  public:
   void start(std::shared_ptr<gv::net::StreamHandler> handler) override { handler_ = handler; }
-  bool send(std::vector<char> bytes) override { return send(bytes, {}); }
-  bool send(std::span<const char> head, std::vector<char> body) override {
+  bool send(std::span<const gv::net::Bytes> pieces) override {
     if (isClosed_) return false;
-    sent_ += head.size() + body.size();
+    for (const gv::net::Bytes piece : pieces) sent_ += piece.size();
     return true;
   }
   std::size_t pendingBytes() const override { return 0; }
@@ -41,7 +40,15 @@ class DeafStream : public gv::net::Stream {
 
   bool isClosed() const { return isClosed_; }
   std::size_t sent() const { return sent_; }
-  void arrive(std::span<const char> bytes) { handler_->onBytes(bytes); }
+  void arrive(std::span<const char> bytes) {
+    while (!bytes.empty() && !isClosed_) {
+      const std::span<char> space = handler_->inputSpace();
+      const std::size_t count = std::min(space.size(), bytes.size());
+      std::copy_n(bytes.begin(), count, space.begin());
+      handler_->onInput(count);
+      bytes = bytes.subspan(count);
+    }
+  }
   void end() {
     const auto handler = std::move(handler_);
     handler->onClosed(isClosed_ ? cause_ : "connection closed by peer");

@@ -67,10 +67,26 @@ std::vector<char> conversation() {
   return bytes;
 }
 
+/// Gives the reader some bytes as a stream does, and takes the frames that are complete. False when
+/// they were refused.
+template <class F>
+bool feed(FrameReader& reader, std::span<const char> bytes, const F& onFrame) {
+  Frame frame;
+  while (reader.error().empty() && !bytes.empty()) {
+    const std::span<char> space = reader.space();
+    const std::size_t count = std::min(space.size(), bytes.size());
+    std::copy_n(bytes.begin(), count, space.begin());
+    reader.fill(count);
+    bytes = bytes.subspan(count);
+    while (reader.next(frame)) onFrame(frame);
+  }
+  return reader.error().empty();
+}
+
 class Collector {
  public:
   bool feed(std::span<const char> bytes) {
-    return reader.feed(bytes, [this](Frame&& frame) {
+    return wire::feed(reader, bytes, [this](const Frame& frame) {
       payloads.emplace_back(frame.payload.begin(), frame.payload.end());
       EXPECT_EQ(frame.header.messageId, frame.payload.size());
     });
@@ -154,12 +170,12 @@ TEST(FrameReader, HoldsLittleMoreThanWhatArrived) {
   Collector collector;
   collector.reader.setLimit(limits.payload);
   ASSERT_TRUE(collector.feed(bytes));
-  EXPECT_EQ(0u, collector.reader.storage());
+  EXPECT_GE(256u, collector.reader.storage());
   const std::vector<char> piece(100'000);
   for (std::size_t arrived = piece.size(); arrived < 5'000'000; arrived += piece.size()) {
     ASSERT_TRUE(collector.feed(piece));
     ASSERT_GE(collector.reader.storage(), arrived);
-    ASSERT_LE(collector.reader.storage(), 2 * arrived + 65536);
+    ASSERT_LE(collector.reader.storage(), 2 * arrived + 131072);
   }
 }
 
@@ -182,7 +198,7 @@ TEST(FrameReader, AppliesAChangedLimitToTheNextFrameOfTheSameBytes) {
   const auto bytes = conversation();
   FrameReader reader(5);  // exactly the first payload; 300 is exactly the last
   int frames = 0;
-  const bool fed = reader.feed(bytes, [&](Frame&&) {
+  const bool fed = feed(reader, bytes, [&](const Frame&) {
     if (++frames == 1) reader.setLimit(300);
   });
   EXPECT_TRUE(fed) << reader.error();
@@ -193,13 +209,14 @@ TEST(FrameReader, CanBeStoppedByItsHandler) {
   const auto bytes = conversation();
   FrameReader reader(1000);
   int frames = 0;
-  EXPECT_FALSE(reader.feed(bytes, [&](Frame&&) {
+  EXPECT_FALSE(feed(reader, bytes, [&](const Frame&) {
     ++frames;
     reader.stop("not now");
   }));
   EXPECT_EQ(1, frames);
   EXPECT_EQ("not now", reader.error());
-  EXPECT_FALSE(reader.feed(bytes, [](Frame&&) { FAIL() << "a frame after an error"; }));
+  Frame after;
+  EXPECT_FALSE(reader.next(after));
   EXPECT_EQ("not now", reader.error());
 }
 

@@ -215,8 +215,9 @@ TEST_F(Streams, KeepTheFramesOfManySendersWhole) {
       for (std::uint32_t i = 0; i < frames; ++i) {
         const std::array<std::uint32_t, 3> head = {sender, i, (i * 37) % 5000};
         const std::vector<char> body(head[2], static_cast<char>(sender));
-        EXPECT_TRUE(
-            stream->send(std::span(reinterpret_cast<const char*>(head.data()), sizeof head), body));
+        const std::array<Bytes, 2> pieces = {
+            Bytes(reinterpret_cast<const char*>(head.data()), sizeof head), body};
+        EXPECT_TRUE(stream->send(pieces));
       }
     });
   std::array<std::uint32_t, senders> next{};

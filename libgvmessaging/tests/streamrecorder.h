@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "src/net/stream.h"
 
@@ -21,7 +22,10 @@ class StreamRecorder : public StreamHandler {
   explicit StreamRecorder(std::function<void(std::span<const char>)> onBytes = {})
       : onBytes_(std::move(onBytes)) {}
 
-  void onBytes(std::span<const char> bytes) override {
+  std::span<char> inputSpace() override { return space_; }
+  void onInput(std::size_t count) override {
+    if (count == 0) return;
+    const std::span<const char> bytes = std::span(space_).first(count);
     if (onBytes_) onBytes_(bytes);
     const std::lock_guard lock(mutex_);
     afterEnd_ = afterEnd_ || ends_ > 0;
@@ -67,6 +71,7 @@ class StreamRecorder : public StreamHandler {
   static constexpr std::chrono::seconds guard{60};
 
   const std::function<void(std::span<const char>)> onBytes_;
+  std::vector<char> space_ = std::vector<char>(std::size_t{64} << 10);
   mutable std::mutex mutex_;  // guards all below
   std::condition_variable changed_;
   std::string bytes_;

@@ -7,21 +7,23 @@
 #include <span>
 #include <vector>
 
+#include "src/net/stream.h"
+
 namespace gv::net {
 
-/// Output that waits for the system to take it, in order. Guarded by its owner; buffers stay where
+/// Output that waits for the system to take it, in order. Guarded by its owner; bytes stay where
 /// they are while others are pushed behind them.
 class OutputQueue {
  public:
-  bool empty() const { return pieces_.empty(); }
+  bool empty() const { return chunks_.empty(); }
   std::size_t bytes() const { return bytes_; }
 
-  void push(std::span<const char> head, std::vector<char> body);
+  /// Copies @p pieces but for their first @p sent bytes, behind all others.
+  void push(std::span<const Bytes> pieces, std::size_t sent = 0);
+  /// As push, but before all others, none of which was sent in part.
+  void pushFront(std::span<const Bytes> pieces, std::size_t sent);
 
-  /// Puts what is left of @p head and @p body after their first @p sent bytes before all others.
-  void pushRest(std::span<const char> head, std::vector<char> body, std::size_t sent);
-
-  /// Points @p buffers at the first pieces; returns how many were set.
+  /// Points @p buffers at the first chunks; returns how many were set.
   std::size_t gather(std::span<iovec> buffers);
 
   /// Forgets the first @p count bytes.
@@ -30,13 +32,11 @@ class OutputQueue {
   void clear();
 
  private:
-  struct Piece {
-    std::vector<char> bytes;
-    std::size_t sent;
-  };
+  using Chunk = std::vector<char>;  // never grows beyond the capacity it was made with
 
-  std::deque<Piece> pieces_;  // none of them sent to its end
-  std::size_t bytes_ = 0;     // not sent yet, of all pieces
+  std::deque<Chunk> chunks_;  // none of them sent to its end
+  std::size_t sent_ = 0;      // of the first one
+  std::size_t bytes_ = 0;     // not sent yet, of all chunks
 };
 
 }  // namespace gv::net

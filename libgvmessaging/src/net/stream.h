@@ -5,18 +5,22 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <vector>
 
 namespace gv::net {
 
-/// What happens to a stream. Called in the network's thread, one call at a time and with no lock
-/// held; must not block or throw (an exception closes the stream with its text).
+using Bytes = std::span<const char>;
+
+/// What happens to a stream. Called by the thread that reads it, one call at a time and with no
+/// lock held; must not throw (an exception closes the stream with its text).
 class StreamHandler {
  public:
   virtual ~StreamHandler() = default;
 
-  /// Bytes arrived. They are valid during the call only.
-  virtual void onBytes(std::span<const char> bytes) = 0;
+  /// Where the bytes that come next are to be put, one at least. onInput() follows.
+  virtual std::span<char> inputSpace() = 0;
+  /// The first @p count bytes of inputSpace() have arrived. 0: none have, and the space may be
+  /// given back.
+  virtual void onInput(std::size_t count) = 0;
 
   /// The stream has ended: exactly once, and nothing follows. @p cause is the text given to
   /// close(), "connection closed by peer", or the system's own.
@@ -40,13 +44,12 @@ class Stream {
   /// Begins to read, for @p handler. Once only. On a stream that has ended, onClosed() follows.
   virtual void start(std::shared_ptr<StreamHandler> handler) = 0;
 
-  /// Sends @p bytes after everything sent before; they never mix with those of another caller.
-  /// Written at once where the system takes them, else queued without bound: see pendingBytes().
-  /// False when the stream has ended: nothing was sent. True does not say that the peer got it.
-  virtual bool send(std::vector<char> bytes) = 0;
-
-  /// Sends @p head and @p body as one. @p head is copied only when it must wait.
-  virtual bool send(std::span<const char> head, std::vector<char> body) = 0;
+  /// Sends @p pieces, one behind the other, after everything sent before; they never mix with those
+  /// of another caller. Written at once, from where they are, as far as the system takes them; the
+  /// rest is copied and queued without bound: see pendingBytes(). False when the stream has ended:
+  /// nothing was sent. True does not say that the peer got it.
+  virtual bool send(std::span<const Bytes> pieces) = 0;
+  bool send(Bytes bytes) { return send(std::span(&bytes, 1)); }
 
   /// Bytes taken by send() and not yet by the system.
   virtual std::size_t pendingBytes() const = 0;

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <asio/post.hpp>
 #include <exception>
@@ -14,7 +15,6 @@ namespace {
 
 // Reads of one connection before others have their turn.
 constexpr int roundsInTurn = 4;
-constexpr std::size_t readSize = 256u << 10;
 
 // Writes that a sender does for others before it leaves the rest to the reactor.
 constexpr int writeRounds = 4;
@@ -25,12 +25,6 @@ constexpr std::chrono::milliseconds slowReadPause{50};
 
 // After a failed write: more than the system holds for one connection.
 constexpr int restRounds = 64;
-
-// One buffer for all streams: only the reactor's thread reads, and nothing keeps the bytes.
-std::span<char> readBuffer() {
-  thread_local std::vector<char> buffer(readSize);
-  return buffer;
-}
 
 asio::ip::address plainAddress(const Endpoint& endpoint) {
   const asio::ip::address address = endpoint.address();
@@ -83,26 +77,27 @@ void TcpStream::start(std::shared_ptr<StreamHandler> handler) {
   });
 }
 
-bool TcpStream::send(std::vector<char> bytes) {
-  return send({}, std::move(bytes));
-}
-
-bool TcpStream::send(std::span<const char> head, std::vector<char> body) {
+bool TcpStream::send(std::span<const Bytes> pieces) {
   Lock lock(mutex_);
   if (state_ != State::Open) return false;
   if (writing_ || !output_.empty()) {
-    output_.push(head, std::move(body));
+    output_.push(pieces);
     return true;
   }
+  std::array<iovec, gatheredPieces> buffers;
+  const std::size_t count = std::min(pieces.size(), buffers.size());
+  std::size_t size = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    buffers[i] = {const_cast<char*>(pieces[i].data()), pieces[i].size()};
+    size += pieces[i].size();
+  }
   writing_ = true;
-  direct_ = head.size() + body.size();
+  direct_ = size;
   lock.unlock();
-  const std::array<iovec, 2> buffers = {iovec{const_cast<char*>(head.data()), head.size()},
-                                        iovec{body.data(), body.size()}};
-  const Transfer sent = sendSome(descriptor_, buffers);
+  const Transfer sent = sendSome(descriptor_, std::span(buffers).first(count));
   lock.lock();
   direct_ = 0;
-  output_.pushRest(head, std::move(body), sent.bytes);
+  output_.pushFront(pieces, sent.bytes);
   writeRoundsLocked(lock, sent);
   return true;
 }
@@ -190,26 +185,33 @@ void TcpStream::readAndWait(int rounds) {
 
 // True when there may be more at once.
 bool TcpStream::readOnce() {
-  const std::span<char> buffer = readBuffer();
-  const Transfer got = receiveSome(descriptor_, buffer);
+  const Transfer got = receive();
   if (got.wouldBlock) return false;
   if (got.error || got.bytes == 0) {
     const Lock lock(mutex_);
     endLocked(got.error ? got.error.message() : "connection closed by peer");
     return false;
   }
-  return deliver(buffer.first(got.bytes)) && got.bytes == buffer.size();
-}
-
-// False when the stream must not be read any more.
-bool TcpStream::deliver(std::span<const char> bytes) {
-  if (handler_ && state() == State::Open) callHandler(bytes);
   return state() != State::Closing;
 }
 
-void TcpStream::callHandler(std::span<const char> bytes) {
+Transfer TcpStream::receive() {
+  if (!handler_ || state() != State::Open) {
+    std::array<char, 16u << 10> unwanted;
+    return receiveSome(descriptor_, unwanted);
+  }
+  Transfer got;
+  callHandler([&] {
+    got = receiveSome(descriptor_, handler_->inputSpace());
+    handler_->onInput(got.bytes);
+  });
+  return got;
+}
+
+template <class F>
+void TcpStream::callHandler(const F& call) {
   try {
-    handler_->onBytes(bytes);
+    call();
   } catch (const std::exception& error) {
     close(std::string("handler failed: ") + error.what());
   } catch (...) {
@@ -255,9 +257,12 @@ void TcpStream::readRest() {
     return readRest_ && handler_;
   };
   for (int round = 0; round < restRounds && wanted(); ++round) {
-    const Transfer got = receiveSome(descriptor_, readBuffer());
+    Transfer got;
+    callHandler([&] {
+      got = receiveSome(descriptor_, handler_->inputSpace());
+      handler_->onInput(got.bytes);
+    });
     if (got.bytes == 0) return;
-    callHandler(readBuffer().first(got.bytes));
   }
 }
 

@@ -38,8 +38,8 @@ class TcpStream final : public Stream, public std::enable_shared_from_this<TcpSt
   TcpStream(asio::ip::tcp::socket socket, const Endpoint& peer, const wire::Limits& limits);
 
   void start(std::shared_ptr<StreamHandler> handler) override;
-  bool send(std::vector<char> bytes) override;
-  bool send(std::span<const char> head, std::vector<char> body) override;
+  using Stream::send;
+  bool send(std::span<const Bytes> pieces) override;
   std::size_t pendingBytes() const override;
   void close(const std::string& cause) override;
   void closeAfterFlush(const std::string& cause, std::chrono::milliseconds bound) override;
@@ -60,8 +60,9 @@ class TcpStream final : public Stream, public std::enable_shared_from_this<TcpSt
   void waitReadable();
   void readAndWait(int rounds);
   bool readOnce();
-  bool deliver(std::span<const char> bytes);
-  void callHandler(std::span<const char> bytes);
+  template <class F>
+  void callHandler(const F& call);
+  Transfer receive();
   void readRest();
 
   void endLocked(const std::string& cause);

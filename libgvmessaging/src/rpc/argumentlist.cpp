@@ -21,7 +21,7 @@ std::vector<AnyValue> makeTargets(const AnyFunction* function, const MetaMethod&
 
 }  // namespace
 
-GenericFunctionParameters readArgumentList(const std::vector<char>& payload,
+GenericFunctionParameters readArgumentList(std::span<const char> payload,
                                            const Object<Empty>& object, const MetaMethod& method,
                                            const wire::Limits& limits) {
   struct Values {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <vector>
+#include <span>
 
 #include <gvtype/object.h>
 
@@ -11,7 +11,7 @@ namespace gv::rpc {
 /// Decodes the arguments of a call of `method`, straight into the parameter types of its function
 /// where the object has one here. The references share ownership of the values. Throws
 /// wire::PayloadError.
-GenericFunctionParameters readArgumentList(const std::vector<char>& payload,
+GenericFunctionParameters readArgumentList(std::span<const char> payload,
                                            const Object<Empty>& object, const MetaMethod& method,
                                            const wire::Limits& limits);
 

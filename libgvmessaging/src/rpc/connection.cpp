@@ -173,7 +173,8 @@ bool Connection::send(wire::FrameHeader header, std::vector<char> payload) {
   header.payloadSize = static_cast<std::uint32_t>(payload.size());
   std::array<char, wire::frameHeaderSize> head;
   wire::encodeHeader(header, head);
-  return stream_->send(head, std::move(payload));
+  const std::array<net::Bytes, 2> pieces = {head, payload};
+  return stream_->send(pieces);
 }
 
 std::optional<Connection::Pending> Connection::takePending(std::uint64_t messageId) {
@@ -221,12 +222,13 @@ void Connection::onClosed(const std::string& cause) {
 
 // ---- Frames of the peer, in the network's thread
 
-void Connection::onBytes(std::span<const char> bytes) {
-  const bool isGood =
-      reader_.feed(bytes, [this](wire::Frame&& frame) { onFrame(std::move(frame)); });
+void Connection::onInput(std::size_t count) {
+  reader_.fill(count);
+  wire::Frame frame;
+  while (reader_.next(frame)) onFrame(std::move(frame));
   // Whoever closed it meanwhile may have output under way that is to leave first.
-  if (isGood || hasEnded()) return;
-  GV_LOG(log::Level::Verbose, category, "onBytes",
+  if (reader_.error().empty() || hasEnded()) return;
+  GV_LOG(log::Level::Verbose, category, "onInput",
          "closing the connection of " + peerName() + ": " + reader_.error());
   fail(reader_.error());
   stream_->close(reader_.error());
@@ -257,12 +259,12 @@ void Connection::onHandshakeFrame(const wire::Frame& frame) {
   try {
     if (role_ == Role::Client && frame.header.type == wire::FrameType::Error) {
       std::string text;
-      wire::readValue(frame.payload, AnyReference::from(text), limits_);
+      wire::readValue(frame.bytes(), AnyReference::from(text), limits_);
       throw std::runtime_error("the peer refused the handshake: " + text);
     }
     if (frame.header.type != expected)
       throw std::runtime_error("the peer sent another frame before the handshake");
-    peer_ = decodeGreeting(frame.payload, limits_);
+    peer_ = decodeGreeting(frame.bytes(), limits_);
   } catch (const std::exception& error) {
     if (role_ == Role::Server && frame.header.type == expected)
       replyError(frame.header, error.what());
@@ -302,12 +304,12 @@ void Connection::onReply(const wire::Frame& frame) {
   try {
     if (frame.header.type == wire::FrameType::Error) {
       std::string text;
-      wire::readValue(frame.payload, AnyReference::from(text), limits_);
+      wire::readValue(frame.bytes(), AnyReference::from(text), limits_);
       return pending->promise.setError(std::move(text));
     }
     auto value = std::make_shared<AnyValue>(AnyValue::makeDefault(pending->returnSignature));
     const AnyReference target = value->asReference();
-    wire::readValue(frame.payload, target, limits_);
+    wire::readValue(frame.bytes(), target, limits_);
     result = AnyReference(target.type(), target.pointer(), std::move(value));
   } catch (const std::exception& error) {
     return pending->promise.setError("the reply of " + peerName() +
@@ -360,7 +362,7 @@ void Connection::callMethod(const wire::Frame& frame, const Object<Empty>& objec
   }
   const CallContextScope scope(context);
   const GenericFunctionParameters arguments =
-      method ? readArgumentList(frame.payload, object, *method, limits_)
+      method ? readArgumentList(frame.bytes(), object, *method, limits_)
              : GenericFunctionParameters();
   // The framework's own methods know their caller by the thread's context: never queued.
   const auto callType =

@@ -94,7 +94,8 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   Connection(std::shared_ptr<net::Stream> stream, Role role, const Greeting& own,
              std::weak_ptr<ServiceHost> host, Events events, const wire::Limits& limits);
 
-  void onBytes(std::span<const char> bytes) override;
+  std::span<char> inputSpace() override { return reader_.space(); }
+  void onInput(std::size_t count) override;
   void onClosed(const std::string& cause) override;
 
   void onFrame(wire::Frame&& frame);

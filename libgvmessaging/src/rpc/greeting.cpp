@@ -23,7 +23,7 @@ std::vector<char> encodeGreeting(const Greeting& greeting) {
   return payload;
 }
 
-Greeting decodeGreeting(const std::vector<char>& payload, const wire::Limits& limits) {
+Greeting decodeGreeting(std::span<const char> payload, const wire::Limits& limits) {
   Fields fields;
   wire::Limits small = limits;
   small.decodedBytes = limits.handshakeDecodedBytes;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,6 @@ struct Greeting {
 /// The greeting as the payload of a Hello or Welcome frame.
 GVMESSAGING_API std::vector<char> encodeGreeting(const Greeting& greeting);
 /// Throws std::runtime_error for a payload that is no greeting, or of a version not spoken here.
-GVMESSAGING_API Greeting decodeGreeting(const std::vector<char>& payload,
-                                        const wire::Limits& limits);
+GVMESSAGING_API Greeting decodeGreeting(std::span<const char> payload, const wire::Limits& limits);
 
 }  // namespace gv::rpc

@@ -1,75 +1,121 @@
 #include "src/wire/framereader.h"
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 #include <utility>
 
 namespace gv::wire {
 namespace {
 
-// How far storage may run ahead of the bytes that arrived.
+constexpr std::size_t bufferSize = 64u << 10;
+
+// How far storage for a payload may run ahead of the bytes that arrived.
 constexpr std::size_t step = 64u << 10;
+
+// One thread mostly reads connection after connection: it takes the same buffer along.
+std::unique_ptr<char[]>& spareBuffer() {
+  thread_local std::unique_ptr<char[]> spare;
+  return spare;
+}
 
 }  // namespace
 
-bool FrameReader::feed(std::span<const char> bytes, const FrameHandler& onFrame) {
-  while (error_.empty() && !bytes.empty()) {
-    bytes = headerSize_ < frameHeaderSize ? takeHeader(bytes) : takePayload(bytes);
-    const bool complete =
-        headerSize_ == frameHeaderSize && frame_.payload.size() == frame_.header.payloadSize;
-    if (error_.empty() && complete) deliver(onFrame);
+std::span<char> FrameReader::space() {
+  if (isDirect()) {
+    if (arrived_ == payload_.size())
+      // Twice what has arrived, so that the copies of growing stay linear.
+      payload_.resize(
+          std::min<std::size_t>(header_.payloadSize, std::max(arrived_ + step, 2 * arrived_)),
+          boost::container::default_init);
+    return {payload_.data() + arrived_, payload_.size() - arrived_};
   }
-  return error_.empty();
+  if (!buffer_) {
+    buffer_ = std::move(spareBuffer());
+    if (!buffer_) buffer_ = std::make_unique_for_overwrite<char[]>(bufferSize);
+  }
+  if (begin_ > 0) {
+    std::memmove(buffer_.get(), buffer_.get() + begin_, buffered());
+    end_ = buffered();
+    begin_ = 0;
+  }
+  return {buffer_.get() + end_, bufferSize - end_};
+}
+
+void FrameReader::fill(std::size_t count) {
+  (isDirect() ? arrived_ : end_) += count;
+  giveBackIfEmpty();
+}
+
+bool FrameReader::next(Frame& frame) {
+  if (error_.empty() && !hasHeader_) takeHeader();
+  const bool isComplete = error_.empty() && hasHeader_ && takePayload(frame.payload);
+  if (isComplete) {
+    frame.header = header_;
+    hasHeader_ = false;
+  }
+  giveBackIfEmpty();
+  return isComplete;
 }
 
 void FrameReader::stop(const std::string& reason) {
   if (!error_.empty()) return;
   error_ = reason.empty() ? "stopped" : reason;
-  frame_ = {};
+  payload_ = {};
+  arrived_ = begin_ = end_ = 0;
+  hasHeader_ = false;
 }
 
-// Returns what is left of `bytes`.
-std::span<const char> FrameReader::takeHeader(std::span<const char> bytes) {
-  const std::size_t before = headerSize_;
-  const std::size_t count = std::min(bytes.size(), frameHeaderSize - before);
-  std::copy_n(bytes.begin(), count, headerBytes_.begin() + before);
-  headerSize_ += count;
-  if (headerSize_ < frameHeaderSize) {
+void FrameReader::takeHeader() {
+  const std::span<const char> bytes(buffer_.get() + begin_, buffered());
+  if (bytes.size() < frameHeaderSize) {
     // A peer that speaks something else is refused at its first wrong byte: it may wait for an
     // answer before it sends as much as a header.
-    if (auto error = refuseStart(std::span(headerBytes_).first(headerSize_))) stop(*error);
-  } else if (auto error = decodeHeader(headerBytes_, frame_.header)) {
-    stop(*error);
-  } else if (frame_.header.payloadSize > limit_) {
-    stop("frame payload of " + std::to_string(frame_.header.payloadSize) +
-         " bytes is over the limit of " + std::to_string(limit_));
+    if (auto error = refuseStart(bytes)) stop(*error);
+    return;
   }
-  return bytes.subspan(count);
+  if (auto error = decodeHeader(bytes.first<frameHeaderSize>(), header_)) return stop(*error);
+  if (header_.payloadSize > limit_)
+    return stop("frame payload of " + std::to_string(header_.payloadSize) +
+                " bytes is over the limit of " + std::to_string(limit_));
+  begin_ += frameHeaderSize;
+  hasHeader_ = true;
 }
 
-std::span<const char> FrameReader::takePayload(std::span<const char> bytes) {
-  std::vector<char>& payload = frame_.payload;
-  const std::size_t count = std::min(bytes.size(), frame_.header.payloadSize - payload.size());
-  const std::size_t arrived = payload.size() + count;
-  // Twice what has arrived, so that the copies of growing stay linear.
-  if (arrived > payload.capacity())
-    payload.reserve(
-        std::min<std::size_t>(frame_.header.payloadSize, std::max(arrived + step, 2 * arrived)));
-  payload.insert(payload.end(), bytes.begin(), bytes.begin() + count);
-  return bytes.subspan(count);
+/// True when all of it is there.
+bool FrameReader::takePayload(Payload& payload) {
+  const std::size_t size = header_.payloadSize;
+  if (!isDirect()) {
+    if (buffered() < size) return false;
+    const auto bytes = takeBuffered(size);
+    payload.assign(bytes.begin(), bytes.end());
+    return true;
+  }
+  while (buffered() > 0 && arrived_ < size) {
+    const std::span<char> room = space();
+    const auto bytes = takeBuffered(room.size());
+    std::copy(bytes.begin(), bytes.end(), room.begin());
+    arrived_ += bytes.size();
+  }
+  if (arrived_ < size) return false;
+  payload = std::move(payload_);
+  payload_ = {};
+  arrived_ = 0;
+  return true;
 }
 
-// The reader is ready for the next header before the handler runs, and stopped when it throws: the
-// bytes after this frame are lost then.
-void FrameReader::deliver(const FrameHandler& onFrame) {
-  headerSize_ = 0;
-  Frame frame = std::exchange(frame_, {});
-  try {
-    onFrame(std::move(frame));
-  } catch (...) {
-    stop("a frame's handler failed");
-    throw;
-  }
+std::span<const char> FrameReader::takeBuffered(std::size_t most) {
+  const std::size_t count = std::min(most, buffered());
+  const std::span<const char> bytes(buffer_.get() + begin_, count);
+  begin_ += count;
+  return bytes;
+}
+
+void FrameReader::giveBackIfEmpty() {
+  if (buffered() > 0) return;
+  begin_ = end_ = 0;
+  if (buffer_ && !spareBuffer()) spareBuffer() = std::move(buffer_);
+  buffer_.reset();
 }
 
 }  // namespace gv::wire

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <array>
+#include <boost/container/small_vector.hpp>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <memory>
 #include <span>
 #include <string>
-#include <vector>
 
 #include <gvmessaging/api.h>
 
@@ -14,30 +13,41 @@
 
 namespace gv::wire {
 
+/// The bytes behind a frame's header; those of a small call need no allocation.
+using Payload = boost::container::small_vector<char, 256>;
+
 struct Frame {
   FrameHeader header;
-  std::vector<char> payload;
+  Payload payload;
+
+  std::span<const char> bytes() const { return {payload.data(), payload.size()}; }
 };
 
-/// Cuts the bytes of one connection into frames, however they arrive.
+/// Cuts the bytes of one connection into frames, however they arrive:
 ///
-/// What it holds never exceeds twice the bytes that arrived of the current frame, plus 64 KiB:
-/// announcing a size costs a peer as much as sending it. After the first error nothing more is
-/// accepted. Belongs to one thread at a time.
+///     reader.fill(receive(reader.space()));
+///     while (reader.next(frame)) handle(frame);
+///     if (!reader.error().empty()) close(reader.error());
+///
+/// Small frames come out of a buffer that is held only while bytes are in it; a large payload is
+/// received into its final place. What is held never exceeds twice the bytes that arrived of the
+/// current frame, plus 128 KiB: announcing a size costs a peer as much as sending it. After the
+/// first error nothing more is accepted. Belongs to one thread at a time.
 class GVMESSAGING_API FrameReader {
  public:
-  /// Gets each complete frame, from within feed(). May call setLimit() and stop().
-  using FrameHandler = std::function<void(Frame&&)>;
-
   /// Refuses payloads of more than @p payloadLimit bytes.
   explicit FrameReader(std::uint32_t payloadLimit) : limit_(payloadLimit) {}
 
-  /// Holds from the next header on, also those that were fed already but not yet decoded.
+  /// Holds from the next header on, also those that have arrived already.
   void setLimit(std::uint32_t payloadLimit) { limit_ = payloadLimit; }
 
-  /// Takes the next @p bytes. False when they, or any before, are refused: error() says why and the
-  /// connection must be closed. An exception of @p onFrame passes through and stops the reader.
-  [[nodiscard]] bool feed(std::span<const char> bytes, const FrameHandler& onFrame);
+  /// Where the next bytes are to be put: room for one at least, once next() has taken all frames.
+  /// To be followed by fill().
+  std::span<char> space();
+  /// The first @p count bytes of space() have arrived; with 0 the space is given back.
+  void fill(std::size_t count);
+  /// Takes the next complete frame. False when there is none yet, or never again: see error().
+  [[nodiscard]] bool next(Frame& frame);
 
   /// Accepts nothing more, with @p reason as the error, as after a bad frame. The first one stays.
   void stop(const std::string& reason);
@@ -45,19 +55,29 @@ class GVMESSAGING_API FrameReader {
   /// Why bytes were refused; empty as long as all is well.
   const std::string& error() const { return error_; }
 
-  /// Bytes held for the frame under way.
-  std::size_t storage() const { return frame_.payload.capacity(); }
+  /// Bytes reserved for a large payload under way.
+  std::size_t storage() const { return isDirect() ? payload_.capacity() : 0; }
 
  private:
-  std::span<const char> takeHeader(std::span<const char> bytes);
-  std::span<const char> takePayload(std::span<const char> bytes);
-  void deliver(const FrameHandler& onFrame);
+  bool isDirect() const { return hasHeader_ && header_.payloadSize > largestBuffered; }
+  std::size_t buffered() const { return end_ - begin_; }
+  std::span<const char> takeBuffered(std::size_t most);
+  void takeHeader();
+  bool takePayload(Payload& payload);
+  void giveBackIfEmpty();
+
+  /// Payloads up to this size wait in the buffer until they are complete.
+  static constexpr std::size_t largestBuffered = 32u << 10;
 
   std::uint32_t limit_;
   std::string error_;
-  std::array<char, frameHeaderSize> headerBytes_{};
-  std::size_t headerSize_ = 0;  // how much of headerBytes_ has arrived
-  Frame frame_;                 // its header is valid once headerSize_ is whole
+  std::unique_ptr<char[]> buffer_;  // none while nothing is in it
+  std::size_t begin_ = 0;           // the bytes in it that were not taken yet
+  std::size_t end_ = 0;
+  FrameHeader header_;
+  bool hasHeader_ = false;   // the payload of header_ is under way
+  Payload payload_;          // it, where it is large
+  std::size_t arrived_ = 0;  // of payload_
 };
 
 }  // namespace gv::wire
