@@ -117,6 +117,25 @@ class GV_API EventLoop {
   /// The text for such an answer: it names the ceiling and the number.
   std::string refusalText() const;
 
+  /// A thread of another owner that runs a call, as the loop's own would. While this lives it
+  /// counts as one of the loop's threads; so do its waits, of which the owner tells. Made, told and
+  /// destroyed by that thread.
+  class GV_API Guest {
+   public:
+    explicit Guest(EventLoop& loop);
+    ~Guest();
+    Guest(const Guest&) = delete;
+    Guest& operator=(const Guest&) = delete;
+
+    void willBlock() noexcept;
+    void hasUnblocked() noexcept;
+
+   private:
+    const std::shared_ptr<detail::Pool> pool_;
+  };
+  /// Whether there are fewer threads than the ceiling, so that a guest exceeds it by none.
+  bool hasRoom() const noexcept;
+
   /// True on a thread of this loop.
   bool isInThisContext() const noexcept;
   Figures figures() const;

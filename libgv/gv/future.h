@@ -169,6 +169,11 @@ class Promise {
     if (state_) state_->removePromise();
   }
 
+  /// Who is asked first by threads that wait. To be called before the future is handed out.
+  void setWaitAid(std::weak_ptr<detail::WaitAid> aid) noexcept {
+    state_->setWaitAid(std::move(aid));
+  }
+
   /// Settles with a copy of the value. Throws std::logic_error when settled before, and what
   /// copying throws (nothing is settled then). Where moving the copy to its place throws, the
   /// future ends with that error.

@@ -72,6 +72,26 @@ std::string EventLoop::refusalText() const {
          std::to_string(pool_->maxThreads()) + ") allows no more";
 }
 
+EventLoop::Guest::Guest(EventLoop& loop) : pool_(loop.pool_) {
+  pool_->addGuest();
+}
+
+EventLoop::Guest::~Guest() {
+  pool_->removeGuest();
+}
+
+void EventLoop::Guest::willBlock() noexcept {
+  pool_->workerWillBlock();
+}
+
+void EventLoop::Guest::hasUnblocked() noexcept {
+  pool_->workerHasUnblocked();
+}
+
+bool EventLoop::hasRoom() const noexcept {
+  return pool_->hasRoom();
+}
+
 bool EventLoop::isInThisContext() const noexcept {
   return pool_->isCurrent();
 }

@@ -5,10 +5,9 @@
 #include <utility>
 
 #include <gv/blocking.h>
+#include <gv/detail/poll.h>
 #include <gv/eventloop.h>
 #include <gv/log.h>
-
-#include "src/poll.h"
 
 namespace gv {
 
@@ -29,10 +28,12 @@ void runSafely(log::Level level, const char* function, const Action& action) noe
   }
 }
 
+thread_local bool callbacksRunElsewhere = false;
+
 void start(std::unique_ptr<FutureCallback> callback) noexcept {
   // Posting fails in a forked child only (or without memory); the settling side must not suffer.
   runSafely(log::Level::Error, "connect", [&] {
-    if (callback->type == FutureCallbackType::Sync) {
+    if (callback->type == FutureCallbackType::Sync && !callbacksRunElsewhere) {
       const auto settled = std::move(callback->settled);
       callback->run(settled);
       callback.reset();
@@ -79,6 +80,15 @@ thread_local SettlingScope* innermostSettling = nullptr;
 }  // namespace
 
 FutureCallback::~FutureCallback() = default;
+
+WaitAid::~WaitAid() = default;
+
+CallbacksElsewhere::CallbacksElsewhere() noexcept
+    : outer_(std::exchange(callbacksRunElsewhere, true)) {}
+
+CallbacksElsewhere::~CallbacksElsewhere() {
+  callbacksRunElsewhere = outer_;
+}
 
 CallbackList::~CallbackList() {
   while (takeFirst()) {
@@ -137,7 +147,10 @@ FutureState::~FutureState() = default;
 
 gv::FutureState FutureState::wait(int timeoutMs) const {
   const auto isSettled = [this] { return state() != gv::FutureState::Running; };
-  if (timeoutMs <= 0 || pollBriefly(isSettled)) return state();
+  if (timeoutMs <= 0 || isSettled()) return state();
+  const auto aid = aid_.lock();
+  if (!(aid && aid->help(*this))) pollBriefly(isSettled);
+  if (isSettled()) return state();
   if (SettlingScope::contains(this)) {
     GV_LOG(log::Level::Warning, "gv.future", "wait",
            "a task waits for its own future, which cannot end before the task does");

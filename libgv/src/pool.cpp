@@ -7,9 +7,8 @@
 #include <system_error>
 #include <utility>
 
+#include <gv/detail/poll.h>
 #include <gv/log.h>
-
-#include "src/poll.h"
 
 namespace gv::detail {
 namespace {
@@ -151,7 +150,7 @@ bool Pool::accept(TaskPointer task, bool isRefusable) {
 bool Pool::isLikelyTakenSoonLocked() const {
   const unsigned self = isCurrent() ? 1 : 0;  // busy posting
   return pollingPays_ && !idle_.empty() && needsThread(viewLocked()) &&
-         workers_ - blocked_ > idle_.size() + self;
+         workers_ - blocked_ > idle_.size() + guests_ + self;
 }
 
 void Pool::forgetDelayed(Task& task) {
@@ -209,14 +208,19 @@ Pool::WorkerPointer Pool::provideThreadLocked(Clock::time_point now) {
 
 void Pool::startFirstThreadsLocked() {
   startMonitorLocked();
-  if (workers_ == 0) startWorkerLocked();
+  if (workers_ == guests_) startWorkerLocked();
 }
 
 void Pool::startWorkerLocked() {
   auto worker = std::make_shared<Worker>(*this);
   startThreadLocked("gv-pool", worker, [this, worker] { work(worker); });
-  ++workers_;
+  countWorkerLocked(1);
   ++arriving_;
+}
+
+void Pool::countWorkerLocked(int change) noexcept {
+  workers_ += static_cast<unsigned>(change);
+  hasRoom_.store(workers_ < settings_.maxThreads, std::memory_order_relaxed);
 }
 
 void Pool::tryToStartWorkerLocked() noexcept {
@@ -246,7 +250,7 @@ void Pool::work(const WorkerPointer& self) {
       break;
     }
   }
-  --workers_;
+  countWorkerLocked(-1);
   lock.unlock();
   currentPool = nullptr;
 }
@@ -315,6 +319,20 @@ void Pool::workerHasUnblocked() noexcept {
   if (isForked()) return;
   const Lock lock(mutex_);
   --blocked_;
+}
+
+void Pool::addGuest() noexcept {
+  if (isForked()) return;
+  const Lock lock(mutex_);
+  ++guests_;
+  countWorkerLocked(1);
+}
+
+void Pool::removeGuest() noexcept {
+  if (isForked()) return;
+  const Lock lock(mutex_);
+  --guests_;
+  countWorkerLocked(-1);
 }
 
 std::string describeException() {

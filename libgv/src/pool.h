@@ -33,6 +33,11 @@ class Pool : public std::enable_shared_from_this<Pool> {
   void forgetDelayed(Task& task);
   void runService(std::string name, std::function<void()> body, std::function<void()> stop);
   bool isCurrent() const noexcept;
+  bool hasRoom() const noexcept { return hasRoom_.load(std::memory_order_relaxed); }
+  void addGuest() noexcept;
+  void removeGuest() noexcept;
+  void workerWillBlock() noexcept;
+  void workerHasUnblocked() noexcept;
   EventLoop::Figures figures();
   unsigned maxThreads() const { return settings_.maxThreads; }
 
@@ -74,8 +79,7 @@ class Pool : public std::enable_shared_from_this<Pool> {
   bool idleLocked(Lock& lock, const WorkerPointer& self);
   bool pollForTaskLocked(Lock& lock);
   bool parkLocked(Lock& lock, const WorkerPointer& self);
-  void workerWillBlock() noexcept;
-  void workerHasUnblocked() noexcept;
+  void countWorkerLocked(int change) noexcept;
   PoolView viewLocked() const;
   PoolView timedViewLocked(Clock::time_point now);
   bool isForked() const noexcept;
@@ -104,7 +108,8 @@ class Pool : public std::enable_shared_from_this<Pool> {
   const EventLoop::Settings settings_;
   const unsigned forkGeneration_;
 
-  std::mutex mutex_;  // guards all below but the atomic
+  std::mutex mutex_;                 // guards all below but the atomics
+  std::atomic<bool> hasRoom_{true};  // workers_ are fewer than the ceiling
   TaskQueue queue_;
   /// Tasks are due, or it ends: read by the polling worker, hence on a cache line of its own.
   alignas(64) std::atomic<bool> hasWork_{false};
@@ -112,7 +117,8 @@ class Pool : public std::enable_shared_from_this<Pool> {
       64) std::vector<WorkerPointer> idle_;  // the last one has idled shortest and is woken first
   std::vector<ThreadPointer> live_;          // all that have not ended
   std::vector<ThreadPointer> ended_;         // of these, to be joined
-  unsigned workers_ = 0;
+  unsigned workers_ = 0;                     // guests included
+  unsigned guests_ = 0;
   unsigned blocked_ = 0;
   unsigned arriving_ = 0;     // workers started, woken or polling, about to take a task
   bool isPolling_ = false;    // a worker is

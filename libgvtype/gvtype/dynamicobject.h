@@ -92,6 +92,7 @@ class GVTYPE_API DynamicObject {
   void setManageable(GenericObject* manageable);
   /// Constant once the object is published.
   void setThreadingModel(ObjectThreadingModel model);
+  ObjectThreadingModel threadingModel() const;
 
  private:
   friend class DynamicObjectBuilder;

@@ -149,6 +149,10 @@ void DynamicObject::setThreadingModel(ObjectThreadingModel model) {
                    : nullptr;
 }
 
+ObjectThreadingModel DynamicObject::threadingModel() const {
+  return p_->serial ? ObjectThreadingModel::SingleThread : ObjectThreadingModel::MultiThread;
+}
+
 void DynamicObject::setMetaObject(const MetaObject& metaObject) {
   p_->members.replace(metaObject);
 }

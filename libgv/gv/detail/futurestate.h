@@ -64,6 +64,30 @@ class GV_API CallbackList {
 /// do not pile up on the stack; without one, at once.
 enum class CallbackTime { AtOnce, AfterCurrent };
 
+/// Somebody who can bring a settlement about from the very thread that waits for it: the connection
+/// that a reply will come over.
+class GV_API WaitAid {
+ public:
+  virtual ~WaitAid();
+  /// Looks for what settles the future, for some microseconds. False, and at once, when there is
+  /// nothing that this thread could do.
+  virtual bool help(const FutureState& awaited) noexcept = 0;
+};
+
+/// While it lives, synchronous callbacks of futures that this thread settles run on the event loop:
+/// for threads that settle the futures of others while they wait for their own, and may hold locks
+/// that a callback wants.
+class GV_API CallbacksElsewhere {
+ public:
+  CallbacksElsewhere() noexcept;
+  ~CallbacksElsewhere();
+  CallbacksElsewhere(const CallbacksElsewhere&) = delete;
+  CallbacksElsewhere& operator=(const CallbacksElsewhere&) = delete;
+
+ private:
+  const bool outer_;
+};
+
 /// What every future shares with its promises, but for the value: the one settlement, those who
 /// wait for it and those to be called on it.
 ///
@@ -91,6 +115,8 @@ class GV_API FutureState : public std::enable_shared_from_this<FutureState> {
   FutureException::State errorState(int timeoutMs) const;
 
   void connect(std::unique_ptr<FutureCallback> callback);
+  /// To be called before another thread knows the future.
+  void setWaitAid(std::weak_ptr<WaitAid> aid) noexcept { aid_ = std::move(aid); }
 
   /// Asks for cancellation, the first time only: tells whoever is set below, and whom that tells.
   void cancel();
@@ -130,6 +156,7 @@ class GV_API FutureState : public std::enable_shared_from_this<FutureState> {
   void sleepUntilSettled(int timeoutMs) const;
 
   const FutureCallbackType callbackType_;
+  std::weak_ptr<WaitAid> aid_;  // constant once the future is handed out
   std::atomic<gv::FutureState> state_{gv::FutureState::Running};  // left once, under mutex_
   // Whoever waits looks at the above: what the settler touches first lies on another cache line.
   [[maybe_unused]] std::array<char, 64> distance_;

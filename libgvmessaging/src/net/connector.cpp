@@ -132,8 +132,9 @@ void ConnectAttempt::onConnected(std::error_code error) {
   std::error_code ignored;
   if (!error && socket_->local_endpoint(ignored) == peer) error = asio::error::connection_refused;
   if (!error) {
-    ConnectResult result{std::make_shared<TcpStream>(std::move(*socket_), peer, limits_), {}};
-    return settle(std::move(result));
+    // Its bytes are no concern of Asio's.
+    const int descriptor = socket_->release(error);
+    if (!error) return settle({std::make_shared<TcpStream>(descriptor, peer, limits_), {}});
   }
   lastError_ = error;
   tryNext();

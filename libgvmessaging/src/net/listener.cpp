@@ -123,13 +123,7 @@ AcceptLoop::Accepted AcceptLoop::acceptOne() {
   Endpoint peer;
   const int descriptor = acceptSocket(acceptor_.native_handle(), peer, accepted.error);
   if (descriptor < 0) return accepted;
-  asio::ip::tcp::socket socket(Reactor::context());
-  socket.assign(peer.protocol(), descriptor, accepted.error);
-  if (accepted.error) {
-    ::close(descriptor);
-  } else {
-    accepted.stream = std::make_shared<TcpStream>(std::move(socket), peer, limits_);
-  }
+  accepted.stream = std::make_shared<TcpStream>(descriptor, peer, limits_);
   return accepted;
 }
 

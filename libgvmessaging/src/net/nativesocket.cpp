@@ -34,9 +34,9 @@ auto repeated(Call call) {
 }
 
 Transfer asTransfer(ssize_t result) {
-  if (result >= 0) return {static_cast<std::size_t>(result), false, {}};
-  if (errno == EAGAIN || errno == EWOULDBLOCK) return {0, true, {}};
-  return {0, false, lastError()};
+  if (result >= 0) return {static_cast<std::size_t>(result), false, false, {}};
+  if (errno == EAGAIN || errno == EWOULDBLOCK) return {0, false, true, {}};
+  return {0, false, false, lastError()};
 }
 
 void setOption(int socket, int level, int option, int value) {
@@ -108,8 +108,10 @@ Transfer sendSome(int socket, std::span<const iovec> buffers) {
 }
 
 Transfer receiveSome(int socket, std::span<char> buffer) {
-  return asTransfer(
+  Transfer got = asTransfer(
       repeated([&] { return ::recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT); }));
+  got.isFull = got.bytes == buffer.size();
+  return got;
 }
 
 }  // namespace gv::net

@@ -16,6 +16,7 @@ using Endpoint = asio::ip::tcp::endpoint;
 /// What one call moved. With an error, nothing; "would block" is no error.
 struct Transfer {
   std::size_t bytes = 0;
+  bool isFull = false;  // of a receipt: there was room for no more
   bool wouldBlock = false;
   std::error_code error;
 };

@@ -87,6 +87,10 @@ void Reactor::post(std::function<void()> task) {
   asio::post(context(), std::move(task));
 }
 
+void Reactor::postEnd(std::function<void()> task) {
+  asio::post(instance().context, std::move(task));
+}
+
 void Reactor::track(const std::weak_ptr<Stream>& stream) {
   auto& streams = instance().streams;
   if (instance().hasEnded)

@@ -13,10 +13,10 @@ class io_context;
 
 namespace gv::net {
 
-/// The one thread that serves all sockets of the process, and nothing else: no user code runs in
-/// it, so the network is read whatever user code does. Begins with the first use, ends with the
-/// process. In a child process after a fork, and once the process exits, it cannot be used:
-/// std::runtime_error.
+/// The one thread that keeps house for all sockets of the process: it connects, accepts, runs
+/// timers and tells of ends. Readers read. No user code runs in it. Begins with the first use, ends
+/// with the process. In a child process after a fork, and once the process exits, it cannot be
+/// used: std::runtime_error.
 class GVMESSAGING_API Reactor {
  public:
   Reactor() = delete;
@@ -26,6 +26,9 @@ class GVMESSAGING_API Reactor {
 
   /// Runs @p task in the network's thread, in order. It must not block.
   static void post(std::function<void()> task);
+
+  /// As post, also while the process exits: for what ends something.
+  static void postEnd(std::function<void()> task);
 
   /// Closes the stream when the process exits. In the network's thread.
   static void track(const std::weak_ptr<Stream>& stream);

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -46,10 +47,25 @@ class Stream {
 
   /// Sends @p pieces, one behind the other, after everything sent before; they never mix with those
   /// of another caller. Written at once, from where they are, as far as the system takes them; the
-  /// rest is copied and queued without bound: see pendingBytes(). False when the stream has ended:
+  /// rest is copied and queued without bound: see pendingBytes(). What the thread sends that reads
+  /// this stream leaves when its turn is over, in one piece. False when the stream has ended:
   /// nothing was sent. True does not say that the peer got it.
   virtual bool send(std::span<const Bytes> pieces) = 0;
   bool send(Bytes bytes) { return send(std::span(&bytes, 1)); }
+
+  /// Writes what send() has put off until the thread's turn of reading this stream is over, and, if
+  /// waiting seems worth it, reads in the calling thread as long as @p isWanted says so, some
+  /// microseconds at most. False when it read nothing: somebody else does.
+  virtual bool readWhile(const std::function<bool()>& isWanted) {
+    static_cast<void>(isWanted);
+    return false;
+  }
+
+  /// The peer sends more than replies: for a while, nobody borrows the stream by readWhile().
+  virtual void expectUnasked() {}
+  /// True when another thread took over reading while the calling one was in the handler's
+  /// onInput(), which must return then and touch nothing of the reading side.
+  virtual bool hasLostTurn() const { return false; }
 
   /// Bytes taken by send() and not yet by the system.
   virtual std::size_t pendingBytes() const = 0;

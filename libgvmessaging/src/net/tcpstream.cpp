@@ -1,30 +1,43 @@
+// A TCP stream: reading, its life, its end. tcpstream_write.cpp has the writing.
+
 #include "src/net/tcpstream.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <asio/post.hpp>
 #include <exception>
+#include <thread>
 #include <utility>
 
+#include <gv/detail/futurestate.h>
+#include <gv/detail/poll.h>
+
 #include "src/net/reactor.h"
+#include "src/net/turn.h"
 
 namespace gv::net {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 // Reads of one connection before others have their turn.
 constexpr int roundsInTurn = 4;
-
-// Writes that a sender does for others before it leaves the rest to the reactor.
-constexpr int writeRounds = 4;
-constexpr std::size_t gatheredPieces = 64;
 
 // While output waits beyond the limit, one buffer is read each time this has passed.
 constexpr std::chrono::milliseconds slowReadPause{50};
 
 // After a failed write: more than the system holds for one connection.
 constexpr int restRounds = 64;
+
+// How long a waiting caller reads by itself, at first without giving way.
+constexpr std::chrono::microseconds borrowFor{20};
+constexpr std::chrono::microseconds beforeYield{3};
+// Callers that follow each other within this time are worth lending the socket to.
+constexpr std::chrono::milliseconds steadyCalls{1};
+// After so many vain attempts in a row only some are made, to see whether that has changed.
+constexpr int vainBorrows = 3;
+constexpr int retryBorrowing = 16;
 
 asio::ip::address plainAddress(const Endpoint& endpoint) {
   const asio::ip::address address = endpoint.address();
@@ -33,10 +46,12 @@ asio::ip::address plainAddress(const Endpoint& endpoint) {
   return address;
 }
 
-std::string localAddressOf(const asio::ip::tcp::socket& socket) {
-  std::error_code error;
-  const Endpoint endpoint = socket.local_endpoint(error);
-  return error ? std::string() : endpointAddress(endpoint);
+std::string localAddressOf(int descriptor) {
+  Endpoint endpoint;
+  socklen_t size = static_cast<socklen_t>(endpoint.capacity());
+  if (::getsockname(descriptor, endpoint.data(), &size) != 0) return {};
+  endpoint.resize(size);
+  return endpointAddress(endpoint);
 }
 
 }  // namespace
@@ -52,158 +67,117 @@ std::string endpointName(const Endpoint& endpoint) {
          std::to_string(endpoint.port());
 }
 
-TcpStream::TcpStream(asio::ip::tcp::socket socket, const Endpoint& peer, const wire::Limits& limits)
-    : context_(Reactor::context()),
-      limits_(limits),
+TcpStream::TcpStream(int descriptor, const Endpoint& peer, const wire::Limits& limits)
+    : limits_(limits),
       peerName_(endpointName(peer)),
       peerAddress_(endpointAddress(peer)),
-      localAddress_(localAddressOf(socket)),
-      descriptor_(socket.native_handle()),
-      socket_(std::move(socket)),
-      slowTimer_(context_),
-      flushTimer_(context_) {
+      localAddress_(localAddressOf(descriptor)),
+      descriptor_(descriptor) {
   tuneConnection(descriptor_);
 }
 
-void TcpStream::start(std::shared_ptr<StreamHandler> handler) {
-  asio::post(context_, [self = shared_from_this(), handler = std::move(handler)]() mutable {
-    self->handler_ = std::move(handler);
-    if (!self->finished_) {
-      Reactor::track(self);
-      return self->waitReadable();
-    }
-    const auto ended = std::exchange(self->handler_, nullptr);
-    ended->onClosed(self->cause_);
-  });
+TcpStream::~TcpStream() {
+  if (!isFinished_) releaseSocket();
 }
 
-bool TcpStream::send(std::span<const Bytes> pieces) {
+void TcpStream::start(std::shared_ptr<StreamHandler> handler) {
+  Reactor::post([self = shared_from_this()] { Reactor::track(self); });
   Lock lock(mutex_);
-  if (state_ != State::Open) return false;
-  if (writing_ || !output_.empty()) {
-    output_.push(pieces);
-    return true;
+  isStarted_ = true;
+  handler_ = std::move(handler);
+  if (!isFinished_) {
+    keptAlive_ = shared_from_this();
+    return watchLocked();
   }
-  std::array<iovec, gatheredPieces> buffers;
-  const std::size_t count = std::min(pieces.size(), buffers.size());
-  std::size_t size = 0;
-  for (std::size_t i = 0; i < count; ++i) {
-    buffers[i] = {const_cast<char*>(pieces[i].data()), pieces[i].size()};
-    size += pieces[i].size();
-  }
-  writing_ = true;
-  direct_ = size;
+  const auto ended = std::exchange(handler_, nullptr);
   lock.unlock();
-  const Transfer sent = sendSome(descriptor_, std::span(buffers).first(count));
-  lock.lock();
-  direct_ = 0;
-  output_.pushFront(pieces, sent.bytes);
-  writeRoundsLocked(lock, sent);
+  Reactor::post([ended, cause = cause_] { ended->onClosed(cause); });
+}
+
+TcpStream::State TcpStream::state() const {
+  const Lock lock(mutex_);
+  return state_;
+}
+
+// ---- Reading
+
+void TcpStream::watchLocked() {
+  const bool reads = isStarted_ && state_ != State::Closing && !isPaused_ && !isLent_;
+  const ReadinessSet::Interest wanted{.read = reads, .write = awaitsWritable_};
+  if (wanted == watched_) return;
+  if (key_ == 0) key_ = Readers::enroll(weak_from_this());
+  if (!Readers::watch(descriptor_, key_, watched_, wanted))
+    return endLocked("the system cannot watch the connection's socket");
+  watched_ = wanted;
+}
+
+bool TcpStream::takeReadingLocked(Reading by) {
+  if (state_ == State::Closing || reading_ != Reading::Nobody) return false;
+  reading_ = by;
   return true;
 }
 
-std::size_t TcpStream::pendingBytes() const {
-  const Lock lock(mutex_);
-  return output_.bytes() + direct_;
-}
-
-// One system call for many frames. Only the thread that set writing_ consumes, so the pieces stay.
-Transfer TcpStream::writeQueued(Lock& lock) {
-  std::array<iovec, gatheredPieces> buffers;
-  const std::size_t count = output_.gather(buffers);
-  lock.unlock();
-  const Transfer sent = sendSome(descriptor_, std::span(buffers).first(count));
-  lock.lock();
-  output_.consume(sent.bytes);
-  return sent;
-}
-
-void TcpStream::writeRoundsLocked(Lock& lock, Transfer last) {
-  for (int round = 0; round < writeRounds; ++round) {
-    if (last.wouldBlock || last.error || output_.empty() || state_ == State::Closing) break;
-    last = writeQueued(lock);
-  }
-  writing_ = false;
-  afterWriteLocked(last);
-}
-
-void TcpStream::afterWriteLocked(const Transfer& last) {
-  if (state_ == State::Closing) {
-    output_.clear();
-    postFinish();  // close() left it to the writer
-  } else if (last.error) {
-    readRest_ = state_ == State::Open;
-    endLocked(last.error.message());
-  } else if (!output_.empty()) {
-    if (std::exchange(awaitsWritable_, true)) return;
-    asio::post(context_, [self = shared_from_this()] { self->waitWritable(); });
-  } else if (state_ == State::Flushing) {
-    asio::post(context_, [self = shared_from_this()] { self->shutdownWrite(); });
-  }
-}
-
-void TcpStream::waitWritable() {
-  if (finished_) return;
-  socket_.async_wait(asio::ip::tcp::socket::wait_write,
-                     [self = shared_from_this()](std::error_code) { self->onWritable(); });
-}
-
-void TcpStream::onWritable() {
-  if (finished_) return;
+void TcpStream::giveBackReading() {
   Lock lock(mutex_);
-  awaitsWritable_ = false;
-  if (state_ == State::Closing || writing_) return;
-  writing_ = true;
-  writeRoundsLocked(lock, {});
-  const bool mayRead = output_.bytes() <= limits_.outputSlow;
+  flushLocked(lock);
+  reading_ = Reading::Nobody;
+  if (state_ == State::Open && output_.bytes() > limits_.outputSlow && !isPaused_) pauseLocked();
+  watchLocked();
+  finishIfFreeLocked();
+}
+
+void TcpStream::onReady(bool canRead, bool canWrite) {
+  if (canWrite) onWritable();
+  if (!canRead) return;
+  Lock lock(mutex_);
+  if (!takeReadingLocked(Reading::Leader)) return;
+  const int rounds = output_.bytes() > limits_.outputSlow ? 1 : roundsInTurn;
   lock.unlock();
-  if (mayRead) slowTimer_.cancel();
+  read(rounds);
 }
 
-void TcpStream::waitReadable() {
-  if (finished_ || std::exchange(reading_, true)) return;
-  const auto resume = [self = shared_from_this()](int rounds) {
-    self->reading_ = false;
-    self->readAndWait(rounds);
-  };
-  if (state() == State::Open && pendingBytes() > limits_.outputSlow) {
-    slowTimer_.expires_after(slowReadPause);
-    slowTimer_.async_wait([resume](std::error_code) { resume(1); });
-  } else {
-    socket_.async_wait(asio::ip::tcp::socket::wait_read,
-                       [resume](std::error_code) { resume(roundsInTurn); });
+void TcpStream::goOn() {
+  {
+    const Turn turn(this);
+    if (const auto handler = handler_) callHandler([&handler] { handler->onInput(0); });
+    if (turn.isLost()) return;
   }
+  giveBackReading();
 }
 
-void TcpStream::readAndWait(int rounds) {
-  if (finished_) return;
-  const bool mayRead = state() != State::Open || pendingBytes() <= limits_.outputStop;
-  while (mayRead && rounds-- > 0 && readOnce()) {
+void TcpStream::read(int rounds) {
+  {
+    const Turn turn(this);
+    while (rounds-- > 0 && readOnce()) {
+    }
+    if (turn.isLost()) return;
   }
-  if (state() != State::Closing) waitReadable();
+  giveBackReading();
 }
 
-// True when there may be more at once.
+// True when there may be more at once, and it is still this thread's turn.
 bool TcpStream::readOnce() {
   const Transfer got = receive();
-  if (got.wouldBlock) return false;
+  if (Turn::isLost(this) || got.wouldBlock) return false;
   if (got.error || got.bytes == 0) {
     const Lock lock(mutex_);
     endLocked(got.error ? got.error.message() : "connection closed by peer");
     return false;
   }
-  return state() != State::Closing;
+  return got.isFull && state() != State::Closing;
 }
 
 Transfer TcpStream::receive() {
-  if (!handler_ || state() != State::Open) {
+  // Held: when this thread is replaced, the stream may let go of it before it has returned.
+  const auto handler = handler_;
+  if (!handler || state() != State::Open) {
     std::array<char, 16u << 10> unwanted;
     return receiveSome(descriptor_, unwanted);
   }
   Transfer got;
   callHandler([&] {
-    got = receiveSome(descriptor_, handler_->inputSpace());
-    handler_->onInput(got.bytes);
+    got = receiveSome(descriptor_, handler->inputSpace());
+    handler->onInput(got.bytes);
   });
   return got;
 }
@@ -219,6 +193,93 @@ void TcpStream::callHandler(const F& call) {
   }
 }
 
+bool TcpStream::hasLostTurn() const {
+  return Turn::isLost(this);
+}
+
+void TcpStream::pauseLocked() {
+  isPaused_ = true;
+  const auto resume = [weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (!self) return;
+    const Lock lock(self->mutex_);
+    self->isPaused_ = false;
+    if (self->state_ == State::Open && self->output_.bytes() > self->limits_.outputStop)
+      self->pauseLocked();
+    self->watchLocked();
+  };
+  try {
+    pauseTimer_ = Timer::start(slowReadPause, resume);
+  } catch (const std::exception&) {
+    isPaused_ = false;  // the process exits
+  }
+}
+
+// ---- Lending the socket to a caller that waits
+
+bool TcpStream::mayBorrowLocked() {
+  const auto now = Clock::now();
+  const bool isSteady = now - std::exchange(lastBorrowed_, now) < steadyCalls;
+  if (state_ != State::Open || !isStarted_ || isPaused_ || !isSteady || now < unaskedUntil_)
+    return false;
+  return failedBorrows_ < vainBorrows || ++failedBorrows_ % retryBorrowing == 0;
+}
+
+bool TcpStream::readWhile(const std::function<bool()>& isWanted) {
+  Lock lock(mutex_);
+  flushLocked(lock);
+  if (!mayBorrowLocked() || !detail::Pollers::enter()) return false;
+  const bool isTaken = takeReadingLocked(Reading::Caller);
+  if (isTaken && !std::exchange(isLent_, true)) {
+    watchLocked();
+    Readers::lend(key_);
+  }
+  lock.unlock();
+  const bool isOver = isTaken && borrow(isWanted);
+  detail::Pollers::leave();
+  if (!isTaken) return false;
+  lock.lock();
+  failedBorrows_ = isOver ? 0 : failedBorrows_ + 1;
+  lastBorrowed_ = Clock::now();
+  if (!isOver || lastBorrowed_ < unaskedUntil_) isLent_ = false;
+  lock.unlock();
+  giveBackReading();
+  return true;
+}
+
+/// True when what was waited for has come.
+bool TcpStream::borrow(const std::function<bool()>& isWanted) {
+  const detail::CallbacksElsewhere scope;
+  const auto begin = Clock::now();
+  for (auto now = begin; now - begin < borrowFor; now = Clock::now()) {
+    readOnce();
+    if (!isWanted()) return true;
+    if (state() == State::Closing) return false;
+    if (now - begin < beforeYield)
+      detail::relaxProcessor();
+    else
+      std::this_thread::yield();
+  }
+  return false;
+}
+
+void TcpStream::expectUnasked() {
+  constexpr std::chrono::milliseconds forSome(100);
+  const Lock lock(mutex_);
+  unaskedUntil_ = Clock::now() + forSome;
+}
+
+bool TcpStream::isStillLent() {
+  const Lock lock(mutex_);
+  if (!isLent_) return false;
+  if (reading_ == Reading::Caller || Clock::now() - lastBorrowed_ < steadyCalls) return true;
+  isLent_ = false;
+  watchLocked();
+  return false;
+}
+
+// ---- The end
+
 void TcpStream::close(const std::string& cause) {
   const Lock lock(mutex_);
   readRest_ = false;
@@ -230,24 +291,33 @@ void TcpStream::endLocked(const std::string& cause) {
   if (state_ == State::Closing) return;
   if (state_ == State::Open) cause_ = cause;
   state_ = State::Closing;
-  if (writing_) return;  // the writer goes on from here
-  output_.clear();
-  postFinish();
+  finishIfFreeLocked();
 }
 
-void TcpStream::postFinish() {
-  asio::post(context_, [self = shared_from_this()] { self->finish(); });
+void TcpStream::finishIfFreeLocked() {
+  const bool isFree = !writing_ && reading_ == Reading::Nobody;
+  if (state_ != State::Closing || !isFree || std::exchange(isFinishing_, true)) return;
+  output_.clear();
+  Reactor::postEnd([self = shared_from_this()] { self->finish(); });
 }
 
 void TcpStream::finish() {
-  if (finished_) return;
   readRest();
-  finished_ = true;
-  std::error_code ignored;
-  socket_.close(ignored);
-  slowTimer_.cancel();
-  flushTimer_.cancel();
-  if (const auto handler = std::exchange(handler_, nullptr)) handler->onClosed(cause_);
+  Lock lock(mutex_);
+  releaseSocket();
+  isFinished_ = true;
+  const auto kept = std::move(keptAlive_);
+  pauseTimer_.reset();
+  flushTimer_.reset();
+  const auto handler = std::exchange(handler_, nullptr);
+  lock.unlock();
+  if (handler) handler->onClosed(cause_);
+}
+
+void TcpStream::releaseSocket() {
+  Readers::watch(descriptor_, key_, watched_, {});
+  if (key_ != 0) Readers::dismiss(key_);
+  ::close(descriptor_);
 }
 
 // When writing failed first, what the peer said before it went is still in the system's buffer.
@@ -267,36 +337,28 @@ void TcpStream::readRest() {
 }
 
 void TcpStream::closeAfterFlush(const std::string& cause, std::chrono::milliseconds bound) {
-  const Lock lock(mutex_);
+  Lock lock(mutex_);
   if (state_ != State::Open) return;
   state_ = State::Flushing;
   cause_ = cause;
-  asio::post(context_, [self = shared_from_this(), bound] { self->beginFlush(bound); });
-}
-
-void TcpStream::beginFlush(std::chrono::milliseconds bound) {
-  if (finished_) return;
-  flushTimer_.expires_after(bound);
-  flushTimer_.async_wait([self = shared_from_this()](std::error_code error) {
-    if (!error) self->close({});
-  });
-  Lock lock(mutex_);
-  const bool flushed = !writing_ && output_.empty();
-  lock.unlock();
-  if (flushed) shutdownWrite();
+  const auto late = [weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->close({});
+  };
+  try {
+    flushTimer_ = Timer::start(bound, late);
+  } catch (const std::exception&) {
+    return endLocked(cause);  // the process exits
+  }
+  flushLocked(lock);
+  shutdownIfFlushedLocked();
   // Reading goes on to the peer's end: closing with unread input would reset the connection, and
   // the peer would lose what was just sent.
-  slowTimer_.cancel();
-  waitReadable();
+  isPaused_ = false;
+  watchLocked();
 }
 
-void TcpStream::shutdownWrite() {
-  if (!finished_) ::shutdown(descriptor_, SHUT_WR);
-}
-
-TcpStream::State TcpStream::state() const {
-  const Lock lock(mutex_);
-  return state_;
+void TcpStream::shutdownIfFlushedLocked() {
+  if (state_ == State::Flushing && !writing_ && output_.empty()) ::shutdown(descriptor_, SHUT_WR);
 }
 
 }  // namespace gv::net

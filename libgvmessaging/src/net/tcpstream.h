@@ -1,20 +1,18 @@
 #pragma once
 
-#include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
-#include <asio/steady_timer.hpp>
 #include <chrono>
 #include <cstddef>
 #include <memory>
 #include <mutex>
 #include <span>
 #include <string>
-#include <system_error>
-#include <vector>
 
 #include "src/net/nativesocket.h"
 #include "src/net/outputqueue.h"
+#include "src/net/readers.h"
 #include "src/net/stream.h"
+#include "src/net/timer.h"
 #include "src/wire/limits.h"
 
 namespace gv::net {
@@ -26,20 +24,28 @@ std::string endpointAddress(const Endpoint& endpoint);
 
 /// A stream over a connected TCP socket.
 ///
-/// A sender writes by itself when nobody else is writing and nothing waits. Whatever comes
-/// meanwhile is queued, and written by that sender for a few rounds, then by the reactor. The
-/// socket is read, waited for and closed by the reactor only, and never closed while a sender uses
-/// its descriptor.
+/// Two roles are taken in turn. The writer sends: a sender by itself when nobody else is writing;
+/// whatever comes meanwhile is queued, and written by that sender for a few rounds, then by the
+/// readers. The reader receives and tells the handler: the leader of the readers, or a caller that
+/// waits for a reply and has borrowed the socket. Who gives back the last role of a closed stream
+/// sends it to the network's thread, which closes the descriptor and tells the handler.
 ///
-///     Open ──closeAfterFlush──> Flushing ──> Closing ──(reactor)──> finished_
+///     Open ──closeAfterFlush──> Flushing ──> Closing ──(no roles, network's thread)──> isFinished_
 ///       └───────────────close, peer, error──────^
-class TcpStream final : public Stream, public std::enable_shared_from_this<TcpStream> {
+class TcpStream final : public Stream,
+                        public ReadySocket,
+                        public std::enable_shared_from_this<TcpStream> {
  public:
-  TcpStream(asio::ip::tcp::socket socket, const Endpoint& peer, const wire::Limits& limits);
+  /// Takes over the descriptor of a connected socket that does not block.
+  TcpStream(int descriptor, const Endpoint& peer, const wire::Limits& limits);
+  ~TcpStream() override;
 
   void start(std::shared_ptr<StreamHandler> handler) override;
   using Stream::send;
   bool send(std::span<const Bytes> pieces) override;
+  bool readWhile(const std::function<bool()>& isWanted) override;
+  void expectUnasked() override;
+  bool hasLostTurn() const override;
   std::size_t pendingBytes() const override;
   void close(const std::string& cause) override;
   void closeAfterFlush(const std::string& cause, std::chrono::milliseconds bound) override;
@@ -49,55 +55,76 @@ class TcpStream final : public Stream, public std::enable_shared_from_this<TcpSt
 
  private:
   enum class State { Open, Flushing, Closing };
+  enum class Reading { Nobody, Leader, Caller };
   using Lock = std::unique_lock<std::mutex>;
 
+  void onReady(bool canRead, bool canWrite) override;
+  void goOn() override;
+  bool isStillLent() override;
+
+  // tcpstream_write.cpp
   Transfer writeQueued(Lock& lock);
   void writeRoundsLocked(Lock& lock, Transfer last);
   void afterWriteLocked(const Transfer& last);
-  void waitWritable();
+  void flushLocked(Lock& lock);
   void onWritable();
 
-  void waitReadable();
-  void readAndWait(int rounds);
+  // tcpstream.cpp
+  bool takeReadingLocked(Reading by);
+  void giveBackReading();
+  void read(int rounds);
   bool readOnce();
-  template <class F>
-  void callHandler(const F& call);
   Transfer receive();
   void readRest();
+  void watchLocked();
+  void pauseLocked();
+  template <class F>
+  void callHandler(const F& call);
+  bool mayBorrowLocked();
+  bool borrow(const std::function<bool()>& isWanted);
 
   void endLocked(const std::string& cause);
-  void postFinish();
+  void finishIfFreeLocked();
   void finish();
-  void beginFlush(std::chrono::milliseconds bound);
-  void shutdownWrite();
+  void releaseSocket();
+  void shutdownIfFlushedLocked();
   State state() const;
 
   // Constant after construction
-  asio::io_context& context_;
   const wire::Limits limits_;
   const std::string peerName_;
   const std::string peerAddress_;
   const std::string localAddress_;
-  const int
-      descriptor_;  // of socket_; valid while writing_, and in the reactor's thread until finished_
+  const int descriptor_;  // valid for who has a role, until it is finished
 
-  // Of the reactor's thread
-  asio::ip::tcp::socket socket_;
-  asio::steady_timer slowTimer_;
-  asio::steady_timer flushTimer_;
-  std::shared_ptr<StreamHandler> handler_;
-  bool reading_ = false;  // somebody will call readAndWait()
-  bool finished_ = false;
+  std::shared_ptr<StreamHandler> handler_;  // of the reader, then of finish()
 
   mutable std::mutex mutex_;
   // Guarded by mutex_
   State state_ = State::Open;
   std::string cause_;  // set when state_ leaves Open
+  bool isStarted_ = false;
+  std::shared_ptr<TcpStream> keptAlive_;  // itself, from start to end
+  bool isFinished_ = false;
+  bool isFinishing_ = false;  // the network's thread will call finish()
+
   OutputQueue output_;
   std::size_t direct_ = 0;       // bytes that a sender is writing past the queue
-  bool writing_ = false;         // some thread uses the descriptor to write
-  bool awaitsWritable_ = false;  // the reactor will call onWritable()
+  bool writing_ = false;         // the writer's role
+  bool awaitsWritable_ = false;  // the readers will call onWritable()
   bool readRest_ = false;        // writing failed: what the peer sent before is still to be read
+  std::shared_ptr<Timer> flushTimer_;
+
+  Reading reading_ = Reading::Nobody;
+  std::uint64_t key_ = 0;             // with the readers, once it is watched
+  ReadinessSet::Interest watched_{};  // by them
+  bool isPaused_ = false;             // until pauseTimer_
+  std::shared_ptr<Timer> pauseTimer_;
+
+  bool isLent_ = false;  // a caller has it, or had it a moment ago
+  std::chrono::steady_clock::time_point lastBorrowed_;
+  std::chrono::steady_clock::time_point unaskedUntil_;
+  int failedBorrows_ = 0;  // since the last one that paid
 };
 
 }  // namespace gv::net

@@ -6,9 +6,9 @@
 #include <gv/log.h>
 #include <gvtype/dynamicobject.h>
 
+#include "src/net/readers.h"
 #include "src/rpc/argumentlist.h"
 #include "src/rpc/callcontext.h"
-#include "src/rpc/releasedelsewhere.h"
 #include "src/wire/valuereader.h"
 #include "src/wire/valuewriter.h"
 
@@ -55,6 +55,13 @@ class AcceptedCall {
   const wire::Frame frame_;
   const std::shared_ptr<CallBudget> budget_;
 };
+
+bool isSingleThreaded(const Object<Empty>& object) {
+  const GenericObject& generic = *object.share();
+  return generic.type == getDynamicTypeInterface() &&
+         static_cast<const DynamicObject*>(generic.value)->threadingModel() ==
+             ObjectThreadingModel::SingleThread;
+}
 
 std::string shortened(const std::string& text) {
   constexpr std::size_t longest = 64u << 10;
@@ -104,14 +111,16 @@ Future<AnyReference> Connection::call(unsigned service, const MetaMethod& method
                                       const GenericFunctionParameters& arguments,
                                       MetaCallType callType) {
   using State_ = FutureException::State;
-  std::vector<char> payload;
+  wire::Message message;
   try {
-    payload = encodeArguments(method, arguments);
+    encodeArguments(message, method, arguments);
   } catch (const std::exception& error) {
     return makeFailedFuture<AnyReference>(error.what(), State_::NotSent);
   }
-  const std::uint64_t messageId = nextCallId();
+  wire::FrameHeader header = makeHeader(service, method, callType);
+  header.type = wire::FrameType::Call;
   Promise<AnyReference> promise;
+  promise.setWaitAid(weak_from_this());
   {
     std::unique_lock lock(mutex_);
     if (state_ == State::Closed) {
@@ -120,70 +129,65 @@ Future<AnyReference> Connection::call(unsigned service, const MetaMethod& method
       return makeFailedFuture<AnyReference>(
           "not sent: the connection to " + peerName() + " has ended: " + cause, State_::NotSent);
     }
-    pending_.emplace(messageId, Pending{promise, method.returnSignature().toString()});
+    header.messageId = pending_.add({promise, method.returnSignature().toString()});
   }
-  wire::FrameHeader header = makeHeader(service, method, callType, messageId);
-  header.type = wire::FrameType::Call;
   std::string failure;
   try {
-    if (!send(header, std::move(payload)))
+    if (!stream_->send(message.finish(header)))
       failure = "the connection to " + peerName() + " has ended";
   } catch (const std::exception& error) {
     failure = error.what();
   }
   if (!failure.empty())
-    if (const auto unsent = takePending(messageId))
+    if (const auto unsent = takePending(header.messageId))
       unsent->promise.setError("not sent: " + failure, State_::NotSent);
   return promise.future();
 }
 
+/// In a thread that waits for a reply.
+bool Connection::help(const detail::FutureState& awaited) noexcept {
+  try {
+    return stream_->readWhile([&awaited] { return awaited.state() == gv::FutureState::Running; });
+  } catch (const std::exception& error) {
+    close(error.what());
+    return false;
+  }
+}
+
 void Connection::post(unsigned service, const MetaMethod& method,
                       const GenericFunctionParameters& arguments) {
-  std::vector<char> payload = encodeArguments(method, arguments);
-  wire::FrameHeader header = makeHeader(service, method, MetaCallType::Queued, nextCallId());
+  wire::Message message;
+  encodeArguments(message, method, arguments);
+  wire::FrameHeader header = makeHeader(service, method, MetaCallType::Queued);
   header.type = wire::FrameType::Post;
-  if (!send(header, std::move(payload)))
+  header.messageId = nextCallId();
+  if (!stream_->send(message.finish(header)))
     throw std::runtime_error("not sent: the connection to " + peerName() + " has ended");
 }
 
 wire::FrameHeader Connection::makeHeader(unsigned service, const MetaMethod& method,
-                                         MetaCallType callType, std::uint64_t messageId) const {
+                                         MetaCallType callType) const {
   wire::FrameHeader header;
   header.callType = static_cast<wire::CallType>(callType);
   header.service = service;
   header.member = method.uid();
-  header.messageId = messageId;
   header.parentCall = CallContext::current().callId;
   header.traceId = traceIdForNewCall();
   return header;
 }
 
-std::vector<char> Connection::encodeArguments(const MetaMethod& method,
-                                              const GenericFunctionParameters& arguments) const {
-  std::vector<char> payload;
-  wire::writeArguments(payload, arguments, method.parametersSignature().toString());
-  if (payload.size() > limits_.payload)
+void Connection::encodeArguments(wire::Message& message, const MetaMethod& method,
+                                 const GenericFunctionParameters& arguments) const {
+  wire::writeArguments(message.bytes(), arguments, method.parametersSignature().toString());
+  if (message.payloadSize() > limits_.payload)
     throw std::runtime_error("the arguments of '" + method.toString() + "' take " +
-                             std::to_string(payload.size()) + " bytes, more than the limit of " +
-                             std::to_string(limits_.payload));
-  return payload;
+                             std::to_string(message.payloadSize()) +
+                             " bytes, more than the limit of " + std::to_string(limits_.payload));
 }
 
-bool Connection::send(wire::FrameHeader header, std::vector<char> payload) {
-  header.payloadSize = static_cast<std::uint32_t>(payload.size());
-  std::array<char, wire::frameHeaderSize> head;
-  wire::encodeHeader(header, head);
-  const std::array<net::Bytes, 2> pieces = {head, payload};
-  return stream_->send(pieces);
-}
-
-std::optional<Connection::Pending> Connection::takePending(std::uint64_t messageId) {
+std::optional<PendingCall> Connection::takePending(std::uint64_t messageId) {
   const std::lock_guard lock(mutex_);
-  const auto found = pending_.find(messageId);
-  if (found == pending_.end()) return std::nullopt;
-  std::optional<Pending> pending = std::move(found->second);
-  pending_.erase(found);
-  return pending;
+  return pending_.take(messageId);
 }
 
 // ---- The end
@@ -194,15 +198,15 @@ void Connection::close(const std::string& cause) {
 }
 
 void Connection::fail(const std::string& cause) {
-  std::unordered_map<std::uint64_t, Pending> lost;
+  std::vector<PendingCall> lost;
   {
     const std::lock_guard lock(mutex_);
     if (state_ == State::Closed) return;
     state_ = State::Closed;
     cause_ = cause;
-    lost.swap(pending_);
+    lost = pending_.takeAll();
   }
-  for (auto& [messageId, pending] : lost)
+  for (const PendingCall& pending : lost)
     pending.promise.setError("the connection to " + peerName() + " was lost: " + cause,
                              FutureException::State::ConnectionLost);
 }
@@ -220,12 +224,15 @@ void Connection::onClosed(const std::string& cause) {
   if (events.closed) events.closed(shared_from_this(), reason);
 }
 
-// ---- Frames of the peer, in the network's thread
+// ---- Frames of the peer
 
 void Connection::onInput(std::size_t count) {
   reader_.fill(count);
   wire::Frame frame;
-  while (reader_.next(frame)) onFrame(std::move(frame));
+  while (reader_.next(frame)) {
+    onFrame(frame);
+    if (stream_->hasLostTurn()) return;
+  }
   // Whoever closed it meanwhile may have output under way that is to leave first.
   if (reader_.error().empty() || hasEnded()) return;
   GV_LOG(log::Level::Verbose, category, "onInput",
@@ -234,7 +241,7 @@ void Connection::onInput(std::size_t count) {
   stream_->close(reader_.error());
 }
 
-void Connection::onFrame(wire::Frame&& frame) {
+void Connection::onFrame(wire::Frame& frame) {
   State state;
   {
     const std::lock_guard lock(mutex_);
@@ -244,11 +251,13 @@ void Connection::onFrame(wire::Frame&& frame) {
   if (state == State::Handshaking) return onHandshakeFrame(frame);
   switch (frame.header.type) {
     case wire::FrameType::Reply:
-    case wire::FrameType::Error:
+    case wire::FrameType::Error: {
+      const net::Readers::ForeignCode callbacks;
       return onReply(frame);
+    }
     case wire::FrameType::Call:
     case wire::FrameType::Post:
-      return onCall(std::move(frame));
+      return onCall(frame);
     default:
       reader_.stop("the peer sent a handshake frame after the handshake");
   }
@@ -288,9 +297,12 @@ void Connection::becomeOpen() {
 }
 
 void Connection::sendGreeting(wire::FrameType type) {
+  wire::Message message;
+  const std::vector<char> greeting = encodeGreeting(own_);
+  message.bytes().insert(message.bytes().end(), greeting.begin(), greeting.end());
   wire::FrameHeader header;
   header.type = type;
-  send(header, encodeGreeting(own_));
+  stream_->send(message.finish(header));
 }
 
 void Connection::onReply(const wire::Frame& frame) {
@@ -320,8 +332,18 @@ void Connection::onReply(const wire::Frame& frame) {
 
 // ---- Calls of the peer
 
-void Connection::onCall(wire::Frame&& frame) {
-  if (isFrameworks(frame.header)) return serve(frame);
+void Connection::onCall(wire::Frame& frame) {
+  const bool isHere = net::Readers::mayRunForeignCode();
+  if (!isHere) stream_->expectUnasked();
+  if (isFrameworks(frame.header)) return serve(frame, MetaCallType::Direct);
+  const auto callType = static_cast<MetaCallType>(frame.header.callType);
+  if (isHere && callType != MetaCallType::Queued && getEventLoop()->hasRoom())
+    serve(frame, callType);
+  else
+    serveOnEventLoop(frame);
+}
+
+void Connection::serveOnEventLoop(wire::Frame& frame) {
   if (budget_->calls >= limits_.acceptedCalls || budget_->bytes >= limits_.acceptedBytes)
     return replyError(frame.header, "too many calls of this connection are under way");
   const auto call = std::make_shared<const AcceptedCall>(std::move(frame), budget_);
@@ -329,20 +351,27 @@ void Connection::onCall(wire::Frame&& frame) {
   const auto refuse = [self = shared_from_this(), call, loop] {
     self->replyError(call->frame().header, loop->refusalText());
   };
-  const auto run = [self = shared_from_this(), call] { self->serve(call->frame()); };
+  const auto run = [self = shared_from_this(), call] {
+    const auto callType = static_cast<MetaCallType>(call->frame().header.callType);
+    self->serve(call->frame(), callType == MetaCallType::Queued ? MetaCallType::Direct : callType);
+  };
   if (!loop->tryPost(run, refuse)) refuse();
 }
 
-void Connection::serve(const wire::Frame& frame) {
+void Connection::serve(const wire::Frame& frame, MetaCallType callType) {
   const wire::FrameHeader& header = frame.header;
+  // Outlives the object: its destructor is foreign, too.
+  std::optional<net::Readers::ForeignCode> foreign;
   try {
     const auto host = host_.lock();
-    // Held to the end of this function only: the call itself holds the object as its context.
-    const auto held = releasedElsewhere(host ? host->findService(header.service) : Object<Empty>());
-    if (!*held || header.object != 0)
+    const auto object = host ? host->findService(header.service) : Object<Empty>();
+    if (!object || header.object != 0)
       return replyError(header, "there is no service with id " + std::to_string(header.service) +
                                     " here (any more)");
-    callMethod(frame, *held);
+    // Calls of a single-threaded object are only put in its queue: in the order of their frames.
+    if (!isFrameworks(header) && !isSingleThreaded(object)) foreign.emplace();
+    callMethod(frame, object, callType);
+    if (!foreign) foreign.emplace();
   } catch (const std::exception& error) {
     replyError(header, error.what());
   } catch (...) {
@@ -350,7 +379,8 @@ void Connection::serve(const wire::Frame& frame) {
   }
 }
 
-void Connection::callMethod(const wire::Frame& frame, const Object<Empty>& object) {
+void Connection::callMethod(const wire::Frame& frame, const Object<Empty>& object,
+                            MetaCallType callType) {
   const wire::FrameHeader& header = frame.header;
   const MetaMethod* method = object.metaObject().method(header.member);
   if (!method && header.type == wire::FrameType::Post)
@@ -364,19 +394,30 @@ void Connection::callMethod(const wire::Frame& frame, const Object<Empty>& objec
   const GenericFunctionParameters arguments =
       method ? readArgumentList(frame.bytes(), object, *method, limits_)
              : GenericFunctionParameters();
-  // The framework's own methods know their caller by the thread's context: never queued.
-  const auto callType =
-      isFrameworks(header) ? MetaCallType::Direct : static_cast<MetaCallType>(header.callType);
   const Future<AnyReference> result = object.metaCall(header.member, arguments, callType);
   if (header.type == wire::FrameType::Post) return;
+  replyWhenSettled(header, method ? method->returnSignature().toString() : "V", result);
+}
+
+void Connection::replyWhenSettled(const wire::FrameHeader& call, const std::string& returnSignature,
+                                  const Future<AnyReference>& result) {
+  const auto isPlain = [](const AnyReference& value) {
+    return !value.isValid() || value.type()->kind != TypeKind::Future;
+  };
+  if (result.isFinished() && result.hasValue(0) && isPlain(result.value(0)))
+    return reply(call, returnSignature, result.value(0));
   Promise<AnyReference> flattened(FutureCallbackType::Sync);
   flattened.future().connect(
-      [self = shared_from_this(), header,
-       signature = method ? method->returnSignature().toString() : std::string("V")](
-          Future<AnyReference> settled) { self->reply(header, signature, settled); },
+      [self = shared_from_this(), call, returnSignature](const Future<AnyReference>& settled) {
+        try {
+          self->reply(call, returnSignature, settled.value());
+        } catch (const std::exception& error) {
+          self->replyError(call, error.what());
+        }
+      },
       FutureCallbackType::Sync);
   result.connect(
-      [flattened](Future<AnyReference> settled) {
+      [flattened](const Future<AnyReference>& settled) {
         try {
           handleFuture<AnyReference>(settled.value(), flattened);
         } catch (const FutureException& error) {
@@ -387,12 +428,12 @@ void Connection::callMethod(const wire::Frame& frame, const Object<Empty>& objec
 }
 
 void Connection::reply(const wire::FrameHeader& call, const std::string& returnSignature,
-                       const Future<AnyReference>& result) {
-  std::vector<char> payload;
+                       const AnyReference& result) {
+  wire::Message message;
   try {
-    wire::writeValue(payload, result.value(), returnSignature);
-    if (payload.size() > limits_.payload)
-      throw std::runtime_error("the result takes " + std::to_string(payload.size()) +
+    wire::writeValue(message.bytes(), result, returnSignature);
+    if (message.payloadSize() > limits_.payload)
+      throw std::runtime_error("the result takes " + std::to_string(message.payloadSize()) +
                                " bytes, more than the limit of " + std::to_string(limits_.payload));
   } catch (const std::exception& error) {
     return replyError(call, error.what());
@@ -402,7 +443,7 @@ void Connection::reply(const wire::FrameHeader& call, const std::string& returnS
   wire::FrameHeader header;
   header.type = wire::FrameType::Reply;
   header.messageId = call.messageId;
-  send(header, std::move(payload));
+  stream_->send(message.finish(header));
 }
 
 void Connection::replyError(const wire::FrameHeader& call, const std::string& text) {
@@ -413,12 +454,12 @@ void Connection::replyError(const wire::FrameHeader& call, const std::string& te
     return;
   }
   const std::string sent = shortened(text);
-  std::vector<char> payload;
-  wire::writeValue(payload, AnyReference::from(sent), "s");
+  wire::Message message;
+  wire::writeValue(message.bytes(), AnyReference::from(sent), "s");
   wire::FrameHeader header;
   header.type = wire::FrameType::Error;
   header.messageId = call.messageId;
-  send(header, std::move(payload));
+  stream_->send(message.finish(header));
 }
 
 }  // namespace gv::rpc

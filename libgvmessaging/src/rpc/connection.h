@@ -7,15 +7,15 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <unordered_map>
-#include <vector>
 
 #include <gvtype/object.h>
 
 #include "src/net/stream.h"
 #include "src/net/timer.h"
 #include "src/rpc/greeting.h"
+#include "src/rpc/pendingcalls.h"
 #include "src/wire/framereader.h"
+#include "src/wire/message.h"
 
 namespace gv::rpc {
 
@@ -42,14 +42,15 @@ enum class Role { Client, Server };
 ///          └──────close, peer, bad frame, time-out──────^
 ///
 /// Only the handshake is read before Open. The state ends in Closed once, with a cause that every
-/// later call gets; all calls then pending fail at once. Frames are read, and calls of the
-/// framework's own methods answered, in the network's thread; all other calls run on the event
-/// loop.
+/// later call gets; all calls then pending fail at once. Calls run in the thread that read them,
+/// which may be replaced meanwhile (see net::Readers); queued ones, and those that were read by a
+/// caller which waits for its own reply, on the event loop.
 class GVMESSAGING_API Connection : public net::StreamHandler,
+                                   public detail::WaitAid,
                                    public std::enable_shared_from_this<Connection> {
  public:
-  /// What the owner wants to know, told in the network's thread: `opened` once when the handshake
-  /// is done, `closed` exactly once, last, also when it never opened.
+  /// What the owner wants to know: `opened` once when the handshake is done, told by the thread
+  /// that reads; `closed` exactly once, last, also when it never opened, in the network's thread.
   struct Events {
     std::function<void(const std::shared_ptr<Connection>&)> opened;
     std::function<void(const std::shared_ptr<Connection>&, const std::string& cause)> closed;
@@ -86,10 +87,6 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
 
  private:
   enum class State { Handshaking, Open, Closed };
-  struct Pending {
-    Promise<AnyReference> promise;
-    std::string returnSignature;
-  };
 
   Connection(std::shared_ptr<net::Stream> stream, Role role, const Greeting& own,
              std::weak_ptr<ServiceHost> host, Events events, const wire::Limits& limits);
@@ -98,24 +95,28 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   void onInput(std::size_t count) override;
   void onClosed(const std::string& cause) override;
 
-  void onFrame(wire::Frame&& frame);
+  bool help(const detail::FutureState& awaited) noexcept override;
+
+  void onFrame(wire::Frame& frame);
   void onHandshakeFrame(const wire::Frame& frame);
   void becomeOpen();
   void onReply(const wire::Frame& frame);
-  void onCall(wire::Frame&& frame);
-  void serve(const wire::Frame& frame);
-  void callMethod(const wire::Frame& frame, const Object<Empty>& object);
+  void onCall(wire::Frame& frame);
+  void serveOnEventLoop(wire::Frame& frame);
+  void serve(const wire::Frame& frame, MetaCallType callType);
+  void callMethod(const wire::Frame& frame, const Object<Empty>& object, MetaCallType callType);
+  void replyWhenSettled(const wire::FrameHeader& call, const std::string& returnSignature,
+                        const Future<AnyReference>& result);
   void reply(const wire::FrameHeader& call, const std::string& returnSignature,
-             const Future<AnyReference>& result);
+             const AnyReference& result);
   void replyError(const wire::FrameHeader& call, const std::string& text);
 
-  wire::FrameHeader makeHeader(unsigned service, const MetaMethod& method, MetaCallType callType,
-                               std::uint64_t messageId) const;
-  std::vector<char> encodeArguments(const MetaMethod& method,
-                                    const GenericFunctionParameters& arguments) const;
-  bool send(wire::FrameHeader header, std::vector<char> payload);
+  wire::FrameHeader makeHeader(unsigned service, const MetaMethod& method,
+                               MetaCallType callType) const;
+  void encodeArguments(wire::Message& message, const MetaMethod& method,
+                       const GenericFunctionParameters& arguments) const;
   void sendGreeting(wire::FrameType type);
-  std::optional<Pending> takePending(std::uint64_t messageId);
+  std::optional<PendingCall> takePending(std::uint64_t messageId);
   bool hasEnded() const;
   void fail(const std::string& cause);
 
@@ -128,7 +129,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   const wire::Limits limits_;
   const std::shared_ptr<CallBudget> budget_ = std::make_shared<CallBudget>();
 
-  // Of the network's thread
+  // Of the thread that reads, or ends it
   Events events_;  // dropped when the connection has ended
   wire::FrameReader reader_;
   std::shared_ptr<net::Timer> handshakeTimer_;
@@ -137,7 +138,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   mutable std::mutex mutex_;  // guards what follows
   State state_ = State::Handshaking;
   std::string cause_;  // why it is Closed
-  std::unordered_map<std::uint64_t, Pending> pending_;
+  PendingCalls pending_;
 };
 
 }  // namespace gv::rpc

@@ -1,30 +1,20 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <thread>
+
+#include <gv/api.h>
 
 namespace gv::detail {
 
 /// How many threads of the process poll at the moment. More than there are cores would only take
 /// the processor from those who could bring what is waited for.
-class Pollers {
+class GV_API Pollers {
  public:
-  static bool enter() noexcept {
-    if (count_.fetch_add(1, std::memory_order_relaxed) < limit()) return true;
-    leave();
-    return false;
-  }
-  static void leave() noexcept { count_.fetch_sub(1, std::memory_order_relaxed); }
-
- private:
-  static int limit() noexcept {
-    static const int cores = static_cast<int>(std::thread::hardware_concurrency());
-    return cores;
-  }
-
-  static inline std::atomic<int> count_{0};
+  /// False when there are enough: the caller is not counted then.
+  static bool enter() noexcept;
+  static void leave() noexcept;
 };
 
 inline void relaxProcessor() noexcept {

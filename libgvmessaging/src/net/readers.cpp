@@ -1,0 +1,383 @@
+#include "src/net/readers.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include <gv/blocking.h>
+#include <gv/detail/poll.h>
+#include <gv/eventloop.h>
+#include <gv/log.h>
+
+namespace gv::net {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Lock = std::unique_lock<std::mutex>;
+
+// A leader that is in one call of foreign code for one to two of these is replaced.
+constexpr std::chrono::milliseconds tick(5);
+// Ticks of an idle leader after which the spare stops looking.
+constexpr int idleTicks = 200;
+// How long spare threads beyond the one that watches are kept.
+constexpr std::chrono::seconds keepSpares(5);
+// A wait that ended within this time had better been polled.
+constexpr std::chrono::microseconds worthPolling(40);
+constexpr int lentLookMs = 1;
+
+class Team;
+
+/// One thread. Own: it may use what belongs to the leader, if it leads. Foreign: it leads and runs
+/// foreign code. Replaced: it did when another one took the lead.
+struct Reader final : BlockingObserver {
+  enum class Phase { Own, Foreign, Replaced };
+
+  explicit Reader(Team& owner) : team(owner) {}
+  void willBlock() noexcept override;
+  void hasUnblocked() noexcept override;
+
+  Team& team;
+  std::atomic<Phase> phase{
+      Phase::Own};                 // to Replaced under the team's mutex, by whoever replaces it
+  std::atomic<unsigned> calls{0};  // of foreign code, to tell one from the next
+  std::optional<EventLoop::Guest> guest;  // while replaced; made under the mutex, then its own
+  bool waitsAsGuest = false;              // of its thread
+  std::condition_variable wake;
+};
+
+thread_local Reader* currentReader = nullptr;
+
+class Team {
+ public:
+  std::uint64_t enroll(const std::weak_ptr<ReadySocket>& socket);
+  void dismiss(std::uint64_t key);
+  ReadinessSet& sockets() { return sockets_; }
+  void lend(std::uint64_t key);
+  bool hasSpare() const { return hasSpare_.load(std::memory_order_relaxed); }
+  void replace(Reader& blocked) noexcept;
+  void stop();
+
+ private:
+  using Socket = std::shared_ptr<ReadySocket>;
+
+  void startReaderLocked();
+  void run(const std::shared_ptr<Reader>& self);
+  void lead(Reader& self);
+  bool awaitLead(Lock& lock, Reader& self);
+  void watchLeaderLocked(Lock& lock, Reader& self);
+  bool replaceLocked(Reader& leader);
+  void appointLocked();
+  void setSparesLocked();
+  void ensureSpare();
+  std::size_t waitForSockets();
+  std::size_t sleep();
+  void handle(const Ready& ready);
+  void lookAfterLent();
+  Socket find(std::uint64_t key);
+
+  ReadinessSet sockets_;
+
+  // Of the leader; handed over with the lead
+  Socket current_;  // which it is reading
+  std::array<Ready, 64> ready_;
+  bool pollingPays_ = false;
+
+  std::atomic<bool> leaderSleeps_{false};
+  std::atomic<bool> watcherSleeps_{false};
+  std::atomic<bool> hasSpare_{false};
+  std::atomic<bool> isStopping_{false};
+  std::atomic<bool> hasLent_{false};
+
+  std::mutex mutex_;  // guards what follows
+  std::unordered_map<std::uint64_t, std::weak_ptr<ReadySocket>> enrolled_;
+  std::uint64_t lastKey_ = 0;
+  std::vector<std::uint64_t> lent_;
+  Reader* leader_ = nullptr;
+  std::vector<Reader*> spares_;  // parked; the first one watches the leader
+  bool isStarting_ = false;      // a thread was started that has not come to park yet
+};
+
+// ---- Sockets
+
+std::uint64_t Team::enroll(const std::weak_ptr<ReadySocket>& socket) {
+  const std::lock_guard lock(mutex_);
+  if (!leader_ && spares_.empty() && !isStarting_) startReaderLocked();
+  enrolled_.emplace(++lastKey_, socket);
+  return lastKey_;
+}
+
+void Team::dismiss(std::uint64_t key) {
+  const std::lock_guard lock(mutex_);
+  enrolled_.erase(key);
+}
+
+Team::Socket Team::find(std::uint64_t key) {
+  const std::lock_guard lock(mutex_);
+  const auto found = enrolled_.find(key);
+  return found == enrolled_.end() ? nullptr : found->second.lock();
+}
+
+void Team::lend(std::uint64_t key) {
+  bool isFirst = false;
+  {
+    const std::lock_guard lock(mutex_);
+    isFirst = lent_.empty();
+    lent_.push_back(key);
+    hasLent_ = true;
+  }
+  if (isFirst) sockets_.wake();
+}
+
+void Team::lookAfterLent() {
+  std::vector<std::uint64_t> lent;
+  {
+    const std::lock_guard lock(mutex_);
+    lent.swap(lent_);
+    hasLent_ = false;
+  }
+  std::erase_if(lent, [this](std::uint64_t key) {
+    const Socket socket = find(key);
+    return !socket || !socket->isStillLent();
+  });
+  const std::lock_guard lock(mutex_);
+  lent_.insert(lent_.end(), lent.begin(), lent.end());
+  hasLent_ = !lent_.empty();
+}
+
+// ---- Leading
+
+void Team::lead(Reader& self) {
+  ensureSpare();
+  if (const Socket unfinished = current_) unfinished->goOn();
+  while (self.phase != Reader::Phase::Replaced && !isStopping_) {
+    current_.reset();
+    const std::size_t count = waitForSockets();
+    if (hasLent_) lookAfterLent();
+    for (std::size_t i = 0; i < count; ++i) {
+      // Those that a replaced thread does not come to are still ready for the next leader.
+      handle(ready_[i]);
+      if (self.phase == Reader::Phase::Replaced) return;
+    }
+  }
+}
+
+void Team::handle(const Ready& ready) {
+  const Socket socket = find(ready.key);
+  current_ = socket;
+  if (socket) socket->onReady(ready.canRead, ready.canWrite);
+}
+
+std::size_t Team::waitForSockets() {
+  std::size_t count = sockets_.wait(ready_, 0);
+  if (count > 0) return count;
+  if (pollingPays_) {
+    const auto hasSome = [&] { return (count = sockets_.wait(ready_, 0)) > 0; };
+    pollingPays_ = detail::pollBriefly(hasSome);
+    if (count > 0) return count;
+  }
+  return sleep();
+}
+
+std::size_t Team::sleep() {
+  const auto begin = Clock::now();
+  leaderSleeps_ = true;
+  const std::size_t count = sockets_.wait(ready_, hasLent_ ? lentLookMs : -1);
+  leaderSleeps_ = false;
+  // One of the two sees the other: the watcher says that it sleeps before it looks at the leader.
+  if (watcherSleeps_) {
+    const std::lock_guard lock(mutex_);
+    watcherSleeps_ = false;
+    if (!spares_.empty()) spares_.front()->wake.notify_one();
+  }
+  pollingPays_ = Clock::now() - begin < worthPolling;
+  return count;
+}
+
+// ---- Being replaced
+
+void Reader::willBlock() noexcept {
+  if (!guest && phase == Phase::Foreign) team.replace(*this);
+  if (phase != Phase::Replaced) return;
+  waitsAsGuest = true;
+  guest->willBlock();
+}
+
+void Reader::hasUnblocked() noexcept {
+  if (std::exchange(waitsAsGuest, false)) guest->hasUnblocked();
+}
+
+void Team::replace(Reader& blocked) noexcept {
+  const std::lock_guard lock(mutex_);
+  replaceLocked(blocked);
+}
+
+/// False when there is nobody who could take the lead, or it has just come back by itself.
+bool Team::replaceLocked(Reader& leader) {
+  if (leader_ != &leader || spares_.empty()) return false;
+  auto expected = Reader::Phase::Foreign;
+  if (!leader.phase.compare_exchange_strong(expected, Reader::Phase::Replaced)) return false;
+  leader.guest.emplace(*getEventLoop());
+  appointLocked();
+  return true;
+}
+
+void Team::appointLocked() {
+  leader_ = spares_.back();  // the one that watches last
+  spares_.pop_back();
+  setSparesLocked();
+  leader_->wake.notify_one();
+}
+
+void Team::setSparesLocked() {
+  hasSpare_ = !spares_.empty();
+}
+
+void Team::ensureSpare() {
+  try {
+    const std::lock_guard lock(mutex_);
+    if (spares_.empty() && !isStarting_ && !isStopping_) startReaderLocked();
+  } catch (const std::exception& error) {
+    // Until another one comes back, calls go to the pool.
+    GV_LOG(log::Level::Warning, "gvmessaging.net", "ensureSpare",
+           std::string("no spare thread to read the network: ") + error.what());
+  }
+}
+
+// ---- Threads
+
+void Team::startReaderLocked() {
+  const auto reader = std::make_shared<Reader>(*this);
+  isStarting_ = true;
+  try {
+    getEventLoop()->runService(
+        "gv-read", [this, reader] { run(reader); }, [this] { stop(); });
+  } catch (...) {
+    isStarting_ = false;
+    throw;
+  }
+}
+
+void Team::run(const std::shared_ptr<Reader>& self) {
+  currentReader = self.get();
+  const BlockingObserverScope scope(self.get());
+  Lock lock(mutex_);
+  isStarting_ = false;
+  spares_.push_back(self.get());
+  if (!leader_) appointLocked();
+  setSparesLocked();
+  while (awaitLead(lock, *self)) {
+    lock.unlock();
+    lead(*self);
+    self->guest.reset();
+    self->phase = Reader::Phase::Own;
+    lock.lock();
+    if (isStopping_) break;
+    spares_.push_back(self.get());
+    setSparesLocked();
+  }
+  if (leader_ == self.get()) leader_ = nullptr;
+  currentReader = nullptr;
+}
+
+/// False when this thread is to end.
+bool Team::awaitLead(Lock& lock, Reader& self) {
+  while (leader_ != &self && !isStopping_) {
+    if (spares_.front() == &self) {
+      watchLeaderLocked(lock, self);
+    } else if (self.wake.wait_for(lock, keepSpares) == std::cv_status::timeout &&
+               leader_ != &self && spares_.front() != &self) {
+      std::erase(spares_, &self);
+      return false;
+    }
+  }
+  return !isStopping_;
+}
+
+void Team::watchLeaderLocked(Lock& lock, Reader& self) {
+  unsigned calls = 0;
+  int idle = 0;
+  bool wasInCall = false;
+  while (leader_ != &self && !isStopping_) {
+    const bool isInCall = leader_->phase == Reader::Phase::Foreign;
+    if (isInCall && wasInCall && leader_->calls == calls) {
+      replaceLocked(*leader_);
+      wasInCall = false;
+      continue;
+    }
+    wasInCall = isInCall;
+    calls = leader_->calls;
+    idle = leaderSleeps_ ? idle + 1 : 0;
+    if (idle < idleTicks) {
+      self.wake.wait_for(lock, tick);
+      continue;
+    }
+    watcherSleeps_ = true;
+    if (leaderSleeps_)
+      self.wake.wait(lock, [&] { return !watcherSleeps_ || leader_ == &self || isStopping_; });
+    watcherSleeps_ = false;
+    idle = 0;
+  }
+}
+
+void Team::stop() {
+  {
+    const std::lock_guard lock(mutex_);
+    isStopping_ = true;
+    for (Reader* spare : spares_) spare->wake.notify_one();
+  }
+  sockets_.wake();
+}
+
+Team& team() {
+  static Team& team = *new Team;  // never destroyed: sockets may be dropped by static objects
+  return team;
+}
+
+}  // namespace
+
+std::uint64_t Readers::enroll(const std::weak_ptr<ReadySocket>& socket) {
+  return team().enroll(socket);
+}
+
+void Readers::dismiss(std::uint64_t key) {
+  team().dismiss(key);
+}
+
+bool Readers::watch(int descriptor, std::uint64_t key, ReadinessSet::Interest before,
+                    ReadinessSet::Interest now) {
+  return team().sockets().watch(descriptor, key, before, now);
+}
+
+void Readers::lend(std::uint64_t key) {
+  team().lend(key);
+}
+
+bool Readers::mayRunForeignCode() {
+  return currentReader && currentReader->phase == Reader::Phase::Own && team().hasSpare();
+}
+
+bool Readers::isReplaced() {
+  return currentReader && currentReader->phase == Reader::Phase::Replaced;
+}
+
+Readers::ForeignCode::ForeignCode()
+    : isOutermost_(currentReader && currentReader->phase == Reader::Phase::Own) {
+  if (!isOutermost_) return;
+  currentReader->calls.fetch_add(1, std::memory_order_relaxed);
+  currentReader->phase.store(Reader::Phase::Foreign, std::memory_order_release);
+}
+
+Readers::ForeignCode::~ForeignCode() {
+  if (!isOutermost_) return;
+  auto expected = Reader::Phase::Foreign;
+  currentReader->phase.compare_exchange_strong(expected, Reader::Phase::Own);
+}
+
+}  // namespace gv::net

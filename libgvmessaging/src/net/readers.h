@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include <gvmessaging/api.h>
+
+#include "src/net/readiness.h"
+
+namespace gv::net {
+
+/// A socket that the readers look after.
+class ReadySocket {
+ public:
+  virtual ~ReadySocket() = default;
+
+  /// Reads and writes what can be without blocking, in the thread that leads the readers. May
+  /// return with Readers::isReplaced(): then another thread goes on, beginning with goOn().
+  virtual void onReady(bool canRead, bool canWrite) = 0;
+  /// Goes on where a thread that was replaced stopped. As onReady.
+  virtual void goOn() = 0;
+  /// About once a millisecond while it is lent (see Readers::lend); false when it is no longer.
+  virtual bool isStillLent() = 0;
+};
+
+/// The threads that read all sockets of the process. One of them leads: it waits for sockets,
+/// reads, and runs what the bytes ask for, foreign code included, without handing it over. When
+/// foreign code blocks (and says so, as Future::wait does) or takes some milliseconds, another
+/// thread takes the lead in the middle of it, with the socket that was being read; the one that was
+/// replaced finishes its call and steps back. A spare thread is always there to do so: it looks at
+/// the leader every few milliseconds, but for idle times. So the network is read whatever user code
+/// does.
+///
+/// A replaced thread counts as a guest of the event loop until its call has ended.
+///
+/// Begins with the first use, ends with the process.
+class GVMESSAGING_API Readers {
+ public:
+  Readers() = delete;
+
+  /// The key under which a socket is watched; it is kept weakly. Throws std::system_error when no
+  /// thread can be made.
+  static std::uint64_t enroll(const std::weak_ptr<ReadySocket>& socket);
+  static void dismiss(std::uint64_t key);
+  /// As ReadinessSet::watch. Any thread.
+  static bool watch(int descriptor, std::uint64_t key, ReadinessSet::Interest before,
+                    ReadinessSet::Interest now);
+
+  /// Says that some other thread reads the socket for a while, which is not watched meanwhile: it
+  /// is asked isStillLent() until it denies.
+  static void lend(std::uint64_t key);
+
+  /// True in the leading thread outside of foreign code, while a spare is there to replace it.
+  static bool mayRunForeignCode();
+  /// True in a thread that led, until it has returned to its team: it must not touch what belongs
+  /// to the reading side any more.
+  static bool isReplaced();
+
+  /// While it lives, the calling thread may be replaced if it leads. In any other thread, and
+  /// inside another one, it does nothing.
+  class GVMESSAGING_API ForeignCode {
+   public:
+    ForeignCode();
+    ~ForeignCode();
+    ForeignCode(const ForeignCode&) = delete;
+    ForeignCode& operator=(const ForeignCode&) = delete;
+
+   private:
+    const bool isOutermost_;
+  };
+};
+
+}  // namespace gv::net

@@ -1,0 +1,102 @@
+// The writing side of a TCP stream.
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "src/net/tcpstream.h"
+#include "src/net/turn.h"
+
+namespace gv::net {
+namespace {
+
+// Writes that a sender does for others before it leaves the rest to the readers.
+constexpr int writeRounds = 4;
+constexpr std::size_t gatheredPieces = 64;
+
+// Output of one turn of reading that is worth a write of its own.
+constexpr std::size_t putOffMost = 64u << 10;
+
+}  // namespace
+
+bool TcpStream::send(std::span<const Bytes> pieces) {
+  Lock lock(mutex_);
+  if (state_ != State::Open) return false;
+  if (writing_ || !output_.empty() || Turn::mayPutOff(this)) {
+    output_.push(pieces);
+    if (output_.bytes() > putOffMost || !Turn::mayPutOff(this)) flushLocked(lock);
+    return true;
+  }
+  std::array<iovec, gatheredPieces> buffers;
+  const std::size_t count = std::min(pieces.size(), buffers.size());
+  std::size_t size = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    buffers[i] = {const_cast<char*>(pieces[i].data()), pieces[i].size()};
+    size += pieces[i].size();
+  }
+  writing_ = true;
+  direct_ = size;
+  lock.unlock();
+  const Transfer sent = sendSome(descriptor_, std::span(buffers).first(count));
+  lock.lock();
+  direct_ = 0;
+  output_.pushFront(pieces, sent.bytes);
+  writeRoundsLocked(lock, sent);
+  return true;
+}
+
+std::size_t TcpStream::pendingBytes() const {
+  const Lock lock(mutex_);
+  return output_.bytes() + direct_;
+}
+
+// Nobody else is about to write what waits.
+void TcpStream::flushLocked(Lock& lock) {
+  if (writing_ || awaitsWritable_ || output_.empty() || state_ == State::Closing) return;
+  writing_ = true;
+  writeRoundsLocked(lock, {});
+}
+
+// One system call for many frames. Only who has the writer's role consumes, so the chunks stay.
+Transfer TcpStream::writeQueued(Lock& lock) {
+  std::array<iovec, gatheredPieces> buffers;
+  const std::size_t count = output_.gather(buffers);
+  lock.unlock();
+  const Transfer sent = sendSome(descriptor_, std::span(buffers).first(count));
+  lock.lock();
+  output_.consume(sent.bytes);
+  return sent;
+}
+
+void TcpStream::writeRoundsLocked(Lock& lock, Transfer last) {
+  for (int round = 0; round < writeRounds; ++round) {
+    if (last.wouldBlock || last.error || output_.empty() || state_ == State::Closing) break;
+    last = writeQueued(lock);
+  }
+  writing_ = false;
+  afterWriteLocked(last);
+}
+
+void TcpStream::afterWriteLocked(const Transfer& last) {
+  if (last.error && state_ != State::Closing) {
+    readRest_ = state_ == State::Open;
+    endLocked(last.error.message());
+  }
+  if (state_ == State::Closing) return finishIfFreeLocked();  // close() left it to the writer
+  awaitsWritable_ = !output_.empty();
+  if (isPaused_ && output_.bytes() <= limits_.outputSlow) {
+    isPaused_ = false;
+    pauseTimer_.reset();
+  }
+  watchLocked();
+  shutdownIfFlushedLocked();
+}
+
+void TcpStream::onWritable() {
+  Lock lock(mutex_);
+  awaitsWritable_ = false;
+  if (!output_.empty()) return flushLocked(lock);
+  watchLocked();
+}
+
+}  // namespace gv::net

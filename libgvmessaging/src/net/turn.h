@@ -1,0 +1,43 @@
+#pragma once
+
+#include <chrono>
+
+#include "src/net/readers.h"
+
+namespace gv::net {
+
+class TcpStream;
+
+/// The leading thread's turn of reading one stream. What it sends on that stream meanwhile is put
+/// off, so that the replies to many calls that arrived together leave together.
+class Turn {
+ public:
+  explicit Turn(const TcpStream* stream) {
+    stream_ = stream;
+    putOffSince_ = {};
+  }
+  ~Turn() { stream_ = nullptr; }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+  /// True when the thread was replaced in the middle of it: another one reads the stream now.
+  bool isLost() const { return Readers::isReplaced(); }
+  static bool isLost(const TcpStream* stream) { return stream_ == stream && Readers::isReplaced(); }
+
+  /// True while what is sent on the stream may wait for the end of the turn: not for long.
+  static bool mayPutOff(const TcpStream* stream) {
+    constexpr std::chrono::microseconds longest(50);
+    if (stream_ != stream || Readers::isReplaced()) return false;
+    const auto now = std::chrono::steady_clock::now();
+    if (putOffSince_ == std::chrono::steady_clock::time_point()) putOffSince_ = now;
+    if (now - putOffSince_ < longest) return true;
+    putOffSince_ = {};
+    return false;
+  }
+
+ private:
+  static inline thread_local const TcpStream* stream_ = nullptr;
+  static inline thread_local std::chrono::steady_clock::time_point putOffSince_;
+};
+
+}  // namespace gv::net
