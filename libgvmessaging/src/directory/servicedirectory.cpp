@@ -8,7 +8,7 @@
 #include <gvtype/dynamicobjectbuilder.h>
 
 #include "src/rpc/callcontext.h"
-#include "src/rpc/greeting.h"
+#include "src/rpc/handshake.h"
 
 namespace gv::directory {
 namespace {

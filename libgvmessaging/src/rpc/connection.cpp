@@ -80,7 +80,7 @@ std::shared_ptr<Connection> Connection::start(std::shared_ptr<net::Stream> strea
     if (const auto late = weak.lock()) late->close("the handshake took too long");
   });
   connection->stream_->start(connection);
-  if (role == Role::Client) connection->sendGreeting(wire::FrameType::Hello);
+  if (role == Role::Client) connection->send({wire::FrameType::Hello, encodeGreeting(own)});
   return connection;
 }
 
@@ -185,6 +185,14 @@ void Connection::encodeArguments(wire::Message& message, const MetaMethod& metho
                              " bytes, more than the limit of " + std::to_string(limits_.payload));
 }
 
+void Connection::send(const HandshakeFrame& frame) {
+  wire::Message message;
+  message.bytes().insert(message.bytes().end(), frame.payload.begin(), frame.payload.end());
+  wire::FrameHeader header;
+  header.type = frame.type;
+  stream_->send(message.finish(header));
+}
+
 std::optional<PendingCall> Connection::takePending(std::uint64_t messageId) {
   const std::lock_guard lock(mutex_);
   return pending_.take(messageId);
@@ -264,23 +272,13 @@ void Connection::onFrame(wire::Frame& frame) {
 }
 
 void Connection::onHandshakeFrame(const wire::Frame& frame) {
-  const auto expected = role_ == Role::Server ? wire::FrameType::Hello : wire::FrameType::Welcome;
-  try {
-    if (role_ == Role::Client && frame.header.type == wire::FrameType::Error) {
-      std::string text;
-      wire::readValue(frame.bytes(), AnyReference::from(text), limits_);
-      throw std::runtime_error("the peer refused the handshake: " + text);
-    }
-    if (frame.header.type != expected)
-      throw std::runtime_error("the peer sent another frame before the handshake");
-    peer_ = decodeGreeting(frame.bytes(), limits_);
-  } catch (const std::exception& error) {
-    if (role_ == Role::Server && frame.header.type == expected)
-      replyError(frame.header, error.what());
-    reader_.stop(error.what());
-    return close(error.what());
+  HandshakeStep step = stepHandshake(role_, own_, limits_, frame);
+  if (step.answer) send(*step.answer);
+  if (!step.peer) {
+    reader_.stop(step.refusal);
+    return close(step.refusal);
   }
-  if (role_ == Role::Server) sendGreeting(wire::FrameType::Welcome);
+  peer_ = std::move(*step.peer);
   becomeOpen();
 }
 
@@ -294,15 +292,6 @@ void Connection::becomeOpen() {
   reader_.setLimit(limits_.payload);
   const auto opened = std::move(events_.opened);
   if (opened) opened(shared_from_this());
-}
-
-void Connection::sendGreeting(wire::FrameType type) {
-  wire::Message message;
-  const std::vector<char> greeting = encodeGreeting(own_);
-  message.bytes().insert(message.bytes().end(), greeting.begin(), greeting.end());
-  wire::FrameHeader header;
-  header.type = type;
-  stream_->send(message.finish(header));
 }
 
 void Connection::onReply(const wire::Frame& frame) {

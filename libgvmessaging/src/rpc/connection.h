@@ -12,7 +12,7 @@
 
 #include "src/net/stream.h"
 #include "src/net/timer.h"
-#include "src/rpc/greeting.h"
+#include "src/rpc/handshake.h"
 #include "src/rpc/pendingcalls.h"
 #include "src/wire/framereader.h"
 #include "src/wire/message.h"
@@ -32,9 +32,6 @@ struct CallBudget {
   std::atomic<std::size_t> calls{0};
   std::atomic<std::size_t> bytes{0};
 };
-
-/// Who reached whom: the client speaks first.
-enum class Role { Client, Server };
 
 /// A conversation with one peer, shared by all calls in both directions.
 ///
@@ -115,7 +112,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
                                MetaCallType callType) const;
   void encodeArguments(wire::Message& message, const MetaMethod& method,
                        const GenericFunctionParameters& arguments) const;
-  void sendGreeting(wire::FrameType type);
+  void send(const HandshakeFrame& frame);
   std::optional<PendingCall> takePending(std::uint64_t messageId);
   bool hasEnded() const;
   void fail(const std::string& cause);
