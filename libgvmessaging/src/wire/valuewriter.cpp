@@ -1,5 +1,6 @@
 #include "src/wire/valuewriter.h"
 
+#include <bit>
 #include <cstdint>
 #include <limits>
 #include <msgpack.hpp>
@@ -114,11 +115,9 @@ class Writer {
         packer_.pack(*static_cast<const bool*>(pointer));
         return;
       case 'f':
-        packer_.pack(*static_cast<const float*>(pointer));
-        return;
+        return writeFloat<std::uint32_t>('\xca', *static_cast<const float*>(pointer));
       case 'd':
-        packer_.pack(*static_cast<const double*>(pointer));
-        return;
+        return writeFloat<std::uint64_t>('\xcb', *static_cast<const double*>(pointer));
       case 's':
         return writeString(value.type()->bytes->view(pointer));
       case 'r': {
@@ -133,6 +132,16 @@ class Writer {
         else
           packer_.pack(value.to<std::uint64_t>());
     }
+  }
+
+  /// The packer would make an integer of a whole number, and lose the sign of -0.0 so.
+  template <class Bits, class Float>
+  void writeFloat(char code, Float value) {
+    const auto bits = std::bit_cast<Bits>(value);
+    char bytes[1 + sizeof bits] = {code};
+    for (std::size_t i = 0; i < sizeof bits; ++i)
+      bytes[1 + i] = static_cast<char>(bits >> (8 * (sizeof bits - 1 - i)) & 0xff);
+    output_.write(bytes, sizeof bytes);
   }
 
   void writeString(std::string_view text) {
