@@ -250,15 +250,6 @@ TEST_F(ConnectionTest, DescribesServicesAndRefusesCallsWhileEveryThreadIsBlocked
   release.setValue();
 }
 
-TEST_F(ConnectionTest, RefusesUnknownServicesAndMembers) {
-  EXPECT_THAT(rpc::RemoteObject::make(connection, 99).error(guardMs), HasSubstr("id 99"));
-  MetaMethodBuilder unknown;
-  unknown.setUid(4711);
-  EXPECT_THAT(
-      connection->call(calculatorId, unknown.metaMethod(), {}, MetaCallType::Auto).error(guardMs),
-      HasSubstr("4711"));
-}
-
 TEST_F(ConnectionTest, ManyCallersGetTheirOwnAnswers) {
   std::vector<std::thread> callers;
   for (int caller = 0; caller < 8; ++caller)
@@ -270,74 +261,6 @@ TEST_F(ConnectionTest, ManyCallersGetTheirOwnAnswers) {
 }
 
 // ---- Peers that break the rules
-
-std::string frameBytes(wire::FrameHeader header, const std::vector<char>& payload) {
-  header.payloadSize = static_cast<std::uint32_t>(payload.size());
-  std::array<char, wire::frameHeaderSize> head;
-  wire::encodeHeader(header, head);
-  return std::string(head.data(), head.size()) + std::string(payload.data(), payload.size());
-}
-
-std::string helloBytes() {
-  rpc::Greeting greeting;
-  greeting.sessionId = "stranger";
-  wire::FrameHeader header;
-  header.type = wire::FrameType::Hello;
-  return frameBytes(header, rpc::encodeGreeting(greeting));
-}
-
-/// Whether the server ends the connection, without having sent more than `allowed` bytes.
-bool isClosedAfter(std::uint16_t port, const std::string& sent, std::size_t allowed) {
-  RawPeer peer = RawPeer::connectTo(port);
-  peer.send(sent);
-  try {
-    return peer.receiveAll(allowed + 1).size() <= allowed;
-  } catch (const std::system_error&) {
-    return true;  // a reset is an end, too
-  }
-}
-
-TEST_F(ConnectionTest, ReadsNothingButAHelloFromAStranger) {
-  const std::uint16_t port = acceptor->boundPort();
-  for (const auto type : {wire::FrameType::Call, wire::FrameType::Post, wire::FrameType::Reply,
-                          wire::FrameType::Error, wire::FrameType::Welcome}) {
-    wire::FrameHeader header;
-    header.type = type;
-    header.service = calculatorId;
-    header.member = MetaObject::firstOwnId + 1;
-    EXPECT_TRUE(isClosedAfter(port, frameBytes(header, {'\x90'}), 0)) << static_cast<int>(type);
-  }
-  EXPECT_TRUE(isClosedAfter(port, "GET / HTTP/1.1\r\n\r\n", 0));
-  wire::FrameHeader hello;
-  hello.type = wire::FrameType::Hello;
-  EXPECT_TRUE(isClosedAfter(port, frameBytes(hello, {'\x01'}), 1000)) << "an error, then the end";
-  EXPECT_TRUE(isClosedAfter(port, helloBytes() + helloBytes(), 1000)) << "a second hello";
-  hello.payloadSize = 100'000;
-  std::array<char, wire::frameHeaderSize> head;
-  wire::encodeHeader(hello, head);
-  EXPECT_TRUE(isClosedAfter(port, std::string(head.data(), head.size()), 0)) << "over the limit";
-  EXPECT_EQ(calculator.call<int>("add", 1, 1), 2);
-}
-
-TEST_F(ConnectionTest, IgnoresRepliesToNoCallAndAnswersGarbledArguments) {
-  RawPeer peer = RawPeer::connectTo(acceptor->boundPort());
-  wire::FrameHeader reply;
-  reply.type = wire::FrameType::Reply;
-  reply.messageId = 12345;
-  wire::FrameHeader call;
-  call.type = wire::FrameType::Call;
-  call.messageId = 1;
-  call.service = calculatorId;
-  call.member = MetaObject::firstOwnId;
-  peer.send(helloBytes() + frameBytes(reply, {'\x01'}) + frameBytes(call, {'\x92', '\x01'}));
-  std::string received;
-  while (received.find("ends too early") == std::string::npos) {
-    const std::string more = peer.receive(1000);
-    ASSERT_FALSE(more.empty()) << received;
-    received += more;
-  }
-  EXPECT_EQ(calculator.call<int>("add", 1, 1), 2);
-}
 
 TEST_F(ConnectionTest, LetsARealClientInBesideThoseThatDrip) {
   std::vector<RawPeer> drips;
@@ -355,7 +278,9 @@ TEST(Connections, ThatDoNotFinishTheHandshakeEnd) {
   impatient.handshakeTime = std::chrono::milliseconds(100);
   const auto server = makeSide("server", impatient);
   const auto acceptor = server->peers->listen("tcp://127.0.0.1:0");
-  EXPECT_TRUE(isClosedAfter(acceptor->boundPort(), "GVM\x01", 0));
+  RawPeer stranger = RawPeer::connectTo(acceptor->boundPort());
+  stranger.send("GVM\x01");
+  EXPECT_EQ(stranger.receiveAll(1), "");
   acceptor->close();
 }
 

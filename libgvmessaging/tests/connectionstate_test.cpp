@@ -1,0 +1,267 @@
+// One connection without a network: each state meets each event, at every place in the bytes.
+
+#include <gmock/gmock.h>
+
+#include <array>
+#include <atomic>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gvtype/dynamicobjectbuilder.h>
+
+#include "memorypeer.h"
+#include "src/wire/valuereader.h"
+#include "src/wire/valuewriter.h"
+#include "support/watchdog.h"
+
+namespace gv {
+namespace {
+
+using rpc::Role;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using wire::FrameType;
+
+constexpr unsigned notebookId = 7;
+constexpr unsigned addId = 100;
+constexpr unsigned noteId = 101;
+
+std::string frame(FrameType type, std::string_view payload, std::uint64_t messageId = 0,
+                  unsigned member = 0, unsigned service = notebookId, unsigned object = 0) {
+  wire::FrameHeader header;
+  header.type = type;
+  header.messageId = messageId;
+  header.service = service;
+  header.object = object;
+  header.member = member;
+  return frameText(header, payload);
+}
+
+rpc::Greeting greetingOf(const std::string& session) {
+  rpc::Greeting greeting;
+  greeting.sessionId = session;
+  return greeting;
+}
+
+std::string greetingFrame(FrameType type) {
+  const std::vector<char> payload = rpc::encodeGreeting(greetingOf("peer"));
+  return frame(type, {payload.data(), payload.size()});
+}
+
+std::string errorText(std::string_view answer) {
+  if (headerOf(answer).type != FrameType::Error) return "no error";
+  std::string text;
+  wire::readValue(answer.substr(wire::frameHeaderSize), AnyReference::from(text), wire::Limits());
+  return text;
+}
+
+class ConnectionState : public testing::Test {
+ protected:
+  MemoryPeer makePeer(Role role, const wire::Limits& limits = {}) {
+    DynamicObjectBuilder builder;
+    builder.advertiseMethod("add", [this](int a, int b) {
+      ++runs;
+      return a + b;
+    });
+    builder.advertiseMethod("note", [this](const std::string&) { ++runs; });
+    return {role, greetingOf("own"), {{notebookId, builder.object()}}, limits};
+  }
+  /// Calls add(1, 2) of an open client's peer; the call's frame is in `sent`.
+  static Future<AnyReference> callAdd(MemoryPeer& peer, std::string& sent) {
+    DynamicObjectBuilder builder;
+    builder.advertiseMethod("add", [](int, int) { return 0; });
+    const MetaMethod add = *builder.object().metaObject().method(addId);
+    auto result = peer.connection->call(notebookId, add, makeParameters(1, 2), MetaCallType::Auto);
+    sent = peer.hear();
+    return result;
+  }
+  static void open(MemoryPeer& peer) {
+    const bool isServer = peer.connection->role() == Role::Server;
+    peer.tell(greetingFrame(isServer ? FrameType::Hello : FrameType::Welcome));
+    peer.hear();
+    EXPECT_TRUE(peer.connection->isOpen());
+  }
+
+  house::Watchdog watchdog{"a connection in memory", std::chrono::seconds(100)};
+  std::atomic<int> runs{0};
+};
+
+TEST_F(ConnectionState, DecidesWhatBecomesOfEachFrame) {
+  const std::string early = "the peer sent another frame before the handshake";
+  const std::string again = "the peer sent a handshake frame after the handshake";
+  const struct {
+    FrameType type;
+    std::string payload;
+    std::string served, met;  // while handshaking, as a server and as a client; "" is open
+    std::string later;        // once open, as either
+  } rows[] = {{FrameType::Hello, "", "", early, again},
+              {FrameType::Welcome, "", early, "", again},
+              {FrameType::Call, "\x90", early, early, ""},
+              {FrameType::Post, "\x90", early, early, ""},
+              {FrameType::Reply, "\x01", early, early, ""},
+              {FrameType::Error, "\xa2no", early, "the peer refused the handshake: no", ""}};
+  for (const auto& row : rows)
+    for (const Role role : {Role::Server, Role::Client}) {
+      SCOPED_TRACE(static_cast<int>(row.type) * 10 + static_cast<int>(role));
+      const std::string bytes =
+          row.payload.empty() ? greetingFrame(row.type) : frame(row.type, row.payload, 9, addId);
+      const auto outcome = [](const MemoryPeer& peer) {
+        if (peer.causes.empty()) return std::string(peer.connection->isOpen() ? "" : "waiting");
+        return peer.causes.size() == 1 ? peer.causes[0] : "told twice";
+      };
+      MemoryPeer handshaking = makePeer(role);
+      handshaking.tell(bytes);
+      handshaking.heardSoFar();
+      handshaking.tell("");
+      EXPECT_EQ(outcome(handshaking), role == Role::Server ? row.served : row.met);
+      EXPECT_EQ(handshaking.opened, outcome(handshaking).empty() ? 1 : 0);
+
+      MemoryPeer opened = makePeer(role);
+      open(opened);
+      opened.tell(bytes);
+      EXPECT_EQ(outcome(opened), row.later);
+      if (row.type == FrameType::Call) {
+        EXPECT_THAT(errorText(opened.hear()), HasSubstr("argument"));
+      }
+
+      MemoryPeer ended = makePeer(role);
+      open(ended);
+      ended.connection->close("done");
+      ended.tell(bytes + bytes);
+      EXPECT_EQ(outcome(ended), "done");
+      EXPECT_EQ(ended.heardSoFar(), "");
+    }
+  EXPECT_EQ(runs, 0);
+}
+
+TEST_F(ConnectionState, IsTheSameForEverySplitOfTheBytes) {
+  // Calls that are answered at once, so that the answers are in order.
+  const std::string bytes = greetingFrame(FrameType::Hello) + frame(FrameType::Call, "\x90", 1, 2) +
+                            frame(FrameType::Reply, "\x01", 77) +
+                            frame(FrameType::Call, "\x90", 2, 2, 99) +
+                            frame(FrameType::Call, std::string("\x91\xc4\0", 3), 3, 2);
+  const auto answersTo = [&](std::size_t cut, std::size_t piece) {
+    MemoryPeer peer = makePeer(Role::Server);
+    peer.tell(bytes.substr(0, cut), piece);
+    peer.tell(bytes.substr(cut), piece);
+    return peer.heardSoFar();
+  };
+  const std::string whole = answersTo(0, bytes.size());
+  EXPECT_GT(whole.size(), 4 * wire::frameHeaderSize);
+  EXPECT_EQ(answersTo(0, 1), whole);
+  for (std::size_t cut = 1; cut < bytes.size(); ++cut)
+    ASSERT_EQ(answersTo(cut, bytes.size()), whole) << cut;
+}
+
+TEST_F(ConnectionState, EndsOnceWhereverThePeerVanishes) {
+  const std::string hello = greetingFrame(FrameType::Hello);
+  const std::string bytes = hello + frame(FrameType::Post, "\x92\x01\x02", 1, noteId);
+  for (std::size_t at = 0; at < bytes.size(); ++at)
+    for (const bool isCut : {true, false}) {
+      MemoryPeer peer = makePeer(Role::Server);
+      peer.tell(bytes.substr(0, at));
+      isCut ? peer.cut() : peer.close();
+      ASSERT_THAT(peer.causes, ElementsAre(isCut ? "cut" : "connection closed by peer")) << at;
+      ASSERT_EQ(peer.opened, at >= hello.size() ? 1 : 0) << at;
+      ASSERT_FALSE(peer.connection->isOpen());
+    }
+  const std::string reply = frame(FrameType::Reply, "\x03");
+  for (std::size_t at = 0; at <= reply.size(); ++at) {
+    MemoryPeer peer = makePeer(Role::Client);
+    open(peer);
+    std::string sent;
+    const auto sum = callAdd(peer, sent);
+    std::string answer = reply;
+    answer.replace(24, 8, sent, 24, 8);
+    peer.tell(answer.substr(0, at));
+    peer.cut();
+    if (at == reply.size())
+      EXPECT_EQ(sum.value().to<int>(), 3);
+    else
+      EXPECT_THAT(sum.error(), HasSubstr("was lost: cut")) << at;
+  }
+  EXPECT_EQ(runs, 0);
+}
+
+TEST_F(ConnectionState, TakesOneReplyToEachCallAndNoOthers) {
+  MemoryPeer peer = makePeer(Role::Client);
+  open(peer);
+  std::array<std::string, 2> sent;
+  const auto first = callAdd(peer, sent[0]);
+  const auto second = callAdd(peer, sent[1]);
+  const auto replyTo = [&](const std::string& call, FrameType type, std::string_view payload) {
+    peer.tell(frame(type, payload, headerOf(call).messageId));
+  };
+  peer.tell(frame(FrameType::Reply, "\x01", headerOf(sent[1]).messageId + 1));
+  EXPECT_TRUE(first.isRunning() && second.isRunning());
+  replyTo(sent[1], FrameType::Reply, "\x02");
+  replyTo(sent[1], FrameType::Reply, "\x03");
+  replyTo(sent[1], FrameType::Error, "\xa2no");
+  EXPECT_TRUE(first.isRunning());
+  EXPECT_EQ(second.value().to<int>(), 2);
+  replyTo(sent[0], FrameType::Error, "\xa2no");
+  EXPECT_EQ(first.error(), "no");
+  EXPECT_TRUE(peer.connection->isOpen());
+}
+
+TEST_F(ConnectionState, AnswersTwoCallsOfOneIdApart) {
+  MemoryPeer peer = makePeer(Role::Server);
+  open(peer);
+  peer.tell(frame(FrameType::Call, "\x92\x01\x02", 5, addId) +
+            frame(FrameType::Call, "\x92\x01\x02", 5, addId));
+  EXPECT_EQ(peer.hear(), peer.hear());
+  EXPECT_EQ(runs, 2);
+}
+
+// What follows a payload, or what is missing of it, concerns its call alone, whatever the frame is.
+TEST_F(ConnectionState, OutlivesPayloadsThatAreWrong) {
+  const std::tuple<std::string, std::string, const char*> rows[] = {
+      {"\x92\x01\x02\xc0", "\x03\xc0", "more bytes follow"},
+      {"\x92\x01", std::string("\xd2\0", 2), "ends too early"},
+      {"", "", "malformed"},
+      {"\x92\x01\xa1x", "\xa1x", "a string where int32 is expected"},
+      {"\xdd\x7f\xff\xff\xff", "\xdd\x7f\xff\xff\xff", "more elements than"}};
+  for (const auto& [arguments, result, text] : rows) {
+    MemoryPeer server = makePeer(Role::Server);
+    open(server);
+    EXPECT_THAT(errorText(server.ask(frame(FrameType::Call, arguments, 1, addId))),
+                HasSubstr(text));
+    server.tell(frame(FrameType::Post, arguments, 2, addId));
+    server.ask(frame(FrameType::Call, "\x90", 3, 2));
+    EXPECT_TRUE(server.connection->isOpen());
+
+    MemoryPeer client = makePeer(Role::Client);
+    open(client);
+    std::string sent;
+    const auto call = callAdd(client, sent);
+    client.tell(frame(FrameType::Reply, result, headerOf(sent).messageId));
+    EXPECT_THAT(call.error(), HasSubstr(text));
+    const auto failing = callAdd(client, sent);
+    client.tell(frame(FrameType::Error, result + "\xa1\xa1\xa1", headerOf(sent).messageId));
+    EXPECT_THAT(failing.error(), HasSubstr("cannot be read"));
+    EXPECT_TRUE(client.connection->isOpen());
+  }
+  EXPECT_EQ(runs, 0);
+}
+
+TEST_F(ConnectionState, AnswersCallsOfAnythingAndTellsNoAddresses) {
+  MemoryPeer peer = makePeer(Role::Server);
+  open(peer);
+  constexpr unsigned last = 0xffffffff;
+  std::uint64_t id = 0;
+  for (const unsigned service : {0u, 2u, notebookId, 0x80000000u, last})
+    for (const unsigned object : {0u, 1u, last})
+      for (unsigned member = 0; member < 110; ++member) {
+        const std::string answer =
+            peer.ask(frame(FrameType::Call, "\x90", ++id, member, service, object));
+        ASSERT_EQ(headerOf(answer).messageId, id);
+        const bool isThere = service == notebookId && object == 0 && (member == 2 || member == 7);
+        ASSERT_EQ(headerOf(answer).type == FrameType::Reply, isThere) << service << ' ' << member;
+        ASSERT_THAT(errorText(answer), testing::Not(HasSubstr("0x")));
+      }
+  EXPECT_EQ(runs, 0);
+}
+
+}  // namespace
+}  // namespace gv
