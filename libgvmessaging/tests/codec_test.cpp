@@ -63,11 +63,6 @@ struct Pose {
   bool operator==(const Pose&) const = default;
 };
 GV_STRUCT(Pose, name, path)
-struct Key {
-  bool on = false;
-  std::int8_t code = 0;
-};
-GV_STRUCT(Key, on, code)
 /// The fields of a point in another order.
 struct Reversed {
   double y = 0;
@@ -103,37 +98,6 @@ TEST(Codec, BringsEveryKindBackUnchanged) {
   const AnyValue back = roundTrip(dynamic);
   EXPECT_EQ(back.signature(), dynamic.signature());
   EXPECT_EQ(back.to<Everything>(), makeEverything());
-}
-
-TEST(Codec, WritesAndReadsTheDocumentedBytes) {
-  const auto argumentsOf = [](const GenericFunctionParameters& values, const char* signature) {
-    std::vector<char> payload;
-    writeArguments(payload, values, signature);
-    return payload;
-  };
-  EXPECT_EQ(argumentsOf(makeParameters(2, -3), "(ii)"), bytes("\x92\x02\xfd"));
-  EXPECT_EQ(argumentsOf(makeParameters(std::string("hi"), 1.5), "(s*)"),
-            bytes(std::string("\x92\xa2hi\x92\xa1"
-                              "d\xcb\x3f\xf8\0\0\0\0\0\0",
-                              16)));
-  const AnyValue list = AnyValue::from(std::vector<AnyValue>{AnyValue::from("a"), AnyValue()});
-  const std::vector<std::tuple<AnyValue, std::string, std::string>> examples = {
-      {AnyValue::from(5), "v", "\x92\xa1i\x05"},
-      {list, "v",
-       "\x92\xa2"
-       "av\x92\x92\xa1s\xa1"
-       "a\xc0"},
-      {AnyValue::from(std::vector<std::optional<int>>{std::nullopt, 7}), "ami", "\x92\x90\x91\x07"},
-      {AnyValue::from(Key{true, -1}), "(bc)<Key,on,code>", "\x92\xc3\xff"},
-      {AnyValue::from(std::map<std::string, std::vector<int>>{{"a", {1, 2}}}), "a{sai}",
-       "\x81\xa1"
-       "a\x92\x01\x02"}};
-  for (const auto& [value, signature, text] : examples) {
-    EXPECT_EQ(written(value.asReference(), signature), bytes(text)) << signature;
-    const AnyValue target = AnyValue::makeDefault(signature);
-    readValue(bytes(text), target.asReference(), Limits());
-    EXPECT_EQ(target, value) << signature;
-  }
 }
 
 TEST(Codec, ConvertsArgumentsToTheMethodsTypes) {
