@@ -44,11 +44,6 @@ rpc::Greeting greetingOf(const std::string& session) {
   return greeting;
 }
 
-std::string greetingFrame(FrameType type) {
-  const std::vector<char> payload = rpc::encodeGreeting(greetingOf("peer"));
-  return frame(type, {payload.data(), payload.size()});
-}
-
 std::string errorText(std::string_view answer) {
   if (headerOf(answer).type != FrameType::Error) return "no error";
   std::string text;
@@ -78,7 +73,7 @@ class ConnectionState : public testing::Test {
   }
   static void open(MemoryPeer& peer) {
     const bool isServer = peer.connection->role() == Role::Server;
-    peer.tell(greetingFrame(isServer ? FrameType::Hello : FrameType::Welcome));
+    peer.tell(greetingFrame(isServer ? FrameType::Hello : FrameType::Welcome, greetingOf("peer")));
     peer.hear();
     EXPECT_TRUE(peer.connection->isOpen());
   }
@@ -104,8 +99,8 @@ TEST_F(ConnectionState, DecidesWhatBecomesOfEachFrame) {
   for (const auto& row : rows)
     for (const Role role : {Role::Server, Role::Client}) {
       SCOPED_TRACE(static_cast<int>(row.type) * 10 + static_cast<int>(role));
-      const std::string bytes =
-          row.payload.empty() ? greetingFrame(row.type) : frame(row.type, row.payload, 9, addId);
+      const std::string bytes = row.payload.empty() ? greetingFrame(row.type, greetingOf("peer"))
+                                                    : frame(row.type, row.payload, 9, addId);
       const auto outcome = [](const MemoryPeer& peer) {
         if (peer.causes.empty()) return std::string(peer.connection->isOpen() ? "" : "waiting");
         return peer.causes.size() == 1 ? peer.causes[0] : "told twice";
@@ -137,10 +132,10 @@ TEST_F(ConnectionState, DecidesWhatBecomesOfEachFrame) {
 
 TEST_F(ConnectionState, IsTheSameForEverySplitOfTheBytes) {
   // Calls that are answered at once, so that the answers are in order.
-  const std::string bytes = greetingFrame(FrameType::Hello) + frame(FrameType::Call, "\x90", 1, 2) +
-                            frame(FrameType::Reply, "\x01", 77) +
-                            frame(FrameType::Call, "\x90", 2, 2, 99) +
-                            frame(FrameType::Call, std::string("\x91\xc4\0", 3), 3, 2);
+  const std::string bytes =
+      greetingFrame(FrameType::Hello, greetingOf("peer")) + frame(FrameType::Call, "\x90", 1, 2) +
+      frame(FrameType::Reply, "\x01", 77) + frame(FrameType::Call, "\x90", 2, 2, 99) +
+      frame(FrameType::Call, std::string("\x91\xc4\0", 3), 3, 2);
   const auto answersTo = [&](std::size_t cut, std::size_t piece) {
     MemoryPeer peer = makePeer(Role::Server);
     peer.tell(bytes.substr(0, cut), piece);
@@ -155,7 +150,7 @@ TEST_F(ConnectionState, IsTheSameForEverySplitOfTheBytes) {
 }
 
 TEST_F(ConnectionState, EndsOnceWhereverThePeerVanishes) {
-  const std::string hello = greetingFrame(FrameType::Hello);
+  const std::string hello = greetingFrame(FrameType::Hello, greetingOf("peer"));
   const std::string bytes = hello + frame(FrameType::Post, "\x92\x01\x02", 1, noteId);
   for (std::size_t at = 0; at < bytes.size(); ++at)
     for (const bool isCut : {true, false}) {
@@ -180,6 +175,34 @@ TEST_F(ConnectionState, EndsOnceWhereverThePeerVanishes) {
       EXPECT_EQ(sum.value().to<int>(), 3);
     else
       EXPECT_THAT(sum.error(), HasSubstr("was lost: cut")) << at;
+  }
+  EXPECT_EQ(runs, 0);
+}
+
+TEST_F(ConnectionState, LosesNoFrameBehindOneThatWasChanged) {
+  const std::string many = std::string(
+                               "\x91\x92\xa2"
+                               "ai\xdc\0\xc8",
+                               9) +
+                           std::string(200, '\x05');
+  const std::string call = frame(FrameType::Call, many, 1, noteId);
+  const std::string next = frame(FrameType::Call, "\x90", 2, 2);
+  MemoryPeer fresh = makePeer(Role::Server);
+  open(fresh);
+  fresh.tell(next);
+  const std::string answer = fresh.hear();
+  for (std::size_t at = 0; at < call.size(); ++at) {
+    if (at >= 8 && at < 12) continue;  // of another size, it is another frame
+    for (const int change : {0x01, 0x80}) {
+      std::string changed = call;
+      changed[at] = static_cast<char>(changed[at] ^ change);
+      MemoryPeer peer = makePeer(Role::Server);
+      open(peer);
+      peer.tell(changed + next);
+      std::string heard = peer.hear();
+      while (!heard.empty() && heard != answer) heard = peer.hear();
+      ASSERT_EQ(heard == answer, peer.connection->isOpen()) << at;
+    }
   }
   EXPECT_EQ(runs, 0);
 }

@@ -31,6 +31,14 @@ inline std::string frameText(wire::FrameHeader header, std::string_view payload)
   return std::string(bytes.data(), bytes.size()) + std::string(payload);
 }
 
+/// A Hello or Welcome.
+inline std::string greetingFrame(wire::FrameType type, const rpc::Greeting& greeting) {
+  wire::FrameHeader header;
+  header.type = type;
+  const std::vector<char> payload = rpc::encodeGreeting(greeting);
+  return frameText(header, {payload.data(), payload.size()});
+}
+
 /// A connection without a network, and the far end of it in the hands of a test.
 class MemoryPeer {
  public:
