@@ -9,8 +9,10 @@
 #include <vector>
 
 #include <gvtype/conversion.h>
+#include <gvtype/metaobjectdescription.h>
 
 #include "law.h"
+#include "src/directory/serviceentry.h"
 #include "src/wire/valuereader.h"
 #include "src/wire/valuewriter.h"
 
@@ -89,6 +91,37 @@ void readAsArguments(std::span<const char> payload) {
   }
 }
 
+/// What another process says of its object. It has nothing that the framework would not describe.
+void readAsDescription(std::span<const char> payload) {
+  gv::MetaObjectDescription description;
+  gv::MetaObject object;
+  try {
+    gv::wire::readValue(payload, AnyReference::from(description), smallLimits());
+    object = gv::makeMetaObject(description);
+  } catch (const std::runtime_error&) {
+    return;
+  }
+  const auto once = gv::describeMetaObject(object);
+  fuzz::require(gv::describeMetaObject(gv::makeMetaObject(once)) == once,
+                "an accepted description describes the same object again");
+}
+
+/// What another process says of the network's services.
+void readAsEntries(std::span<const char> payload) {
+  std::vector<gv::directory::ServiceEntry> entries;
+  try {
+    gv::wire::readValue(payload, AnyReference::from(entries), smallLimits());
+  } catch (const gv::wire::PayloadError&) {
+    return;
+  }
+  for (const auto& entry : entries) {
+    const gv::ServiceInfo info = gv::directory::toInfo(entry);
+    for (const gv::Url& url : info.endpoints()) fuzz::require(url.isValid(), "endpoints are valid");
+    fuzz::require(gv::directory::toInfo(gv::directory::toEntry(info)) == info,
+                  "an entry says the same of a service again");
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -96,12 +129,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       "i", "t", "d", "s", "r", "ab", "a{s(id)}", "(ysv)<P,a,b,c>", "a{vv}", "am(iamv)"};
   if (size == 0) return 0;
   const std::span<const char> payload(reinterpret_cast<const char*>(data + 1), size - 1);
-  const std::size_t choice = data[0] % (signatures.size() + 2);
+  const std::size_t choice = data[0] % (signatures.size() + 4);
   if (choice < signatures.size())
     readAsValue(payload, signatures[choice]);
   else if (choice == signatures.size())
     readAsDynamic(payload);
-  else
+  else if (choice == signatures.size() + 1)
     readAsArguments(payload);
+  else if (choice == signatures.size() + 2)
+    readAsDescription(payload);
+  else
+    readAsEntries(payload);
   return 0;
 }
