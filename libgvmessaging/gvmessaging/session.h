@@ -11,6 +11,8 @@
 
 namespace gv {
 
+struct SessionSettings;
+
 /// A process's place in a network of services: it offers objects under names and finds those of
 /// others. One session of a network listens with a service directory (listenStandalone); the others
 /// connect to it and, to offer services of their own, listen for their peers.
@@ -71,6 +73,9 @@ class GVMESSAGING_API Session {
   Future<Object<Empty>> service(const std::string& name, const std::string& protocol = "");
 
  private:
+  friend struct SessionSettings;
+  explicit Session(const SessionSettings& settings);
+
   class Private;
   std::shared_ptr<Private> p_;
 };

@@ -10,9 +10,6 @@
 #include <optional>
 #include <system_error>
 #include <utility>
-#include <vector>
-
-#include <gv/eventloop.h>
 
 #include "src/net/reactor.h"
 #include "src/net/resolve.h"
@@ -21,63 +18,49 @@
 namespace gv::net {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // A bound so long that adding it to the clock would overflow means no bound.
 constexpr std::chrono::milliseconds longestBound = std::chrono::hours(24 * 365);
 
-// All but begin() and cancel() run in the reactor's thread and use the fields below them only
-// there.
+// All but cancel() run in the reactor's thread and use the fields below them only there.
 class ConnectAttempt final : public Connector, public std::enable_shared_from_this<ConnectAttempt> {
  public:
   ConnectAttempt(const std::string& host, std::uint16_t port, std::chrono::milliseconds bound,
                  ResultHandler onResult, const wire::Limits& limits)
       : target_(hostAndPort(host, port)),
+        endpoint_(numericEndpoint(host, port)),
         limits_(limits),
         bound_(std::min(bound, longestBound)),
-        deadline_(Clock::now() + bound_),
         onResult_(std::move(onResult)),
-        totalTimer_(Reactor::context()),
-        addressTimer_(Reactor::context()) {}
+        timer_(Reactor::context()) {}
 
-  void begin(const std::string& host, std::uint16_t port);
+  void begin();
   void cancel() override;
 
  private:
   void guardTime();
-  void tryAll(std::vector<Endpoint> endpoints, std::error_code error);
-  void tryNext();
+  std::error_code open();
   void onConnected(std::error_code error);
   void fail(const std::string& cause);
   void settle(ConnectResult result);
   bool isSettled() const { return !onResult_; }
 
   const std::string target_;
+  const std::optional<Endpoint> endpoint_;  // empty where the host is none in numbers
   const wire::Limits limits_;
   const std::chrono::milliseconds bound_;
-  const Clock::time_point deadline_;
 
   ResultHandler onResult_;  // empty once it was called
-  asio::steady_timer totalTimer_;
-  asio::steady_timer addressTimer_;
+  asio::steady_timer timer_;
   std::optional<asio::ip::tcp::socket> socket_;
-  std::vector<Endpoint> endpoints_;
-  std::size_t tried_ = 0;  // of endpoints_, the one under way included
-  std::error_code lastError_;
 };
 
-void ConnectAttempt::begin(const std::string& host, std::uint16_t port) {
-  Reactor::post([self = shared_from_this()] { self->guardTime(); });
-  if (const auto endpoint = numericEndpoint(host, port)) {
-    Reactor::post([self = shared_from_this(), endpoint] { self->tryAll({*endpoint}, {}); });
-    return;
-  }
-  getEventLoop()->post([self = shared_from_this(), host, port] {
-    std::error_code error;
-    auto endpoints = resolve(host, port, error);
-    Reactor::post(
-        [self, endpoints = std::move(endpoints), error] { self->tryAll(endpoints, error); });
-  });
+void ConnectAttempt::begin() {
+  if (isSettled()) return;
+  if (!endpoint_) return fail("the host is no address in numbers");
+  if (const std::error_code error = open()) return fail(error.message());
+  guardTime();
+  socket_->async_connect(
+      *endpoint_, [self = shared_from_this()](std::error_code error) { self->onConnected(error); });
 }
 
 void ConnectAttempt::cancel() {
@@ -85,59 +68,32 @@ void ConnectAttempt::cancel() {
 }
 
 void ConnectAttempt::guardTime() {
-  totalTimer_.expires_at(deadline_);
-  totalTimer_.async_wait([self = shared_from_this()](std::error_code error) {
+  timer_.expires_after(bound_);
+  timer_.async_wait([self = shared_from_this()](std::error_code error) {
     if (!error) self->fail("no answer within " + std::to_string(self->bound_.count()) + " ms");
   });
 }
 
-void ConnectAttempt::tryAll(std::vector<Endpoint> endpoints, std::error_code error) {
-  lastError_ = error;
-  endpoints_ = std::move(endpoints);
-  tryNext();
-}
-
-// Each address gets its share of the time that is left, so that a silent first one leaves some to
-// the others.
-void ConnectAttempt::tryNext() {
-  if (isSettled()) return;
-  if (tried_ == endpoints_.size()) return fail(lastError_.message());
-  const auto share = (deadline_ - Clock::now()) / static_cast<int>(endpoints_.size() - tried_);
-  const Endpoint& endpoint = endpoints_[tried_++];
-
+std::error_code ConnectAttempt::open() {
+  std::error_code error;
   socket_.emplace(Reactor::context());
-  const int descriptor = openSocket(endpoint, lastError_);
-  if (descriptor < 0) return tryNext();
-  socket_->assign(endpoint.protocol(), descriptor, lastError_);
-  if (lastError_) {
-    ::close(descriptor);
-    return tryNext();
-  }
-
-  addressTimer_.expires_after(share);
-  addressTimer_.async_wait([self = shared_from_this(), number = tried_](std::error_code error) {
-    if (!error && number == self->tried_) self->onConnected(asio::error::timed_out);
-  });
-  socket_->async_connect(endpoint,
-                         [self = shared_from_this(), number = tried_](std::error_code error) {
-                           if (number == self->tried_) self->onConnected(error);
-                         });
+  const int descriptor = openSocket(*endpoint_, error);
+  if (descriptor < 0) return error;
+  socket_->assign(endpoint_->protocol(), descriptor, error);
+  if (error) ::close(descriptor);
+  return error;
 }
 
 void ConnectAttempt::onConnected(std::error_code error) {
   if (isSettled()) return;
-  addressTimer_.cancel();
-  const Endpoint& peer = endpoints_[tried_ - 1];
   // With nobody listening, a port of the ephemeral range can connect to itself.
   std::error_code ignored;
-  if (!error && socket_->local_endpoint(ignored) == peer) error = asio::error::connection_refused;
-  if (!error) {
-    // Its bytes are no concern of Asio's.
-    const int descriptor = socket_->release(error);
-    if (!error) return settle({std::make_shared<TcpStream>(descriptor, peer, limits_), {}});
-  }
-  lastError_ = error;
-  tryNext();
+  if (!error && socket_->local_endpoint(ignored) == *endpoint_)
+    error = asio::error::connection_refused;
+  if (error) return fail(error.message());
+  const int descriptor = socket_->release(error);  // its bytes are no concern of Asio's
+  if (error) return fail(error.message());
+  settle({std::make_shared<TcpStream>(descriptor, *endpoint_, limits_), {}});
 }
 
 void ConnectAttempt::fail(const std::string& cause) {
@@ -145,8 +101,7 @@ void ConnectAttempt::fail(const std::string& cause) {
 }
 
 void ConnectAttempt::settle(ConnectResult result) {
-  totalTimer_.cancel();
-  addressTimer_.cancel();
+  timer_.cancel();
   socket_.reset();
   const ResultHandler onResult = std::exchange(onResult_, nullptr);
   onResult(std::move(result));
@@ -158,7 +113,7 @@ std::shared_ptr<Connector> Connector::connect(const std::string& host, std::uint
                                               std::chrono::milliseconds bound,
                                               ResultHandler onResult, const wire::Limits& limits) {
   auto attempt = std::make_shared<ConnectAttempt>(host, port, bound, std::move(onResult), limits);
-  attempt->begin(host, port);
+  Reactor::post([attempt] { attempt->begin(); });
   return attempt;
 }
 

@@ -19,14 +19,14 @@ struct ConnectResult {
   std::string error;  ///< Names host, port and cause; empty with a stream.
 };
 
-/// One attempt to connect, from connect() to its result. Dropping the handle does not end it.
+/// One attempt to connect to one address, from connect() to its result. Dropping the handle does
+/// not end it.
 class GVMESSAGING_API Connector {
  public:
   /// Gets the result, exactly once, in the network's thread, never from within connect().
   using ResultHandler = std::function<void(ConnectResult)>;
 
-  /// Resolves @p host and tries its addresses in turn, all within @p bound. Never blocks: names are
-  /// resolved on the event loop.
+  /// Connects to @p host, a numeric address, within @p bound. Never blocks.
   static std::shared_ptr<Connector> connect(const std::string& host, std::uint16_t port,
                                             std::chrono::milliseconds bound, ResultHandler onResult,
                                             const wire::Limits& limits = {});

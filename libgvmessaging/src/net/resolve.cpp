@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 
 #include <gv/blocking.h>
 
@@ -72,6 +73,16 @@ std::vector<Endpoint> resolve(const std::string& host, std::uint16_t port, std::
                         [](const Endpoint& endpoint) { return endpoint.address().is_v4(); });
   if (endpoints.empty()) error = asio::error::host_not_found;
   return endpoints;
+}
+
+std::vector<std::string> addressesOf(const std::string& host) {
+  std::error_code error;
+  std::vector<std::string> addresses;
+  for (const Endpoint& endpoint : resolve(host, 0, error))
+    addresses.push_back(endpoint.address().to_string());
+  if (addresses.empty())
+    throw std::runtime_error("cannot find the address of " + host + ": " + error.message());
+  return addresses;
 }
 
 }  // namespace gv::net

@@ -20,4 +20,7 @@ std::optional<Endpoint> numericEndpoint(const std::string& host, std::uint16_t p
 /// @p error, whose message is the resolver's own.
 std::vector<Endpoint> resolve(const std::string& host, std::uint16_t port, std::error_code& error);
 
+/// The same as numeric addresses. Throws std::runtime_error, naming @p host.
+std::vector<std::string> addressesOf(const std::string& host);
+
 }  // namespace gv::net

@@ -8,15 +8,14 @@
 
 namespace gv::rpc {
 
-struct Greeting;
+class Connection;
 
 /// The call that the calling thread is serving; all zero outside of one. Calls made meanwhile carry
 /// it on as their parent.
 struct CallContext {
-  /// Who calls the service directory, and what it said of itself; 0 and null for this process's own
-  /// session, and while other methods run.
-  std::uint64_t connectionId = 0;
-  const Greeting* peer = nullptr;
+  /// Whose peer calls the service directory; null for this process's own session, and while other
+  /// methods run.
+  const Connection* caller = nullptr;
   std::uint64_t callId = 0;
   std::array<std::uint8_t, 16> traceId{};
 

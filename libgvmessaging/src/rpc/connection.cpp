@@ -375,10 +375,7 @@ void Connection::callMethod(const wire::Frame& frame, const Object<Empty>& objec
   if (!method && header.type == wire::FrameType::Post)
     return replyError(header, "the object has no method with id " + std::to_string(header.member));
   CallContext context{.callId = header.messageId, .traceId = header.traceId};
-  if (isDirectorys(header)) {
-    context.connectionId = id_;
-    context.peer = &peer_;
-  }
+  if (isDirectorys(header)) context.caller = this;
   const CallContextScope scope(context);
   const GenericFunctionParameters arguments =
       method ? readArgumentList(frame.bytes(), object, *method, limits_)

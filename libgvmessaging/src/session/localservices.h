@@ -1,8 +1,10 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <gvmessaging/serviceinfo.h>
@@ -10,30 +12,41 @@
 
 namespace gv {
 
-/// The objects that a session offers. Callable from any thread.
+/// What the sessions of this process offer on one directory: the sessions of a network share it,
+/// so that each finds the services of the others without the network. Callable from any thread.
 class LocalServices {
  public:
-  /// Makes a service callable by its id; findByName and infos do not show it yet.
+  /// The services on the directory of a session, the same object for all who ask while one has it.
+  static std::shared_ptr<LocalServices> on(const std::string& directoryId);
+
+  /// Makes a service callable by its id; findByName and infos do not show it yet. `info` names the
+  /// session that offers it.
   void add(const ServiceInfo& info, const Object<Empty>& object);
   /// Makes it visible. False when it has been removed meanwhile.
   bool show(unsigned id);
-  /// The object that was removed, invalid when there was none.
-  Object<Empty> remove(unsigned id);
-  void clear();
+  /// Removes a service of a session: the object, invalid where it has no such service.
+  Object<Empty> remove(const std::string& sessionId, unsigned id);
+  void removeAll(const std::string& sessionId);
+  /// Where a session listens from now on.
+  void setEndpoints(const std::string& sessionId, std::vector<Url> endpoints);
 
-  Object<Empty> find(unsigned id) const;
+  /// The object of a session's service, shown or not; invalid where there is none.
+  Object<Empty> find(const std::string& sessionId, unsigned id) const;
   Object<Empty> findByName(const std::string& name) const;
+  /// By rising id.
   std::vector<ServiceInfo> infos() const;
 
  private:
   struct Entry {
-    ServiceInfo info;
+    ServiceInfo info;  // but for the endpoints, which are the session's
     Object<Empty> object;
     bool isVisible = false;
   };
 
-  mutable std::mutex mutex_;  // guards entries_
-  std::map<unsigned, Entry> entries_;
+  mutable std::mutex mutex_;  // guards what follows
+  std::unordered_map<unsigned, Entry> entries_;
+  std::unordered_map<std::string, unsigned> byName_;   // the visible ones
+  std::map<std::string, std::vector<Url>> endpoints_;  // by session
 };
 
 }  // namespace gv

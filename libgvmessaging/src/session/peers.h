@@ -12,11 +12,13 @@
 
 #include "src/rpc/acceptor.h"
 #include "src/rpc/connection.h"
+#include "src/session/dialing.h"
 
 namespace gv {
 
 /// A session's connections: one a peer, whoever reached whom. When two sessions reach each other at
-/// the same moment both connections serve, and calls take the one that opened first.
+/// the same moment both connections serve, and new look-ups of both take the same one: that which
+/// the session with the smaller id began.
 class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
  public:
   using ConnectionPointer = std::shared_ptr<rpc::Connection>;
@@ -34,12 +36,13 @@ class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
   /// Accepts peers. Throws std::runtime_error; resolving a name may block.
   std::shared_ptr<rpc::Acceptor> listen(const Url& url);
 
-  /// A connection to whoever answers at a URL, within `bound` for each address; it fails with a
-  /// text that names the URL and the cause.
+  /// A connection to whoever answers at a URL, within `bound` for each of its addresses; it fails
+  /// with a text that names address and cause.
   Future<ConnectionPointer> dial(const Url& url, std::chrono::milliseconds bound);
 
-  /// The connection to the session that offers a service: the open one, or a new one over the first
-  /// of its endpoints that answers.
+  /// The connection to the session that offers a service: the open one, or a new one over that of
+  /// its endpoints where this session answers first. Nobody else's answer counts, and an endpoint
+  /// that was announced is tried for this only.
   Future<ConnectionPointer> reach(const ServiceInfo& info);
 
   /// Ends all connections, also those to come, and fails what is being reached. Settles when the
@@ -47,12 +50,12 @@ class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
   Future<void> close(const std::string& cause);
 
  private:
-  struct Attempt;
-
-  rpc::Connection::Events makeEvents(std::function<void(const ConnectionPointer&)> opened,
-                                     std::function<void(const std::string&)> failed);
-  Future<ConnectionPointer> begin(const std::shared_ptr<Attempt>& attempt);
-  void tryNext(const std::shared_ptr<Attempt>& attempt);
+  rpc::Connection::Events makeEvents(const std::string& expectedSession, Dialing::Opened opened,
+                                     Dialing::Failed failed);
+  std::shared_ptr<Dialing> makeDialing(std::vector<Url> urls, std::chrono::milliseconds bound,
+                                       const std::string& expectedSession);
+  Future<ConnectionPointer> begin(const std::shared_ptr<Dialing>& dialing);
+  bool isKnown(const ConnectionPointer& connection, const ServiceInfo& info) const;
   ConnectionPointer knownLocked(const ServiceInfo& info) const;
   bool adopt(const ConnectionPointer& connection);
   void forget(const ConnectionPointer& connection);
@@ -66,9 +69,9 @@ class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
   std::mutex mutex_;  // guards what follows
   bool isClosed_ = false;
   std::map<std::uint64_t, ConnectionPointer> open_;            // all of them, by their id
-  std::map<std::string, ConnectionPointer> bySession_;         // the one that calls take
+  std::multimap<std::string, ConnectionPointer> bySession_;    // the same, by the peer's session
   std::map<std::string, Future<ConnectionPointer>> reaching_;  // under way, by session
-  std::vector<std::weak_ptr<Attempt>> attempts_;               // all under way
+  std::vector<std::weak_ptr<Dialing>> dialings_;               // all under way
   std::vector<Promise<void>> awaitingEnd_;
 };
 

@@ -4,10 +4,16 @@
 
 namespace gv {
 
-Session::Session() : p_(Private::make()) {}
+Session::Session() : Session(SessionSettings()) {}
+
+Session::Session(const SessionSettings& settings) : p_(Private::make(settings)) {}
 
 Session::~Session() {
   p_->close();
+}
+
+boost::shared_ptr<Session> SessionSettings::makeSession() const {
+  return boost::shared_ptr<Session>(new Session(*this));
 }
 
 Future<void> Session::listenStandalone(const Url& url) {

@@ -2,20 +2,22 @@
 
 #include <atomic>
 #include <stdexcept>
+#include <utility>
 
 #include <gv/eventloop.h>
 #include <gv/log.h>
 #include <gv/os.h>
 
+#include "src/directory/directoryobject.h"
+#include "src/directory/directorytable.h"
 #include "src/net/reactor.h"
 #include "src/rpc/callcontext.h"
 #include "src/rpc/remoteobject.h"
-#include "src/session/neighbourhood.h"
 
 namespace gv {
 namespace {
 
-constexpr std::chrono::seconds connectTime{10};
+constexpr const char* category = "gvmessaging.session";
 
 /// Runs `task`, which may block on a name server, on the event loop.
 Future<void> onEventLoop(std::function<void()> task) {
@@ -26,14 +28,22 @@ Future<void> onEventLoop(std::function<void()> task) {
 
 /// A session on its way to a directory.
 struct Session::Private::Joining {
+  const Url url;
   const Promise<void> promise;
   std::atomic<bool> isSettled{false};  // who sets it settles the promise
   std::shared_ptr<net::Timer> timer;   // constant once joining has begun
-  ConnectionPointer connection;        // of the network's thread
+  std::mutex mutex;                    // guards the connection
+  ConnectionPointer connection;
+
+  explicit Joining(const Url& directory) : url(directory) {}
+  ConnectionPointer reached() {
+    const std::lock_guard lock(mutex);
+    return connection;
+  }
 };
 
-std::shared_ptr<Session::Private> Session::Private::make() {
-  std::shared_ptr<Private> session(new Private);
+std::shared_ptr<Session::Private> Session::Private::make(const SessionSettings& settings) {
+  std::shared_ptr<Private> session(new Private(settings));
   const std::weak_ptr<Private> weak = session;
   session->peers_->setOwner(session, [weak](const ConnectionPointer& connection) {
     if (const auto self = weak.lock()) self->onConnectionClosed(connection);
@@ -41,8 +51,8 @@ std::shared_ptr<Session::Private> Session::Private::make() {
   return session;
 }
 
-Session::Private::Private()
-    : id_(rpc::randomHexId()), peers_([this] {
+Session::Private::Private(const SessionSettings& settings)
+    : settings_(settings), id_(rpc::randomHexId()), peers_([this] {
         rpc::Greeting own;
         own.sessionId = id_;
         own.machineId = os::machineId();
@@ -73,15 +83,17 @@ Future<void> Session::Private::listenStandalone(const Url& url) {
 }
 
 void Session::Private::makeDirectory() {
-  const ServiceInfo info(directory::directoryName, directory::directoryServiceId, os::machineId(),
-                         os::processId(), id_, {});
-  auto own = directory::ServiceDirectory::make(info);
-  const Object<Empty> object = own->object();
+  const directory::Registrant self{0, os::machineId(), os::processId(), id_, ""};
+  const auto own = std::make_shared<directory::DirectoryTable>(self);
+  const Object<Empty> object = directory::makeDirectoryObject(own, self);
+  own->watch([weak = weak_from_this()](const directory::Notice& notice) {
+    const auto session = weak.lock();
+    if (session && !notice.isAdded) session->onServiceRemoved(notice.serviceId, notice.name);
+  });
   const std::lock_guard lock(mutex_);
   if (state_ != State::Joining) throw std::runtime_error("the session was closed");
-  ownDirectory_ = std::move(own);
+  ownDirectory_ = own;
   directory_ = object;
-  directoryId_ = id_;
 }
 
 void Session::Private::openDirectory(const Url& url) {
@@ -89,10 +101,15 @@ void Session::Private::openDirectory(const Url& url) {
     const std::lock_guard lock(mutex_);
     if (state_ != State::Joining) throw std::runtime_error("the session was closed");
     url_ = url;
+    setLocalServicesLocked(id_);
     state_ = State::Joined;
   }
-  Neighbourhood<Private>::instance().join(weak_from_this());
   announceEndpoints();
+}
+
+void Session::Private::setLocalServicesLocked(const std::string& directoryId) {
+  local_ = LocalServices::on(directoryId);
+  offered_ = local_.get();
 }
 
 Future<void> Session::Private::connect(const std::string& text) {
@@ -105,42 +122,69 @@ Future<void> Session::Private::connect(const std::string& text) {
   } catch (const std::exception& error) {
     return makeFailedFuture<void>(error.what());
   }
-  const auto joining = std::make_shared<Joining>();
+  const auto joining = std::make_shared<Joining>(url);
   const auto self = shared_from_this();
-  joining->timer = net::Timer::start(connectTime, [self, joining, text] {
-    self->failJoining(joining, "the service directory at " + text + " did not answer within " +
-                                   std::to_string(connectTime.count()) + " s");
+  const auto bound = settings_.connectTime;
+  joining->timer = net::Timer::start(bound, [self, joining, bound] {
+    self->failJoining(joining, "the service directory at " + joining->url.str() +
+                                   " did not answer within " + std::to_string(bound.count()) +
+                                   " ms");
   });
-  peers_->dial(url, connectTime)
+  peers_->dial(url, bound)
       .connect(
-          [self, url, joining](const Future<ConnectionPointer>& dialed) {
+          [self, joining](const Future<ConnectionPointer>& dialed) {
             if (!dialed.hasValue(0)) return self->failJoining(joining, dialed.error(0));
-            self->join(joining, url, dialed.value(0));
+            self->join(joining, dialed.value(0));
           },
           FutureCallbackType::Sync);
   return joining->promise.future();
 }
 
-void Session::Private::join(const std::shared_ptr<Joining>& joining, const Url& url,
+void Session::Private::join(const std::shared_ptr<Joining>& joining,
                             const ConnectionPointer& connection) {
-  joining->connection = connection;
+  {
+    const std::lock_guard lock(joining->mutex);
+    joining->connection = connection;
+  }
+  // Asked after it was set: whoever settles later finds the connection.
   if (joining->isSettled) return connection->close("joined too late");
   rpc::RemoteObject::make(connection, directory::directoryServiceId)
       .connect(
-          [self = shared_from_this(), joining, url,
-           connection](const Future<Object<Empty>>& found) {
+          [self = shared_from_this(), joining](const Future<Object<Empty>>& found) {
             if (!found.hasValue(0)) return self->failJoining(joining, found.error(0));
-            if (joining->isSettled.exchange(true)) return;
-            joining->timer->cancel();
-            if (!self->useDirectory(url, connection, found.value(0))) {
-              connection->close("the session was closed");
-              return joining->promise.setError("the session was closed, or its connection");
-            }
-            Neighbourhood<Private>::instance().join(self->weak_from_this());
-            self->announceEndpoints();
-            joining->promise.setValue();
+            self->watchDirectory(joining, found.value(0));
           },
           FutureCallbackType::Sync);
+}
+
+/// Before the first look-up, so that no removal of what is found later goes unnoticed.
+void Session::Private::watchDirectory(const std::shared_ptr<Joining>& joining,
+                                      const Object<Empty>& directory) {
+  const auto removed = [weak = weak_from_this()](unsigned id, const std::string& name) {
+    if (const auto session = weak.lock()) session->onServiceRemoved(id, name);
+  };
+  directory.connect("serviceRemoved", removed)
+      .connect(
+          [self = shared_from_this(), joining, directory](const Future<SignalLink>& watching) {
+            if (!watching.hasValue(0))
+              GV_LOG(log::Level::Verbose, category, "connect",
+                     "removed services are noticed by calls only: " + watching.error(0));
+            self->finishJoining(joining, directory);
+          },
+          FutureCallbackType::Sync);
+}
+
+void Session::Private::finishJoining(const std::shared_ptr<Joining>& joining,
+                                     const Object<Empty>& directory) {
+  if (joining->isSettled.exchange(true)) return;
+  joining->timer->cancel();
+  const ConnectionPointer connection = joining->reached();
+  if (!useDirectory(joining->url, connection, directory)) {
+    connection->close("the session was closed");
+    return joining->promise.setError("the session was closed, or its connection");
+  }
+  announceEndpoints();
+  joining->promise.setValue();
 }
 
 bool Session::Private::useDirectory(const Url& url, const ConnectionPointer& connection,
@@ -153,20 +197,19 @@ bool Session::Private::useDirectory(const Url& url, const ConnectionPointer& con
     return false;
   }
   directory_ = directory;
-  directoryId_ = connection->peer().sessionId;
   directoryConnection_ = connection->id();
+  setLocalServicesLocked(connection->peer().sessionId);
   url_ = url;
   state_ = State::Joined;
   return true;
 }
 
-/// In the network's thread, or, while nobody has been reached, in the one that closes the session.
 void Session::Private::failJoining(const std::shared_ptr<Joining>& joining,
                                    const std::string& text) {
   if (joining->isSettled.exchange(true)) return;
   joining->timer->cancel();
   leaveJoining();
-  if (joining->connection) joining->connection->close(text);
+  if (const ConnectionPointer reached = joining->reached()) reached->close(text);
   joining->promise.setError(text);
 }
 
@@ -209,26 +252,34 @@ std::shared_ptr<rpc::Acceptor> Session::Private::acceptOn(const Url& url) {
 }
 
 void Session::Private::announceEndpoints() {
-  std::vector<std::string> texts;
-  for (const Url& url : endpoints()) texts.push_back(url.str());
-  if (!isConnected() || texts.empty()) return;
-  askDirectory<void>("announceEndpoints", texts)
-      .connect(
-          [](const Future<void>& told) {
-            if (told.hasError(0))
-              GV_LOG(log::Level::Warning, "gvmessaging.session", "announceEndpoints",
-                     "peers cannot find this session: " + told.error(0));
-          },
-          FutureCallbackType::Sync);
+  Future<void> told;
+  {
+    const std::lock_guard lock(announcing_);
+    const std::vector<Url> urls = endpoints();
+    const auto local = localServices();
+    if (!isConnected() || !local || urls.empty()) return;
+    local->setEndpoints(id_, urls);
+    std::vector<std::string> texts;
+    for (const Url& url : urls) texts.push_back(url.str());
+    told = askDirectory<void>("announceEndpoints", texts);
+  }
+  told.connect(
+      [](const Future<void>& ended) {
+        if (ended.hasError(0))
+          GV_LOG(log::Level::Warning, category, "announceEndpoints",
+                 "peers cannot find this session: " + ended.error(0));
+      },
+      FutureCallbackType::Sync);
 }
 
 // ---- The end
 
 Future<void> Session::Private::close() {
   std::vector<std::shared_ptr<rpc::Acceptor>> acceptors;
-  std::map<std::string, Remote> remotes;
+  std::unordered_map<std::string, Remote> remotes;
   Object<Empty> directory;
-  std::shared_ptr<directory::ServiceDirectory> ownDirectory;
+  std::shared_ptr<directory::Directory> ownDirectory;
+  std::shared_ptr<LocalServices> local;
   {
     const std::lock_guard lock(mutex_);
     state_ = State::Closed;
@@ -236,25 +287,23 @@ Future<void> Session::Private::close() {
     remotes.swap(remotes_);
     std::swap(directory, directory_);
     ownDirectory.swap(ownDirectory_);
+    local = local_;
   }
   for (const auto& acceptor : acceptors) acceptor->close();
-  local_.clear();
+  if (local) local->removeAll(id_);
   return peers_->close("the session was closed");
 }
 
 void Session::Private::onConnectionClosed(const ConnectionPointer& connection) {
   std::vector<Object<Empty>> gone;  // dies after the unlock
-  std::shared_ptr<directory::ServiceDirectory> ownDirectory;
+  std::shared_ptr<directory::Directory> ownDirectory;
   {
     const std::lock_guard lock(mutex_);
     ownDirectory = ownDirectory_;
-    for (auto remote = remotes_.begin(); remote != remotes_.end();) {
-      if (remote->second.connectionId == connection->id()) {
-        gone.push_back(remote->second.object);
-        remote = remotes_.erase(remote);
-      } else {
-        ++remote;
-      }
+    for (auto& [name, remote] : remotes_) {
+      if (remote.connectionId != connection->id()) continue;
+      gone.push_back(std::exchange(remote.object, {}));
+      remote.connectionId = 0;
     }
     if (connection->id() == directoryConnection_ && state_ == State::Joined) {
       state_ = State::Orphaned;
@@ -263,6 +312,15 @@ void Session::Private::onConnectionClosed(const ConnectionPointer& connection) {
     }
   }
   if (ownDirectory) ownDirectory->connectionLost(connection->id());
+}
+
+void Session::Private::onServiceRemoved(unsigned serviceId, const std::string& name) {
+  Remote gone;  // dies after the unlock
+  const std::lock_guard lock(mutex_);
+  const auto found = remotes_.find(name);
+  if (found == remotes_.end() || found->second.serviceId != serviceId) return;
+  gone = std::move(found->second);
+  remotes_.erase(found);
 }
 
 // ---- What a session says of itself

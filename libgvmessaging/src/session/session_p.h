@@ -1,16 +1,19 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <gvmessaging/session.h>
 
-#include "src/directory/servicedirectory.h"
+#include "src/directory/directory.h"
 #include "src/session/localservices.h"
 #include "src/session/peers.h"
+#include "src/session/sessionsettings.h"
 
 namespace gv {
 
@@ -22,7 +25,7 @@ namespace gv {
 class Session::Private final : public rpc::ServiceHost,
                                public std::enable_shared_from_this<Session::Private> {
  public:
-  static std::shared_ptr<Private> make();
+  static std::shared_ptr<Private> make(const SessionSettings& settings);
   ~Private() override;
 
   Future<void> listenStandalone(const Url& url);
@@ -44,20 +47,22 @@ class Session::Private final : public rpc::ServiceHost,
   using ConnectionPointer = Peers::ConnectionPointer;
   struct Joining;
 
-  Private();
+  explicit Private(const SessionSettings& settings);
 
   void beginJoining();
   void leaveJoining();
   void makeDirectory();
   void openDirectory(const Url& url);
-  void join(const std::shared_ptr<Joining>& joining, const Url& url,
-            const ConnectionPointer& connection);
+  void join(const std::shared_ptr<Joining>& joining, const ConnectionPointer& connection);
+  void watchDirectory(const std::shared_ptr<Joining>& joining, const Object<Empty>& directory);
+  void finishJoining(const std::shared_ptr<Joining>& joining, const Object<Empty>& directory);
   bool useDirectory(const Url& url, const ConnectionPointer& connection,
                     const Object<Empty>& directory);
   void failJoining(const std::shared_ptr<Joining>& joining, const std::string& text);
   std::shared_ptr<rpc::Acceptor> acceptOn(const Url& url);
   void announceEndpoints();
   void onConnectionClosed(const ConnectionPointer& connection);
+  void onServiceRemoved(unsigned serviceId, const std::string& name);
 
   Object<Empty> directory() const;
   Future<AnyReference> callDirectory(const std::string& method,
@@ -75,34 +80,42 @@ class Session::Private final : public rpc::ServiceHost,
   Future<unsigned> publish(unsigned id, const ServiceInfo& info, const Object<Empty>& object);
   Future<Object<Empty>> remoteService(const ServiceInfo& info);
   void forgetRemote(const std::string& name);
-  Object<Empty> cachedRemote(const ServiceInfo& info);
+  Object<Empty> expectRemote(const ServiceInfo& info);
   Object<Empty> cacheRemote(const ServiceInfo& info, const ConnectionPointer& connection,
                             const Object<Empty>& object);
 
-  /// The sessions of this process that use the same directory, this one included.
-  std::vector<std::shared_ptr<Private>> neighbours() const;
-  std::vector<ServiceInfo> localInfos() const;
-  Object<Empty> findLocal(const std::string& name) const;
+  /// Those of this process on the same directory; null without one.
+  std::shared_ptr<LocalServices> localServices() const;
+  void setLocalServicesLocked(const std::string& directoryId);
 
+  const SessionSettings settings_;
   const std::string id_;
   const std::shared_ptr<Peers> peers_;
-  LocalServices local_;
 
+  /// Held while endpoints are announced, so that the last to be announced are the latest. Before
+  /// mutex_.
+  std::mutex announcing_;
+
+  /// What this session has looked up. Without an object it is being reached: its removal meanwhile
+  /// must not be missed.
   struct Remote {
-    unsigned serviceId;
-    std::uint64_t connectionId;
+    unsigned serviceId = 0;
+    std::uint64_t connectionId = 0;
     Object<Empty> object;
   };
 
   mutable std::mutex mutex_;  // guards what follows
   State state_ = State::Idle;
   Url url_;
-  std::string directoryId_;  // the session that has the directory
   Object<Empty> directory_;
   std::uint64_t directoryConnection_ = 0;
-  std::shared_ptr<directory::ServiceDirectory> ownDirectory_;  // of a master
+  std::shared_ptr<directory::Directory> ownDirectory_;  // of a master
+  std::shared_ptr<LocalServices> local_;                // from joining on
   std::vector<std::shared_ptr<rpc::Acceptor>> acceptors_;
-  std::map<std::string, Remote> remotes_;  // by name
+  std::unordered_map<std::string, Remote> remotes_;  // by name
+
+  /// The same as local_, for the path of a call, which takes no lock for it.
+  std::atomic<const LocalServices*> offered_{nullptr};
 };
 
 }  // namespace gv

@@ -1,17 +1,48 @@
 // The part of a session that offers and finds services.
 
 #include <algorithm>
+#include <atomic>
 #include <stdexcept>
+#include <unordered_set>
 
 #include <gv/os.h>
 
+#include "src/directory/serviceentry.h"
+#include "src/net/timer.h"
 #include "src/rpc/callcontext.h"
 #include "src/rpc/releasedelsewhere.h"
 #include "src/rpc/remoteobject.h"
-#include "src/session/neighbourhood.h"
 #include "src/session/session_p.h"
 
 namespace gv {
+namespace {
+
+/// The end of `asked`, or a failure with `text` when `bound` is over before.
+Future<void> within(std::chrono::milliseconds bound, const Future<void>& asked,
+                    const std::string& text) {
+  struct Wait {
+    const Promise<void> promise{FutureCallbackType::Async};
+    std::atomic<bool> isSettled{false};  // who sets it settles the promise
+    std::shared_ptr<net::Timer> timer;   // constant once `asked` is waited for
+  };
+  const auto wait = std::make_shared<Wait>();
+  wait->timer = net::Timer::start(bound, [wait, text] {
+    if (!wait->isSettled.exchange(true)) wait->promise.setError(text);
+  });
+  asked.connect(
+      [wait](const Future<void>& ended) {
+        if (wait->isSettled.exchange(true)) return;
+        wait->timer->cancel();
+        if (ended.hasValue(0))
+          wait->promise.setValue();
+        else
+          wait->promise.setError(ended.error(0), ended.errorState(0));
+      },
+      FutureCallbackType::Sync);
+  return wait->promise.future();
+}
+
+}  // namespace
 
 Object<Empty> Session::Private::directory() const {
   const std::lock_guard lock(mutex_);
@@ -26,8 +57,7 @@ Future<AnyReference> Session::Private::callDirectory(const std::string& method,
                                           FutureException::State::NotSent);
   // Asked in this session's own name, also from within a call that a peer made.
   rpc::CallContext context = rpc::CallContext::current();
-  context.connectionId = 0;
-  context.peer = nullptr;
+  context.caller = nullptr;
   const rpc::CallContextScope scope(context);
   return asked.metaCall(method, arguments);
 }
@@ -44,85 +74,64 @@ Future<unsigned> Session::Private::registerService(const std::string& name,
 
 Future<unsigned> Session::Private::publish(unsigned id, const ServiceInfo& info,
                                            const Object<Empty>& object) {
+  const auto local = localServices();
+  if (!local) throw std::runtime_error("the session was closed");
   // Callable first, visible then: whoever sees the service can call it.
-  local_.add(ServiceInfo(info.name(), id, info.machineId(), info.processId(), info.sessionId(), {}),
+  local->add(ServiceInfo(info.name(), id, info.machineId(), info.processId(), info.sessionId(), {}),
              object);
   return askDirectory<void>("serviceReady", id)
       .then(
-          [self = shared_from_this(), id](Future<void> ready) {
-            if (ready.hasError()) rpc::releasedElsewhere(self->local_.remove(id));
+          [self = shared_from_this(), local, id](Future<void> ready) {
+            if (ready.hasError()) rpc::releasedElsewhere(local->remove(self->id_, id));
             ready.value();
-            if (!self->local_.show(id)) throw std::runtime_error("the session was closed");
+            if (!local->show(id)) throw std::runtime_error("the session was closed");
             return id;
           },
           FutureCallbackType::Sync);
 }
 
 Future<void> Session::Private::unregisterService(unsigned serviceId) {
-  if (!local_.remove(serviceId))
+  const auto local = localServices();
+  if (!local || !local->remove(id_, serviceId))
     return makeFailedFuture<void>("this session has no service with id " +
                                   std::to_string(serviceId));
-  return askDirectory<void>("unregisterService", serviceId);
+  return within(settings_.withdrawTime, askDirectory<void>("unregisterService", serviceId),
+                "the service directory did not answer within " +
+                    std::to_string(settings_.withdrawTime.count()) + " ms: service " +
+                    std::to_string(serviceId) + " takes no more calls, but may still be listed");
 }
 
 Object<Empty> Session::Private::findService(unsigned id) const {
-  if (id != directory::directoryServiceId) return local_.find(id);
+  if (id != directory::directoryServiceId) {
+    const LocalServices* offered = offered_;
+    return offered ? offered->find(id_, id) : Object<Empty>();
+  }
   const std::lock_guard lock(mutex_);
   return ownDirectory_ ? directory_ : Object<Empty>();
 }
 
 // ---- Looking services up
 
-std::vector<std::shared_ptr<Session::Private>> Session::Private::neighbours() const {
-  std::string wanted;
-  {
-    const std::lock_guard lock(mutex_);
-    if (state_ == State::Joined || state_ == State::Orphaned) wanted = directoryId_;
-  }
-  std::vector<std::shared_ptr<Private>> found;
-  if (wanted.empty()) return found;
-  for (auto& session : Neighbourhood<Private>::instance().members()) {
-    const std::lock_guard lock(session->mutex_);
-    if (session->state_ != State::Closed && session->directoryId_ == wanted)
-      found.push_back(session);
-  }
-  return found;
-}
-
-std::vector<ServiceInfo> Session::Private::localInfos() const {
-  std::vector<ServiceInfo> list;
-  for (const auto& session : neighbours())
-    for (const ServiceInfo& info : session->local_.infos())
-      list.emplace_back(info.name(), info.serviceId(), info.machineId(), info.processId(),
-                        info.sessionId(), session->endpoints());
-  std::sort(list.begin(), list.end(), [](const ServiceInfo& a, const ServiceInfo& b) {
-    return a.serviceId() < b.serviceId();
-  });
-  return list;
-}
-
-Object<Empty> Session::Private::findLocal(const std::string& name) const {
-  for (const auto& session : neighbours())
-    if (Object<Empty> object = session->local_.findByName(name)) return object;
-  return {};
+std::shared_ptr<LocalServices> Session::Private::localServices() const {
+  const std::lock_guard lock(mutex_);
+  return state_ == State::Joined || state_ == State::Orphaned ? local_ : nullptr;
 }
 
 Future<std::vector<ServiceInfo>> Session::Private::services(ServiceLocality locality) {
   using Infos = std::vector<ServiceInfo>;
-  if (locality == ServiceLocality::Local) return makeReadyFuture(localInfos());
-  Infos toLeaveOut = locality == ServiceLocality::Remote ? localInfos() : Infos();
-  return askDirectory<std::vector<directory::ServiceEntry>>("services")
+  using Entries = std::vector<directory::ServiceEntry>;
+  const auto local = localServices();
+  Infos here = local && locality != ServiceLocality::All ? local->infos() : Infos();
+  if (locality == ServiceLocality::Local) return makeReadyFuture(std::move(here));
+  return askDirectory<Entries>("services")
       .then(
-          [toLeaveOut](Future<std::vector<directory::ServiceEntry>> answer) {
+          [here](Future<Entries> answer) {
+            std::unordered_set<unsigned> toLeaveOut;
+            for (const ServiceInfo& info : here) toLeaveOut.insert(info.serviceId());
             Infos list;
-            for (const auto& entry : answer.value()) {
-              ServiceInfo info = directory::toInfo(entry);
-              const auto isSame = [&info](const ServiceInfo& other) {
-                return other.serviceId() == info.serviceId();
-              };
-              if (std::none_of(toLeaveOut.begin(), toLeaveOut.end(), isSame))
-                list.push_back(std::move(info));
-            }
+            for (const auto& entry : answer.value())
+              if (!toLeaveOut.contains(std::get<1>(entry)))
+                list.push_back(directory::toInfo(entry));
             return list;
           },
           FutureCallbackType::Sync);
@@ -133,7 +142,8 @@ Future<Object<Empty>> Session::Private::service(const std::string& name,
   if (protocol != "" && protocol != "local")
     return makeFailedFuture<Object<Empty>>("unknown protocol '" + protocol + "' for service '" +
                                            name + "'");
-  if (const Object<Empty> local = findLocal(name)) return makeReadyFuture(local);
+  if (const auto services = localServices())
+    if (const Object<Empty> local = services->findByName(name)) return makeReadyFuture(local);
   if (protocol == "local")
     return makeFailedFuture<Object<Empty>>("there is no service '" + name + "' in this process");
   if (name == directory::directoryName)
@@ -148,7 +158,11 @@ Future<Object<Empty>> Session::Private::service(const std::string& name,
 }
 
 Future<Object<Empty>> Session::Private::remoteService(const ServiceInfo& info) {
-  if (const Object<Empty> known = cachedRemote(info)) return makeReadyFuture(known);
+  // The directory shows a service just before this process does.
+  if (const auto services = localServices())
+    if (const Object<Empty> local = services->find(info.sessionId(), info.serviceId()))
+      return makeReadyFuture(local);
+  if (const Object<Empty> known = expectRemote(info)) return makeReadyFuture(known);
   return peers_->reach(info).then(
       [self = shared_from_this(), info](Future<ConnectionPointer> reached) {
         const ConnectionPointer connection = reached.value();
@@ -163,32 +177,36 @@ Future<Object<Empty>> Session::Private::remoteService(const ServiceInfo& info) {
 }
 
 void Session::Private::forgetRemote(const std::string& name) {
-  std::map<std::string, Remote>::node_type forgotten;  // dies after the unlock
+  decltype(remotes_)::node_type forgotten;  // dies after the unlock
   const std::lock_guard lock(mutex_);
   forgotten = remotes_.extract(name);
 }
 
-Object<Empty> Session::Private::cachedRemote(const ServiceInfo& info) {
+Object<Empty> Session::Private::expectRemote(const ServiceInfo& info) {
+  Remote replaced;  // dies after the unlock
   const std::lock_guard lock(mutex_);
-  const auto found = remotes_.find(info.name());
-  if (found == remotes_.end() || found->second.serviceId != info.serviceId()) return {};
-  return found->second.object;
+  Remote& kept = remotes_[info.name()];
+  if (kept.serviceId < info.serviceId()) {
+    replaced = std::move(kept);
+    kept = {info.serviceId(), 0, {}};
+  }
+  return kept.serviceId == info.serviceId() ? kept.object : Object<Empty>();
 }
 
 Object<Empty> Session::Private::cacheRemote(const ServiceInfo& info,
                                             const ConnectionPointer& connection,
                                             const Object<Empty>& object) {
-  Remote replaced;  // dies after the unlock
   const std::lock_guard lock(mutex_);
   // Asked under the lock: if it ends later, onConnectionClosed removes what is kept here.
   if (!connection->isOpen() || state_ == State::Closed)
     throw std::runtime_error("the connection to service '" + info.name() + "' was lost");
-  Remote& kept = remotes_[info.name()];
+  const auto expected = remotes_.find(info.name());
+  if (expected == remotes_.end() || expected->second.serviceId != info.serviceId())
+    throw std::runtime_error("service '" + info.name() + "' was removed while it was looked up");
   // Two look-ups at once made two objects: all callers get the first.
-  if (kept.object && kept.serviceId == info.serviceId()) return kept.object;
-  replaced = kept;
-  kept = {info.serviceId(), connection->id(), object};
-  return object;
+  Remote& kept = expected->second;
+  if (!kept.object) kept = {info.serviceId(), connection->id(), object};
+  return kept.object;
 }
 
 }  // namespace gv
