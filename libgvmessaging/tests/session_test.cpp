@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <boost/make_shared.hpp>
 #include <chrono>
 #include <filesystem>
@@ -13,13 +14,15 @@
 
 #include <gvtype/dynamicobjectbuilder.h>
 
+#include "foreignsession.h"
 #include "rawpeer.h"
-#include "src/session/peers.h"
+#include "src/session/sessionsettings.h"
 #include "support/watchdog.h"
 
 namespace gv {
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -111,6 +114,102 @@ TEST_F(SessionTest, WithdrawsWhatALostSessionOffered) {
   EXPECT_GT(other->registerService("Counter", makeObject()).value(guardMs), 2u);
 }
 
+TEST_F(SessionTest, DropsARemoteObjectWhenItsServiceHasGone) {
+  ForeignSession foreign("foreign");
+  foreign.join(master->url());
+  const unsigned first = foreign.offer("Far", makeObject());
+  WeakObject<Empty> object = master->service("Far").value(guardMs);
+  EXPECT_EQ(object.lock().call<int>("one"), 1);
+  foreign.directory.call<void>("unregisterService", first);
+  while (object.lock()) std::this_thread::yield();
+  EXPECT_TRUE(master->service("Far").hasError(guardMs));
+
+  EXPECT_GT(foreign.offer("Far", makeObject()), first);
+  object = master->service("Far").value(guardMs);
+  foreign.connection->close("lost");
+  while (object.lock()) std::this_thread::yield();
+  EXPECT_THAT(namesOf(master->services().value(guardMs)), ElementsAre("ServiceDirectory"));
+}
+
+TEST_F(SessionTest, FindsAServiceFromTheNoticeOfItsAdditionOn) {
+  const Object<Empty> directory = master->service("ServiceDirectory").value(guardMs);
+  for (int round = 0; round < 300; ++round) {
+    // As one waits for a service: watch, look, and only then wait.
+    const std::string awaited = "Awaited " + std::to_string(round);
+    const Promise<void> added;
+    const auto watch = [&](unsigned, const std::string& name) {
+      if (name == awaited) added.setValue();
+    };
+    const SignalLink link = directory.connect("serviceAdded", watch).value(guardMs);
+    const auto registered = client->registerService(awaited, makeObject());
+    if (master->service(awaited).hasError(guardMs)) {
+      added.future().value(guardMs);
+      EXPECT_EQ(master->service(awaited).value(guardMs).call<int>("one"), 1);
+    }
+    client->unregisterService(registered.value(guardMs)).value(guardMs);
+    directory.disconnect(link).value(guardMs);
+  }
+}
+
+/// How a session may be closed from inside what it runs itself.
+TEST_F(SessionTest, MayBeClosedInItsOwnMethodsAndCallbacks) {
+  DynamicObjectBuilder builder;
+  builder.advertiseMethod("close", [this] { client->close(); });
+  const Promise<void> never;
+  builder.advertiseMethod("wait", [never] { return never.future(); });
+  client->registerService("Closing", builder.object()).value(guardMs);
+  ForeignSession foreign("foreign");
+  foreign.join(master->url());
+  const ServiceInfo info = master->services().value(guardMs)[1];
+  const auto object =
+      rpc::RemoteObject::make(foreign.peers->reach(info).value(guardMs), info.serviceId())
+          .value(guardMs);
+  const Future<void> pending = object.async<void>("wait");
+  object.async<void>("close").wait(guardMs);
+  EXPECT_EQ(pending.errorState(guardMs), FutureException::State::ConnectionLost);
+  EXPECT_EQ(client->close().wait(guardMs), FutureState::FinishedWithValue);
+
+  const Promise<void> closed;
+  master->services().connect(
+      [&](const auto&) {
+        master->close().wait(guardMs);
+        closed.setValue();
+      },
+      FutureCallbackType::Async);
+  closed.future().value(guardMs);
+  EXPECT_FALSE(master->isConnected());
+}
+
+TEST_F(SessionTest, StartsNoBodyOnceItsServiceIsUnregistered) {
+  std::atomic<bool> isWithdrawn{false};
+  std::atomic<int> late{0}, early{0};
+  DynamicObjectBuilder builder;
+  builder.setThreadingModel(ObjectThreadingModel::SingleThread);
+  builder.advertiseMethod("run", [&] { ++(isWithdrawn ? late : early); });
+  const Promise<void> began, goOn;
+  builder.advertiseMethod("block", [began, goOn] {
+    began.setValue();
+    goOn.future().wait(guardMs);
+  });
+  const unsigned id = client->registerService("Gone", builder.object()).value(guardMs);
+  ForeignSession foreign("foreign");
+  foreign.join(master->url());
+  const ServiceInfo info = master->services().value(guardMs)[1];
+  const auto object =
+      rpc::RemoteObject::make(foreign.peers->reach(info).value(guardMs), id).value(guardMs);
+  std::vector<Future<void>> calls;
+  calls.push_back(object.async<void>("block"));
+  began.future().value(guardMs);
+  for (int i = 0; i < 20; ++i) calls.push_back(object.async<void>("run"));
+  client->unregisterService(id).value(guardMs);
+  isWithdrawn = true;
+  goOn.setValue();
+  EXPECT_EQ(calls[0].wait(guardMs), FutureState::FinishedWithValue) << "it was running";
+  for (std::size_t i = 1; i < calls.size(); ++i)
+    EXPECT_THAT(calls[i].error(guardMs), HasSubstr("no service with id " + std::to_string(id)));
+  EXPECT_EQ(late + early, 0);
+}
+
 TEST_F(SessionTest, KnowsWhetherItIsConnected) {
   EXPECT_TRUE(master->isConnected());
   EXPECT_TRUE(client->isConnected());
@@ -170,38 +269,17 @@ TEST(Sessions, FreeTheirPortAndTheirObjectsWhenTheyClose) {
   EXPECT_FALSE(weak.lock());
 }
 
-/// A peer that is no master: it answers every call that there is no such service.
-class PeerWithoutServices {
- public:
-  PeerWithoutServices() {
-    rpc::Greeting own;
-    own.sessionId = "silent";
-    peers_ = std::make_shared<Peers>(own, wire::Limits());
-    peers_->setOwner({}, [](const auto&) {});
-    acceptor_ = peers_->listen("tcp://127.0.0.1:0");
-  }
-  ~PeerWithoutServices() {
-    acceptor_->close();
-    peers_->close("the test has ended").wait(guardMs);
-  }
-  std::string url() const { return Url::tcp("127.0.0.1", acceptor_->boundPort()).str(); }
-
- private:
-  std::shared_ptr<Peers> peers_;
-  std::shared_ptr<rpc::Acceptor> acceptor_;
-};
-
 std::ptrdiff_t openDescriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 TEST(Sessions, LeaveNothingOpenWhenTheyCannotJoin) {
-  const PeerWithoutServices noMaster;
+  const ForeignSession noMaster("no master");
   const auto session = boost::make_shared<Session>();
-  session->connect(noMaster.url()).wait(guardMs);
+  session->connect(noMaster.url().str()).wait(guardMs);
   const std::ptrdiff_t before = openDescriptors();
   for (int round = 0; round < 30; ++round)
-    EXPECT_THAT(session->connect(noMaster.url()).error(guardMs), HasSubstr("id 1"));
+    EXPECT_THAT(session->connect(noMaster.url().str()).error(guardMs), HasSubstr("id 1"));
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (openDescriptors() > before + 4 && std::chrono::steady_clock::now() < deadline)
     std::this_thread::yield();
@@ -239,6 +317,65 @@ TEST(Sessions, MayBeDroppedWhileTheyConnect) {
     client.reset();
     EXPECT_NE(joining.wait(guardMs), FutureState::Running);
   }
+}
+
+TEST(Sessions, FindNothingOfAMasterThatWasRestarted) {
+  const auto former = boost::make_shared<Session>();
+  former->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
+  const Url url = former->url();
+  ForeignSession foreign("foreign");
+  foreign.join(url);
+  foreign.offer("Old", makeObject());
+  former->close().value(guardMs);
+
+  const auto master = boost::make_shared<Session>();
+  master->listenStandalone(url).value(guardMs);
+  EXPECT_THROW(foreign.directory.call<void>("services"), FutureException);
+  ForeignSession anew("anew");
+  anew.join(url);
+  anew.offer("New", makeObject());
+  EXPECT_THAT(namesOf(master->services().value(guardMs)), ElementsAre("ServiceDirectory", "New"));
+  EXPECT_EQ(master->service("New").value(guardMs).call<int>("one"), 1);
+}
+
+TEST(Sessions, GiveUpOnADirectoryThatDoesNotAnswer) {
+  SessionSettings settings;
+  settings.connectTime = std::chrono::milliseconds(200);
+  const auto session = settings.makeSession();
+  const RawListener deaf;
+  const Future<void> joining = session->connect(deaf.url());
+  session->listen("tcp://127.0.0.1:0").value(guardMs);
+  EXPECT_TRUE(joining.isRunning());
+  EXPECT_EQ(session->endpoints().size(), 1u) << "while the session is still connecting";
+  EXPECT_THAT(joining.error(guardMs), AllOf(HasSubstr(deaf.url()), HasSubstr("within 200 ms")));
+
+  const auto master = boost::make_shared<Session>();
+  master->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
+  session->connect(master->url().str()).value(guardMs);
+  session->registerService("Counter", makeObject()).value(guardMs);
+  EXPECT_EQ(master->services().value(guardMs)[1].endpoints(), session->endpoints());
+}
+
+TEST(Sessions, WithdrawAndCloseThoughTheirDirectoryHasStopped) {
+  DynamicObjectBuilder builder;  // a directory that stops after a registration
+  const Promise<void> never;
+  builder.advertiseMethod("registerService", [](const directory::ServiceEntry&) { return 7u; });
+  builder.advertiseMethod("serviceReady", [](unsigned) {});
+  builder.advertiseMethod("unregisterService", [never](unsigned) { return never.future(); });
+  ForeignSession stopped("stopped");
+  stopped.serve(1, builder.object());
+
+  SessionSettings settings;
+  settings.withdrawTime = std::chrono::milliseconds(100);
+  const auto session = settings.makeSession();
+  session->connect(stopped.url().str()).value(guardMs);
+  EXPECT_EQ(session->registerService("Counter", makeObject()).value(guardMs), 7u);
+  EXPECT_THAT(session->unregisterService(7).error(guardMs),
+              AllOf(HasSubstr("within 100 ms"), HasSubstr("service 7")));
+  EXPECT_TRUE(session->service("Counter", "local").hasError(0));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(session->close().wait(guardMs), FutureState::FinishedWithValue);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
 }
 
 }  // namespace

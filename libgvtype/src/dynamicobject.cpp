@@ -1,11 +1,13 @@
 #include <gvtype/dynamicobject.h>
 
 #include <array>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include <gv/eventloop.h>
 #include <gv/log.h>
+#include <gvtype/callgate.h>
 #include <gvtype/metaobjectdescription.h>
 
 #include "membercheck.h"
@@ -190,16 +192,23 @@ Future<AnyReference> DynamicObject::metaCall(Object<Empty> context, unsigned id,
                         isInside ? MetaCallType::Direct : callType, context, id, method->function,
                         withInstance, caller);
   Promise<AnyReference> promise;
+  const CallGate* gate = CallGateScope::take();
   try {
-    p_->serial->post([=, copies = withInstance.copy()] {
-      const auto result =
-          gv::metaCall(nullptr, ObjectThreadingModel::SingleThread, method->callType,
-                       MetaCallType::Direct, context, id, method->function, copies, caller);
-      if (result.hasError())
-        promise.setError(result.error(), result.errorState());
-      else
-        promise.setValue(result.value());
-    });
+    p_->serial->post(
+        [=, copies = withInstance.copy(), kept = gate ? std::optional(*gate) : std::nullopt] {
+          try {
+            if (kept) kept->pass();
+          } catch (const std::exception& refusal) {
+            return promise.setError(refusal.what());
+          }
+          const auto result =
+              gv::metaCall(nullptr, ObjectThreadingModel::SingleThread, method->callType,
+                           MetaCallType::Direct, context, id, method->function, copies, caller);
+          if (result.hasError())
+            promise.setError(result.error(), result.errorState());
+          else
+            promise.setValue(result.value());
+        });
   } catch (...) {
     promise.setError(detail::currentError().text, FutureException::State::NotSent);
   }

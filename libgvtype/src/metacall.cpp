@@ -1,7 +1,10 @@
 #include <gvtype/metacall.h>
 
+#include <optional>
+
 #include <gv/eventloop.h>
 #include <gv/log.h>
+#include <gvtype/callgate.h>
 #include <gvtype/conversion.h>
 #include <gvtype/object.h>
 
@@ -9,9 +12,11 @@ namespace gv {
 namespace {
 
 void runInto(const Promise<AnyReference>& promise, const AnyFunction& function,
-             const GenericFunctionParameters& arguments) {
+             const GenericFunctionParameters& arguments,
+             const std::optional<CallGate>& gate = std::nullopt) {
   AnyReference result;
   try {
+    if (gate) gate->pass();
     result = function.call(arguments);
   } catch (...) {
     return promise.setError(detail::currentError().text);
@@ -30,6 +35,7 @@ Future<AnyReference> metaCall(EventLoop* loop, ObjectThreadingModel, MetaCallTyp
                               MetaCallType callType, const Object<Empty>& context, unsigned,
                               const AnyFunction& function,
                               const GenericFunctionParameters& arguments, unsigned) {
+  const CallGate* gate = CallGateScope::take();
   if (!loop || resolveCallType(methodType, callType) == MetaCallType::Direct) {
     Promise<AnyReference> promise;
     runInto(promise, function, arguments);
@@ -37,8 +43,9 @@ Future<AnyReference> metaCall(EventLoop* loop, ObjectThreadingModel, MetaCallTyp
   }
   Promise<AnyReference> promise;
   try {
-    loop->post([promise, function, context, copies = arguments.copy()] {
-      runInto(promise, function, copies);
+    loop->post([promise, function, context, copies = arguments.copy(),
+                kept = gate ? std::optional(*gate) : std::nullopt] {
+      runInto(promise, function, copies, kept);
     });
   } catch (...) {  // arguments that cannot be copied, or a forked child
     promise.setError(detail::currentError().text, FutureException::State::NotSent);

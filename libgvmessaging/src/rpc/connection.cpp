@@ -4,6 +4,7 @@
 
 #include <gv/eventloop.h>
 #include <gv/log.h>
+#include <gvtype/callgate.h>
 #include <gvtype/dynamicobject.h>
 
 #include "src/net/readers.h"
@@ -61,6 +62,16 @@ bool isSingleThreaded(const Object<Empty>& object) {
   return generic.type == getDynamicTypeInterface() &&
          static_cast<const DynamicObject*>(generic.value)->threadingModel() ==
              ObjectThreadingModel::SingleThread;
+}
+
+std::string noService(unsigned id) {
+  return "there is no service with id " + std::to_string(id) + " here (any more)";
+}
+
+/// Once a service was withdrawn no body starts, that of a call that waits for its turn included.
+void checkService(const void* host, unsigned id) {
+  if (!host || !static_cast<const ServiceHost*>(host)->findService(id))
+    throw std::runtime_error(noService(id));
 }
 
 std::string shortened(const std::string& text) {
@@ -355,8 +366,7 @@ void Connection::serve(const wire::Frame& frame, MetaCallType callType) {
     const auto host = host_.lock();
     const auto object = host ? host->findService(header.service) : Object<Empty>();
     if (!object || header.object != 0)
-      return replyError(header, "there is no service with id " + std::to_string(header.service) +
-                                    " here (any more)");
+      return replyError(header, noService(header.service));
     // Calls of a single-threaded object are only put in its queue: in the order of their frames.
     if (!isFrameworks(header) && !isSingleThreaded(object)) foreign.emplace();
     callMethod(frame, object, callType);
@@ -380,6 +390,8 @@ void Connection::callMethod(const wire::Frame& frame, const Object<Empty>& objec
   const GenericFunctionParameters arguments =
       method ? readArgumentList(frame.bytes(), object, *method, limits_)
              : GenericFunctionParameters();
+  const CallGate gate{host_, header.service, &checkService};
+  const CallGateScope gated(gate);
   const Future<AnyReference> result = object.metaCall(header.member, arguments, callType);
   if (header.type == wire::FrameType::Post) return;
   replyWhenSettled(header, method ? method->returnSignature().toString() : "V", result);
