@@ -1,6 +1,7 @@
 #include "src/session/peers.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "src/directory/endpoints.h"
 
@@ -65,11 +66,14 @@ Future<Peers::ConnectionPointer> Peers::reach(const ServiceInfo& info) {
     return makeFailedFuture<ConnectionPointer>("service '" + info.name() + "' names no session");
   const auto dialing = makeDialing(endpointsToTry(info), boundOfEach, info.sessionId());
   const auto future = dialing->future();
+  Future<ConnectionPointer> former;  // dies after the unlock
   {
     const std::lock_guard lock(mutex_);
     if (const ConnectionPointer known = knownLocked(info)) return makeReadyFuture(known);
-    const auto [running, isNew] = reaching_.emplace(info.sessionId(), future);
-    if (!isNew) return running->second;
+    auto& running = reaching_[info.sessionId()];
+    // One that has ended may still stand here: who waited for it is woken before it is removed.
+    if (running.isRunning()) return running;
+    former = std::exchange(running, future);
   }
   const std::weak_ptr<Peers> weak = shared_from_this();
   future.connect(
