@@ -6,15 +6,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+
+#include "src/net/deadpeers.h"
 
 namespace gv::net {
 namespace {
-
-// A dead link without traffic is found after 10 + 4 * 5 seconds.
-constexpr int keepAliveIdle = 10;
-constexpr int keepAliveInterval = 5;
-constexpr int keepAliveProbes = 4;
 
 #ifdef MSG_NOSIGNAL
 constexpr int sendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
@@ -42,6 +41,21 @@ Transfer asTransfer(ssize_t result) {
 void setOption(int socket, int level, int option, int value) {
   // Best effort: the connection works without any of them.
   static_cast<void>(::setsockopt(socket, level, option, &value, sizeof value));
+}
+
+// Finds a dead link without traffic within the bound: a third of it quiet, then probes.
+void keepAlive(int socket, std::chrono::milliseconds bound) {
+  const int seconds = static_cast<int>(std::chrono::ceil<std::chrono::seconds>(bound).count());
+  const int idle = std::max(1, seconds / 3);
+  const int interval = std::max(1, seconds / 6);
+  setOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
+#ifdef TCP_KEEPIDLE
+  setOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, idle);
+#else
+  setOption(socket, IPPROTO_TCP, TCP_KEEPALIVE, idle);
+#endif
+  setOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, interval);
+  setOption(socket, IPPROTO_TCP, TCP_KEEPCNT, std::max(1, (seconds - idle) / interval));
 }
 
 #ifndef SOCK_CLOEXEC
@@ -87,14 +101,7 @@ int acceptSocket(int listening, Endpoint& peer, std::error_code& error) {
 
 void tuneConnection(int socket) {
   setOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
-  setOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
-#ifdef TCP_KEEPIDLE
-  setOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, keepAliveIdle);
-#else
-  setOption(socket, IPPROTO_TCP, TCP_KEEPALIVE, keepAliveIdle);
-#endif
-  setOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, keepAliveInterval);
-  setOption(socket, IPPROTO_TCP, TCP_KEEPCNT, keepAliveProbes);
+  keepAlive(socket, peerTimeout());
 #ifdef SO_NOSIGPIPE
   setOption(socket, SOL_SOCKET, SO_NOSIGPIPE, 1);
 #endif

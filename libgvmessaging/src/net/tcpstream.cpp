@@ -13,6 +13,7 @@
 #include <gv/detail/futurestate.h>
 #include <gv/detail/poll.h>
 
+#include "src/net/deadpeers.h"
 #include "src/net/reactor.h"
 #include "src/net/turn.h"
 
@@ -87,6 +88,7 @@ void TcpStream::start(std::shared_ptr<StreamHandler> handler) {
   handler_ = std::move(handler);
   if (!isFinished_) {
     keptAlive_ = shared_from_this();
+    DeadPeers::watch(descriptor_, weak_from_this());
     return watchLocked();
   }
   const auto ended = std::exchange(handler_, nullptr);
@@ -317,6 +319,7 @@ void TcpStream::finish() {
 void TcpStream::releaseSocket() {
   Readers::watch(descriptor_, key_, watched_, {});
   if (key_ != 0) Readers::dismiss(key_);
+  DeadPeers::forget(descriptor_);
   ::close(descriptor_);
 }
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <utility>
 
+#include "src/net/deadpeers.h"
 #include "src/net/tcpstream.h"
 #include "src/net/turn.h"
 
@@ -38,6 +39,7 @@ bool TcpStream::send(std::span<const Bytes> pieces) {
   direct_ = size;
   lock.unlock();
   const Transfer sent = sendSome(descriptor_, std::span(buffers).first(count));
+  DeadPeers::onWritten();
   lock.lock();
   direct_ = 0;
   output_.pushFront(pieces, sent.bytes);
@@ -63,6 +65,7 @@ Transfer TcpStream::writeQueued(Lock& lock) {
   const std::size_t count = output_.gather(buffers);
   lock.unlock();
   const Transfer sent = sendSome(descriptor_, std::span(buffers).first(count));
+  DeadPeers::onWritten();
   lock.lock();
   output_.consume(sent.bytes);
   return sent;
