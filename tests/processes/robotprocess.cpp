@@ -2,41 +2,17 @@
 
 #include <signal.h>
 
-#include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <stdexcept>
-#include <thread>
 
 #include <jxerror/jxerror.h>
 
 namespace processes {
-namespace {
-
-int entriesOf(const std::string& folder) {
-  const std::filesystem::directory_iterator entries(folder);
-  return static_cast<int>(std::distance(begin(entries), end(entries)));
-}
-
-long residentKiBOf(const std::string& process) {
-  std::ifstream status(process + "/status");
-  for (std::string line; std::getline(status, line);)
-    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
-  throw std::runtime_error("no VmRSS of " + process);
-}
-
-}  // namespace
 
 RobotProcess::RobotProcess() : process_(TEST_ROBOT) {
   const std::string line = process_.waitForLine("listening on tcp://127.0.0.1:");
   address_ = line.substr(line.find("tcp://"));
   port_ = std::stoi(address_.substr(address_.rfind(':') + 1));
-}
-
-Figures RobotProcess::figures() const {
-  const std::string process = "/proc/" + std::to_string(process_.pid());
-  return {entriesOf(process + "/fd"), entriesOf(process + "/task"), residentKiBOf(process)};
 }
 
 boost::shared_ptr<JX::JXBroker> RobotProcess::join(const std::string& name) const {
@@ -61,15 +37,6 @@ std::string errorOf(const std::function<void()>& call) {
     return error.description();
   }
   throw std::runtime_error("no error");
-}
-
-bool becomesTrue(const std::function<bool()>& condition, std::chrono::milliseconds guard) {
-  const auto end = Clock::now() + guard;
-  while (!condition()) {
-    if (Clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
 }
 
 }  // namespace processes

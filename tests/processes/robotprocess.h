@@ -2,19 +2,13 @@
 
 #include <jxcommon/jxbroker.h>
 
-#include <chrono>
 #include <functional>
 #include <string>
 
+#include "observe.h"
 #include "support/child_process.h"
 
 namespace processes {
-
-struct Figures {
-  int descriptors = 0;
-  int threads = 0;
-  long residentKiB = 0;
-};
 
 /// A running test_robot. Destruction kills it if it was not ended before.
 class RobotProcess {
@@ -23,7 +17,7 @@ class RobotProcess {
 
   int port() const { return port_; }
   const std::string& address() const { return address_; }
-  Figures figures() const;
+  Figures figures() const { return figuresOf(process_.pid()); }
 
   /// A new child broker of the robot, in this process. The caller shuts it down.
   boost::shared_ptr<JX::JXBroker> join(const std::string& name) const;
@@ -43,17 +37,5 @@ class RobotProcess {
 
 /// The description of the JXError that `call` throws. Throws std::runtime_error when it does not.
 std::string errorOf(const std::function<void()>& call);
-
-/// Waits until what is out of this process's hands has become true; false when it has not within
-/// `guard`, which is a failure.
-[[nodiscard]] bool becomesTrue(const std::function<bool()>& condition,
-                               std::chrono::milliseconds guard = std::chrono::seconds(20));
-
-using Clock = std::chrono::steady_clock;
-
-inline int millisecondsSince(Clock::time_point start) {
-  return static_cast<int>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
-}
 
 }  // namespace processes

@@ -1,0 +1,130 @@
+// A process of a network of services, for tests. It ends when it is killed.
+//
+//   test_peer serve <name> <url> <ledger> [<directory>]
+//       offers the service <name>, and one named "Other", as the directory of its own or connected
+//       to the given one; says where it listens
+//   test_peer call <directory> <bytes>
+//       calls "Server" all the while, its "work" with rising numbers or, where <bytes> is not 0,
+//       its "echo"; says so of each call that took more than a second, and of the one that failed
+//   test_peer find <directory> <name>
+//       says how long it took to find a service and have it add
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <boost/make_shared.hpp>
+#include <chrono>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gvmessaging/session.h>
+#include <gvtype/buffer.h>
+#include <gvtype/dynamicobjectbuilder.h>
+
+#include "ledger.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Words = std::vector<std::string>;
+
+const boost::shared_ptr<gv::Session>& session() {
+  static const auto instance = boost::make_shared<gv::Session>();
+  return instance;
+}
+
+long millisecondsSince(Clock::time_point start) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+void say(const std::string& line) {
+  std::cout << line + "\n" << std::flush;
+}
+
+/// One level down is a call to the other process, whose next level comes back.
+int descend(int levels, const std::string& own, const std::string& other) {
+  if (levels == 0) return 0;
+  const auto object = session()->service(other).value();
+  return 1 + object.call<int>("descend", levels - 1, other, own);
+}
+
+void serve(const Words& words) {
+  static processes::Ledger ledger(words.at(2));
+  static std::atomic<int> holding{0};
+  gv::DynamicObjectBuilder server;
+  server.advertiseMethod("add", [](int a, int b) { return a + b; });
+  server.advertiseMethod("echo", [](const gv::Buffer& bytes) { return bytes; });
+  server.advertiseMethod("descend", descend);
+  server.advertiseMethod("work", [](int nonce) {
+    ++ledger[nonce].begun;
+    ++ledger.begun();
+    std::this_thread::sleep_for(std::chrono::milliseconds(nonce % 8));
+    ++ledger[nonce].ended;
+    return nonce;
+  });
+  for (const char* name : {"hold", "keep", "stay"})
+    server.advertiseMethod(name, [] {
+      ++holding;
+      for (;;) ::pause();
+    });
+  gv::DynamicObjectBuilder other;
+  other.advertiseMethod("holding", [] { return holding.load(); });
+
+  if (words.size() > 3) {
+    session()->connect(words.at(3)).value();
+    session()->listen(words.at(1)).value();
+  } else {
+    session()->listenStandalone(words.at(1)).value();
+  }
+  session()->registerService(words.at(0), server.object()).value();
+  if (words.size() == 3) session()->registerService("Other", other.object()).value();
+  say("listening on " + session()->endpoints().front().str());
+  for (;;) ::pause();
+}
+
+void call(const Words& words) {
+  const std::string bytes(std::stoul(words.at(1)), 'x');
+  const gv::Buffer buffer(bytes.data(), bytes.size());
+  session()->connect(words.at(0)).value();
+  const auto server = session()->service("Server").value();
+  say("calling");
+  for (int nonce = 0;; ++nonce) {
+    const auto start = Clock::now();
+    try {
+      if (bytes.empty() && server.call<int>("work", nonce) != nonce) return say("wrong number");
+      if (server.call<gv::Buffer>("echo", buffer) != buffer) return say("wrong bytes");
+    } catch (const gv::FutureException& error) {
+      return say("failed after " + std::to_string(millisecondsSince(start)) +
+                 " ms: " + error.what());
+    }
+    if (millisecondsSince(start) > 1000)
+      say("answered after " + std::to_string(millisecondsSince(start)) + " ms");
+  }
+}
+
+void find(const Words& words) {
+  session()->connect(words.at(0)).value();
+  const auto start = Clock::now();
+  const int sum = session()->service(words.at(1)).value().call<int>("add", 1, 2);
+  say("found after " + std::to_string(millisecondsSince(start)) + " ms: " + std::to_string(sum));
+}
+
+}  // namespace
+
+int main(int argumentCount, char** arguments) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves nobody behind
+  try {
+    const std::string role = arguments[1];
+    const Words words(arguments + 2, arguments + argumentCount);
+    role == "serve" ? serve(words) : role == "call" ? call(words) : find(words);
+    return 0;
+  } catch (const std::exception& error) {
+    say(std::string("cannot: ") + error.what());
+    return 1;
+  }
+}
