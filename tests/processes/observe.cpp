@@ -7,7 +7,6 @@
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
-#include <string>
 #include <thread>
 
 namespace processes {
@@ -52,6 +51,11 @@ bool becomesTrue(const std::function<bool()>& condition, std::chrono::millisecon
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
+}
+
+std::string urlIn(const std::string& line) {
+  const auto start = line.find("tcp://");
+  return line.substr(start, line.find(' ', start) - start);
 }
 
 }  // namespace processes

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <functional>
+#include <string>
 
 namespace processes {
 
@@ -23,6 +24,9 @@ std::chrono::milliseconds processorTimeOf(pid_t process);
 /// `guard`, which is a failure.
 [[nodiscard]] bool becomesTrue(const std::function<bool()>& condition,
                                std::chrono::milliseconds guard = std::chrono::seconds(20));
+
+/// The first address of a line that test_peer wrote.
+std::string urlIn(const std::string& line);
 
 using Clock = std::chrono::steady_clock;
 

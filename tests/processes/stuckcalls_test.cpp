@@ -37,11 +37,6 @@ class StuckCalls : public testing::Test {
         TEST_PEER, words, std::vector<std::string>{"GV_EVENTLOOP_MAX_THREADS=" + threads});
   }
 
-  static std::string urlOf(house::ChildProcess& process) {
-    const std::string line = process.waitForLine("listening on ");
-    return line.substr(line.find("tcp://"));
-  }
-
   static boost::shared_ptr<gv::Session> connectTo(const std::string& url) {
     auto session = boost::make_shared<gv::Session>();
     session->connect(url).value(promptMs);
@@ -55,7 +50,7 @@ class StuckCalls : public testing::Test {
 
 TEST_F(StuckCalls, OfEveryMethodOfAnObjectHoldUpNeitherOtherObjectsNorTheDirectoryNorAnEnding) {
   const Process process = start("Server", "512");
-  const std::string url = urlOf(*process);
+  const std::string url = urlIn(process->waitForLine("listening on "));
   client->connect(url).value(guardMs);
   const auto server = client->service("Server").value(guardMs);
   const auto other = client->service("Other").value(guardMs);
@@ -81,9 +76,9 @@ TEST_F(StuckCalls, OfEveryMethodOfAnObjectHoldUpNeitherOtherObjectsNorTheDirecto
 
 TEST_F(StuckCalls, ThatNestDeeperThanTheThreadsGoEndInTheErrorThatNamesTheCeiling) {
   const Process first = start("First", "16");
-  const std::string url = urlOf(*first);
+  const std::string url = urlIn(first->waitForLine("listening on "));
   const Process second = start("Second", "16", url);
-  urlOf(*second);
+  second->waitForLine("listening on ");
   client->connect(url).value(guardMs);
   const auto object = client->service("First").value(guardMs);
   const auto descend = [&](int levels) {

@@ -3,9 +3,9 @@
 //   test_peer serve <name> <url> <ledger> [<directory>]
 //       offers the service <name>, and one named "Other", as the directory of its own or connected
 //       to the given one; says where it listens
-//   test_peer call <directory> <bytes>
-//       calls "Server" all the while, its "work" with rising numbers or, where <bytes> is not 0,
-//       its "echo"; says so of each call that took more than a second, and of the one that failed
+//   test_peer call <directory> work|echo|hold
+//       calls that method of "Server" all the while, "work" with rising numbers and "echo" with
+//       many bytes; says so of each call that took more than a second, and of the one that failed
 //   test_peer find <directory> <name>
 //       says how long it took to find a service and have it add
 
@@ -18,6 +18,7 @@
 #include <chrono>
 #include <exception>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -70,6 +71,7 @@ void serve(const Words& words) {
   for (const char* name : {"hold", "keep", "stay"})
     server.advertiseMethod(name, [] {
       ++holding;
+      say("holding");
       for (;;) ::pause();
     });
   gv::DynamicObjectBuilder other;
@@ -83,27 +85,36 @@ void serve(const Words& words) {
   }
   session()->registerService(words.at(0), server.object()).value();
   if (words.size() == 3) session()->registerService("Other", other.object()).value();
-  say("listening on " + session()->endpoints().front().str());
+  std::string line = "listening on";
+  for (const gv::Url& url : session()->endpoints()) line += " " + url.str();
+  say(line);
   for (;;) ::pause();
 }
 
+/// Throws where the call ends in error, or in another value than it must.
+void callOnce(const gv::Object<gv::Empty>& server, const std::string& method, int nonce) {
+  static const std::string bytes(8u << 20, 'x');
+  static const gv::Buffer buffer(bytes.data(), bytes.size());
+  if (method == "hold") server.call<void>(method);
+  if (method == "work" && server.call<int>(method, nonce) != nonce)
+    throw std::runtime_error("a wrong number");
+  if (method == "echo" && server.call<gv::Buffer>(method, buffer) != buffer)
+    throw std::runtime_error("wrong bytes");
+}
+
 void call(const Words& words) {
-  const std::string bytes(std::stoul(words.at(1)), 'x');
-  const gv::Buffer buffer(bytes.data(), bytes.size());
   session()->connect(words.at(0)).value();
   const auto server = session()->service("Server").value();
   say("calling");
   for (int nonce = 0;; ++nonce) {
     const auto start = Clock::now();
+    const auto took = [&] { return std::to_string(millisecondsSince(start)) + " ms"; };
     try {
-      if (bytes.empty() && server.call<int>("work", nonce) != nonce) return say("wrong number");
-      if (server.call<gv::Buffer>("echo", buffer) != buffer) return say("wrong bytes");
-    } catch (const gv::FutureException& error) {
-      return say("failed after " + std::to_string(millisecondsSince(start)) +
-                 " ms: " + error.what());
+      callOnce(server, words.at(1), nonce);
+    } catch (const std::exception& error) {
+      return say("failed after " + took() + ": " + error.what());
     }
-    if (millisecondsSince(start) > 1000)
-      say("answered after " + std::to_string(millisecondsSince(start)) + " ms");
+    if (millisecondsSince(start) > 1000) say("answered after " + took());
   }
 }
 
