@@ -108,5 +108,27 @@ TEST(ALinkThatComesBack, LosesNoCallAndRepeatsNone) {
   EXPECT_GT(runs, 0);
 }
 
+TEST(EndpointsThatSwallowEverything, DelayAConnectionByTwoSecondsAtMost) {
+  if (Network::isLeftOut()) return;
+  Callers callers("30000");
+  const Network& network = callers.network;
+  network.ip(Network::Far, "addr flush dev far");
+  for (const char* hole : {"10.78.0.2", "10.79.0.2"}) {
+    network.ip(Network::Far, std::string("addr add ") + hole + "/24 dev far");
+    network.ip(Network::Near, std::string("route add ") + hole + "/32 dev near");
+    // No machine has that address, so that nothing on the link takes what is sent there.
+    network.ip(Network::Near,
+               std::string("neigh add ") + hole + " lladdr 02:00:00:00:77:77 dev near");
+  }
+  network.ip(Network::Far, "addr add 10.77.0.2/24 dev far");
+  const auto process = callers.serve("Elsewhere", "tcp://0.0.0.0:0", callers.url);
+  EXPECT_THAT(process->waitForLine("listening on "),
+              AllOf(HasSubstr("10.78.0.2"), HasSubstr("10.79.0.2"), HasSubstr("10.77.0.2")));
+  const auto finder = network.start(Network::Near, TEST_PEER, {"find", callers.url, "Elsewhere"});
+  const std::string found = finder->waitForLine(" after ", 60s);
+  EXPECT_THAT(found, HasSubstr("found"));
+  EXPECT_LE(millisecondsIn(found), 2500);
+}
+
 }  // namespace
 }  // namespace processes
