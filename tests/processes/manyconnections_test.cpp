@@ -63,6 +63,34 @@ class ManyConnections : public testing::Test {
   const pid_t ends[2] = {server.pid(), ::getpid()};
 };
 
+TEST_F(ManyConnections, CostLittleMemoryAndNoTimeWhileTheyAreIdle) {
+  constexpr int idleCount = isSanitized ? 100 : 1000;
+  constexpr int busyCount = 16;
+  constexpr long mostKiB = 12;
+  ASSERT_TRUE(isLimitRaised);
+  connectAndClose(20);  // what the first connections make a process keep is not theirs
+  const Figures before[2] = {figuresOf(ends[0]), figuresOf(ends[1])};
+  std::vector<SessionPtr> idle;
+  for (int i = 0; i < idleCount; ++i) idle.push_back(connect());
+  for (int end = 0; end < 2; ++end) {
+    const long grown = figuresOf(ends[end]).residentKiB - before[end].residentKiB;
+    RecordProperty(end == 0 ? "bytesEachAtTheServer" : "bytesEachAtTheClient",
+                   std::to_string(grown * 1024 / idleCount));
+    if (!isSanitized) {
+      EXPECT_LE(grown, mostKiB * idleCount) << (end == 0 ? "at the server" : "at the client");
+    }
+  }
+
+  std::vector<std::future<void>> busy;
+  for (int i = 0; i < busyCount; ++i)
+    busy.push_back(std::async(std::launch::async, [this] { add(*connect(), 200); }));
+  for (auto& calls : busy) calls.get();
+
+  const std::chrono::milliseconds used[2] = {processorTimeOf(ends[0]), processorTimeOf(ends[1])};
+  std::this_thread::sleep_for(3s);
+  for (int end = 0; end < 2; ++end) EXPECT_LE(processorTimeOf(ends[end]) - used[end], 60ms);
+}
+
 TEST_F(ManyConnections, LeaveNothingBehind) {
   connectAndClose(200);
   const Figures before[2] = {figuresOf(ends[0]), figuresOf(ends[1])};
