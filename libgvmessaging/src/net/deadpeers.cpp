@@ -9,8 +9,6 @@
 #include <charconv>
 #include <exception>
 #include <mutex>
-#include <string>
-#include <system_error>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -44,9 +42,10 @@ milliseconds timeoutFromEnvironment() {
   return usualTimeout;
 }
 
-std::string timeText(milliseconds time) {
-  const auto count = time.count();
-  return count % 1000 == 0 ? std::to_string(count / 1000) + " s" : std::to_string(count) + " ms";
+std::string noSignOfLife() {
+  const auto count = peerTimeout().count();
+  return "no sign of life for " +
+         (count % 1000 == 0 ? std::to_string(count / 1000) + " s" : std::to_string(count) + " ms");
 }
 
 std::optional<SendingState> sendingState([[maybe_unused]] int descriptor) {
@@ -85,6 +84,10 @@ Table& table() {
 milliseconds peerTimeout() {
   static const milliseconds timeout = timeoutFromEnvironment();
   return timeout;
+}
+
+std::string lossText(const std::error_code& error) {
+  return error == std::errc::timed_out ? noSignOfLife() : error.message();
 }
 
 void Silence::look(const SendingState& seen, TimePoint now) {
@@ -150,8 +153,7 @@ void DeadPeers::look() {
   }
   if (isAnyAwaiting) beginLooking();
   for (const auto& weak : dead)
-    if (const auto stream = weak.lock())
-      stream->close("no sign of life for " + timeText(peerTimeout()));
+    if (const auto stream = weak.lock()) stream->close(noSignOfLife());
 }
 
 }  // namespace gv::net

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <string>
+#include <system_error>
 
 #include <gvmessaging/api.h>
 
@@ -14,6 +16,9 @@ namespace gv::net {
 /// How long a connection may go without a sign of life of a peer that owes one: 30 s, or what
 /// GV_PEER_TIMEOUT_MS says, in milliseconds. Read once.
 GVMESSAGING_API std::chrono::milliseconds peerTimeout();
+
+/// Why a connection ended where the system says @p error: keep-alive speaks of a time-out only.
+std::string lossText(const std::error_code& error);
 
 /// What the system knows about the sending side of one connection.
 struct SendingState {

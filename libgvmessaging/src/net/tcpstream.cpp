@@ -163,7 +163,7 @@ bool TcpStream::readOnce() {
   if (Turn::isLost(this) || got.wouldBlock) return false;
   if (got.error || got.bytes == 0) {
     const Lock lock(mutex_);
-    endLocked(got.error ? got.error.message() : "connection closed by peer");
+    endLocked(got.error ? lossText(got.error) : "connection closed by peer");
     return false;
   }
   return got.isFull && state() != State::Closing;

@@ -83,7 +83,7 @@ void TcpStream::writeRoundsLocked(Lock& lock, Transfer last) {
 void TcpStream::afterWriteLocked(const Transfer& last) {
   if (last.error && state_ != State::Closing) {
     readRest_ = state_ == State::Open;
-    endLocked(last.error.message());
+    endLocked(lossText(last.error));
   }
   if (state_ == State::Closing) return finishIfFreeLocked();  // close() left it to the writer
   awaitsWritable_ = !output_.empty();
