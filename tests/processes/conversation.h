@@ -14,16 +14,11 @@ enum FrameType : unsigned char { Hello = 1, Welcome, Call, Post, Reply, Error };
 
 /// Where a header's fields begin.
 enum FrameOffset : std::size_t {
-  VersionAt = 3,
   TypeAt = 4,
-  FlagsAt = 5,
-  Reserved6At = 6,
   PayloadSizeAt = 8,
   ServiceAt = 12,
-  ObjectAt = 16,
   MemberAt = 20,
   MessageIdAt = 24,
-  Reserved44At = 44,
   HeaderSize = 64
 };
 
