@@ -14,7 +14,8 @@
 #include <gvtype/dynamicobjectbuilder.h>
 
 #include "law.h"
-#include "src/directory/servicedirectory.h"
+#include "src/directory/directoryobject.h"
+#include "src/directory/directorytable.h"
 #include "tests/memorypeer.h"
 
 namespace {
@@ -94,8 +95,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string bytes = (data[0] & 1) != 0 ? framesFrom(input) : std::string(input);
   gv::rpc::Greeting own;
   own.sessionId = "fuzz";
-  const auto directory = gv::directory::ServiceDirectory::make({});
-  const gv::Object<gv::Empty> services = directory->object();
+  const gv::Object<gv::Empty> services = gv::directory::makeDirectoryObject(
+      std::make_shared<gv::directory::DirectoryTable>(gv::directory::Registrant()), {});
   gv::MemoryPeer peer(gv::rpc::Role::Server, own,
                       {{gv::directory::directoryServiceId, services}, {objectId, makeObject()}});
   peer.tell(gv::greetingFrame(FrameType::Hello, own));

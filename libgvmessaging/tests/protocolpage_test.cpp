@@ -18,7 +18,8 @@
 #include <gvtype/struct.h>
 
 #include "memorypeer.h"
-#include "src/directory/servicedirectory.h"
+#include "src/directory/directoryobject.h"
+#include "src/directory/directorytable.h"
 #include "src/rpc/remoteobject.h"
 #include "src/wire/valuereader.h"
 #include "src/wire/valuewriter.h"
@@ -250,7 +251,8 @@ TEST(ProtocolPage, ShowsAConversationThatTheClientHolds) {
 }
 
 TEST(ProtocolPage, ListsTheMethodsOfTheDirectoryAndOfEveryObject) {
-  const Object<Empty> directory = directory::ServiceDirectory::make({})->object();
+  const Object<Empty> directory = directory::makeDirectoryObject(
+      std::make_shared<directory::DirectoryTable>(directory::Registrant()), {});
   std::map<std::string, unsigned> own;
   for (const auto& [id, method] : directory.metaObject().methodMap()) own[method.toString()] = id;
   for (const auto& row : tableOf("Calls", "| member | name | signature | result |")) {

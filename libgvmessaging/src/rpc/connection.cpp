@@ -365,8 +365,7 @@ void Connection::serve(const wire::Frame& frame, MetaCallType callType) {
   try {
     const auto host = host_.lock();
     const auto object = host ? host->findService(header.service) : Object<Empty>();
-    if (!object || header.object != 0)
-      return replyError(header, noService(header.service));
+    if (!object || header.object != 0) return replyError(header, noService(header.service));
     // Calls of a single-threaded object are only put in its queue: in the order of their frames.
     if (!isFrameworks(header) && !isSingleThreaded(object)) foreign.emplace();
     callMethod(frame, object, callType);
