@@ -114,7 +114,9 @@ class GVTYPE_API GenericObject {
         return std::move(place.result);
       }
     }
-    return detail::convertedResult<R>(callLater(context, id, arguments)).value();
+    const Future<AnyReference> result = callLater(context, id, arguments);
+    result.wait();  // this one, and not what follows from it: the thread may help to bring it about
+    return detail::convertedResult<R>(result).value();
   }
 };
 

@@ -62,11 +62,14 @@ TEST_F(RefusedBroker, AParentThatEndsAnywhereInItsAnswerIsKnownAtOnce) {
     JX::JXBroker::createBroker("recorded", "127.0.0.1", 0, "127.0.0.1", between.port())->shutdown();
     answer = between.recording().toClient;
   }
-  ASSERT_GE(framesOf(answer).size(), 2u);
+  // The greeting and the directory's description: without both it is no parent.
+  const auto frames = framesOf(answer);
+  ASSERT_GE(frames.size(), 2u);
+  const std::size_t needed = frames[0].bytes().size() + frames[1].bytes().size();
   ListeningSocket parent;
   const auto start = Clock::now();
   int rounds = 0;
-  for (std::size_t cut = 0; cut <= answer.size(); cut += isSanitized ? 61 : 7, ++rounds) {
+  for (std::size_t cut = 0; cut < needed; cut += isSanitized ? 61 : 7, ++rounds) {
     auto error = std::async(std::launch::async, errorOf, [&parent] { createChild(parent.port()); });
     HostilePeer peer = parent.accept();
     EXPECT_FALSE(peer.receive().empty());  // its greeting

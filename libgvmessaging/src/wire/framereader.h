@@ -1,6 +1,6 @@
 #pragma once
 
-#include <boost/container/small_vector.hpp>
+#include <boost/container/vector.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -13,8 +13,8 @@
 
 namespace gv::wire {
 
-/// The bytes behind a frame's header; those of a small call need no allocation.
-using Payload = boost::container::small_vector<char, 256>;
+/// The bytes behind a frame's header. It can grow without being filled first.
+using Payload = boost::container::vector<char>;
 
 struct Frame {
   FrameHeader header;
@@ -46,7 +46,8 @@ class GVMESSAGING_API FrameReader {
   std::span<char> space();
   /// The first @p count bytes of space() have arrived; with 0 the space is given back.
   void fill(std::size_t count);
-  /// Takes the next complete frame. False when there is none yet, or never again: see error().
+  /// Takes the next complete frame; one that is used again brings its memory along. False when
+  /// there is none yet, or never again: see error().
   [[nodiscard]] bool next(Frame& frame);
 
   /// Accepts nothing more, with @p reason as the error, as after a bad frame. The first one stays.
