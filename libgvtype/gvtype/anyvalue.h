@@ -45,7 +45,7 @@ class GVTYPE_API AnyValue {
   static AnyValue make(const TypeInterface* type);
   /// A default value of the type that a signature names: the matching C++ type, or a generic list,
   /// map, tuple or optional that carries the signature. `signature` must be one complete,
-  /// well-formed type. Throws ConversionError where a type has no value (`o`, `X`).
+  /// well-formed type. Throws ConversionError where a type has no value (`X`).
   static AnyValue makeDefault(std::string_view signature);
 
   bool isValid() const { return type_ != nullptr; }

@@ -36,9 +36,9 @@ class GVTYPE_API DynamicObject {
   /// Connects a handler to the signal `id`. It runs in the emitting thread, after the handlers
   /// connected before it; or, Queued, on the event loop, in the order of the emissions. It may
   /// connect, disconnect itself and others, emit, drop the object; what it throws is logged. Its
-  /// result is dropped. The future fails for an unknown signal, a wrong number of parameters, one
-  /// to which the signal's values never convert, and signals of objects in other processes, which
-  /// do not cross connections.
+  /// result is dropped. The future fails for an unknown signal, a wrong number of parameters, and
+  /// one to which the signal's values never convert. Of an object in another process it settles
+  /// when the owner has connected, and the handler runs on the event loop.
   virtual Future<SignalLink> metaConnect(Object<Empty> context, unsigned id, AnyFunction handler,
                                          MetaCallType callType);
   /// Disconnects a handler. No call of it starts any more; the future settles when none runs, but

@@ -76,7 +76,8 @@ class GVTYPE_API Object<Empty> {
   }
   /// Connects a callable of as many parameters as the signal has (or with AnyArguments as its
   /// last): see DynamicObject::metaConnect for where it runs, what it may do, and when the future
-  /// fails. Signals do not cross connections: the object must be of this process.
+  /// fails. Those of an object in another process run on the event loop, one emission after the
+  /// other; they end with the object's last handle and with the connection.
   template <class F>
   Future<SignalLink> connect(const std::string& signal, F callable,
                              MetaCallType callType = MetaCallType::Auto) const {
@@ -128,12 +129,6 @@ class WeakObject<Empty> {
 
  private:
   boost::weak_ptr<GenericObject> object_;
-};
-
-/// Handles are values of kind Object: signature "o".
-template <>
-struct TypeTraits<Object<Empty>> {
-  static void describe(TypeInterface& type) { type.kind = TypeKind::Object; }
 };
 
 /// A strong handle on an object of this process whose class is known: T derives from DynamicObject.
@@ -188,6 +183,28 @@ class WeakObject {
 
  private:
   boost::weak_ptr<T> object_;
+};
+
+/// Handles are values of kind Object: signature "o". One on a class converts to Object<Empty>, and
+/// back where the object is of that class.
+template <class T>
+struct TypeTraits<Object<T>> {
+  static void describe(TypeInterface& type) {
+    type.kind = TypeKind::Object;
+    static const ObjectOps ops = {
+        .get = [](const void* handle) -> Object<Empty> {
+          return *static_cast<const Object<T>*>(handle);
+        },
+        .set =
+            [](void* handle, const Object<Empty>& object) {
+              Object<T> typed(object);
+              if (object && !typed) return false;
+              *static_cast<Object<T>*>(handle) = std::move(typed);
+              return true;
+            },
+    };
+    type.object = &ops;
+  }
 };
 
 }  // namespace gv

@@ -87,6 +87,15 @@ struct DynamicOps {
   void (*assign)(void* dynamic, const AnyReference& content);
 };
 
+/// A strong handle on an object.
+struct ObjectOps {
+  /// The same handle on whatever class the object is of; invalid for an empty one.
+  Object<Empty> (*get)(const void* handle);
+  /// False, and nothing has changed, where the object is not of the handle's class or lives in
+  /// another process.
+  bool (*set)(void* handle, const Object<Empty>& object);
+};
+
 struct FutureOps {
   /// How a future ended: its value where it has one, else the error's text and kind.
   struct Ending;
@@ -127,6 +136,7 @@ struct TypeInterface {
   const TupleOps* tuple;
   const OptionalOps* optional;
   const DynamicOps* dynamic;
+  const ObjectOps* object;
   const FutureOps* future;
   /// Types of a map's key and value, or of a tuple's members; null for generic maps and tuples.
   /// Asked late, since a struct may hold containers of itself.

@@ -6,6 +6,7 @@
 #include <gvtype/conversion.h>
 #include <gvtype/genericvalues.h>
 #include <gvtype/nesting.h>
+#include <gvtype/object.h>
 #include <gvtype/signature.h>
 
 namespace gv {
@@ -47,6 +48,8 @@ const TypeInterface* builtInType(std::string_view signature) {
       return pick.template operator()<Buffer>();
     case 'v':
       return pick.template operator()<AnyValue>();
+    case 'o':
+      return pick.template operator()<Object<Empty>>();
     case 'V':
       return isList ? nullptr : getType<void>();
     default:

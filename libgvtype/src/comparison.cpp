@@ -150,9 +150,9 @@ int compareOptionals(const AnyReference& a, const AnyReference& b) {
 
 /// Values of no content that could be compared, other than objects, are all alike.
 int compareOthers(const AnyReference& a, const AnyReference& b) {
-  const auto* x = a.as<Object<Empty>>();
-  const auto* y = b.as<Object<Empty>>();
-  if (x && y) return order(x->share().get(), y->share().get());
+  const ObjectOps* x = a.type()->object;
+  const ObjectOps* y = b.type()->object;
+  if (x && y) return order(x->get(a.pointer()).share().get(), y->get(b.pointer()).share().get());
   return order(typeName(a.type()), typeName(b.type()));
 }
 

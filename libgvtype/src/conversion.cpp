@@ -7,6 +7,7 @@
 
 #include <gvtype/futuretype.h>
 #include <gvtype/nesting.h>
+#include <gvtype/object.h>
 #include <gvtype/signature.h>
 
 #include "fieldorder.h"
@@ -216,6 +217,13 @@ void convertFromFuture(const AnyReference& source, const TypeInterface* type, vo
   convertInto(ending.value, type, target, {&place});
 }
 
+void convertToObject(const AnyReference& source, const TypeInterface* type, void* target,
+                     const ConversionPlace& place) {
+  if (source.type()->kind != TypeKind::Object) failKind(source, type, place);
+  if (!type->object->set(target, source.type()->object->get(source.pointer())))
+    failValue(source, type, place, "the object is of another class, or of another process");
+}
+
 bool isEmptyOptional(const AnyReference& value) {
   return value.isValid() && value.type()->kind == TypeKind::Optional &&
          !value.type()->optional->content(value.pointer()).isValid();
@@ -240,6 +248,8 @@ void convertNested(const AnyReference& source, const TypeInterface* type, void* 
       return convertToMap(source, type, target, place);
     case TypeKind::Tuple:
       return convertToTuple(source, type, target, place);
+    case TypeKind::Object:
+      return convertToObject(source, type, target, place);
     default:
       failKind(source, type, place);
   }

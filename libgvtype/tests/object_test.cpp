@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <gv/eventloop.h>
+#include <gvtype/conversion.h>
 #include <gvtype/metaobjectdescription.h>
 
 namespace gv {
@@ -323,6 +324,9 @@ TEST(Handles, KnowTheClassOfAnObjectOfThisProcess) {
   const AnyValue value = AnyValue::from(untyped);
   EXPECT_EQ(value.signature(), "o");
   EXPECT_EQ(value.to<Object<Empty>>(), untyped);
+  EXPECT_EQ(value.to<Object<Lamp>>().get(), owner.get());
+  EXPECT_EQ(AnyValue::from(lamp), value);
+  EXPECT_THROW(AnyValue::from(DynamicObjectBuilder().object()).to<Object<Lamp>>(), ConversionError);
 }
 
 TEST(Results, ConvertWithTheTextsThatCallersKnow) {

@@ -5,6 +5,7 @@
 #include <gvtype/object.h>
 
 #include "src/wire/limits.h"
+#include "src/wire/objectpassage.h"
 
 namespace gv::rpc {
 
@@ -13,6 +14,12 @@ namespace gv::rpc {
 /// wire::PayloadError.
 GenericFunctionParameters readArgumentList(std::span<const char> payload,
                                            const Object<Empty>& object, const MetaMethod& method,
-                                           const wire::Limits& limits);
+                                           const wire::Limits& limits,
+                                           wire::IncomingObjects& objects);
+
+/// Decodes arguments, or the values of a signal, that are known by their signature, a tuple, only.
+GenericFunctionParameters readArgumentList(std::span<const char> payload,
+                                           const Signature& parameters, const wire::Limits& limits,
+                                           wire::IncomingObjects& objects);
 
 }  // namespace gv::rpc

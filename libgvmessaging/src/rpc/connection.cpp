@@ -10,6 +10,8 @@
 #include "src/net/readers.h"
 #include "src/rpc/argumentlist.h"
 #include "src/rpc/callcontext.h"
+#include "src/rpc/frameworkmethods.h"
+#include "src/rpc/releasedelsewhere.h"
 #include "src/wire/valuereader.h"
 #include "src/wire/valuewriter.h"
 
@@ -35,26 +37,40 @@ bool isFrameworks(const wire::FrameHeader& header) {
   return isDirectorys(header) || header.member == static_cast<unsigned>(BuiltinMethod::MetaObject);
 }
 
-/// One call of the peer's that was read and has not ended, as its connection counts it.
-class AcceptedCall {
- public:
-  AcceptedCall(wire::Frame frame, std::shared_ptr<CallBudget> budget)
-      : frame_(std::move(frame)), budget_(std::move(budget)) {
-    budget_->calls += 1;
-    budget_->bytes += frame_.payload.size();
-  }
-  ~AcceptedCall() {
-    budget_->calls -= 1;
-    budget_->bytes -= frame_.payload.size();
-  }
-  AcceptedCall(const AcceptedCall&) = delete;
-  AcceptedCall& operator=(const AcceptedCall&) = delete;
+bool isPostOf(unsigned member, const wire::FrameHeader& header) {
+  return header.type == wire::FrameType::Post && header.service == 0 && header.member == member;
+}
 
-  const wire::Frame& frame() const { return frame_; }
+/// Whether values of this signature may name objects.
+bool mayNameObjects(const Signature& signature) {
+  return signature.toString().find_first_of("ov*") != std::string::npos;
+}
+
+/// What the peer has sent and this side has not done with yet, as the connection counts it.
+class BudgetShare {
+ public:
+  BudgetShare(std::shared_ptr<CallBudget> budget, std::size_t calls, std::size_t bytes)
+      : budget_(std::move(budget)), calls_(calls), bytes_(bytes) {
+    budget_->calls += calls_;
+    budget_->bytes += bytes_;
+  }
+  ~BudgetShare() {
+    budget_->calls -= calls_;
+    budget_->bytes -= bytes_;
+  }
+  BudgetShare(const BudgetShare&) = delete;
+  BudgetShare& operator=(const BudgetShare&) = delete;
 
  private:
-  const wire::Frame frame_;
   const std::shared_ptr<CallBudget> budget_;
+  const std::size_t calls_;
+  const std::size_t bytes_;
+};
+
+/// The values of an event until all handlers have had them.
+struct ReceivedEvent {
+  std::unique_ptr<BudgetShare> share;
+  GenericFunctionParameters values;
 };
 
 bool isSingleThreaded(const Object<Empty>& object) {
@@ -66,6 +82,16 @@ bool isSingleThreaded(const Object<Empty>& object) {
 
 std::string noService(unsigned id) {
   return "there is no service with id " + std::to_string(id) + " here (any more)";
+}
+
+std::string noObject(const ObjectAddress& address) {
+  return address.service != 0 ? noService(address.service)
+                              : "there is no lent object with number " +
+                                    std::to_string(address.object) + " here (any more)";
+}
+
+ObjectAddress addressOf(const wire::FrameHeader& header) {
+  return {header.service, header.object};
 }
 
 /// Once a service was withdrawn no body starts, that of a call that waits for its turn included.
@@ -80,6 +106,20 @@ std::string shortened(const std::string& text) {
 }
 
 }  // namespace
+
+/// What a call is of.
+struct CallTarget {
+  Object<Empty> object;                // invalid for the framework's own
+  const MetaMethod* method = nullptr;  // of the object's description, or the framework's
+};
+
+/// A call of the peer's that was read, waits for a thread of the event loop, and has not ended.
+struct AcceptedCall {
+  std::unique_ptr<BudgetShare> share;
+  wire::Frame frame;
+  CallTarget target;
+  std::optional<GenericFunctionParameters> arguments;  // where they may name objects
+};
 
 std::shared_ptr<Connection> Connection::start(std::shared_ptr<net::Stream> stream, Role role,
                                               const Greeting& own, std::weak_ptr<ServiceHost> host,
@@ -101,8 +141,10 @@ Connection::Connection(std::shared_ptr<net::Stream> stream, Role role, const Gre
       stream_(std::move(stream)),
       role_(role),
       own_(own),
-      host_(std::move(host)),
+      host_(host),
       limits_(limits),
+      objects_(*this, std::move(host), limits_),
+      relay_(std::make_shared<SignalRelay>(limits.subscriptions)),
       events_(std::move(events)),
       reader_(limits.handshakePayload) {}
 
@@ -118,17 +160,18 @@ bool Connection::isOpen() const {
 
 // ---- Calls of this side
 
-Future<AnyReference> Connection::call(unsigned service, const MetaMethod& method,
+Future<AnyReference> Connection::call(const ObjectAddress& object, const MetaMethod& method,
                                       const GenericFunctionParameters& arguments,
                                       MetaCallType callType) {
   using State_ = FutureException::State;
-  wire::Message message;
+  ObjectExchange::Sending sending(objects_);
+  wire::Message message(&sending);
   try {
     encodeArguments(message, method, arguments);
   } catch (const std::exception& error) {
     return makeFailedFuture<AnyReference>(error.what(), State_::NotSent);
   }
-  wire::FrameHeader header = makeHeader(service, method, callType);
+  wire::FrameHeader header = makeHeader(object, method, callType);
   header.type = wire::FrameType::Call;
   Promise<AnyReference> promise;
   promise.setWaitAid(weak_from_this());
@@ -144,7 +187,9 @@ Future<AnyReference> Connection::call(unsigned service, const MetaMethod& method
   }
   std::string failure;
   try {
-    if (!stream_->send(message.finish(header)))
+    if (stream_->send(message.finish(header)))
+      sending.wasSent();
+    else
       failure = "the connection to " + peerName() + " has ended";
   } catch (const std::exception& error) {
     failure = error.what();
@@ -165,40 +210,73 @@ bool Connection::help(const detail::FutureState& awaited) noexcept {
   }
 }
 
-void Connection::post(unsigned service, const MetaMethod& method,
+void Connection::post(const ObjectAddress& object, const MetaMethod& method,
                       const GenericFunctionParameters& arguments) {
-  wire::Message message;
+  ObjectExchange::Sending sending(objects_);
+  wire::Message message(&sending);
   encodeArguments(message, method, arguments);
-  wire::FrameHeader header = makeHeader(service, method, MetaCallType::Queued);
+  wire::FrameHeader header = makeHeader(object, method, MetaCallType::Queued);
   header.type = wire::FrameType::Post;
   header.messageId = nextCallId();
   if (!stream_->send(message.finish(header)))
     throw std::runtime_error("not sent: the connection to " + peerName() + " has ended");
+  sending.wasSent();
 }
 
-wire::FrameHeader Connection::makeHeader(unsigned service, const MetaMethod& method,
+void Connection::sendEvent(const ObjectAddress& object, const MetaSignal& signal,
+                           std::uint64_t subscription, const std::vector<AnyValue>& values) {
+  // An object that was unregistered or given back may emit on: that is no longer the peer's.
+  if (!objects_.find(object)) return relay_->unsubscribe(subscription);
+  if (stream_->pendingBytes() > limits_.outputSlow) {
+    const std::string cause = "the peer did not read the events of its subscriptions: cut at " +
+                              std::to_string(limits_.outputSlow >> 20) + " MiB";
+    GV_LOG(log::Level::Warning, category, "sendEvent", peerName() + ": " + cause);
+    relay_->end();
+    return stream_->close(cause);
+  }
+  ObjectExchange::Sending sending(objects_);
+  wire::Message message(&sending);
+  std::vector<AnyReference> references;
+  for (const AnyValue& value : values) references.push_back(value.asReference());
+  wire::writeArguments(message, references, signal.signature().toString());
+  checkSize(message, "an emission of the signal '" + signal.name() + "' takes ");
+  wire::FrameHeader header;
+  header.type = wire::FrameType::Event;
+  header.service = object.service;
+  header.object = object.object;
+  header.member = signal.uid();
+  header.messageId = subscription;
+  if (stream_->send(message.finish(header))) sending.wasSent();
+}
+
+wire::FrameHeader Connection::makeHeader(const ObjectAddress& object, const MetaMethod& method,
                                          MetaCallType callType) const {
   wire::FrameHeader header;
   header.callType = static_cast<wire::CallType>(callType);
-  header.service = service;
+  header.service = object.service;
+  header.object = object.object;
   header.member = method.uid();
   header.parentCall = CallContext::current().callId;
   header.traceId = traceIdForNewCall();
   return header;
 }
 
+void Connection::checkSize(const wire::Message& message, const std::string& what) const {
+  if (message.payloadSize() > limits_.payload)
+    throw std::runtime_error(what + std::to_string(message.payloadSize()) +
+                             " bytes, more than the limit of " + std::to_string(limits_.payload));
+}
+
 void Connection::encodeArguments(wire::Message& message, const MetaMethod& method,
                                  const GenericFunctionParameters& arguments) const {
-  wire::writeArguments(message.bytes(), arguments, method.parametersSignature().toString());
+  wire::writeArguments(message, arguments, method.parametersSignature().toString());
   if (message.payloadSize() > limits_.payload)
-    throw std::runtime_error("the arguments of '" + method.toString() + "' take " +
-                             std::to_string(message.payloadSize()) +
-                             " bytes, more than the limit of " + std::to_string(limits_.payload));
+    checkSize(message, "the arguments of '" + method.toString() + "' take ");
 }
 
 void Connection::send(const HandshakeFrame& frame) {
   wire::Message message;
-  message.bytes().insert(message.bytes().end(), frame.payload.begin(), frame.payload.end());
+  message.write(frame.payload.data(), frame.payload.size());
   wire::FrameHeader header;
   header.type = frame.type;
   stream_->send(message.finish(header));
@@ -228,6 +306,8 @@ void Connection::fail(const std::string& cause) {
   for (const PendingCall& pending : lost)
     pending.promise.setError("the connection to " + peerName() + " was lost: " + cause,
                              FutureException::State::ConnectionLost);
+  relay_->end();
+  objects_.end();
 }
 
 void Connection::onClosed(const std::string& cause) {
@@ -277,6 +357,8 @@ void Connection::onFrame(wire::Frame& frame) {
     case wire::FrameType::Call:
     case wire::FrameType::Post:
       return onCall(frame);
+    case wire::FrameType::Event:
+      return onEvent(frame);
     default:
       reader_.stop("the peer sent a handshake frame after the handshake");
   }
@@ -306,6 +388,7 @@ void Connection::becomeOpen() {
 }
 
 void Connection::onReply(const wire::Frame& frame) {
+  ObjectExchange::Receiving receiving(objects_, frame.bytes());
   const auto pending = takePending(frame.header.messageId);
   if (!pending) {
     GV_LOG(log::Level::Verbose, category, "onReply",
@@ -321,7 +404,8 @@ void Connection::onReply(const wire::Frame& frame) {
     }
     auto value = std::make_shared<AnyValue>(AnyValue::makeDefault(pending->returnSignature));
     const AnyReference target = value->asReference();
-    wire::readValue(frame.bytes(), target, limits_);
+    wire::readValue(frame.bytes(), target, limits_, &receiving);
+    receiving.wasRead();
     result = AnyReference(target.type(), target.pointer(), std::move(value));
   } catch (const std::exception& error) {
     return pending->promise.setError("the reply of " + peerName() +
@@ -330,9 +414,34 @@ void Connection::onReply(const wire::Frame& frame) {
   pending->promise.setValue(result);
 }
 
+// ---- Signals of the peer's objects
+
+void Connection::onEvent(const wire::Frame& frame) {
+  ObjectExchange::Receiving receiving(objects_, frame.bytes());
+  const auto target = eventTargets_.find(frame.header.messageId);
+  if (!target) return;  // it crossed the end of its subscription
+  if (budget_->bytes >= limits_.acceptedBytes)
+    return reader_.stop("its events come faster than they are handled");
+  try {
+    const auto event = releasedElsewhere(ReceivedEvent{
+        std::make_unique<BudgetShare>(budget_, 0, wire::frameHeaderSize + frame.payload.size()),
+        readArgumentList(frame.bytes(), target->source->signature(), limits_, receiving)});
+    receiving.wasRead();
+    GenericFunctionParameters values;
+    for (const AnyReference& value : event->values)
+      values.emplace_back(value.type(), value.pointer(), event);
+    target->object->metaPost(target->object, target->signal, values);
+  } catch (const std::exception& error) {
+    GV_LOG(log::Level::Warning, category, "onEvent",
+           "dropping an emission of the signal '" + target->source->name() + "' of " + peerName() +
+               ": " + error.what());
+  }
+}
+
 // ---- Calls of the peer
 
 void Connection::onCall(wire::Frame& frame) {
+  if (isPostOf(releaseId, frame.header)) return objects_.onRelease(frame);
   const bool isHere = net::Readers::mayRunForeignCode();
   if (!isHere) stream_->expectUnasked();
   if (isFrameworks(frame.header)) return serve(frame, MetaCallType::Direct);
@@ -343,19 +452,49 @@ void Connection::onCall(wire::Frame& frame) {
     serveOnEventLoop(frame);
 }
 
+/// Looks up, and decodes what may name objects, in the order of the frames: what follows may give
+/// back the object that is called here, or one among the arguments.
 void Connection::serveOnEventLoop(wire::Frame& frame) {
-  if (budget_->calls >= limits_.acceptedCalls || budget_->bytes >= limits_.acceptedBytes)
-    return replyError(frame.header, "too many calls of this connection are under way");
-  const auto call = std::make_shared<const AcceptedCall>(std::move(frame), budget_);
+  const wire::FrameHeader header = frame.header;
+  const auto call = releasedElsewhere(AcceptedCall());
+  try {
+    if (budget_->calls >= limits_.acceptedCalls || budget_->bytes >= limits_.acceptedBytes) {
+      objects_.giveBack(frame.bytes());
+      throw std::runtime_error("too many calls of this connection are under way");
+    }
+    call->share = std::make_unique<BudgetShare>(budget_, 1, frame.payload.size());
+    call->target = findTarget(frame);
+    if (mayNameObjects(call->target.method->parametersSignature()))
+      call->arguments = readArguments(frame, call->target);
+  } catch (const std::exception& error) {
+    return replyError(header, error.what());
+  } catch (...) {
+    return replyError(header, "unknown exception");
+  }
+  call->frame = std::move(frame);
   EventLoop* loop = getEventLoop();
   const auto refuse = [self = shared_from_this(), call, loop] {
-    self->replyError(call->frame().header, loop->refusalText());
+    self->replyError(call->frame.header, loop->refusalText());
   };
-  const auto run = [self = shared_from_this(), call] {
-    const auto callType = static_cast<MetaCallType>(call->frame().header.callType);
-    self->serve(call->frame(), callType == MetaCallType::Queued ? MetaCallType::Direct : callType);
-  };
+  const auto run = [self = shared_from_this(), call] { self->serveAccepted(*call); };
   if (!loop->tryPost(run, refuse)) refuse();
+}
+
+void Connection::serveAccepted(const AcceptedCall& call) {
+  const wire::FrameHeader& header = call.frame.header;
+  const auto callType = static_cast<MetaCallType>(header.callType);
+  try {
+    // A service that was withdrawn meanwhile starts no body; an object that was given back does.
+    if (header.service != 0 && !objects_.find(addressOf(header)))
+      return replyError(header, noService(header.service));
+    callMethod(header, call.target,
+               call.arguments ? *call.arguments : readArguments(call.frame, call.target),
+               callType == MetaCallType::Queued ? MetaCallType::Direct : callType);
+  } catch (const std::exception& error) {
+    replyError(header, error.what());
+  } catch (...) {
+    replyError(header, "unknown exception");
+  }
 }
 
 void Connection::serve(const wire::Frame& frame, MetaCallType callType) {
@@ -363,12 +502,11 @@ void Connection::serve(const wire::Frame& frame, MetaCallType callType) {
   // Outlives the object: its destructor is foreign, too.
   std::optional<net::Readers::ForeignCode> foreign;
   try {
-    const auto host = host_.lock();
-    const auto object = host ? host->findService(header.service) : Object<Empty>();
-    if (!object || header.object != 0) return replyError(header, noService(header.service));
+    const CallTarget target = findTarget(frame);
     // Calls of a single-threaded object are only put in its queue: in the order of their frames.
-    if (!isFrameworks(header) && !isSingleThreaded(object)) foreign.emplace();
-    callMethod(frame, object, callType);
+    if (!isFrameworks(header) && target.object && !isSingleThreaded(target.object))
+      foreign.emplace();
+    callMethod(header, target, readArguments(frame, target), callType);
     if (!foreign) foreign.emplace();
   } catch (const std::exception& error) {
     replyError(header, error.what());
@@ -377,23 +515,58 @@ void Connection::serve(const wire::Frame& frame, MetaCallType callType) {
   }
 }
 
-void Connection::callMethod(const wire::Frame& frame, const Object<Empty>& object,
-                            MetaCallType callType) {
+CallTarget Connection::findTarget(const wire::Frame& frame) {
   const wire::FrameHeader& header = frame.header;
-  const MetaMethod* method = object.metaObject().method(header.member);
-  if (!method && header.type == wire::FrameType::Post)
-    return replyError(header, "the object has no method with id " + std::to_string(header.member));
+  if (isPostOf(unsubscribeId, header)) return {{}, &unsubscribeMethod()};
+  CallTarget target{objects_.find(addressOf(header)), nullptr};
+  if (target.object)
+    target.method = header.member == subscribeId && header.type == wire::FrameType::Call
+                        ? &subscribeMethod()
+                        : target.object.metaObject().method(header.member);
+  if (target.method) return target;
+  objects_.giveBack(frame.bytes());
+  throw std::runtime_error(target.object
+                               ? "the object has no method with id " + std::to_string(header.member)
+                               : noObject(addressOf(header)));
+}
+
+GenericFunctionParameters Connection::readArguments(const wire::Frame& frame,
+                                                    const CallTarget& target) {
+  ObjectExchange::Receiving receiving(objects_, frame.bytes());
+  auto arguments =
+      target.object
+          ? readArgumentList(frame.bytes(), target.object, *target.method, limits_, receiving)
+          : readArgumentList(frame.bytes(), target.method->parametersSignature(), limits_,
+                             receiving);
+  receiving.wasRead();
+  return arguments;
+}
+
+void Connection::callMethod(const wire::FrameHeader& header, const CallTarget& target,
+                            const GenericFunctionParameters& arguments, MetaCallType callType) {
+  const Future<AnyReference> result = startMethod(header, target, arguments, callType);
+  if (header.type == wire::FrameType::Post) return;
+  replyWhenSettled(header, target.method->returnSignature().toString(), result);
+}
+
+Future<AnyReference> Connection::startMethod(const wire::FrameHeader& header,
+                                             const CallTarget& target,
+                                             const GenericFunctionParameters& arguments,
+                                             MetaCallType callType) {
+  if (target.method == &unsubscribeMethod()) {
+    relay_->unsubscribe(arguments[0].to<std::uint64_t>());
+    return makeReadyFuture(AnyReference::ofVoid());
+  }
+  if (target.method == &subscribeMethod())
+    return relay_->subscribe(shared_from_this(), addressOf(header), target.object,
+                             arguments[0].to<unsigned>(), arguments[1].to<std::uint64_t>());
   CallContext context{.callId = header.messageId, .traceId = header.traceId};
   if (isDirectorys(header)) context.caller = this;
   const CallContextScope scope(context);
-  const GenericFunctionParameters arguments =
-      method ? readArgumentList(frame.bytes(), object, *method, limits_)
-             : GenericFunctionParameters();
   const CallGate gate{host_, header.service, &checkService};
-  const CallGateScope gated(gate);
-  const Future<AnyReference> result = object.metaCall(header.member, arguments, callType);
-  if (header.type == wire::FrameType::Post) return;
-  replyWhenSettled(header, method ? method->returnSignature().toString() : "V", result);
+  std::optional<CallGateScope> gated;
+  if (header.service != 0) gated.emplace(gate);
+  return target.object.metaCall(header.member, arguments, callType);
 }
 
 void Connection::replyWhenSettled(const wire::FrameHeader& call, const std::string& returnSignature,
@@ -426,12 +599,11 @@ void Connection::replyWhenSettled(const wire::FrameHeader& call, const std::stri
 
 void Connection::reply(const wire::FrameHeader& call, const std::string& returnSignature,
                        const AnyReference& result) {
-  wire::Message message;
+  ObjectExchange::Sending sending(objects_);
+  wire::Message message(&sending);
   try {
-    wire::writeValue(message.bytes(), result, returnSignature);
-    if (message.payloadSize() > limits_.payload)
-      throw std::runtime_error("the result takes " + std::to_string(message.payloadSize()) +
-                               " bytes, more than the limit of " + std::to_string(limits_.payload));
+    wire::writeValue(message, result, returnSignature);
+    checkSize(message, "the result takes ");
   } catch (const std::exception& error) {
     return replyError(call, error.what());
   } catch (...) {
@@ -440,7 +612,7 @@ void Connection::reply(const wire::FrameHeader& call, const std::string& returnS
   wire::FrameHeader header;
   header.type = wire::FrameType::Reply;
   header.messageId = call.messageId;
-  stream_->send(message.finish(header));
+  if (stream_->send(message.finish(header))) sending.wasSent();
 }
 
 void Connection::replyError(const wire::FrameHeader& call, const std::string& text) {
@@ -452,7 +624,7 @@ void Connection::replyError(const wire::FrameHeader& call, const std::string& te
   }
   const std::string sent = shortened(text);
   wire::Message message;
-  wire::writeValue(message.bytes(), AnyReference::from(sent), "s");
+  wire::writeValue(message, AnyReference::from(sent), "s");
   wire::FrameHeader header;
   header.type = wire::FrameType::Error;
   header.messageId = call.messageId;

@@ -12,8 +12,11 @@
 
 #include "src/net/stream.h"
 #include "src/net/timer.h"
+#include "src/rpc/eventtargets.h"
 #include "src/rpc/handshake.h"
+#include "src/rpc/objectexchange.h"
 #include "src/rpc/pendingcalls.h"
+#include "src/rpc/signalrelay.h"
 #include "src/wire/framereader.h"
 #include "src/wire/message.h"
 
@@ -27,11 +30,15 @@ class ServiceHost {
   virtual Object<Empty> findService(unsigned id) const = 0;
 };
 
-/// What one peer has asked for and not been answered yet. Atomic: calls end on any thread.
+/// What one peer has asked for and not been answered yet, and what it has told and nobody handled
+/// yet. Atomic: calls end on any thread.
 struct CallBudget {
   std::atomic<std::size_t> calls{0};
   std::atomic<std::size_t> bytes{0};
 };
+
+struct AcceptedCall;
+struct CallTarget;
 
 /// A conversation with one peer, shared by all calls in both directions.
 ///
@@ -58,13 +65,23 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
                                            const Greeting& own, std::weak_ptr<ServiceHost> host,
                                            Events events, const wire::Limits& limits);
 
-  /// Calls a method of the peer's, described by `method`. The future has its result, or fails:
-  /// NotSent when the arguments do not convert or the connection had ended, ConnectionLost when it
-  /// ended before the reply, UserError with the other side's text.
-  Future<AnyReference> call(unsigned service, const MetaMethod& method,
+  /// Calls a method of an object of the peer's, described by `method`. The future has its result,
+  /// or fails: NotSent when the arguments do not convert or the connection had ended,
+  /// ConnectionLost when it ended before the reply, UserError with the other side's text.
+  Future<AnyReference> call(const ObjectAddress& object, const MetaMethod& method,
                             const GenericFunctionParameters& arguments, MetaCallType callType);
   /// Sends a call that has no reply. Throws std::runtime_error when it could not be sent.
-  void post(unsigned service, const MetaMethod& method, const GenericFunctionParameters& arguments);
+  void post(const ObjectAddress& object, const MetaMethod& method,
+            const GenericFunctionParameters& arguments);
+  /// Tells the peer of an emission. Never waits for it: a peer that has not taken what was sent
+  /// before, by more than Limits::outputSlow, loses the connection. Throws where the values cannot
+  /// be sent.
+  void sendEvent(const ObjectAddress& object, const MetaSignal& signal, std::uint64_t subscription,
+                 const std::vector<AnyValue>& values);
+
+  /// The objects that cross this connection, and where events of the peer's objects go.
+  ObjectExchange& objects() { return objects_; }
+  EventTargets& eventTargets() { return eventTargets_; }
 
   /// Ends the connection; pending calls fail with `cause` before this returns. What was sent before
   /// still leaves, within a second. Any thread; idempotent.
@@ -100,16 +117,25 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   void onReply(const wire::Frame& frame);
   void onCall(wire::Frame& frame);
   void serveOnEventLoop(wire::Frame& frame);
+  void onEvent(const wire::Frame& frame);
+  CallTarget findTarget(const wire::Frame& frame);
+  GenericFunctionParameters readArguments(const wire::Frame& frame, const CallTarget& target);
   void serve(const wire::Frame& frame, MetaCallType callType);
-  void callMethod(const wire::Frame& frame, const Object<Empty>& object, MetaCallType callType);
+  void serveAccepted(const AcceptedCall& call);
+  void callMethod(const wire::FrameHeader& header, const CallTarget& target,
+                  const GenericFunctionParameters& arguments, MetaCallType callType);
+  Future<AnyReference> startMethod(const wire::FrameHeader& header, const CallTarget& target,
+                                   const GenericFunctionParameters& arguments,
+                                   MetaCallType callType);
   void replyWhenSettled(const wire::FrameHeader& call, const std::string& returnSignature,
                         const Future<AnyReference>& result);
   void reply(const wire::FrameHeader& call, const std::string& returnSignature,
              const AnyReference& result);
   void replyError(const wire::FrameHeader& call, const std::string& text);
 
-  wire::FrameHeader makeHeader(unsigned service, const MetaMethod& method,
+  wire::FrameHeader makeHeader(const ObjectAddress& object, const MetaMethod& method,
                                MetaCallType callType) const;
+  void checkSize(const wire::Message& message, const std::string& what) const;
   void encodeArguments(wire::Message& message, const MetaMethod& method,
                        const GenericFunctionParameters& arguments) const;
   void send(const HandshakeFrame& frame);
@@ -125,6 +151,11 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   const std::weak_ptr<ServiceHost> host_;
   const wire::Limits limits_;
   const std::shared_ptr<CallBudget> budget_ = std::make_shared<CallBudget>();
+
+  // Safe by themselves
+  ObjectExchange objects_;
+  EventTargets eventTargets_;
+  const std::shared_ptr<SignalRelay> relay_;
 
   // Of the thread that reads, or ends it
   Events events_;  // dropped when the connection has ended

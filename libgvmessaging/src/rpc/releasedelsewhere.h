@@ -6,14 +6,17 @@
 #include <gv/eventloop.h>
 
 #include "src/net/reactor.h"
+#include "src/net/readers.h"
 
 namespace gv::rpc {
 
 /// Holds something of the user's for code that runs in the network's thread: when the last holder
-/// lets go there, it is destroyed on the event loop instead. A destructor is foreign code.
+/// lets go there, it is destroyed on the event loop instead; where the thread reads, that may be
+/// handed over meanwhile. A destructor is foreign code.
 template <class T>
-std::shared_ptr<T> releasedElsewhere(T value) {
-  return std::shared_ptr<T>(new T(std::move(value)), [](T* held) {
+std::shared_ptr<T> releasedElsewhere(std::unique_ptr<T> value) {
+  return std::shared_ptr<T>(value.release(), [](T* held) {
+    const net::Readers::ForeignCode destructor;
     std::unique_ptr<T> owner(held);
     if (!net::Reactor::isThisThread()) return;
     try {
@@ -23,6 +26,10 @@ std::shared_ptr<T> releasedElsewhere(T value) {
       // In a forked child nobody else is left to do it.
     }
   });
+}
+template <class T>
+std::shared_ptr<T> releasedElsewhere(T value) {
+  return releasedElsewhere(std::make_unique<T>(std::move(value)));
 }
 
 }  // namespace gv::rpc

@@ -6,6 +6,9 @@
 
 #include <gvtype/metaobjectdescription.h>
 
+#include "src/rpc/frameworkmethods.h"
+#include "src/rpc/releasedelsewhere.h"
+
 namespace gv::rpc {
 namespace {
 
@@ -13,29 +16,31 @@ std::string noProperty(unsigned id) {
   return "the object has no property with id " + std::to_string(id);
 }
 
-/// How every object is asked for its description, known before the description is.
-MetaMethod metaObjectMethod() {
-  MetaMethodBuilder builder;
-  builder.setUid(static_cast<unsigned>(BuiltinMethod::MetaObject));
-  builder.setName("metaObject");
-  std::string signature;
-  appendSignature(signature, getType<MetaObjectDescription>());
-  builder.setReturnSignature(signature);
-  return builder.metaMethod();
+}  // namespace
+
+RemoteObject::RemoteObject(std::shared_ptr<Connection> connection, const ObjectAddress& address)
+    : connection_(std::move(connection)),
+      address_(address),
+      signals_(releasedElsewhere(std::make_unique<RemoteSignals>(connection_, address))) {}
+
+RemoteObject::~RemoteObject() {
+  if (address_.service == 0) connection_->objects().onUnused(address_.object, this);
 }
 
-}  // namespace
+Object<Empty> RemoteObject::make(const std::shared_ptr<Connection>& connection,
+                                 const ObjectAddress& address, const MetaObject& description) {
+  const auto object = boost::make_shared<RemoteObject>(connection, address);
+  object->setMetaObject(description);
+  return Object<RemoteObject>(object);
+}
 
 Future<Object<Empty>> RemoteObject::make(const std::shared_ptr<Connection>& connection,
                                          unsigned service) {
-  static const MetaMethod& describe = *new MetaMethod(metaObjectMethod());
-  return connection->call(service, describe, {}, MetaCallType::Auto)
+  return connection->call(service, metaObjectMethod(), {}, MetaCallType::Auto)
       .then(
           [connection, service](Future<AnyReference> settled) {
-            const auto description = settled.value().to<MetaObjectDescription>();
-            const auto object = boost::make_shared<RemoteObject>(connection, service);
-            object->setMetaObject(makeMetaObject(description));
-            return Object<Empty>(Object<RemoteObject>(object));
+            return make(connection, service,
+                        makeMetaObject(settled.value().to<MetaObjectDescription>()));
           },
           FutureCallbackType::Sync);
 }
@@ -52,17 +57,25 @@ Future<AnyReference> RemoteObject::metaCall(Object<Empty>, unsigned id,
   const MetaMethod* method = metaObject().method(id);
   if (!method)
     return makeFailedFuture<AnyReference>("the object has no method with id " + std::to_string(id));
-  return connection_->call(service_, *method, arguments, callType);
+  return connection_->call(address_, *method, arguments, callType);
 }
 
 void RemoteObject::metaPost(Object<Empty>, unsigned id,
                             const GenericFunctionParameters& arguments) {
-  connection_->post(service_, methodOrThrow(id), arguments);
+  connection_->post(address_, methodOrThrow(id), arguments);
 }
 
-Future<SignalLink> RemoteObject::metaConnect(Object<Empty>, unsigned, AnyFunction, MetaCallType) {
-  return makeFailedFuture<SignalLink>(
-      "signals of objects in other processes do not cross connections");
+Future<SignalLink> RemoteObject::metaConnect(Object<Empty> context, unsigned id,
+                                             AnyFunction handler, MetaCallType callType) {
+  const auto& signals = metaObject().signalMap();
+  const auto signal = signals.find(id);
+  if (signal == signals.end())
+    return makeFailedFuture<SignalLink>("the object has no signal with id " + std::to_string(id));
+  return signals_->connect(context, signal->second, std::move(handler), callType);
+}
+
+Future<void> RemoteObject::metaDisconnect(Object<Empty>, SignalLink link) {
+  return signals_->disconnect(link);
 }
 
 Future<AnyReference> RemoteObject::metaProperty(Object<Empty> context, unsigned id) {

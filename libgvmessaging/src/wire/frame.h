@@ -18,6 +18,7 @@ enum class FrameType : std::uint8_t {
   Post = 4,     ///< Asks for none.
   Reply = 5,    ///< The value of the call of the same message id.
   Error = 6,    ///< Its error text.
+  Event = 7,    ///< An emission, for the subscription that the message id numbers.
 };
 
 /// Where the called side runs a method. The numbers are those of gv::MetaCallType.

@@ -25,6 +25,10 @@ struct Limits {
   std::size_t acceptedCalls = 10'000;
   std::size_t acceptedBytes = std::size_t{256} << 20;
 
+  /// Objects lent to one peer, or by it; and the signals that one peer listens to.
+  std::size_t lentObjects = 10'000;
+  std::size_t subscriptions = 10'000;
+
   /// From accepting or connecting to the end of the handshake, however busily the peer sends.
   std::chrono::milliseconds handshakeTime{10'000};
 

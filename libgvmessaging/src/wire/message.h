@@ -2,33 +2,37 @@
 
 #include <cstdint>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "src/wire/frame.h"
+#include "src/wire/output.h"
 
 namespace gv::wire {
 
 /// A frame in the making: room for the header, and behind it the payload. Its memory comes from the
 /// thread that makes it and goes back there.
-class Message {
+class Message : public Output {
  public:
-  Message() : bytes_(std::move(spare())) { bytes_.resize(frameHeaderSize); }
+  explicit Message(OutgoingObjects* objects = nullptr) : Output(objects) {
+    own_ = std::move(spare());
+    own_.resize(frameHeaderSize);
+  }
   ~Message() {
     constexpr std::size_t mostKept = 64u << 10;
-    if (bytes_.capacity() <= mostKept) spare() = std::move(bytes_);
+    if (own_.capacity() <= mostKept) spare() = std::move(own_);
   }
   Message(const Message&) = delete;
   Message& operator=(const Message&) = delete;
 
-  /// The header's place and the payload so far: append to it.
-  std::vector<char>& bytes() { return bytes_; }
-  std::size_t payloadSize() const { return bytes_.size() - frameHeaderSize; }
+  std::size_t payloadSize() const { return size() - frameHeaderSize; }
 
   /// Writes the header in front. Returns the whole frame, good while this lives.
-  std::span<const char> finish(FrameHeader header) {
+  std::span<const std::span<const char>> finish(FrameHeader header) {
     header.payloadSize = static_cast<std::uint32_t>(payloadSize());
-    encodeHeader(header, std::span<char, frameHeaderSize>(bytes_.data(), frameHeaderSize));
-    return bytes_;
+    encodeHeader(header, std::span<char, frameHeaderSize>(own_.data(), frameHeaderSize));
+    pieces_ = pieces();
+    return {pieces_.data(), pieces_.size()};
   }
 
  private:
@@ -37,7 +41,7 @@ class Message {
     return bytes;
   }
 
-  std::vector<char> bytes_;
+  Pieces pieces_;
 };
 
 }  // namespace gv::wire

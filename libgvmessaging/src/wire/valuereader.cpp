@@ -14,19 +14,26 @@ namespace {
 struct Level {
   enum class Kind { Arguments, List, Map, Tuple, Optional, Dynamic };
 
-  Kind kind;
-  AnyReference container;
+  Kind kind{};
+  AnyReference container{};
   std::size_t index = 0;
   AnyValue key;           // of a map's entry
   AnyValue item;          // of an entry, of a dynamic value, of a list of bits
   std::string signature;  // of a dynamic value
 };
 
+PassedObject readPassed(std::span<const char> ext, const Limits& limits, std::size_t& budget);
+
 /// Receives the parts of a payload from MessagePack's parser and puts them where they belong.
 class Decoder : public msgpack::null_visitor {
  public:
-  Decoder(std::size_t payloadSize, const Limits& limits)
-      : payloadSize_(payloadSize), budget_(limits.decodedBytes), nesting_(limits.nesting) {}
+  Decoder(std::size_t payloadSize, const Limits& limits, IncomingObjects* objects = nullptr)
+      : payloadSize_(payloadSize),
+        budget_(limits.decodedBytes),
+        nesting_(limits.nesting),
+        objects_(objects) {}
+
+  std::size_t budget() const { return budget_; }
 
   void expect(const AnyReference& target) { slot_ = target; }
   void expectArguments(const std::vector<AnyReference>& targets, std::vector<AnyValue>* tail) {
@@ -38,6 +45,8 @@ class Decoder : public msgpack::null_visitor {
     const TypeKind kind = slotKind("nil");
     if (kind == TypeKind::Dynamic)
       slot_.type()->dynamic->assign(slot_.pointer(), {});
+    else if (kind == TypeKind::Object)
+      slot_.type()->object->set(slot_.pointer(), {});
     else if (kind != TypeKind::Void)
       mismatch("nil");
     return true;
@@ -59,11 +68,22 @@ class Decoder : public msgpack::null_visitor {
   bool visit_bin(const char* bytes, std::uint32_t size) {
     return takeBytes(TypeKind::Raw, "raw bytes", {bytes, size});
   }
-  bool visit_ext(const char*, std::uint32_t) { throw PayloadError("it has an extension value"); }
+  bool visit_ext(const char* bytes, std::uint32_t size) {
+    if (slotKind("an extension value") != TypeKind::Object) mismatch("an extension value");
+    if (!objects_) throw PayloadError("it has an object, which cannot be sent here" + where());
+    Limits rest;
+    rest.decodedBytes = budget_;
+    rest.nesting = nesting_;
+    const Object<Empty> object = objects_->receive(readPassed({bytes, size}, rest, budget_));
+    if (!slot_.type()->object->set(slot_.pointer(), object))
+      throw PayloadError("it has an object of another class, or of another process, than expected" +
+                         where());
+    return true;
+  }
 
   bool start_array(std::uint32_t count) {
     checkCount(count);
-    if (levels_.empty() && targets_) {
+    if (depth_ == 0 && targets_) {
       startArguments(count);
       return true;
     }
@@ -91,7 +111,7 @@ class Decoder : public msgpack::null_visitor {
     return true;
   }
   bool start_array_item() {
-    Level& level = levels_.back();
+    Level& level = top();
     switch (level.kind) {
       case Level::Kind::Arguments:
         slot_ = level.index < targets_->size() ? (*targets_)[level.index]
@@ -114,7 +134,7 @@ class Decoder : public msgpack::null_visitor {
     return true;
   }
   bool end_array_item() {
-    Level& level = levels_.back();
+    Level& level = top();
     const ListOps* list = level.kind == Level::Kind::List ? level.container.type()->list : nullptr;
     if (list && !list->emplace)
       list->push(level.container.pointer(), level.item.asReference().pointer());
@@ -123,7 +143,7 @@ class Decoder : public msgpack::null_visitor {
     return true;
   }
   bool end_array() {
-    Level& level = levels_.back();
+    Level& level = top();
     if (level.kind == Level::Kind::Dynamic) {
       level.item.updateNesting();
       if (AnyValue* value = level.container.as<AnyValue>())
@@ -132,7 +152,7 @@ class Decoder : public msgpack::null_visitor {
         level.container.type()->dynamic->assign(level.container.pointer(),
                                                 level.item.asReference());
     }
-    levels_.pop_back();
+    --depth_;
     return true;
   }
 
@@ -144,18 +164,18 @@ class Decoder : public msgpack::null_visitor {
     return true;
   }
   bool start_map_key() {
-    Level& level = levels_.back();
+    Level& level = top();
     chargeGeneric(level.container);
     level.key = level.container.type()->map->makeKey(level.container.pointer());
     return startPart(level.key);
   }
   bool start_map_value() {
-    Level& level = levels_.back();
+    Level& level = top();
     level.item = level.container.type()->map->makeValue(level.container.pointer());
     return startPart(level.item);
   }
   bool end_map_value() {
-    Level& level = levels_.back();
+    Level& level = top();
     const MapOps* map = level.container.type()->map;
     map->insert(level.container.pointer(), std::move(level.key), std::move(level.item));
     if (map->size(level.container.pointer()) != level.index + 1)
@@ -164,7 +184,7 @@ class Decoder : public msgpack::null_visitor {
     return true;
   }
   bool end_map() {
-    levels_.pop_back();
+    --depth_;
     return true;
   }
 
@@ -172,21 +192,21 @@ class Decoder : public msgpack::null_visitor {
   void insufficient_bytes(std::size_t, std::size_t) { throw PayloadError("it ends too early"); }
 
  private:
+  Level& top() { return levels_[depth_ - 1]; }
+  const Level& top() const { return levels_[depth_ - 1]; }
+
   TypeKind slotKind(const char* found) const {
     if (!slot_.isValid()) mismatch(found);
     return slot_.type()->kind;
   }
   [[noreturn]] void mismatch(const char* found) const {
-    if (slot_.isValid() && slot_.type()->kind == TypeKind::Object)
-      throw PayloadError("it has a value where an object is expected: objects cannot be sent" +
-                         where());
     throw PayloadError(std::string("it has ") + found + " where " +
                        (slot_.isValid() ? typeName(slot_.type()) : "the arguments of a call") +
                        " is expected" + where());
   }
   std::string where() const {
-    if (levels_.empty()) return {};
-    const Level& level = levels_.back();
+    if (depth_ == 0) return {};
+    const Level& level = top();
     return std::string(level.kind == Level::Kind::Arguments ? " (argument " : " (element ") +
            std::to_string(level.index + 1) + ")";
   }
@@ -205,9 +225,13 @@ class Decoder : public msgpack::null_visitor {
     budget_ -= bytes + 1;
   }
   void push(Level::Kind kind) {
-    if (levels_.size() == nesting_ + (targets_ ? 1 : 0))  // the arguments are no level
+    if (depth_ == nesting_ + (targets_ ? 1 : 0))  // the arguments are no level
       throw PayloadError("it nests deeper than " + std::to_string(nesting_) + " levels");
-    levels_.push_back({.kind = kind, .container = slot_, .key = {}, .item = {}, .signature = {}});
+    if (depth_ == levels_.size()) levels_.emplace_back();
+    Level& level = levels_[depth_++];
+    level.kind = kind;
+    level.container = slot_;
+    level.index = 0;
   }
 
   void startArguments(std::uint32_t count) {
@@ -236,10 +260,17 @@ class Decoder : public msgpack::null_visitor {
     }
   }
   void startContent(Level& level) {
+    constexpr std::string_view flatCodes = "bcynqiuxtfdsr";
+    if (level.signature.size() == 1 && flatCodes.find(level.signature[0]) != flatCodes.npos) {
+      charge(2 * sizeof(AnyValue));
+      level.item = AnyValue::makeDefault(level.signature);
+      return;
+    }
     if (level.signature == "v" || level.signature == "V" || level.signature.empty())
       throw PayloadError("a dynamic value cannot have the signature '" + level.signature + "'");
     const Signature checked(level.signature);  // refuses a malformed or very long one
-    if (signatureHasCode(level.signature, 'o') || signatureHasCode(level.signature, 'X'))
+    if (signatureHasCode(level.signature, 'X') ||
+        (!objects_ && signatureHasCode(level.signature, 'o')))
       throw PayloadError("a value of the signature '" + level.signature + "' cannot be sent");
     chargeDefault(checked.toString());
     level.item = AnyValue::makeDefault(checked.toString());
@@ -271,10 +302,12 @@ class Decoder : public msgpack::null_visitor {
   const std::size_t payloadSize_;
   std::size_t budget_;
   const unsigned nesting_;
+  IncomingObjects* const objects_;
   AnyReference slot_;  // where the next value goes
   const std::vector<AnyReference>* targets_ = nullptr;
   std::vector<AnyValue>* tail_ = nullptr;
-  std::deque<Level> levels_;
+  std::deque<Level> levels_;  // those that were left wait to be used again
+  std::size_t depth_ = 0;     // how many are being read
 };
 
 void decode(std::span<const char> payload, Decoder& decoder) {
@@ -291,21 +324,83 @@ void decode(std::span<const char> payload, Decoder& decoder) {
     throw PayloadError("malformed payload: more bytes follow the value");
 }
 
+template <class T>
+T readBody(std::span<const char> body, const Limits& limits, std::size_t& budget) {
+  T value;
+  Decoder decoder(body.size(), limits);
+  decoder.expect(AnyReference::from(value));
+  decode(body, decoder);
+  budget = decoder.budget();
+  return value;
+}
+
+/// Reads an ext value, whose first byte is its type; `budget` is what its decoding leaves.
+PassedObject readPassed(std::span<const char> ext, const Limits& limits, std::size_t& budget) {
+  const auto body = ext.subspan(1);
+  switch (static_cast<std::int8_t>(ext.front())) {
+    case sendersObjectCode: {
+      auto [number, description] = readBody<SendersObject>(body, limits, budget);
+      return {false, 0, number, std::move(description)};
+    }
+    case receiversObjectCode: {
+      const auto [service, number] = readBody<ReceiversObject>(body, limits, budget);
+      return {true, service, number, {}};
+    }
+    default:
+      throw PayloadError("it has an extension value of unknown type");
+  }
+}
+
+/// Looks for objects only, whatever the types of the values around them.
+class ObjectFinder : public msgpack::null_visitor {
+ public:
+  ObjectFinder(const Limits& limits, FunctionRef<void(const PassedObject&)> visit)
+      : limits_(limits), budget_(limits.decodedBytes), visit_(visit) {}
+
+  bool visit_ext(const char* bytes, std::uint32_t size) {
+    Limits rest = limits_;
+    rest.decodedBytes = budget_;
+    visit_(readPassed({bytes, size}, rest, budget_));
+    return true;
+  }
+  bool start_array(std::uint32_t) { return enter(); }
+  bool end_array() { return leave(); }
+  bool start_map(std::uint32_t) { return enter(); }
+  bool end_map() { return leave(); }
+
+ private:
+  bool enter() { return ++depth_ <= limits_.nesting + 1; }
+  bool leave() { return --depth_, true; }
+
+  const Limits& limits_;
+  std::size_t budget_;
+  const FunctionRef<void(const PassedObject&)> visit_;
+  unsigned depth_ = 0;
+};
+
 }  // namespace
 
 PayloadError::~PayloadError() = default;
 
-void readValue(std::span<const char> payload, const AnyReference& target, const Limits& limits) {
-  Decoder decoder(payload.size(), limits);
+void readValue(std::span<const char> payload, const AnyReference& target, const Limits& limits,
+               IncomingObjects* objects) {
+  Decoder decoder(payload.size(), limits, objects);
   decoder.expect(target);
   decode(payload, decoder);
 }
 
 void readArguments(std::span<const char> payload, const std::vector<AnyReference>& targets,
-                   std::vector<AnyValue>* tail, const Limits& limits) {
-  Decoder decoder(payload.size(), limits);
+                   std::vector<AnyValue>* tail, const Limits& limits, IncomingObjects* objects) {
+  Decoder decoder(payload.size(), limits, objects);
   decoder.expectArguments(targets, tail);
   decode(payload, decoder);
+}
+
+void forEachObject(std::span<const char> payload, const Limits& limits,
+                   FunctionRef<void(const PassedObject&)> visit) {
+  ObjectFinder finder(limits, visit);
+  std::size_t offset = 0;
+  msgpack::parse(payload.data(), payload.size(), offset, finder);
 }
 
 }  // namespace gv::wire

@@ -7,8 +7,10 @@
 
 #include <gvmessaging/api.h>
 #include <gvtype/anyvalue.h>
+#include <gvtype/functionref.h>
 
 #include "src/wire/limits.h"
+#include "src/wire/objectpassage.h"
 
 namespace gv::wire {
 
@@ -23,14 +25,21 @@ class GVMESSAGING_API PayloadError : public std::runtime_error {
 /// Decodes a payload that is one value into `target`, an existing value of the expected type, in
 /// one pass and without recursion. What it allocates is bounded by the limits and grows with the
 /// bytes read, never with a count that they announce. Throws PayloadError; `target` is then a valid
-/// value with unspecified content.
+/// value with unspecified content. Without `objects` no object is accepted; where `objects` throws
+/// that is a PayloadError, too.
 GVMESSAGING_API void readValue(std::span<const char> payload, const AnyReference& target,
-                               const Limits& limits);
+                               const Limits& limits, IncomingObjects* objects = nullptr);
 
 /// Decodes the arguments of a call: one value for each target, and then, where `tail` is given,
 /// dynamic values that are appended to it.
 GVMESSAGING_API void readArguments(std::span<const char> payload,
                                    const std::vector<AnyReference>& targets,
-                                   std::vector<AnyValue>* tail, const Limits& limits);
+                                   std::vector<AnyValue>* tail, const Limits& limits,
+                                   IncomingObjects* objects = nullptr);
+
+/// Finds the objects in a payload of any type, in the order in which reading it receives them. Ends
+/// early where the payload is malformed; may throw PayloadError then.
+GVMESSAGING_API void forEachObject(std::span<const char> payload, const Limits& limits,
+                                   FunctionRef<void(const PassedObject&)> visit);
 
 }  // namespace gv::wire

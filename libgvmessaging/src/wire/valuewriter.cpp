@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <limits>
 #include <msgpack.hpp>
+#include <utility>
 
 #include <gvtype/genericfunctionparameters.h>
 #include <gvtype/nesting.h>
@@ -11,12 +12,6 @@
 
 namespace gv::wire {
 namespace {
-
-/// What MessagePack's packer writes to.
-struct Output {
-  std::vector<char>& bytes;
-  void write(const char* data, std::size_t size) { bytes.insert(bytes.end(), data, data + size); }
-};
 
 using Packer = msgpack::packer<Output>;
 
@@ -32,7 +27,7 @@ std::uint32_t checkedSize(std::size_t size) {
 
 class Writer {
  public:
-  explicit Writer(std::vector<char>& out) : output_{out}, packer_(output_) {}
+  explicit Writer(Output& out) : out_(out), packer_(out) {}
 
   Packer& packer() { return packer_; }
 
@@ -41,29 +36,49 @@ class Writer {
       packer_.pack_nil();
       return;
     }
-    if (signature == "o" || signature == "X") refuse(value.type());
+    if (signature == "X") refuse(value.type());
     if (signature == "v") {
       const NestingLevel level;
       return writeDynamic(value, place);
     }
     if (value.isValid() && value.type()->kind == TypeKind::Dynamic) {
       const NestingLevel level;
-      return value.type()->dynamic->visit(
-          value.pointer(), [&](const AnyReference& content) { write(content, signature, place); });
+      return visitContent(value,
+                          [&](const AnyReference& content) { write(content, signature, place); });
     }
     if (!writeAsItIs(value, signature, place)) {
       const AnyValue converted = convertTo(value, signature, place);
+      const Copying scope(*this);
       writeAsItIs(converted.asReference(), signature, place);
     }
   }
 
  private:
+  /// While it lives, all is copied: the values written do not last.
+  struct Copying {
+    explicit Copying(Writer& writer)
+        : isBorrowing(writer.isBorrowing_), previous(std::exchange(isBorrowing, false)) {}
+    ~Copying() { isBorrowing = previous; }
+    Copying(const Copying&) = delete;
+    Copying& operator=(const Copying&) = delete;
+    bool& isBorrowing;
+    const bool previous;
+  };
+
   static bool isScalar(char code) { return code != 0 && code != 'v'; }
   static std::string_view codeOf(const AnyReference& value) { return {&value.type()->code, 1}; }
 
   [[noreturn]] static void refuse(const TypeInterface* type) {
     throw ConversionError(ConversionError::Reason::Kind,
                           "a value of type " + typeName(type) + " cannot be sent");
+  }
+
+  /// Calls `visit` with what a dynamic value holds; that lasts as long as the value in an AnyValue,
+  /// elsewhere maybe during the call only.
+  void visitContent(const AnyReference& value, FunctionRef<void(const AnyReference&)> visit) {
+    if (const AnyValue* dynamic = value.as<AnyValue>()) return visit(dynamic->asReference());
+    const Copying scope(*this);
+    value.type()->dynamic->visit(value.pointer(), visit);
   }
 
   void writeDynamic(const AnyReference& value, const ConversionPlace& place) {
@@ -73,12 +88,16 @@ class Writer {
     }
     const TypeInterface* type = value.type();
     if (type->kind == TypeKind::Dynamic)
-      return type->dynamic->visit(
-          value.pointer(), [&](const AnyReference& content) { writeDynamic(content, place); });
+      return visitContent(value,
+                          [&](const AnyReference& content) { writeDynamic(content, place); });
+    if (type->kind == TypeKind::Void || type->kind == TypeKind::Future) refuse(type);
+    if (isScalar(type->code)) {
+      packer_.pack_array(2);
+      writeString(codeOf(value));
+      return writeScalar(value);
+    }
     const std::string signature = value.signature();
-    if (type->kind == TypeKind::Void || type->kind == TypeKind::Future ||
-        signatureHasCode(signature, 'X') || signatureHasCode(signature, 'o'))
-      refuse(type);
+    if (signatureHasCode(signature, 'X')) refuse(type);
     packer_.pack_array(2);
     writeString(signature);
     write(value, signature, place);
@@ -118,19 +137,41 @@ class Writer {
         return writeFloat<std::uint32_t>('\xca', *static_cast<const float*>(pointer));
       case 'd':
         return writeFloat<std::uint64_t>('\xcb', *static_cast<const double*>(pointer));
+      case 'c':
+        packer_.pack(*static_cast<const std::int8_t*>(pointer));
+        return;
+      case 'y':
+        packer_.pack(*static_cast<const std::uint8_t*>(pointer));
+        return;
+      case 'n':
+        packer_.pack(*static_cast<const std::int16_t*>(pointer));
+        return;
+      case 'q':
+        packer_.pack(*static_cast<const std::uint16_t*>(pointer));
+        return;
+      case 'i':
+        packer_.pack(*static_cast<const std::int32_t*>(pointer));
+        return;
+      case 'u':
+        packer_.pack(*static_cast<const std::uint32_t*>(pointer));
+        return;
+      case 'x':
+        packer_.pack(*static_cast<const std::int64_t*>(pointer));
+        return;
+      case 't':
+        packer_.pack(*static_cast<const std::uint64_t*>(pointer));
+        return;
       case 's':
         return writeString(value.type()->bytes->view(pointer));
       case 'r': {
         const std::string_view bytes = value.type()->bytes->view(pointer);
         packer_.pack_bin(checkedSize(bytes.size()));
-        packer_.pack_bin_body(bytes.data(), checkedSize(bytes.size()));
-        return;
+        return writeBody(bytes);
       }
+      case 'o':
+        return writeObject(value);
       default:
-        if (value.type()->isSigned)
-          packer_.pack(value.to<std::int64_t>());
-        else
-          packer_.pack(value.to<std::uint64_t>());
+        refuse(value.type());
     }
   }
 
@@ -141,12 +182,45 @@ class Writer {
     char bytes[1 + sizeof bits] = {code};
     for (std::size_t i = 0; i < sizeof bits; ++i)
       bytes[1 + i] = static_cast<char>(bits >> (8 * (sizeof bits - 1 - i)) & 0xff);
-    output_.write(bytes, sizeof bytes);
+    out_.write(bytes, sizeof bytes);
   }
 
   void writeString(std::string_view text) {
     packer_.pack_str(checkedSize(text.size()));
-    packer_.pack_str_body(text.data(), checkedSize(text.size()));
+    writeBody(text);
+  }
+
+  void writeBody(std::string_view bytes) {
+    if (isBorrowing_ && bytes.size() >= Output::leastBorrowed)
+      out_.borrow(bytes);
+    else
+      out_.write(bytes.data(), bytes.size());
+  }
+
+  void writeObject(const AnyReference& value) {
+    const Object<Empty> object = value.type()->object->get(value.pointer());
+    if (!object) {
+      packer_.pack_nil();
+      return;
+    }
+    if (!out_.objects()) refuse(value.type());
+    PassedObject passed = out_.objects()->pass(object);
+    Output body;
+    if (passed.isReceivers)
+      writeOwn(body, ReceiversObject{passed.service, passed.number});
+    else
+      writeOwn(body, SendersObject{passed.number, std::move(passed.description)});
+    const auto code = passed.isReceivers ? receiversObjectCode : sendersObjectCode;
+    packer_.pack_ext(body.size(), code);
+    body.appendTo(out_);
+  }
+
+  template <class T>
+  static void writeOwn(Output& out, const T& value) {
+    const AnyReference reference = AnyReference::from(value);
+    Writer writer(out);
+    writer.isBorrowing_ = false;
+    writer.write(reference, reference.signature(), {});
   }
 
   bool writeList(const AnyReference& value, std::string_view signature,
@@ -207,18 +281,32 @@ class Writer {
     return true;
   }
 
-  Output output_;
+  Output& out_;
   Packer packer_;
+  bool isBorrowing_ = true;
 };
 
 }  // namespace
 
-void writeValue(std::vector<char>& out, const AnyReference& value, std::string_view signature,
+void writeValue(Output& out, const AnyReference& value, std::string_view signature,
                 const ConversionPlace& place) {
   Writer(out).write(value, signature, place);
 }
 
+void writeValue(std::vector<char>& out, const AnyReference& value, std::string_view signature) {
+  Output output;
+  writeValue(output, value, signature);
+  output.copyTo(out);
+}
+
 void writeArguments(std::vector<char>& out, const GenericFunctionParameters& arguments,
+                    std::string_view signature) {
+  Output output;
+  writeArguments(output, arguments, signature);
+  output.copyTo(out);
+}
+
+void writeArguments(Output& out, std::span<const AnyReference> arguments,
                     std::string_view signature) {
   auto parameters = signatureMembers(signature);
   const bool hasTail = !parameters.empty() && parameters.back() == "*";
