@@ -104,16 +104,6 @@ TEST_F(SessionTest, LetsOnlyTheOwnerWithdraw) {
   EXPECT_EQ(master->service("Counter").value(guardMs).call<int>("one"), 1);
 }
 
-TEST_F(SessionTest, WithdrawsWhatALostSessionOffered) {
-  client->registerService("Counter", makeObject()).value(guardMs);
-  client->close().value(guardMs);
-  while (master->services().value(guardMs).size() > 1) std::this_thread::yield();
-  EXPECT_TRUE(master->service("Counter").hasError(guardMs));
-  const auto other = boost::make_shared<Session>();
-  other->connect(master->url().str()).value(guardMs);
-  EXPECT_GT(other->registerService("Counter", makeObject()).value(guardMs), 2u);
-}
-
 TEST_F(SessionTest, DropsARemoteObjectWhenItsServiceHasGone) {
   ForeignSession foreign("foreign");
   foreign.join(master->url());
