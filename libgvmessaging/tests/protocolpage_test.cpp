@@ -250,7 +250,7 @@ TEST(ProtocolPage, ShowsAConversationThatTheClientHolds) {
   EXPECT_EQ(withIdsOf(page.note, server.hear()), page.note);
 }
 
-TEST(ProtocolPage, ListsTheMethodsOfTheDirectoryAndOfEveryObject) {
+TEST(ProtocolPage, ListsTheMembersOfTheDirectoryAndOfEveryObject) {
   const Object<Empty> directory = directory::makeDirectoryObject(
       std::make_shared<directory::DirectoryTable>(directory::Registrant()), {});
   std::map<std::string, unsigned> own;
@@ -260,8 +260,10 @@ TEST(ProtocolPage, ListsTheMethodsOfTheDirectoryAndOfEveryObject) {
     ASSERT_TRUE(method) << row.at(1);
     EXPECT_EQ(std::to_string(method.mapped()), row.at(0)) << row.at(1);
   }
-  for (const auto& row : tableOf("The service directory", "| method | what it does |"))
-    EXPECT_TRUE(own.extract(row.at(0))) << row.at(0);
+  for (const auto& [id, signal] : directory.metaObject().signalMap()) own[signal.toString()] = id;
+  for (const char* headline : {"| method | what it does |", "| signal | when it is emitted |"})
+    for (const auto& row : tableOf("The service directory", headline))
+      EXPECT_TRUE(own.extract(row.at(0))) << row.at(0);
   EXPECT_TRUE(own.empty()) << own.begin()->first << " is not on the page";
 }
 
