@@ -1,6 +1,8 @@
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/make_shared.hpp>
+#include <cstdlib>
 #include <stdexcept>
 #include <vector>
 
@@ -26,6 +28,27 @@ Values mixedValues() {
   return values;
 }
 
+/// Calls that each begin the next one when they have ended.
+struct Chains {
+  const gv::Object<gv::Empty> object;
+  const Clock::time_point end;
+  std::atomic<long> done{0};
+  std::atomic<int> running{Peer::callsInFlight};
+  const gv::Promise<void> ended{};
+
+  void next(int i) {
+    object.async<int>("add", i, 1)
+        .connect(
+            [this, i](const gv::Future<int>& sum) {
+              if (sum.value() != i + 1) std::abort();
+              ++done;
+              if (Clock::now() < end) return next(i);
+              if (--running == 0) ended.setValue();
+            },
+            gv::FutureCallbackType::Sync);
+  }
+};
+
 class GvPeer final : public Peer {
  public:
   explicit GvPeer(const std::string& address) {
@@ -42,20 +65,12 @@ class GvPeer final : public Peer {
   std::size_t list() override { return object_.call<Values>("list", values_).size(); }
 
   double addInFlight(std::chrono::duration<double> time) override {
-    std::vector<gv::Future<int>> calls;
-    for (int i = 0; i < callsInFlight; ++i) calls.push_back(object_.async<int>("add", i, 1));
+    Chains chains{object_, Clock::now() + std::chrono::duration_cast<Clock::duration>(time)};
     const auto start = Clock::now();
-    long done = 0;
-    std::chrono::duration<double> took{};
-    for (; took < time; took = Clock::now() - start) {
-      for (int i = 0; i < callsInFlight; ++i, ++done) {
-        gv::Future<int>& call = calls[static_cast<std::size_t>(i)];
-        if (call.value() != i + 1) throw std::runtime_error("a wrong sum");
-        call = object_.async<int>("add", i, 1);
-      }
-    }
-    for (auto& call : calls) call.wait();
-    return static_cast<double>(done) / took.count();
+    for (int i = 0; i < callsInFlight; ++i) chains.next(i);
+    chains.ended.future().wait();
+    return static_cast<double>(chains.done) /
+           std::chrono::duration<double>(Clock::now() - start).count();
   }
 
  private:

@@ -149,7 +149,10 @@ gv::FutureState FutureState::wait(int timeoutMs) const {
   const auto isSettled = [this] { return state() != gv::FutureState::Running; };
   if (timeoutMs <= 0 || isSettled()) return state();
   const auto aid = aid_.lock();
-  if (!(aid && aid->help(*this))) pollBriefly(isSettled);
+  if (aid)
+    aid->help(*this);
+  else
+    pollBriefly(isSettled);
   if (isSettled()) return state();
   if (SettlingScope::contains(this)) {
     GV_LOG(log::Level::Warning, "gv.future", "wait",

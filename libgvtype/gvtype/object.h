@@ -57,8 +57,7 @@ class GVTYPE_API Object<Empty> {
   /// Calls a method; its body never runs in this thread.
   template <class R, class... A>
   Future<R> async(const std::string& nameOrSignature, const A&... arguments) const {
-    return detail::convertedResult<R>(
-        metaCall(nameOrSignature, makeParameters(arguments...), MetaCallType::Queued));
+    return detail::convertedResult<R>(callAway(nameOrSignature, makeParameters(arguments...)));
   }
   /// Starts a method and forgets it. Throws std::runtime_error when no single method matches, and
   /// where it cannot be sent to the object's process.
@@ -106,6 +105,9 @@ class GVTYPE_API Object<Empty> {
   friend class WeakObject<Empty>;
 
   const GenericObject& get() const;
+  /// Calls a method whose body is not to run in this thread.
+  Future<AnyReference> callAway(const std::string& nameOrSignature,
+                                const GenericFunctionParameters& arguments) const;
   void postByName(const std::string& nameOrSignature,
                   const GenericFunctionParameters& arguments) const;
   void emitByName(const std::string& signal, const GenericFunctionParameters& arguments) const;

@@ -45,6 +45,19 @@ Future<AnyReference> Object<Empty>::metaCall(unsigned id,
   return object.type->metaCall(object.value, *this, id, arguments, callType, returnSignature);
 }
 
+Future<AnyReference> Object<Empty>::callAway(const std::string& nameOrSignature,
+                                             const GenericFunctionParameters& arguments) const {
+  const GenericObject& object = get();
+  const int id = object.findMethod(nameOrSignature, arguments);
+  if (id < 0)
+    return makeFailedFuture<AnyReference>(
+        object.metaObject().explainNoMatch(nameOrSignature, arguments));
+  const auto uid = static_cast<unsigned>(id);
+  // A body that lives elsewhere runs there anyway, at once where it may.
+  const bool isHere = object.type->method(object.value, uid) != nullptr;
+  return metaCall(uid, arguments, isHere ? MetaCallType::Queued : MetaCallType::Auto);
+}
+
 Future<AnyReference> Object<Empty>::metaCall(const std::string& nameOrSignature,
                                              const GenericFunctionParameters& arguments,
                                              MetaCallType callType,

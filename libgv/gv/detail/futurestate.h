@@ -69,9 +69,9 @@ enum class CallbackTime { AtOnce, AfterCurrent };
 class GV_API WaitAid {
  public:
   virtual ~WaitAid();
-  /// Looks for what settles the future, for some microseconds. False, and at once, when there is
-  /// nothing that this thread could do.
-  virtual bool help(const FutureState& awaited) noexcept = 0;
+  /// Called before the thread sleeps. Looks for what settles the future, for some microseconds,
+  /// where that seems worth it.
+  virtual void help(const FutureState& awaited) noexcept = 0;
 };
 
 /// While it lives, synchronous callbacks of futures that this thread settles run on the event loop:

@@ -52,9 +52,9 @@ inline std::unique_lock<std::mutex> lockSoon(std::mutex& mutex) noexcept {
 /// microseconds, and to sleep and be woken costs tens of them. After the first few it gives way to
 /// other threads between looks. Returns false at once when too many poll already.
 template <class Condition>
-bool pollBriefly(const Condition& isOver) noexcept {
+bool pollBriefly(const Condition& isOver,
+                 std::chrono::microseconds longest = std::chrono::microseconds(20)) noexcept {
   constexpr std::chrono::microseconds beforeYield(3);
-  constexpr std::chrono::microseconds longest(20);
   if (isOver()) return true;
   if (!Pollers::enter()) return false;
   bool over = pollFor(beforeYield, isOver);

@@ -16,6 +16,8 @@
 #include <gv/eventloop.h>
 #include <gv/log.h>
 
+#include "src/net/patience.h"
+
 namespace gv::net {
 namespace {
 
@@ -28,8 +30,6 @@ constexpr std::chrono::milliseconds tick(5);
 constexpr int idleTicks = 200;
 // How long spare threads beyond the one that watches are kept.
 constexpr std::chrono::seconds keepSpares(5);
-// A wait that ended within this time had better been polled.
-constexpr std::chrono::microseconds worthPolling(40);
 constexpr int lentLookMs = 1;
 
 class Team;
@@ -87,7 +87,7 @@ class Team {
   // Of the leader; handed over with the lead
   Socket current_;  // which it is reading
   std::array<Ready, 64> ready_;
-  bool pollingPays_ = false;
+  Patience patience_;
 
   std::atomic<bool> leaderSleeps_{false};
   std::atomic<bool> watcherSleeps_{false};
@@ -177,16 +177,20 @@ void Team::handle(const Ready& ready) {
 std::size_t Team::waitForSockets() {
   std::size_t count = sockets_.wait(ready_, 0);
   if (count > 0) return count;
-  if (pollingPays_) {
-    const auto hasSome = [&] { return (count = sockets_.wait(ready_, 0)) > 0; };
-    pollingPays_ = detail::pollBriefly(hasSome);
-    if (count > 0) return count;
+  const auto begin = Clock::now();
+  if (const auto longest = patience_.next(); longest.count() > 0)
+    detail::pollBriefly([&] { return (count = sockets_.wait(ready_, 0)) > 0; }, longest);
+  if (count > 0) {
+    patience_.pollingPaid();
+  } else {
+    patience_.pollingFailed();
+    count = sleep();
   }
-  return sleep();
+  patience_.waited(Clock::now() - begin);
+  return count;
 }
 
 std::size_t Team::sleep() {
-  const auto begin = Clock::now();
   leaderSleeps_ = true;
   const std::size_t count = sockets_.wait(ready_, hasLent_ ? lentLookMs : -1);
   leaderSleeps_ = false;
@@ -196,7 +200,6 @@ std::size_t Team::sleep() {
     watcherSleeps_ = false;
     if (!spares_.empty()) spares_.front()->wake.notify_one();
   }
-  pollingPays_ = Clock::now() - begin < worthPolling;
   return count;
 }
 

@@ -54,12 +54,9 @@ class Stream {
   bool send(Bytes bytes) { return send(std::span(&bytes, 1)); }
 
   /// Writes what send() has put off until the thread's turn of reading this stream is over, and, if
-  /// waiting seems worth it, reads in the calling thread as long as @p isWanted says so, some
-  /// microseconds at most. False when it read nothing: somebody else does.
-  virtual bool readWhile(const std::function<bool()>& isWanted) {
-    static_cast<void>(isWanted);
-    return false;
-  }
+  /// that seems worth it and nobody else reads, reads in the calling thread as long as @p isWanted
+  /// says so, some microseconds at most.
+  virtual void readWhile(const std::function<bool()>& isWanted) { static_cast<void>(isWanted); }
 
   /// The peer sends more than replies: for a while, nobody borrows the stream by readWhile().
   virtual void expectUnasked() {}

@@ -31,14 +31,10 @@ constexpr std::chrono::milliseconds slowReadPause{50};
 // After a failed write: more than the system holds for one connection.
 constexpr int restRounds = 64;
 
-// How long a waiting caller reads by itself, at first without giving way.
-constexpr std::chrono::microseconds borrowFor{20};
+// How long a caller that reads by itself looks without giving way.
 constexpr std::chrono::microseconds beforeYield{3};
 // Callers that follow each other within this time are worth lending the socket to.
 constexpr std::chrono::milliseconds steadyCalls{1};
-// After so many vain attempts in a row only some are made, to see whether that has changed.
-constexpr int vainBorrows = 3;
-constexpr int retryBorrowing = 16;
 
 asio::ip::address plainAddress(const Endpoint& endpoint) {
   const asio::ip::address address = endpoint.address();
@@ -219,41 +215,37 @@ void TcpStream::pauseLocked() {
 
 // ---- Lending the socket to a caller that waits
 
-bool TcpStream::mayBorrowLocked() {
-  const auto now = Clock::now();
-  const bool isSteady = now - std::exchange(lastBorrowed_, now) < steadyCalls;
-  if (state_ != State::Open || !isStarted_ || isPaused_ || !isSteady || now < unaskedUntil_)
-    return false;
-  return failedBorrows_ < vainBorrows || ++failedBorrows_ % retryBorrowing == 0;
-}
-
-bool TcpStream::readWhile(const std::function<bool()>& isWanted) {
+void TcpStream::readWhile(const std::function<bool()>& isWanted) {
   Lock lock(mutex_);
   flushLocked(lock);
-  if (!mayBorrowLocked() || !detail::Pollers::enter()) return false;
+  const auto now = Clock::now();
+  patience_.waited(now - std::exchange(lastBorrowed_, now));
+  const auto longest = patience_.next();
+  const bool isWorth = longest.count() > 0 && state_ == State::Open && isStarted_ && !isPaused_ &&
+                       now >= unaskedUntil_;
+  if (!isWorth || !detail::Pollers::enter()) return patience_.pollingFailed();
   const bool isTaken = takeReadingLocked(Reading::Caller);
   if (isTaken && !std::exchange(isLent_, true)) {
     watchLocked();
     Readers::lend(key_);
   }
   lock.unlock();
-  const bool isOver = isTaken && borrow(isWanted);
+  const bool isOver = isTaken && borrow(isWanted, longest);
   detail::Pollers::leave();
-  if (!isTaken) return false;
   lock.lock();
-  failedBorrows_ = isOver ? 0 : failedBorrows_ + 1;
+  isOver ? patience_.pollingPaid() : patience_.pollingFailed();
+  if (!isTaken) return;
   lastBorrowed_ = Clock::now();
   if (!isOver || lastBorrowed_ < unaskedUntil_) isLent_ = false;
   lock.unlock();
   giveBackReading();
-  return true;
 }
 
 /// True when what was waited for has come.
-bool TcpStream::borrow(const std::function<bool()>& isWanted) {
+bool TcpStream::borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest) {
   const detail::CallbacksElsewhere scope;
   const auto begin = Clock::now();
-  for (auto now = begin; now - begin < borrowFor; now = Clock::now()) {
+  for (auto now = begin; now - begin < longest; now = Clock::now()) {
     readOnce();
     if (!isWanted()) return true;
     if (state() == State::Closing) return false;

@@ -10,6 +10,7 @@
 
 #include "src/net/nativesocket.h"
 #include "src/net/outputqueue.h"
+#include "src/net/patience.h"
 #include "src/net/readers.h"
 #include "src/net/stream.h"
 #include "src/net/timer.h"
@@ -43,7 +44,7 @@ class TcpStream final : public Stream,
   void start(std::shared_ptr<StreamHandler> handler) override;
   using Stream::send;
   bool send(std::span<const Bytes> pieces) override;
-  bool readWhile(const std::function<bool()>& isWanted) override;
+  void readWhile(const std::function<bool()>& isWanted) override;
   void expectUnasked() override;
   bool hasLostTurn() const override;
   std::size_t pendingBytes() const override;
@@ -80,8 +81,7 @@ class TcpStream final : public Stream,
   void pauseLocked();
   template <class F>
   void callHandler(const F& call);
-  bool mayBorrowLocked();
-  bool borrow(const std::function<bool()>& isWanted);
+  bool borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest);
 
   void endLocked(const std::string& cause);
   void finishIfFreeLocked();
@@ -124,7 +124,7 @@ class TcpStream final : public Stream,
   bool isLent_ = false;  // a caller has it, or had it a moment ago
   std::chrono::steady_clock::time_point lastBorrowed_;
   std::chrono::steady_clock::time_point unaskedUntil_;
-  int failedBorrows_ = 0;  // since the last one that paid
+  Patience patience_;  // of callers
 };
 
 }  // namespace gv::net

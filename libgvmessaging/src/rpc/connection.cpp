@@ -201,12 +201,11 @@ Future<AnyReference> Connection::call(const ObjectAddress& object, const MetaMet
 }
 
 /// In a thread that waits for a reply.
-bool Connection::help(const detail::FutureState& awaited) noexcept {
+void Connection::help(const detail::FutureState& awaited) noexcept {
   try {
-    return stream_->readWhile([&awaited] { return awaited.state() == gv::FutureState::Running; });
+    stream_->readWhile([&awaited] { return awaited.state() == gv::FutureState::Running; });
   } catch (const std::exception& error) {
     close(error.what());
-    return false;
   }
 }
 

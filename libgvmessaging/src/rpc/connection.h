@@ -109,7 +109,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   void onInput(std::size_t count) override;
   void onClosed(const std::string& cause) override;
 
-  bool help(const detail::FutureState& awaited) noexcept override;
+  void help(const detail::FutureState& awaited) noexcept override;
 
   void onFrame(wire::Frame& frame);
   void onHandshakeFrame(const wire::Frame& frame);
