@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include <gv/eventloop.h>
 #include <gvtype/dynamicobjectbuilder.h>
 
 #include "rawpeer.h"
