@@ -224,6 +224,7 @@ void Connection::post(const ObjectAddress& object, const MetaMethod& method,
 
 void Connection::sendEvent(const ObjectAddress& object, const MetaSignal& signal,
                            std::uint64_t subscription, const std::vector<AnyValue>& values) {
+  if (!relay_->isSubscribed(subscription)) return;  // its end is under way
   // An object that was unregistered or given back may emit on: that is no longer the peer's.
   if (!objects_.find(object)) return relay_->unsubscribe(subscription);
   if (stream_->pendingBytes() > limits_.outputSlow) {
@@ -604,6 +605,7 @@ void Connection::reply(const wire::FrameHeader& call, const std::string& returnS
     wire::writeValue(message, result, returnSignature);
     checkSize(message, "the result takes ");
   } catch (const std::exception& error) {
+    sending.takeBack();  // before the caller knows, and may ask for as much again
     return replyError(call, error.what());
   } catch (...) {
     return replyError(call, "unknown exception");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gvmessaging/api.h>
 #include <gvtype/metamethod.h>
 
 namespace gv::rpc {
@@ -18,6 +19,6 @@ const MetaMethod& subscribeMethod();
 /// `(t)`, posted to object 0 of service 0: ends a subscription.
 const MetaMethod& unsubscribeMethod();
 /// `(u)`, posted to a lent object: so many of its lendings have ended.
-const MetaMethod& releaseMethod();
+GVMESSAGING_API const MetaMethod& releaseMethod();
 
 }  // namespace gv::rpc

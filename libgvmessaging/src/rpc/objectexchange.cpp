@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <tuple>
+#include <utility>
 
 #include <gv/log.h>
 
@@ -38,8 +39,8 @@ void ObjectExchange::end() {
 
 // ---- Objects of this process
 
-ObjectExchange::Sending::~Sending() {
-  for (const unsigned number : lent_) exchange_.takeBack(number, 1);
+void ObjectExchange::Sending::takeBack() {
+  for (const unsigned number : std::exchange(lent_, {})) exchange_.takeBack(number, 1);
 }
 
 wire::PassedObject ObjectExchange::Sending::pass(const Object<Empty>& object) {

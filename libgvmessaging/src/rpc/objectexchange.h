@@ -44,12 +44,14 @@ class ObjectExchange {
   class Sending : public wire::OutgoingObjects {
    public:
     explicit Sending(ObjectExchange& exchange) : exchange_(exchange) {}
-    ~Sending() override;
+    ~Sending() override { takeBack(); }
     Sending(const Sending&) = delete;
     Sending& operator=(const Sending&) = delete;
 
     wire::PassedObject pass(const Object<Empty>& object) override;
     void wasSent() { lent_.clear(); }
+    /// What was lent up to now is not.
+    void takeBack();
 
    private:
     ObjectExchange& exchange_;

@@ -73,6 +73,11 @@ Future<AnyReference> SignalRelay::subscribe(const std::shared_ptr<Connection>& c
           FutureCallbackType::Sync);
 }
 
+bool SignalRelay::isSubscribed(std::uint64_t subscription) const {
+  const std::lock_guard lock(mutex_);
+  return subscriptions_.contains(subscription);
+}
+
 void SignalRelay::unsubscribe(std::uint64_t subscription) {
   Subscriptions::node_type ended;
   {

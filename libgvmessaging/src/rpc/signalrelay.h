@@ -24,6 +24,7 @@ class SignalRelay : public std::enable_shared_from_this<SignalRelay> {
   Future<AnyReference> subscribe(const std::shared_ptr<Connection>& connection,
                                  const ObjectAddress& address, const Object<Empty>& object,
                                  unsigned signal, std::uint64_t subscription);
+  bool isSubscribed(std::uint64_t subscription) const;
   /// Does nothing for a subscription that there is not.
   void unsubscribe(std::uint64_t subscription);
   void end();
@@ -40,7 +41,7 @@ class SignalRelay : public std::enable_shared_from_this<SignalRelay> {
   bool keep(std::uint64_t subscription, SignalLink link);
 
   const std::size_t limit_;
-  std::mutex mutex_;  // guards what follows
+  mutable std::mutex mutex_;  // guards what follows
   Subscriptions subscriptions_;
   bool isEnded_ = false;
 };
