@@ -8,8 +8,8 @@
 #include <atomic>
 #include <exception>
 #include <stdexcept>
+#include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include <gv/eventloop.h>
 #include <gv/log.h>
@@ -20,8 +20,8 @@ namespace {
 struct Core {
   asio::io_context context{1};
   asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
-  std::vector<std::weak_ptr<Stream>> streams;  // of the network's thread
-  std::atomic<bool> hasEnded{false};           // set as the process exits
+  std::unordered_map<const Stream*, std::weak_ptr<Stream>> streams;  // of the network's thread
+  std::atomic<bool> hasEnded{false};                                 // set as the process exits
 };
 
 thread_local bool inReactorThread = false;
@@ -44,14 +44,18 @@ void run(asio::io_context& context) {
   }
 }
 
+void stopWhenAllHaveEnded(Core& core) {
+  if (core.hasEnded && core.streams.empty()) core.context.stop();
+}
+
 /// Nothing would ever answer once the thread has gone: whoever waits is told so first.
 void end(Core& core) {
   core.hasEnded = true;
   asio::post(core.context, [&core] {
-    for (const auto& weak : core.streams)
+    for (const auto& [raw, weak] : core.streams)
       if (const auto stream = weak.lock()) stream->close("the process is exiting");
-    // Behind the ends of the streams, which close() has put into the queue.
-    asio::post(core.context, [&core] { core.context.stop(); });
+    std::erase_if(core.streams, [](const auto& entry) { return entry.second.expired(); });
+    stopWhenAllHaveEnded(core);
   });
 }
 
@@ -91,14 +95,14 @@ void Reactor::postEnd(std::function<void()> task) {
   asio::post(instance().context, std::move(task));
 }
 
-void Reactor::track(const std::weak_ptr<Stream>& stream) {
-  auto& streams = instance().streams;
-  if (instance().hasEnded)
-    if (const auto late = stream.lock()) late->close("the process is exiting");
-  constexpr std::size_t few = 64;
-  if (streams.size() >= few && streams.size() == streams.capacity())
-    std::erase_if(streams, [](const auto& weak) { return weak.expired(); });
-  streams.push_back(stream);
+void Reactor::track(const std::shared_ptr<Stream>& stream) {
+  instance().streams.emplace(stream.get(), stream);
+  if (instance().hasEnded) stream->close("the process is exiting");
+}
+
+void Reactor::untrack(const Stream* stream) {
+  instance().streams.erase(stream);
+  stopWhenAllHaveEnded(instance());
 }
 
 bool Reactor::isThisThread() {

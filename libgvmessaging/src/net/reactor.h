@@ -30,8 +30,10 @@ class GVMESSAGING_API Reactor {
   /// As post, also while the process exits: for what ends something.
   static void postEnd(std::function<void()> task);
 
-  /// Closes the stream when the process exits. In the network's thread.
-  static void track(const std::weak_ptr<Stream>& stream);
+  /// Closes the stream when the process exits, and then waits for its untrack(). Both in the
+  /// network's thread.
+  static void track(const std::shared_ptr<Stream>& stream);
+  static void untrack(const Stream* stream);
 
   /// True in the network's thread.
   static bool isThisThread();

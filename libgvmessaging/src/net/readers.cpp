@@ -300,7 +300,8 @@ bool Team::awaitLead(Lock& lock, Reader& self) {
       return false;
     }
   }
-  return !isStopping_;
+  // Who was appointed has a socket to give back, also at the end.
+  return leader_ == &self || !isStopping_;
 }
 
 void Team::watchLeaderLocked(Lock& lock, Reader& self) {

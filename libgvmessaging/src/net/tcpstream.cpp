@@ -78,7 +78,7 @@ TcpStream::~TcpStream() {
 }
 
 void TcpStream::start(std::shared_ptr<StreamHandler> handler) {
-  Reactor::post([self = shared_from_this()] { Reactor::track(self); });
+  Reactor::post([self = shared_from_this()] { self->track(); });
   Lock lock(mutex_);
   isStarted_ = true;
   handler_ = std::move(handler);
@@ -90,6 +90,14 @@ void TcpStream::start(std::shared_ptr<StreamHandler> handler) {
   const auto ended = std::exchange(handler_, nullptr);
   lock.unlock();
   Reactor::post([ended, cause = cause_] { ended->onClosed(cause); });
+}
+
+void TcpStream::track() {
+  {
+    const Lock lock(mutex_);
+    if (isFinished_) return;
+  }
+  Reactor::track(shared_from_this());
 }
 
 TcpStream::State TcpStream::state() const {
@@ -306,6 +314,7 @@ void TcpStream::finish() {
   const auto handler = std::exchange(handler_, nullptr);
   lock.unlock();
   if (handler) handler->onClosed(cause_);
+  Reactor::untrack(this);
 }
 
 void TcpStream::releaseSocket() {

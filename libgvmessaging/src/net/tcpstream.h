@@ -83,6 +83,7 @@ class TcpStream final : public Stream,
   void callHandler(const F& call);
   bool borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest);
 
+  void track();
   void endLocked(const std::string& cause);
   void finishIfFreeLocked();
   void finish();
