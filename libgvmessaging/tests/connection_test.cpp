@@ -16,6 +16,7 @@
 #include <gv/eventloop.h>
 #include <gvtype/dynamicobjectbuilder.h>
 
+#include "memorypeer.h"
 #include "rawpeer.h"
 #include "src/net/reactor.h"
 #include "src/rpc/remoteobject.h"
@@ -94,6 +95,12 @@ Object<Empty> makeCalculator(const std::shared_ptr<Gate>& gate) {
   builder.advertiseMethod("hold", [gate] {
     ++gate->waiting;
     gate->open.future().wait();
+    return 1;
+  });
+  // Blocks and says so to nobody.
+  builder.advertiseMethod("spin", [gate] {
+    ++gate->waiting;
+    while (gate->open.future().isRunning()) std::this_thread::yield();
     return 1;
   });
   builder.advertiseMethod("later", [] {
@@ -233,6 +240,34 @@ TEST_F(ConnectionTest, ServesOthersWhileMethodsBlock) {
   gate->open.setValue();
   direct.join();
   for (auto& future : held) EXPECT_EQ(future.value(guardMs), 1);
+}
+
+TEST_F(ConnectionTest, ServesOthersWhileAMethodRunsOnAndOn) {
+  // In one write, so that they are read together; the first answer must not wait for the second.
+  RawPeer peer = RawPeer::connectTo(acceptor->boundPort());
+  rpc::Greeting greeting;
+  greeting.sessionId = "raw";
+  const auto callOf = [this](const std::string& name, std::uint64_t id, std::string_view payload) {
+    wire::FrameHeader header;
+    header.type = wire::FrameType::Call;
+    header.service = calculatorId;
+    header.member = calculator.metaObject().findMethod(name).at(0).uid();
+    header.messageId = id;
+    return frameText(header, payload);
+  };
+  peer.send(greetingFrame(wire::FrameType::Hello, greeting));
+  const auto readFrame = [&peer] {
+    const auto header = headerOf(peer.receiveAll(wire::frameHeaderSize));
+    return std::pair(header.messageId, peer.receiveAll(header.payloadSize));
+  };
+  readFrame();  // its greeting
+  peer.send(callOf("add", 1, "\x92\x02\x03") + callOf("spin", 2, "\x90") +
+            callOf("add", 3, "\x92\x04\x05"));
+  EXPECT_EQ(readFrame(), std::pair(std::uint64_t{1}, std::string("\x05")));
+  EXPECT_EQ(readFrame(), std::pair(std::uint64_t{3}, std::string("\x09")));
+  EXPECT_EQ(calculator.call<int>("add", 1, 1), 2);
+  gate->open.setValue();
+  EXPECT_EQ(readFrame(), std::pair(std::uint64_t{2}, std::string("\x01")));
 }
 
 TEST_F(ConnectionTest, DescribesServicesAndRefusesCallsWhileEveryThreadIsBlocked) {
