@@ -5,7 +5,7 @@
 # the end: threads of the targets free after an input what they allocated during it, and each look
 # costs milliseconds.
 
-set(JX_FUZZ_SECONDS 20 CACHE STRING "Seconds that CTest runs each fuzz target for")
+set(JX_FUZZ_SECONDS 30 CACHE STRING "Seconds that CTest runs each fuzz target for")
 
 function(house_add_fuzzer name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "SEEDS;DICTIONARY" "SOURCES;LINK")
