@@ -28,18 +28,23 @@ void runSafely(log::Level level, const char* function, const Action& action) noe
   }
 }
 
-thread_local bool callbacksRunElsewhere = false;
+thread_local CallbacksElsewhere::Runner callbackRunner = nullptr;
 
 void start(std::unique_ptr<FutureCallback> callback) noexcept {
   // Posting fails in a forked child only (or without memory); the settling side must not suffer.
   runSafely(log::Level::Error, "connect", [&] {
-    if (callback->type == FutureCallbackType::Sync && !callbacksRunElsewhere) {
+    if (callback->type == FutureCallbackType::Sync && !callbackRunner) {
       const auto settled = std::move(callback->settled);
       callback->run(settled);
       callback.reset();
-    } else {
-      getEventLoop()->post([owned = std::move(callback)] { owned->run(owned->settled); });
+      return;
     }
+    if (callback->type == FutureCallbackType::Async) {
+      getEventLoop()->post([owned = std::move(callback)] { owned->run(owned->settled); });
+      return;
+    }
+    const std::shared_ptr<FutureCallback> owned = std::move(callback);
+    callbackRunner([owned] { owned->run(owned->settled); });
   });
 }
 
@@ -83,11 +88,11 @@ FutureCallback::~FutureCallback() = default;
 
 WaitAid::~WaitAid() = default;
 
-CallbacksElsewhere::CallbacksElsewhere() noexcept
-    : outer_(std::exchange(callbacksRunElsewhere, true)) {}
+CallbacksElsewhere::CallbacksElsewhere(Runner runner) noexcept
+    : outer_(std::exchange(callbackRunner, runner)) {}
 
 CallbacksElsewhere::~CallbacksElsewhere() {
-  callbacksRunElsewhere = outer_;
+  callbackRunner = outer_;
 }
 
 CallbackList::~CallbackList() {

@@ -74,18 +74,20 @@ class GV_API WaitAid {
   virtual void help(const FutureState& awaited) noexcept = 0;
 };
 
-/// While it lives, synchronous callbacks of futures that this thread settles run on the event loop:
-/// for threads that settle the futures of others while they wait for their own, and may hold locks
-/// that a callback wants.
+/// While it lives, synchronous callbacks of futures that this thread settles are given to `runner`,
+/// which runs them in another one: for threads that settle the futures of others while they wait
+/// for their own, and may hold locks that a callback wants.
 class GV_API CallbacksElsewhere {
  public:
-  CallbacksElsewhere() noexcept;
+  using Runner = void (*)(std::function<void()> callback);
+
+  explicit CallbacksElsewhere(Runner runner) noexcept;
   ~CallbacksElsewhere();
   CallbacksElsewhere(const CallbacksElsewhere&) = delete;
   CallbacksElsewhere& operator=(const CallbacksElsewhere&) = delete;
 
  private:
-  const bool outer_;
+  const Runner outer_;
 };
 
 /// What every future shares with its promises, but for the value: the one settlement, those who

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
 #include <optional>
 #include <unordered_map>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include <gv/blocking.h>
+#include <gv/detail/futurestate.h>
 #include <gv/detail/poll.h>
 #include <gv/eventloop.h>
 #include <gv/log.h>
@@ -60,6 +62,7 @@ class Team {
   void dismiss(std::uint64_t key);
   ReadinessSet& sockets() { return sockets_; }
   void lend(std::uint64_t key);
+  void post(std::function<void()> task);
   bool hasSpare() const { return hasSpare_.load(std::memory_order_relaxed); }
   void replace(Reader& blocked) noexcept;
   void stop();
@@ -80,6 +83,7 @@ class Team {
   std::size_t sleep();
   void handle(const Ready& ready);
   void lookAfterLent();
+  bool runTask();
   Socket find(std::uint64_t key);
 
   ReadinessSet sockets_;
@@ -94,11 +98,13 @@ class Team {
   std::atomic<bool> hasSpare_{false};
   std::atomic<bool> isStopping_{false};
   std::atomic<bool> hasLent_{false};
+  std::atomic<bool> hasTasks_{false};
 
   std::mutex mutex_;  // guards what follows
   std::unordered_map<std::uint64_t, std::weak_ptr<ReadySocket>> enrolled_;
   std::uint64_t lastKey_ = 0;
   std::vector<std::uint64_t> lent_;
+  std::deque<std::function<void()>> tasks_;
   Reader* leader_ = nullptr;
   std::vector<Reader*> spares_;  // parked; the first one watches the leader
   bool isStarting_ = false;      // a thread was started that has not come to park yet
@@ -158,6 +164,7 @@ void Team::lead(Reader& self) {
   if (const Socket unfinished = current_) unfinished->goOn();
   while (self.phase != Reader::Phase::Replaced && !isStopping_) {
     current_.reset();
+    if (runTask()) continue;
     const std::size_t count = waitForSockets();
     if (hasLent_) lookAfterLent();
     for (std::size_t i = 0; i < count; ++i) {
@@ -166,6 +173,37 @@ void Team::lead(Reader& self) {
       if (self.phase == Reader::Phase::Replaced) return;
     }
   }
+}
+
+void Team::post(std::function<void()> task) {
+  {
+    const std::lock_guard lock(mutex_);
+    tasks_.push_back(std::move(task));
+    hasTasks_ = true;
+  }
+  sockets_.wake();
+}
+
+/// True when there was one: the thread may have been replaced meanwhile.
+bool Team::runTask() {
+  if (!hasTasks_) return false;
+  std::function<void()> task;
+  {
+    const std::lock_guard lock(mutex_);
+    if (tasks_.empty()) return false;
+    task = std::move(tasks_.front());
+    tasks_.pop_front();
+    hasTasks_ = !tasks_.empty();
+  }
+  const Readers::ForeignCode foreign;
+  try {
+    task();
+  } catch (...) {
+    GV_LOG(log::Level::Error, "gvmessaging.net", "post",
+           "a callback failed: " + gv::detail::currentError().text);
+  }
+  task = nullptr;
+  return true;
 }
 
 void Team::handle(const Ready& ready) {
@@ -361,6 +399,10 @@ bool Readers::watch(int descriptor, std::uint64_t key, ReadinessSet::Interest be
 
 void Readers::lend(std::uint64_t key) {
   team().lend(key);
+}
+
+void Readers::post(std::function<void()> task) {
+  team().post(std::move(task));
 }
 
 bool Readers::mayRunForeignCode() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 #include <gvmessaging/api.h>
@@ -49,6 +50,9 @@ class GVMESSAGING_API Readers {
   /// Says that some other thread reads the socket for a while, which is not watched meanwhile: it
   /// is asked isStillLent() until it denies.
   static void lend(std::uint64_t key);
+
+  /// Runs foreign code in the leading thread, in order: for what must wait for nobody else.
+  static void post(std::function<void()> task);
 
   /// True in the leading thread outside of foreign code, while a spare is there to replace it.
   static bool mayRunForeignCode();
