@@ -49,7 +49,7 @@ struct Reader final : BlockingObserver {
   std::atomic<Phase> phase{
       Phase::Own};                 // to Replaced under the team's mutex, by whoever replaces it
   std::atomic<unsigned> calls{0};  // of foreign code, to tell one from the next
-  std::optional<EventLoop::Guest> guest;  // while replaced; made under the mutex, then its own
+  std::optional<EventLoop::Guest> guest;  // its own while replaced, else of the team's mutex
   bool waitsAsGuest = false;              // of its thread
   std::condition_variable wake;
 };
@@ -75,7 +75,7 @@ class Team {
   void lead(Reader& self);
   bool awaitLead(Lock& lock, Reader& self);
   void watchLeaderLocked(Lock& lock, Reader& self);
-  bool replaceLocked(Reader& leader);
+  void replaceLocked(Reader& leader);
   void appointLocked();
   void setSparesLocked();
   void ensureSpare();
@@ -244,7 +244,7 @@ std::size_t Team::sleep() {
 // ---- Being replaced
 
 void Reader::willBlock() noexcept {
-  if (!guest && phase == Phase::Foreign) team.replace(*this);
+  if (phase == Phase::Foreign) team.replace(*this);
   if (phase != Phase::Replaced) return;
   waitsAsGuest = true;
   guest->willBlock();
@@ -259,14 +259,16 @@ void Team::replace(Reader& blocked) noexcept {
   replaceLocked(blocked);
 }
 
-/// False when there is nobody who could take the lead, or it has just come back by itself.
-bool Team::replaceLocked(Reader& leader) {
-  if (leader_ != &leader || spares_.empty()) return false;
-  auto expected = Reader::Phase::Foreign;
-  if (!leader.phase.compare_exchange_strong(expected, Reader::Phase::Replaced)) return false;
+/// Unless there is nobody who could take the lead, or it has just come back by itself.
+void Team::replaceLocked(Reader& leader) {
+  if (leader_ != &leader || spares_.empty()) return;
+  // First: once it is replaced the guest is its own, and it may be waiting already.
   leader.guest.emplace(*getEventLoop());
-  appointLocked();
-  return true;
+  auto expected = Reader::Phase::Foreign;
+  if (leader.phase.compare_exchange_strong(expected, Reader::Phase::Replaced))
+    appointLocked();
+  else
+    leader.guest.reset();
 }
 
 void Team::appointLocked() {
@@ -316,9 +318,9 @@ void Team::run(const std::shared_ptr<Reader>& self) {
   while (awaitLead(lock, *self)) {
     lock.unlock();
     lead(*self);
+    lock.lock();
     self->guest.reset();
     self->phase = Reader::Phase::Own;
-    lock.lock();
     if (isStopping_) break;
     spares_.push_back(self.get());
     setSparesLocked();
