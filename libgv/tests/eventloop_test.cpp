@@ -8,6 +8,7 @@
 #include <latch>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -110,6 +111,22 @@ TEST_F(Loop, CeilingQueuesWarnsAndRefusesCalls) {
   waitUntil(loop, [](const auto& figures) { return figures.blocked == 0; });
   EXPECT_TRUE(loop.tryPost([&] { accepted.setValue(); }, [] {}));
   accepted.future().value();
+}
+
+TEST_F(Loop, GuestsCountAsThreadsButServeNoTasks) {
+  EventLoop loop(sized(1, 2));
+  EventLoop::Guest first(loop);
+  EXPECT_TRUE(loop.hasRoom());
+  std::optional<EventLoop::Guest> second(loop);
+  EXPECT_FALSE(loop.hasRoom());
+  first.willBlock();
+  EXPECT_EQ(loop.async([] { return 1; }).value(), 1) << "a guest is no thread for tasks";
+  second->willBlock();
+  EXPECT_TRUE(loop.tryPost([] {}, [] {})) << "the worker is not blocked";
+  second->hasUnblocked();
+  second.reset();
+  first.hasUnblocked();
+  EXPECT_EQ(loop.figures().blocked, 0u);
 }
 
 TEST_F(Loop, CallQueuedBehindThreadsThatBlockLaterIsRefused) {

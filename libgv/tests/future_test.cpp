@@ -143,6 +143,24 @@ TEST(Future, CallbackConnectedDuringTheEndRunsOnce) {
   EXPECT_EQ(calls, expected);
 }
 
+TEST(Future, CallbacksRunElsewhereWhereTheSettlingThreadSaysSo) {
+  static std::vector<std::function<void()>> given;
+  Promise<int> promise;
+  int seen = 0;
+  promise.future().connect([&seen](const Future<int>& settled) { seen = settled.value(); },
+                           FutureCallbackType::Sync);
+  {
+    const gv::detail::CallbacksElsewhere scope(
+        [](std::function<void()> callback) { given.push_back(std::move(callback)); });
+    promise.setValue(5);
+  }
+  EXPECT_EQ(seen, 0);
+  ASSERT_EQ(given.size(), 1u);
+  given.front()();
+  given.clear();
+  EXPECT_EQ(seen, 5);
+}
+
 TEST(Future, LastPromiseGoneUnsettledIsABrokenPromise) {
   auto first = std::make_unique<Promise<int>>(FutureCallbackType::Sync);
   auto second = std::make_unique<Promise<int>>(*first);
