@@ -326,6 +326,8 @@ void Team::run(const std::shared_ptr<Reader>& self) {
     setSparesLocked();
   }
   if (leader_ == self.get()) leader_ = nullptr;
+  std::erase(spares_, self.get());
+  setSparesLocked();
   currentReader = nullptr;
 }
 
@@ -336,7 +338,6 @@ bool Team::awaitLead(Lock& lock, Reader& self) {
       watchLeaderLocked(lock, self);
     } else if (self.wake.wait_for(lock, keepSpares) == std::cv_status::timeout &&
                leader_ != &self && spares_.front() != &self) {
-      std::erase(spares_, &self);
       return false;
     }
   }
