@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <utility>
 
 #include "src/net/readers.h"
 
@@ -9,14 +10,14 @@ namespace gv::net {
 class TcpStream;
 
 /// The leading thread's turn of reading one stream. What it sends on that stream meanwhile is put
-/// off, so that the replies to many calls that arrived together leave together.
+/// off, so that the replies to many calls that arrived together leave together. One of no stream
+/// hides the one that it is within.
 class Turn {
  public:
-  explicit Turn(const TcpStream* stream) {
-    stream_ = stream;
+  explicit Turn(const TcpStream* stream) : outer_(std::exchange(stream_, stream)) {
     putOffSince_ = {};
   }
-  ~Turn() { stream_ = nullptr; }
+  ~Turn() { stream_ = outer_; }
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;
 
@@ -36,6 +37,7 @@ class Turn {
   }
 
  private:
+  const TcpStream* const outer_;
   static inline thread_local const TcpStream* stream_ = nullptr;
   static inline thread_local std::chrono::steady_clock::time_point putOffSince_;
 };
