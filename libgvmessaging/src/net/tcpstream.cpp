@@ -144,6 +144,10 @@ void TcpStream::onReady(bool canRead, bool canWrite) {
 
 void TcpStream::goOn() {
   {
+    Lock lock(mutex_);
+    flushLocked(lock);  // what the thread put off that was replaced
+  }
+  {
     const Turn turn(this);
     if (const auto handler = handler_) callHandler([&handler] { handler->onInput(0); });
     if (turn.isLost()) return;

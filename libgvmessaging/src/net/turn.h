@@ -15,7 +15,7 @@ class TcpStream;
 class Turn {
  public:
   explicit Turn(const TcpStream* stream) : outer_(std::exchange(stream_, stream)) {
-    putOffSince_ = {};
+    lastFlush_ = std::chrono::steady_clock::now();
   }
   ~Turn() { stream_ = outer_; }
   Turn(const Turn&) = delete;
@@ -25,21 +25,21 @@ class Turn {
   bool isLost() const { return Readers::isReplaced(); }
   static bool isLost(const TcpStream* stream) { return stream_ == stream && Readers::isReplaced(); }
 
-  /// True while what is sent on the stream may wait for the end of the turn: not for long.
+  /// True while what is sent on the stream may wait for the end of the turn: not for long, and not
+  /// at all where the calls before have taken longer than that.
   static bool mayPutOff(const TcpStream* stream) {
     constexpr std::chrono::microseconds longest(50);
     if (stream_ != stream || Readers::isReplaced()) return false;
     const auto now = std::chrono::steady_clock::now();
-    if (putOffSince_ == std::chrono::steady_clock::time_point()) putOffSince_ = now;
-    if (now - putOffSince_ < longest) return true;
-    putOffSince_ = {};
+    if (now - lastFlush_ < longest) return true;
+    lastFlush_ = now;
     return false;
   }
 
  private:
   const TcpStream* const outer_;
   static inline thread_local const TcpStream* stream_ = nullptr;
-  static inline thread_local std::chrono::steady_clock::time_point putOffSince_;
+  static inline thread_local std::chrono::steady_clock::time_point lastFlush_;
 };
 
 }  // namespace gv::net
