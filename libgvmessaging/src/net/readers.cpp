@@ -83,6 +83,7 @@ class Team {
   std::size_t sleep();
   void handle(const Ready& ready);
   void lookAfterLent();
+  void addLentLocked(std::uint64_t key);
   bool runTask();
   Socket find(std::uint64_t key);
 
@@ -135,10 +136,15 @@ void Team::lend(std::uint64_t key) {
   {
     const std::lock_guard lock(mutex_);
     isFirst = lent_.empty();
-    lent_.push_back(key);
-    hasLent_ = true;
+    addLentLocked(key);
   }
   if (isFirst) sockets_.wake();
+}
+
+// Once: sockets are lent and taken back far more often than they are looked at.
+void Team::addLentLocked(std::uint64_t key) {
+  if (std::find(lent_.begin(), lent_.end(), key) == lent_.end()) lent_.push_back(key);
+  hasLent_ = true;
 }
 
 void Team::lookAfterLent() {
@@ -153,8 +159,7 @@ void Team::lookAfterLent() {
     return !socket || !socket->isStillLent();
   });
   const std::lock_guard lock(mutex_);
-  lent_.insert(lent_.end(), lent.begin(), lent.end());
-  hasLent_ = !lent_.empty();
+  for (const std::uint64_t key : lent) addLentLocked(key);
 }
 
 // ---- Leading
