@@ -111,7 +111,11 @@ void TcpStream::watchLocked() {
   const bool reads = isStarted_ && state_ != State::Closing && !isPaused_ && !isLent_;
   const ReadinessSet::Interest wanted{.read = reads, .write = awaitsWritable_};
   if (wanted == watched_ || isFinished_) return;  // the descriptor may be another's by now
-  if (key_ == 0) key_ = Readers::enroll(weak_from_this());
+  try {
+    if (key_ == 0) key_ = Readers::enroll(weak_from_this());
+  } catch (const std::exception& error) {  // no thread can be made, or no descriptor is left
+    return endLocked(error.what());
+  }
   if (!Readers::watch(descriptor_, key_, watched_, wanted))
     return endLocked("the system cannot watch the connection's socket");
   watched_ = wanted;
