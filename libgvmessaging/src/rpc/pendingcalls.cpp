@@ -6,8 +6,8 @@ namespace gv::rpc {
 
 std::uint64_t PendingCalls::add(PendingCall call) {
   if (free_.empty()) {
-    free_.push_back(static_cast<std::uint32_t>(places_.size()));
     places_.emplace_back();
+    free_.push_back(static_cast<std::uint32_t>(places_.size() - 1));
   }
   const std::uint32_t index = free_.back();
   free_.pop_back();
