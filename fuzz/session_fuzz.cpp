@@ -95,8 +95,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string bytes = (data[0] & 1) != 0 ? framesFrom(input) : std::string(input);
   gv::rpc::Greeting own;
   own.sessionId = "fuzz";
-  const gv::Object<gv::Empty> services = gv::directory::makeDirectoryObject(
-      std::make_shared<gv::directory::DirectoryTable>(gv::directory::Registrant()), {});
+  const auto directory =
+      std::make_shared<gv::directory::DirectoryTable>(gv::directory::Registrant());
+  const gv::Object<gv::Empty> services = gv::directory::makeDirectoryObject(directory, {});
   gv::MemoryPeer peer(gv::rpc::Role::Server, own,
                       {{gv::directory::directoryServiceId, services}, {objectId, makeObject()}});
   peer.tell(gv::greetingFrame(FrameType::Hello, own));

@@ -55,6 +55,7 @@ struct Reader final : BlockingObserver {
 };
 
 thread_local Reader* currentReader = nullptr;
+thread_local bool isBorrowing = false;
 
 class Team {
  public:
@@ -432,6 +433,18 @@ Readers::ForeignCode::~ForeignCode() {
   if (!isOutermost_) return;
   auto expected = Reader::Phase::Foreign;
   currentReader->phase.compare_exchange_strong(expected, Reader::Phase::Own);
+}
+
+Readers::Borrowing::Borrowing() : callbacks_(&Readers::post) {
+  isBorrowing = true;
+}
+
+Readers::Borrowing::~Borrowing() {
+  isBorrowing = false;
+}
+
+bool Readers::Borrowing::isActive() {
+  return isBorrowing;
 }
 
 }  // namespace gv::net

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 
+#include <gv/detail/futurestate.h>
 #include <gvmessaging/api.h>
 
 #include "src/net/readiness.h"
@@ -71,6 +72,22 @@ class GVMESSAGING_API Readers {
 
    private:
     const bool isOutermost_;
+  };
+
+  /// While it lives, the calling thread reads for others while it waits for something of its own.
+  /// It may hold locks that foreign code wants: callbacks run in the leading thread, destructors of
+  /// users' objects on the event loop.
+  class GVMESSAGING_API Borrowing {
+   public:
+    Borrowing();
+    ~Borrowing();
+    Borrowing(const Borrowing&) = delete;
+    Borrowing& operator=(const Borrowing&) = delete;
+
+    static bool isActive();
+
+   private:
+    const detail::CallbacksElsewhere callbacks_;
   };
 };
 

@@ -10,7 +10,6 @@
 #include <thread>
 #include <utility>
 
-#include <gv/detail/futurestate.h>
 #include <gv/detail/poll.h>
 
 #include "src/net/deadpeers.h"
@@ -259,7 +258,7 @@ void TcpStream::readWhile(const std::function<bool()>& isWanted) {
 
 /// True when what was waited for has come.
 bool TcpStream::borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest) {
-  const detail::CallbacksElsewhere scope(&Readers::post);
+  const Readers::Borrowing scope;
   const Turn none(nullptr);  // a call that waits here may have lost its turn of this very stream
   const auto begin = Clock::now();
   for (auto now = begin; now - begin < longest; now = Clock::now()) {
