@@ -14,9 +14,12 @@
 #include <thread>
 #include <vector>
 
+#include <gv/blocking.h>
+
 #include "src/net/connector.h"
 #include "src/net/listener.h"
 #include "src/net/reactor.h"
+#include "src/net/readers.h"
 #include "src/net/stream.h"
 #include "support/log_capture.h"
 #include "support/watchdog.h"
@@ -253,6 +256,49 @@ TEST_F(Streams, EndInTimeWhenThePeerDoesNotTakeThePendingOutput) {
   EXPECT_TRUE(stream->send(std::vector<char>(20 * MiB)));
   stream->closeAfterFlush("goodbye", 50ms);
   EXPECT_EQ("goodbye", recorder->waitForEnd());
+}
+
+/// Blocks in its first input until it has lost its turn; then reads for itself, as a call does that
+/// waits for a call back.
+class BorrowerInTurn : public StreamHandler {
+ public:
+  BorrowerInTurn(StreamPtr own, StreamPtr peer) : own_(std::move(own)), peer_(std::move(peer)) {}
+
+  std::span<char> inputSpace() override { return space_; }
+  void onInput(std::size_t count) override {
+    if (first_ == std::this_thread::get_id() && count > 0)
+      return seen_.push_back(own_->hasLostTurn());
+    if (first_ != std::thread::id()) return;
+    first_ = std::this_thread::get_id();
+    const Readers::ForeignCode foreign;
+    while (!own_->hasLostTurn()) const BlockingRegion region;
+    while (seen_.empty()) {
+      peer_->send(std::string_view("more"));
+      own_->readWhile([this] { return seen_.empty(); });
+    }
+    told_.give(seen_.front());
+  }
+  void onClosed(const std::string&) override {}
+
+  bool tookItForLost() { return told_.take(); }
+
+ private:
+  const StreamPtr own_;
+  const StreamPtr peer_;
+  std::array<char, 64> space_;
+  std::atomic<std::thread::id> first_{};
+  std::vector<bool> seen_;  // of the first thread
+  Handover<bool> told_;
+};
+
+TEST_F(Streams, AreReadWholeByThreadsThatLostTheirTurnAndWait) {
+  const StreamPtr peer = connect();
+  const StreamPtr stream = accept();
+  const auto borrower = std::make_shared<BorrowerInTurn>(stream, peer);
+  stream->start(borrower);
+  peer->send(std::string_view("first"));
+  EXPECT_FALSE(borrower->tookItForLost());
+  stream->close("");
 }
 
 class BoundedStreams : public Net {
