@@ -94,6 +94,7 @@ class Team {
   Socket current_;  // which it is reading
   std::array<Ready, 64> ready_;
   Patience patience_;
+  bool lacksSpare_ = false;  // none could be made, and that was told
 
   std::atomic<bool> leaderSleeps_{false};
   std::atomic<bool> watcherSleeps_{false};
@@ -170,6 +171,7 @@ void Team::lead(Reader& self) {
   if (const Socket unfinished = current_) unfinished->goOn();
   while (self.phase != Reader::Phase::Replaced && !isStopping_) {
     current_.reset();
+    if (!hasSpare()) ensureSpare();
     if (runTask()) continue;
     const std::size_t count = waitForSockets();
     if (hasLent_) lookAfterLent();
@@ -292,8 +294,10 @@ void Team::ensureSpare() {
   try {
     const std::lock_guard lock(mutex_);
     if (spares_.empty() && !isStarting_ && !isStopping_) startReaderLocked();
+    lacksSpare_ = false;
   } catch (const std::exception& error) {
-    // Until another one comes back, calls go to the pool.
+    // Until there is one, calls go to the pool.
+    if (std::exchange(lacksSpare_, true)) return;
     GV_LOG(log::Level::Warning, "gvmessaging.net", "ensureSpare",
            std::string("no spare thread to read the network: ") + error.what());
   }
