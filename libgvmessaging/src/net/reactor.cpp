@@ -75,7 +75,7 @@ Core& instance() {
 
 Core& usableCore() {
   Core& core = instance();
-  if (forked.load(std::memory_order_relaxed))
+  if (Reactor::isForked())
     throw std::runtime_error("the network cannot be used in a process forked from its user");
   if (core.hasEnded) throw std::runtime_error("the process is exiting");
   return core;
@@ -103,6 +103,10 @@ void Reactor::track(const std::shared_ptr<Stream>& stream) {
 void Reactor::untrack(const Stream* stream) {
   instance().streams.erase(stream);
   stopWhenAllHaveEnded(instance());
+}
+
+bool Reactor::isForked() {
+  return forked.load(std::memory_order_relaxed);
 }
 
 bool Reactor::isThisThread() {

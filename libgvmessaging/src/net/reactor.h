@@ -35,6 +35,9 @@ class GVMESSAGING_API Reactor {
   static void track(const std::shared_ptr<Stream>& stream);
   static void untrack(const Stream* stream);
 
+  /// True in a child process forked from one that used the network.
+  static bool isForked();
+
   /// True in the network's thread.
   static bool isThisThread();
 };

@@ -19,6 +19,7 @@
 #include <gv/log.h>
 
 #include "src/net/patience.h"
+#include "src/net/reactor.h"
 
 namespace gv::net {
 namespace {
@@ -169,7 +170,7 @@ void Team::lookAfterLent() {
 void Team::lead(Reader& self) {
   ensureSpare();
   if (const Socket unfinished = current_) unfinished->goOn();
-  while (self.phase != Reader::Phase::Replaced && !isStopping_) {
+  while (self.phase != Reader::Phase::Replaced && !isStopping_ && !Reactor::isForked()) {
     current_.reset();
     if (!hasSpare()) ensureSpare();
     if (runTask()) continue;
@@ -178,7 +179,7 @@ void Team::lead(Reader& self) {
     for (std::size_t i = 0; i < count; ++i) {
       // Those that a replaced thread does not come to are still ready for the next leader.
       handle(ready_[i]);
-      if (self.phase == Reader::Phase::Replaced) return;
+      if (self.phase == Reader::Phase::Replaced || Reactor::isForked()) return;
     }
   }
 }
@@ -328,6 +329,7 @@ void Team::run(const std::shared_ptr<Reader>& self) {
   while (awaitLead(lock, *self)) {
     lock.unlock();
     lead(*self);
+    if (Reactor::isForked()) return;  // the call forked: this is the child
     lock.lock();
     self->guest.reset();
     self->phase = Reader::Phase::Own;
