@@ -193,7 +193,7 @@ TEST_F(ConnectionTest, RunsCallbacksOfItsUsersOnTheEventLoop) {
 }
 
 TEST_F(ConnectionTest, DestroysObjectsOfItsUsersOnTheEventLoop) {
-  // A description is asked for in the network's thread, while the last handle goes elsewhere.
+  // A description is read by the thread that reads, while the last handle goes elsewhere.
   for (int round = 0; round < 200; ++round) {
     std::atomic<bool> isWrong{false};
     std::atomic<bool> isGone{false};
@@ -233,7 +233,7 @@ TEST_F(ConnectionTest, FailsPendingCallsWhenItIsLost) {
 TEST_F(ConnectionTest, ServesOthersWhileMethodsBlock) {
   std::vector<Future<int>> held;
   for (int i = 0; i < 100; ++i) held.push_back(calculator.async<int>("hold"));
-  // Not queued by its caller, as those are: it must leave the network's thread all the same.
+  // Not queued by its caller, as those are: it must leave the thread that reads all the same.
   std::thread direct([this] { EXPECT_EQ(calculator.call<int>("hold"), 1); });
   while (gate->waiting < 101) std::this_thread::yield();
   EXPECT_EQ(calculator.async<int>("add", 1, 1).value(guardMs), 2);

@@ -18,7 +18,7 @@ namespace gv::net {
 /// Keeps what a stream delivers, and waits for it. Waits end after a minute, with what is there.
 class StreamRecorder : public StreamHandler {
  public:
-  /// @p onBytes runs in the network's thread with each piece, before it is recorded.
+  /// @p onBytes runs in the thread that reads, with each piece, before it is recorded.
   explicit StreamRecorder(std::function<void(std::span<const char>)> onBytes = {})
       : onBytes_(std::move(onBytes)) {}
 

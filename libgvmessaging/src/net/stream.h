@@ -67,8 +67,8 @@ class Stream {
   /// Bytes taken by send() and not yet by the system.
   virtual std::size_t pendingBytes() const = 0;
 
-  /// Ends the stream now: pending output is dropped, no onBytes() begins after it (one that runs in
-  /// the network's thread may still end), onClosed(cause) follows. Repeated calls do nothing.
+  /// Ends the stream now: pending output is dropped, no more is read (an onInput() that another
+  /// thread has under way may still come), onClosed(cause) follows. Repeated calls do nothing.
   virtual void close(const std::string& cause) = 0;
 
   /// Takes no more output, drops input, and ends the stream when the peer has got what was pending

@@ -31,8 +31,8 @@ bool isDirectorys(const wire::FrameHeader& header) {
   return header.service == 1;
 }
 
-/// What runs no user code, so that the network's thread serves it: setting a property would run
-/// the handlers of its signal.
+/// What runs no user code, so that whoever read it serves it: setting a property would run the
+/// handlers of its signal.
 bool isFrameworks(const wire::FrameHeader& header) {
   return isDirectorys(header) || header.member == static_cast<unsigned>(BuiltinMethod::MetaObject);
 }

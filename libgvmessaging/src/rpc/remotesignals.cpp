@@ -26,7 +26,7 @@ Object<DynamicObject> makeStandIn() {
   return object;
 }
 
-/// Not in the network's thread: with the handler foreign code dies.
+/// Not in the thread that settles: with the handler foreign code dies.
 void disconnectLater(const Object<Empty>& object, SignalLink link) {
   try {
     getEventLoop()->post([object, link] { object.disconnect(link); });
