@@ -27,15 +27,15 @@ struct Continuation;
 /// and dropped on any: the value goes with the last handle, with no lock held.
 ///
 /// Time-outs are in milliseconds; `FutureTimeout_Infinite` waits for ever, 0 and below do not wait.
-/// They follow the steady clock. Waiting polls for some microseconds, then sleeps, having announced
-/// that by a `BlockingRegion`; on a pool thread another one takes over meanwhile. It never runs
-/// other work on the thread. To wait in a task for that task's own future never ends: it is logged
-/// as a warning.
+/// They follow the steady clock. Waiting polls for some microseconds, for a reply from elsewhere by
+/// reading its connection, then sleeps, having announced that by a `BlockingRegion`; on a pool
+/// thread another one takes over meanwhile. It runs no tasks, methods or callbacks on the thread.
+/// To wait in a task for that task's own future never ends: it is logged as a warning.
 ///
 /// Callbacks are called once each, with this future finished:
 /// - `Sync` ones in the thread that settles, before the settlement returns to its caller, or at
 ///   once in the connecting thread when the future has ended. `Async` ones on the event loop,
-///   always.
+///   always. Where a waiting thread settles the futures of others, `Sync` ones run in another one.
 /// - Those connected before the end start in the order in which they were connected (the `Async`
 ///   ones may overlap). One connected while it is being settled is called like any other.
 /// - A callback may connect, cancel, wait for other futures, settle other promises and drop any
