@@ -173,7 +173,8 @@ bool TcpStream::readOnce() {
   const Transfer got = receive();
   if (Turn::isLost(this) || got.wouldBlock) return false;
   if (got.error || got.bytes == 0) {
-    const Lock lock(mutex_);
+    Lock lock(mutex_);
+    if (!got.error) flushLocked(lock);  // what this turn put off: it may have closed its side only
     endLocked(got.error ? lossText(got.error) : "connection closed by peer");
     return false;
   }
