@@ -503,10 +503,13 @@ void Connection::serve(const wire::Frame& frame, MetaCallType callType) {
   std::optional<net::Readers::ForeignCode> foreign;
   try {
     const CallTarget target = findTarget(frame);
-    // Calls of a single-threaded object are only put in its queue: in the order of their frames.
-    if (!isFrameworks(header) && target.object && !isSingleThreaded(target.object))
-      foreign.emplace();
-    callMethod(header, target, readArguments(frame, target), callType);
+    // Calls of a single-threaded object are only put in its queue: in the order of their frames. So
+    // are arguments read that may name objects: what follows may give them back.
+    const bool isQueued = isFrameworks(header) || !target.object || isSingleThreaded(target.object);
+    if (!isQueued && !mayNameObjects(target.method->parametersSignature())) foreign.emplace();
+    const auto arguments = readArguments(frame, target);
+    if (!isQueued && !foreign) foreign.emplace();
+    callMethod(header, target, arguments, callType);
     if (!foreign) foreign.emplace();
   } catch (const std::exception& error) {
     replyError(header, error.what());
