@@ -239,7 +239,9 @@ std::size_t Team::waitForSockets() {
 
 std::size_t Team::sleep() {
   leaderSleeps_ = true;
-  const std::size_t count = sockets_.wait(ready_, hasLent_ ? lentLookMs : -1);
+  // The word to wake may have come, and gone, while it polled.
+  const bool mustNotSleep = isStopping_ || hasTasks_;
+  const std::size_t count = sockets_.wait(ready_, mustNotSleep ? 0 : hasLent_ ? lentLookMs : -1);
   leaderSleeps_ = false;
   // One of the two sees the other: the watcher says that it sleeps before it looks at the leader.
   if (watcherSleeps_) {
