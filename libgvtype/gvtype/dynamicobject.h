@@ -97,7 +97,6 @@ class GVTYPE_API DynamicObject {
  private:
   friend class DynamicObjectBuilder;
 
-  void addBuiltinMethods();
   /// Says that this is no part of a derived object, so that callNow may run its methods.
   void setPlain();
 

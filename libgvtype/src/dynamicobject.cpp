@@ -31,7 +31,11 @@ GenericFunctionParameters behindInstance(std::span<const AnyReference> arguments
 }  // namespace
 
 struct DynamicObject::Private {
-  explicit Private(DynamicObject* object) : ownView(getDynamicTypeInterface(), object) {}
+  explicit Private(DynamicObject* object)
+      : ownView(getDynamicTypeInterface(), object),
+        members([object] { return builtinMethods(object); }) {}
+
+  static std::vector<Method> builtinMethods(DynamicObject* object);
 
   GenericObject ownView;
   /// Both constant once the object is published; the queue is set for the single-threaded model.
@@ -46,38 +50,41 @@ struct DynamicObject::Private {
   PropertyTable properties;
 };
 
-DynamicObject::DynamicObject() : p_(std::make_unique<Private>(this)) {
-  addBuiltinMethods();
-}
+DynamicObject::DynamicObject() : p_(std::make_unique<Private>(this)) {}
 
 DynamicObject::~DynamicObject() = default;
 
-void DynamicObject::addBuiltinMethods() {
-  const auto add = [this](BuiltinMethod id, const char* name, auto callable) {
-    const AnyFunction function = AnyFunction::from(std::move(callable)).withInstance();
+std::vector<Method> DynamicObject::Private::builtinMethods(DynamicObject* object) {
+  std::vector<Method> methods;
+  const auto add = [&methods](BuiltinMethod id, const char* name, auto callable) {
+    AnyFunction function = AnyFunction::from(std::move(callable)).withInstance();
     MetaMethodBuilder builder;
     builder.setUid(static_cast<unsigned>(id));
     builder.setName(name);
     builder.setReturnSignature(function.returnSignature());
     builder.setParametersSignature(function.parametersSignature(true));
-    p_->members.addBuiltin(builder.metaMethod(), function);
+    methods.emplace_back(builder.metaMethod(), std::move(function), MetaCallType::Direct);
   };
   // The caller's handle keeps the object alive during the call, here as for any method.
-  add(BuiltinMethod::MetaObject, "metaObject", [this] { return describeMetaObject(metaObject()); });
-  add(BuiltinMethod::Property, "property", [this](const std::string& name) {
-    return metaProperty({}, metaObject().propertyNamed(name).uid())
+  add(BuiltinMethod::MetaObject, "metaObject",
+      [object] { return describeMetaObject(object->metaObject()); });
+  add(BuiltinMethod::Property, "property", [object](const std::string& name) {
+    return object->metaProperty({}, object->metaObject().propertyNamed(name).uid())
         .then([](const Future<AnyReference>& got) { return got.value().to<AnyValue>(); },
               FutureCallbackType::Sync);
   });
   add(BuiltinMethod::SetProperty, "setProperty",
-      [this](const std::string& name, const AnyValue& value) {
-        return metaSetProperty({}, metaObject().propertyNamed(name).uid(), value.asReference());
+      [object](const std::string& name, const AnyValue& value) {
+        return object->metaSetProperty({}, object->metaObject().propertyNamed(name).uid(),
+                                       value.asReference());
       });
-  add(BuiltinMethod::Properties, "properties", [this] {
+  add(BuiltinMethod::Properties, "properties", [object] {
     std::vector<std::string> names;
-    for (const auto& [uid, property] : metaObject().propertyMap()) names.push_back(property.name());
+    for (const auto& [uid, property] : object->metaObject().propertyMap())
+      names.push_back(property.name());
     return names;
   });
+  return methods;
 }
 
 const MetaObject& DynamicObject::metaObject() const {

@@ -24,18 +24,13 @@ unsigned MemberTable::takeIdLocked() {
   return nextId_++;
 }
 
-void MemberTable::addBuiltin(MetaMethod description, AnyFunction function) {
-  const std::lock_guard lock(mutex_);
-  methods_.emplace_back(std::move(description), std::move(function), MetaCallType::Direct);
-  setChangedLocked();
-}
-
 unsigned MemberTable::addMethod(MetaMethodBuilder method, AnyFunction function,
                                 MetaCallType callType) {
   const std::lock_guard lock(mutex_);
   const unsigned uid = takeIdLocked();
   method.setUid(uid);
-  methods_.emplace_back(method.metaMethod(), std::move(function), callType);
+  methods_.push_back(
+      std::make_unique<const Method>(method.metaMethod(), std::move(function), callType));
   setChangedLocked();
   return uid;
 }
@@ -66,18 +61,18 @@ void MemberTable::replace(const MetaObject& metaObject) {
 const Members& MemberTable::collect() {
   const std::lock_guard lock(mutex_);
   if (const Members* newest = newest_.load(std::memory_order_relaxed)) return *newest;
+  if (builtins_.empty()) builtins_ = makeBuiltins_();
   Members members;
   std::vector<MetaMethod> descriptions;
-  descriptions.reserve(methods_.size());
-  for (const Method& method : methods_) {
-    const unsigned id = method.description.uid();
+  descriptions.reserve(builtins_.size() + methods_.size());
+  for (const Method& method : builtins_) {
     descriptions.push_back(method.description);
-    if (id < MetaObject::firstOwnId) {
-      members.builtin.push_back(&method);
-    } else {
-      members.own.resize(id - MetaObject::firstOwnId + 1);
-      members.own.back() = &method;
-    }
+    members.builtin.push_back(&method);
+  }
+  for (const auto& method : methods_) {
+    descriptions.push_back(method->description);
+    members.own.resize(method->description.uid() - MetaObject::firstOwnId + 1);
+    members.own.back() = method.get();
   }
   members.metaObject = MetaObject(std::move(descriptions), signals_, properties_, description_);
   publishLocked(std::move(members));

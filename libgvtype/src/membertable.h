@@ -1,7 +1,7 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -42,9 +42,13 @@ struct Members {
 /// What an object offers, as it grows. Any thread.
 class MemberTable {
  public:
+  /// The framework's own methods of the object, by rising id. Made when they are first looked for:
+  /// what stands for an object elsewhere needs none.
+  using MakeBuiltins = std::function<std::vector<Method>()>;
+  explicit MemberTable(MakeBuiltins makeBuiltins) : makeBuiltins_(std::move(makeBuiltins)) {}
+
   /// Throws std::runtime_error when the object is full.
   unsigned takeId();
-  void addBuiltin(MetaMethod description, AnyFunction function);
   unsigned addMethod(MetaMethodBuilder method, AnyFunction function, MetaCallType callType);
   void addSignal(MetaSignal signal);
   void addProperty(MetaProperty property);
@@ -64,8 +68,11 @@ class MemberTable {
   void publishLocked(Members members);
   void setChangedLocked() { newest_.store(nullptr, std::memory_order_release); }
 
-  std::mutex mutex_;            // guards what follows, but for newest_
-  std::deque<Method> methods_;  // by rising id; constant once in: snapshots point at them
+  const MakeBuiltins makeBuiltins_;
+
+  std::mutex mutex_;                                    // guards what follows, but for newest_
+  std::vector<Method> builtins_;                        // snapshots point at them, as at methods_
+  std::vector<std::unique_ptr<const Method>> methods_;  // by rising id
   std::vector<MetaSignal> signals_;
   std::vector<MetaProperty> properties_;
   std::string description_;
