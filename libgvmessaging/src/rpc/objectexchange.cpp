@@ -8,6 +8,7 @@
 
 #include "src/rpc/connection.h"
 #include "src/rpc/frameworkmethods.h"
+#include "src/rpc/recentdescriptions.h"
 #include "src/rpc/releasedelsewhere.h"
 #include "src/rpc/remoteobject.h"
 #include "src/wire/valuereader.h"
@@ -97,7 +98,7 @@ Object<Empty> ObjectExchange::borrow(const wire::PassedObject& passed) {
   if (passed.number == 0) throw std::runtime_error("it has an object without a number");
   return borrowed_.receive(passed.number, [&] {
     return RemoteObject::make(connection_.shared_from_this(), {0, passed.number},
-                              makeMetaObject(passed.description));
+                              makeSharedMetaObject(passed.description));
   });
 }
 

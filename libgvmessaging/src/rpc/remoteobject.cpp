@@ -7,6 +7,7 @@
 #include <gvtype/metaobjectdescription.h>
 
 #include "src/rpc/frameworkmethods.h"
+#include "src/rpc/recentdescriptions.h"
 #include "src/rpc/releasedelsewhere.h"
 
 namespace gv::rpc {
@@ -40,7 +41,7 @@ Future<Object<Empty>> RemoteObject::make(const std::shared_ptr<Connection>& conn
       .then(
           [connection, service](Future<AnyReference> settled) {
             return make(connection, service,
-                        makeMetaObject(settled.value().to<MetaObjectDescription>()));
+                        makeSharedMetaObject(settled.value().to<MetaObjectDescription>()));
           },
           FutureCallbackType::Sync);
 }
