@@ -5,6 +5,8 @@
 #include <optional>
 #include <utility>
 
+#include "src/wire/threadspare.h"
+
 namespace gv::wire {
 namespace {
 
@@ -14,9 +16,8 @@ constexpr std::size_t bufferSize = 64u << 10;
 constexpr std::size_t step = 64u << 10;
 
 // One thread mostly reads connection after connection: it takes the same buffer along.
-std::unique_ptr<char[]>& spareBuffer() {
-  thread_local std::unique_ptr<char[]> spare;
-  return spare;
+std::unique_ptr<char[]>* spareBuffer() {
+  return threadSpare<std::unique_ptr<char[]>>();
 }
 
 }  // namespace
@@ -31,7 +32,7 @@ std::span<char> FrameReader::space() {
     return {payload_.data() + arrived_, payload_.size() - arrived_};
   }
   if (!buffer_) {
-    buffer_ = std::move(spareBuffer());
+    if (const auto spare = spareBuffer()) buffer_ = std::move(*spare);
     if (!buffer_) buffer_ = std::make_unique_for_overwrite<char[]>(bufferSize);
   }
   if (begin_ > 0) {
@@ -114,7 +115,7 @@ std::span<const char> FrameReader::takeBuffered(std::size_t most) {
 void FrameReader::giveBackIfEmpty() {
   if (buffered() > 0) return;
   begin_ = end_ = 0;
-  if (buffer_ && !spareBuffer()) spareBuffer() = std::move(buffer_);
+  if (const auto spare = spareBuffer(); spare && buffer_ && !*spare) *spare = std::move(buffer_);
   buffer_.reset();
 }
 

@@ -7,6 +7,7 @@
 
 #include "src/wire/frame.h"
 #include "src/wire/output.h"
+#include "src/wire/threadspare.h"
 
 namespace gv::wire {
 
@@ -15,12 +16,13 @@ namespace gv::wire {
 class Message : public Output {
  public:
   explicit Message(OutgoingObjects* objects = nullptr) : Output(objects) {
-    own_ = std::move(spare());
+    if (Bytes* spare = threadSpare<Bytes>()) own_ = std::move(*spare);
     own_.resize(frameHeaderSize);
   }
   ~Message() {
     constexpr std::size_t mostKept = 64u << 10;
-    if (own_.capacity() <= mostKept) spare() = std::move(own_);
+    if (own_.capacity() > mostKept) return;
+    if (Bytes* spare = threadSpare<Bytes>()) *spare = std::move(own_);
   }
   Message(const Message&) = delete;
   Message& operator=(const Message&) = delete;
@@ -36,10 +38,7 @@ class Message : public Output {
   }
 
  private:
-  static std::vector<char>& spare() {
-    thread_local std::vector<char> bytes;
-    return bytes;
-  }
+  using Bytes = std::vector<char>;
 
   Pieces pieces_;
 };
