@@ -22,9 +22,12 @@ Object<Empty> BorrowedObjects::receive(unsigned number, FunctionRef<Object<Empty
   const Object<Empty> made = make();
   const std::lock_guard lock(mutex_);
   Borrowed& borrowed = borrowed_[number];
+  borrowed.count += 1;  // to what an object that dies just now has received
+  // Another thread that reads may have made one meanwhile: with two, the first to die would give
+  // back what the other one still uses.
+  if (Object<Empty> other = borrowed.object.lock()) return other;
   borrowed.object = made;
   borrowed.identity = Object<RemoteObject>(made).get();
-  borrowed.count += 1;  // to what an object that dies just now has received
   return made;
 }
 
