@@ -12,33 +12,15 @@
 
 #include "src/net/stream.h"
 #include "src/net/timer.h"
+#include "src/rpc/callserver.h"
 #include "src/rpc/eventtargets.h"
 #include "src/rpc/handshake.h"
 #include "src/rpc/objectexchange.h"
 #include "src/rpc/pendingcalls.h"
-#include "src/rpc/signalrelay.h"
 #include "src/wire/framereader.h"
 #include "src/wire/message.h"
 
 namespace gv::rpc {
-
-/// The objects that a connection's peer may call.
-class ServiceHost {
- public:
-  virtual ~ServiceHost() = default;
-  /// The object of a service, invalid where there is none. Any thread; must not block.
-  virtual Object<Empty> findService(unsigned id) const = 0;
-};
-
-/// What one peer has asked for and not been answered yet, and what it has told and nobody handled
-/// yet. Atomic: calls end on any thread.
-struct CallBudget {
-  std::atomic<std::size_t> calls{0};
-  std::atomic<std::size_t> bytes{0};
-};
-
-struct AcceptedCall;
-struct CallTarget;
 
 /// A conversation with one peer, shared by all calls in both directions.
 ///
@@ -73,12 +55,9 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   /// Sends a call that has no reply. Throws std::runtime_error when it could not be sent.
   void post(const ObjectAddress& object, const MetaMethod& method,
             const GenericFunctionParameters& arguments);
-  /// Tells the peer of an emission. Never waits for it: a peer that has not taken what was sent
-  /// before, by more than Limits::outputSlow, loses the connection. Throws where the values cannot
-  /// be sent.
-  void sendEvent(const ObjectAddress& object, const MetaSignal& signal, std::uint64_t subscription,
-                 const std::vector<AnyValue>& values);
 
+  /// What the peer is served.
+  CallServer& server() { return server_; }
   /// The objects that cross this connection, and where events of the peer's objects go.
   ObjectExchange& objects() { return objects_; }
   EventTargets& eventTargets() { return eventTargets_; }
@@ -115,27 +94,10 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   void onHandshakeFrame(const wire::Frame& frame);
   void becomeOpen();
   void onReply(const wire::Frame& frame);
-  void onCall(wire::Frame& frame);
-  void serveOnEventLoop(wire::Frame& frame);
   void onEvent(const wire::Frame& frame);
-  CallTarget findTarget(const wire::Frame& frame);
-  GenericFunctionParameters readArguments(const wire::Frame& frame, const CallTarget& target);
-  void serve(const wire::Frame& frame, MetaCallType callType);
-  void serveAccepted(const AcceptedCall& call);
-  void callMethod(const wire::FrameHeader& header, const CallTarget& target,
-                  const GenericFunctionParameters& arguments, MetaCallType callType);
-  Future<AnyReference> startMethod(const wire::FrameHeader& header, const CallTarget& target,
-                                   const GenericFunctionParameters& arguments,
-                                   MetaCallType callType);
-  void replyWhenSettled(const wire::FrameHeader& call, const std::string& returnSignature,
-                        const Future<AnyReference>& result);
-  void reply(const wire::FrameHeader& call, const std::string& returnSignature,
-             const AnyReference& result);
-  void replyError(const wire::FrameHeader& call, const std::string& text);
 
   wire::FrameHeader makeHeader(const ObjectAddress& object, const MetaMethod& method,
                                MetaCallType callType) const;
-  void checkSize(const wire::Message& message, const std::string& what) const;
   void encodeArguments(wire::Message& message, const MetaMethod& method,
                        const GenericFunctionParameters& arguments) const;
   void send(const HandshakeFrame& frame);
@@ -148,14 +110,12 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   const std::shared_ptr<net::Stream> stream_;
   const Role role_;
   const Greeting own_;
-  const std::weak_ptr<ServiceHost> host_;
   const wire::Limits limits_;
-  const std::shared_ptr<CallBudget> budget_ = std::make_shared<CallBudget>();
 
   // Safe by themselves
   ObjectExchange objects_;
   EventTargets eventTargets_;
-  const std::shared_ptr<SignalRelay> relay_;
+  CallServer server_;
 
   // Of the thread that reads, or ends it
   Events events_;  // dropped when the connection has ended

@@ -55,7 +55,7 @@ Future<AnyReference> SignalRelay::subscribe(const std::shared_ptr<Connection>& c
   const auto send = [weak = std::weak_ptr<Connection>(connection), address,
                      source = described->second, subscription](const AnyArguments& emitted) {
     const auto peer = weak.lock();
-    if (peer) peer->sendEvent(address, source, subscription, emitted.args);
+    if (peer) peer->server().sendEvent(address, source, subscription, emitted.args);
   };
   const GenericObject& generic = *object.share();
   return generic.type

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <span>
+#include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -28,6 +30,11 @@ class Message : public Output {
   Message& operator=(const Message&) = delete;
 
   std::size_t payloadSize() const { return size() - frameHeaderSize; }
+  /// The error of a payload that is over `limit`; `what` ends with a verb.
+  std::runtime_error tooLarge(const std::string& what, std::size_t limit) const {
+    return std::runtime_error(what + " " + std::to_string(payloadSize()) +
+                              " bytes, more than the limit of " + std::to_string(limit));
+  }
 
   /// Writes the header in front. Returns the whole frame, good while this lives.
   std::span<const std::span<const char>> finish(FrameHeader header) {

@@ -1,0 +1,332 @@
+#include "src/rpc/callserver.h"
+
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+#include <gv/eventloop.h>
+#include <gv/log.h>
+#include <gvtype/callgate.h>
+#include <gvtype/dynamicobject.h>
+
+#include "src/net/readers.h"
+#include "src/rpc/argumentlist.h"
+#include "src/rpc/callcontext.h"
+#include "src/rpc/connection.h"
+#include "src/rpc/frameworkmethods.h"
+#include "src/rpc/releasedelsewhere.h"
+#include "src/wire/message.h"
+#include "src/wire/valuewriter.h"
+
+namespace gv::rpc {
+namespace {
+
+constexpr const char* category = "gvmessaging.connection";
+
+/// Methods of the framework's own never block, so that they are served even when all user code
+/// does.
+bool isDirectorys(const wire::FrameHeader& header) {
+  return header.service == 1;
+}
+
+/// What runs no user code, so that whoever read it serves it: setting a property would run the
+/// handlers of its signal.
+bool isFrameworks(const wire::FrameHeader& header) {
+  return isDirectorys(header) || header.member == static_cast<unsigned>(BuiltinMethod::MetaObject);
+}
+
+bool isPostOf(unsigned member, const wire::FrameHeader& header) {
+  return header.type == wire::FrameType::Post && header.service == 0 && header.member == member;
+}
+
+/// Whether values of this signature may name objects.
+bool mayNameObjects(const Signature& signature) {
+  return signature.toString().find_first_of("ov*") != std::string::npos;
+}
+
+bool isSingleThreaded(const Object<Empty>& object) {
+  const GenericObject& generic = *object.share();
+  return generic.type == getDynamicTypeInterface() &&
+         static_cast<const DynamicObject*>(generic.value)->threadingModel() ==
+             ObjectThreadingModel::SingleThread;
+}
+
+std::string noService(unsigned id) {
+  return "there is no service with id " + std::to_string(id) + " here (any more)";
+}
+
+std::string noObject(const ObjectAddress& address) {
+  return address.service != 0 ? noService(address.service)
+                              : "there is no lent object with number " +
+                                    std::to_string(address.object) + " here (any more)";
+}
+
+ObjectAddress addressOf(const wire::FrameHeader& header) {
+  return {header.service, header.object};
+}
+
+/// Once a service was withdrawn no body starts, that of a call that waits for its turn included.
+void checkService(const void* host, unsigned id) {
+  if (!host || !static_cast<const ServiceHost*>(host)->findService(id))
+    throw std::runtime_error(noService(id));
+}
+
+std::string shortened(const std::string& text) {
+  constexpr std::size_t longest = 64u << 10;
+  return text.size() <= longest ? text : text.substr(0, longest) + "... (shortened)";
+}
+
+}  // namespace
+
+/// What a call is of.
+struct CallTarget {
+  Object<Empty> object;                // invalid for the framework's own
+  const MetaMethod* method = nullptr;  // of the object's description, or the framework's
+};
+
+/// A call of the peer's that was read, waits for a thread of the event loop, and has not ended.
+struct AcceptedCall {
+  std::unique_ptr<CallBudget::Share> share;
+  wire::Frame frame;
+  CallTarget target;
+  std::optional<GenericFunctionParameters> arguments;  // where they may name objects
+};
+
+CallServer::CallServer(Connection& connection, net::Stream& stream, ObjectExchange& objects,
+                       std::weak_ptr<ServiceHost> host, const wire::Limits& limits)
+    : connection_(connection),
+      stream_(stream),
+      objects_(objects),
+      limits_(limits),
+      host_(std::move(host)),
+      relay_(std::make_shared<SignalRelay>(limits.subscriptions)) {}
+
+void CallServer::onCall(wire::Frame& frame) {
+  if (isPostOf(releaseId, frame.header)) return objects_.onRelease(frame);
+  const bool isHere = net::Readers::mayRunForeignCode();
+  if (!isHere) stream_.expectUnasked();
+  if (isFrameworks(frame.header)) return serve(frame, MetaCallType::Direct);
+  const auto callType = static_cast<MetaCallType>(frame.header.callType);
+  if (isHere && callType != MetaCallType::Queued && getEventLoop()->hasRoom())
+    serve(frame, callType);
+  else
+    serveOnEventLoop(frame);
+}
+
+/// Looks up, and decodes what may name objects, in the order of the frames: what follows may give
+/// back the object that is called here, or one among the arguments.
+void CallServer::serveOnEventLoop(wire::Frame& frame) {
+  const wire::FrameHeader header = frame.header;
+  const auto call = releasedElsewhere(AcceptedCall());
+  try {
+    if (budget_->calls >= limits_.acceptedCalls || budget_->bytes >= limits_.acceptedBytes) {
+      objects_.giveBack(frame.bytes());
+      throw std::runtime_error("too many calls of this connection are under way");
+    }
+    call->share = std::make_unique<CallBudget::Share>(budget_, 1, frame.payload.size());
+    call->target = findTarget(frame);
+    if (mayNameObjects(call->target.method->parametersSignature()))
+      call->arguments = readArguments(frame, call->target);
+  } catch (const std::exception& error) {
+    return replyError(header, error.what());
+  } catch (...) {
+    return replyError(header, "unknown exception");
+  }
+  call->frame = std::move(frame);
+  EventLoop* loop = getEventLoop();
+  const auto refuse = [this, self = connection_.shared_from_this(), call, loop] {
+    replyError(call->frame.header, loop->refusalText());
+  };
+  const auto run = [this, self = connection_.shared_from_this(), call] { serveAccepted(*call); };
+  if (!loop->tryPost(run, refuse)) refuse();
+}
+
+void CallServer::serveAccepted(const AcceptedCall& call) {
+  const wire::FrameHeader& header = call.frame.header;
+  const auto callType = static_cast<MetaCallType>(header.callType);
+  try {
+    // A service that was withdrawn meanwhile starts no body; an object that was given back does.
+    if (header.service != 0 && !objects_.find(addressOf(header)))
+      return replyError(header, noService(header.service));
+    callMethod(header, call.target,
+               call.arguments ? *call.arguments : readArguments(call.frame, call.target),
+               callType == MetaCallType::Queued ? MetaCallType::Direct : callType);
+  } catch (const std::exception& error) {
+    replyError(header, error.what());
+  } catch (...) {
+    replyError(header, "unknown exception");
+  }
+}
+
+void CallServer::serve(const wire::Frame& frame, MetaCallType callType) {
+  const wire::FrameHeader& header = frame.header;
+  // Outlives the object: its destructor is foreign, too.
+  std::optional<net::Readers::ForeignCode> foreign;
+  try {
+    const CallTarget target = findTarget(frame);
+    // Calls of a single-threaded object are only put in its queue: in the order of their frames. So
+    // are arguments read that may name objects: what follows may give them back.
+    const bool isQueued = isFrameworks(header) || !target.object || isSingleThreaded(target.object);
+    if (!isQueued && !mayNameObjects(target.method->parametersSignature())) foreign.emplace();
+    const auto arguments = readArguments(frame, target);
+    if (!isQueued && !foreign) foreign.emplace();
+    callMethod(header, target, arguments, callType);
+    if (!foreign) foreign.emplace();
+  } catch (const std::exception& error) {
+    replyError(header, error.what());
+  } catch (...) {
+    replyError(header, "unknown exception");
+  }
+}
+
+CallTarget CallServer::findTarget(const wire::Frame& frame) {
+  const wire::FrameHeader& header = frame.header;
+  if (isPostOf(unsubscribeId, header)) return {{}, &unsubscribeMethod()};
+  CallTarget target{objects_.find(addressOf(header)), nullptr};
+  if (target.object)
+    target.method = header.member == subscribeId && header.type == wire::FrameType::Call
+                        ? &subscribeMethod()
+                        : target.object.metaObject().method(header.member);
+  if (target.method) return target;
+  objects_.giveBack(frame.bytes());
+  throw std::runtime_error(target.object
+                               ? "the object has no method with id " + std::to_string(header.member)
+                               : noObject(addressOf(header)));
+}
+
+GenericFunctionParameters CallServer::readArguments(const wire::Frame& frame,
+                                                    const CallTarget& target) {
+  ObjectExchange::Receiving receiving(objects_, frame.bytes());
+  auto arguments =
+      target.object
+          ? readArgumentList(frame.bytes(), target.object, *target.method, limits_, receiving)
+          : readArgumentList(frame.bytes(), target.method->parametersSignature(), limits_,
+                             receiving);
+  receiving.wasRead();
+  return arguments;
+}
+
+void CallServer::callMethod(const wire::FrameHeader& header, const CallTarget& target,
+                            const GenericFunctionParameters& arguments, MetaCallType callType) {
+  const Future<AnyReference> result = startMethod(header, target, arguments, callType);
+  if (header.type == wire::FrameType::Post) return;
+  replyWhenSettled(header, target.method->returnSignature().toString(), result);
+}
+
+Future<AnyReference> CallServer::startMethod(const wire::FrameHeader& header,
+                                             const CallTarget& target,
+                                             const GenericFunctionParameters& arguments,
+                                             MetaCallType callType) {
+  if (target.method == &unsubscribeMethod()) {
+    relay_->unsubscribe(arguments[0].to<std::uint64_t>());
+    return makeReadyFuture(AnyReference::ofVoid());
+  }
+  if (target.method == &subscribeMethod())
+    return relay_->subscribe(connection_.shared_from_this(), addressOf(header), target.object,
+                             arguments[0].to<unsigned>(), arguments[1].to<std::uint64_t>());
+  CallContext context{.callId = header.messageId, .traceId = header.traceId};
+  if (isDirectorys(header)) context.caller = &connection_;
+  const CallContextScope scope(context);
+  const CallGate gate{host_, header.service, &checkService};
+  std::optional<CallGateScope> gated;
+  if (header.service != 0) gated.emplace(gate);
+  return target.object.metaCall(header.member, arguments, callType);
+}
+
+void CallServer::replyWhenSettled(const wire::FrameHeader& call, const std::string& returnSignature,
+                                  const Future<AnyReference>& result) {
+  const auto isPlain = [](const AnyReference& value) {
+    return !value.isValid() || value.type()->kind != TypeKind::Future;
+  };
+  if (result.isFinished() && result.hasValue(0) && isPlain(result.value(0)))
+    return reply(call, returnSignature, result.value(0));
+  Promise<AnyReference> flattened(FutureCallbackType::Sync);
+  flattened.future().connect(
+      [this, self = connection_.shared_from_this(), call,
+       returnSignature](const Future<AnyReference>& settled) {
+        try {
+          reply(call, returnSignature, settled.value());
+        } catch (const std::exception& error) {
+          replyError(call, error.what());
+        }
+      },
+      FutureCallbackType::Sync);
+  result.connect(
+      [flattened](const Future<AnyReference>& settled) {
+        try {
+          handleFuture<AnyReference>(settled.value(), flattened);
+        } catch (const FutureException& error) {
+          flattened.setError(error.what(), error.state());
+        }
+      },
+      FutureCallbackType::Sync);
+}
+
+void CallServer::reply(const wire::FrameHeader& call, const std::string& returnSignature,
+                       const AnyReference& result) {
+  ObjectExchange::Sending sending(objects_);
+  wire::Message message(&sending);
+  try {
+    wire::writeValue(message, result, returnSignature);
+    if (message.payloadSize() > limits_.payload)
+      throw message.tooLarge("the result takes", limits_.payload);
+  } catch (const std::exception& error) {
+    sending.takeBack();  // before the caller knows, and may ask for as much again
+    return replyError(call, error.what());
+  } catch (...) {
+    return replyError(call, "unknown exception");
+  }
+  wire::FrameHeader header;
+  header.type = wire::FrameType::Reply;
+  header.messageId = call.messageId;
+  if (stream_.send(message.finish(header))) sending.wasSent();
+}
+
+void CallServer::replyError(const wire::FrameHeader& call, const std::string& text) {
+  if (call.type == wire::FrameType::Post) {
+    GV_LOG(log::Level::Warning, category, "post",
+           "a post of " + connection_.peerName() + " to service " + std::to_string(call.service) +
+               " was dropped: " + shortened(text));
+    return;
+  }
+  const std::string sent = shortened(text);
+  wire::Message message;
+  wire::writeValue(message, AnyReference::from(sent), "s");
+  wire::FrameHeader header;
+  header.type = wire::FrameType::Error;
+  header.messageId = call.messageId;
+  stream_.send(message.finish(header));
+}
+
+// ---- Signals of this side's objects
+
+void CallServer::sendEvent(const ObjectAddress& object, const MetaSignal& signal,
+                           std::uint64_t subscription, const std::vector<AnyValue>& values) {
+  if (!relay_->isSubscribed(subscription)) return;  // its end is under way
+  // An object that was unregistered or given back may emit on: that is no longer the peer's.
+  if (!objects_.find(object)) return relay_->unsubscribe(subscription);
+  if (stream_.pendingBytes() > limits_.outputSlow) {
+    const std::string cause = "the peer did not read the events of its subscriptions: cut at " +
+                              std::to_string(limits_.outputSlow >> 20) + " MiB";
+    GV_LOG(log::Level::Warning, category, "sendEvent", connection_.peerName() + ": " + cause);
+    relay_->end();
+    return stream_.close(cause);
+  }
+  ObjectExchange::Sending sending(objects_);
+  wire::Message message(&sending);
+  std::vector<AnyReference> references;
+  for (const AnyValue& value : values) references.push_back(value.asReference());
+  wire::writeArguments(message, references, signal.signature().toString());
+  if (message.payloadSize() > limits_.payload)
+    throw message.tooLarge("an emission of the signal '" + signal.name() + "' takes",
+                           limits_.payload);
+  wire::FrameHeader header;
+  header.type = wire::FrameType::Event;
+  header.service = object.service;
+  header.object = object.object;
+  header.member = signal.uid();
+  header.messageId = subscription;
+  if (stream_.send(message.finish(header))) sending.wasSent();
+}
+
+}  // namespace gv::rpc

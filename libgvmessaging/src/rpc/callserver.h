@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gvtype/object.h>
+
+#include "src/net/stream.h"
+#include "src/rpc/callbudget.h"
+#include "src/rpc/objectexchange.h"
+#include "src/rpc/signalrelay.h"
+#include "src/wire/frame.h"
+#include "src/wire/limits.h"
+
+namespace gv::rpc {
+
+/// The objects that a connection's peer may call.
+class ServiceHost {
+ public:
+  virtual ~ServiceHost() = default;
+  /// The object of a service, invalid where there is none. Any thread; must not block.
+  virtual Object<Empty> findService(unsigned id) const = 0;
+};
+
+struct AcceptedCall;
+struct CallTarget;
+
+/// Serves one peer: its calls, and the signals that it subscribed to. Part of the connection.
+///
+/// Calls run in the thread that read them, which may be replaced meanwhile (see net::Readers);
+/// queued ones, and those that were read by a caller which waits for its own reply, on the event
+/// loop.
+class CallServer {
+ public:
+  CallServer(Connection& connection, net::Stream& stream, ObjectExchange& objects,
+             std::weak_ptr<ServiceHost> host, const wire::Limits& limits);
+
+  /// A Call or a Post, in the thread that reads.
+  void onCall(wire::Frame& frame);
+  /// Tells the peer of an emission. Never waits for it: a peer that has not taken what was sent
+  /// before, by more than Limits::outputSlow, loses the connection. Throws where the values cannot
+  /// be sent. Any thread.
+  void sendEvent(const ObjectAddress& object, const MetaSignal& signal, std::uint64_t subscription,
+                 const std::vector<AnyValue>& values);
+  /// The connection has ended: so do the subscriptions. Any thread.
+  void end() { relay_->end(); }
+
+  /// What waits here for the peer's sake.
+  const std::shared_ptr<CallBudget>& budget() const { return budget_; }
+
+ private:
+  void serve(const wire::Frame& frame, MetaCallType callType);
+  void serveOnEventLoop(wire::Frame& frame);
+  void serveAccepted(const AcceptedCall& call);
+  CallTarget findTarget(const wire::Frame& frame);
+  GenericFunctionParameters readArguments(const wire::Frame& frame, const CallTarget& target);
+  void callMethod(const wire::FrameHeader& header, const CallTarget& target,
+                  const GenericFunctionParameters& arguments, MetaCallType callType);
+  Future<AnyReference> startMethod(const wire::FrameHeader& header, const CallTarget& target,
+                                   const GenericFunctionParameters& arguments,
+                                   MetaCallType callType);
+  void replyWhenSettled(const wire::FrameHeader& call, const std::string& returnSignature,
+                        const Future<AnyReference>& result);
+  void reply(const wire::FrameHeader& call, const std::string& returnSignature,
+             const AnyReference& result);
+  void replyError(const wire::FrameHeader& call, const std::string& text);
+
+  // The connection and its parts
+  Connection& connection_;
+  net::Stream& stream_;
+  ObjectExchange& objects_;
+  const wire::Limits& limits_;
+
+  const std::weak_ptr<ServiceHost> host_;
+  const std::shared_ptr<CallBudget> budget_ = std::make_shared<CallBudget>();
+  const std::shared_ptr<SignalRelay> relay_;
+};
+
+}  // namespace gv::rpc
