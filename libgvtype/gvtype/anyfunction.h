@@ -75,6 +75,10 @@ class GVTYPE_API AnyFunction {
   Signature parametersSignature(bool dropFirst = false) const;
   /// Types of the parameters, the instance included as a null entry; the tail is not in it.
   std::vector<const TypeInterface*> parameterTypes() const;
+  /// The same without the instance. Lives as long as the function or a copy of it.
+  std::span<const TypeInterface* const> argumentTypes() const {
+    return body_ ? std::span(body_->parameters) : std::span<const TypeInterface* const>();
+  }
   bool takesAnyArguments() const { return body_ && body_->hasTail; }
 
  private:

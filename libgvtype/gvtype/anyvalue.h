@@ -58,6 +58,10 @@ class GVTYPE_API AnyValue {
   AnyReference asReference() const { return {type_, const_cast<void*>(storage())}; }
   std::string signature() const { return asReference().signature(); }
 
+  /// Replaces the value by one of `type` that `construct` makes in the memory it is given. Where it
+  /// returns false, it made none, and this is empty then.
+  bool emplace(const TypeInterface* type, FunctionRef<bool(void* memory)> construct);
+
   /// The value converted to T. Throws ConversionError where it does not convert or does not fit.
   template <class T>
   T to() const {

@@ -42,10 +42,6 @@ class GVTYPE_API Signature {
 /// Takes "name(params)" apart into the name and "(params)"; the second is empty for a bare name.
 GVTYPE_API std::pair<std::string, std::string> signatureSplit(const std::string& nameOrSignature);
 
-/// The complete types of a well-formed tuple "(..)", in order; what is not a tuple gives none.
-/// The views point into `tuple`.
-GVTYPE_API std::vector<std::string_view> signatureMembers(std::string_view tuple);
-
 /// The text between the angle brackets of a well-formed struct's signature, "Point,x,y"; empty for
 /// every other type. The view points into `tuple`.
 GVTYPE_API std::string_view signatureAnnotation(std::string_view tuple);
@@ -55,5 +51,19 @@ GVTYPE_API bool signatureHasCode(std::string_view text, char code);
 
 /// The length of the complete type that a well-formed, non-empty signature text starts with.
 GVTYPE_API std::size_t signatureLength(std::string_view text);
+
+/// The complete types of a well-formed tuple "(..)", in order; what is not a tuple gives none.
+/// The views point into `tuple`.
+template <class Sequence = std::vector<std::string_view>>
+Sequence signatureMembers(std::string_view tuple) {
+  Sequence members;
+  if (!tuple.starts_with('(')) return members;
+  std::string_view rest = tuple.substr(1, tuple.rfind(')') - 1);
+  while (!rest.empty()) {
+    members.push_back(rest.substr(0, signatureLength(rest)));
+    rest.remove_prefix(members.back().size());
+  }
+  return members;
+}
 
 }  // namespace gv

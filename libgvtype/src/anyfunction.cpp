@@ -110,7 +110,7 @@ Signature AnyFunction::parametersSignature(bool dropFirst) const {
 std::vector<const TypeInterface*> AnyFunction::parameterTypes() const {
   std::vector<const TypeInterface*> types;
   if (hasInstance_) types.push_back(nullptr);
-  if (body_) types.insert(types.end(), body_->parameters.begin(), body_->parameters.end());
+  types.insert(types.end(), argumentTypes().begin(), argumentTypes().end());
   return types;
 }
 

@@ -100,22 +100,31 @@ bool AnyValue::fitsInline(const TypeInterface* type) {
 }
 
 /// Makes room for a value and has one constructed there; gives the room back where that fails.
-void AnyValue::hold(const TypeInterface* type, FunctionRef<void(void* memory)> construct) {
+bool AnyValue::emplace(const TypeInterface* type, FunctionRef<bool(void* memory)> construct) {
+  reset();
   void* memory = inline_;
   if (!fitsInline(type)) {
     memory = ::operator new(type->size, std::align_val_t(type->alignment));
     *reinterpret_cast<void**>(inline_) = memory;
     onHeap_ = true;
   }
-  try {
-    construct(memory);
-  } catch (...) {
+  const auto giveBack = [&] {
     if (onHeap_) ::operator delete(memory, std::align_val_t(type->alignment));
     onHeap_ = false;
+  };
+  try {
+    if (!construct(memory)) return giveBack(), false;
+  } catch (...) {
+    giveBack();
     throw;
   }
   type_ = type;
   updateNesting();
+  return true;
+}
+
+void AnyValue::hold(const TypeInterface* type, FunctionRef<void(void* memory)> construct) {
+  emplace(type, [&](void* memory) { return construct(memory), true; });
 }
 
 void AnyValue::updateNesting() {

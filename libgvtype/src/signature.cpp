@@ -140,18 +140,6 @@ std::size_t signatureLength(std::string_view text) {
   return i + 1;
 }
 
-std::vector<std::string_view> signatureMembers(std::string_view tuple) {
-  std::vector<std::string_view> members;
-  if (!tuple.starts_with('(')) return members;
-  std::string_view rest = tuple.substr(1, tuple.rfind(')') - 1);
-  while (!rest.empty()) {
-    const std::size_t length = signatureLength(rest);
-    members.push_back(rest.substr(0, length));
-    rest.remove_prefix(length);
-  }
-  return members;
-}
-
 std::string_view signatureAnnotation(std::string_view tuple) {
   if (!tuple.starts_with('(') || !tuple.ends_with('>')) return {};
   const std::size_t open = tuple.rfind('<');

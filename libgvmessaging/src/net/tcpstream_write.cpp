@@ -23,9 +23,10 @@ constexpr std::size_t putOffMost = 64u << 10;
 bool TcpStream::send(std::span<const Bytes> pieces) {
   Lock lock(mutex_);
   if (state_ != State::Open) return false;
-  if (writing_ || !output_.empty() || Turn::mayPutOff(this)) {
+  const bool mayPutOff = Turn::mayPutOff(this);
+  if (writing_ || !output_.empty() || mayPutOff) {
     output_.push(pieces);
-    if (output_.bytes() > putOffMost || !Turn::mayPutOff(this)) flushLocked(lock);
+    if (output_.bytes() > putOffMost || !mayPutOff) flushLocked(lock);
     return true;
   }
   std::array<iovec, gatheredPieces> buffers;

@@ -9,17 +9,12 @@
 
 namespace gv::rpc {
 
-/// Decodes the arguments of a call of `method`, straight into the parameter types of its function
-/// where the object has one here. The references share ownership of the values. Throws
-/// wire::PayloadError.
+/// Decodes the arguments of a call, or the values of a signal: straight into the parameter types of
+/// `function` where it is given, else as their signature, a tuple, has them. The references share
+/// ownership of the values. Throws wire::PayloadError.
 GenericFunctionParameters readArgumentList(std::span<const char> payload,
-                                           const Object<Empty>& object, const MetaMethod& method,
+                                           const AnyFunction* function, const Signature& parameters,
                                            const wire::Limits& limits,
-                                           wire::IncomingObjects& objects);
-
-/// Decodes arguments, or the values of a signal, that are known by their signature, a tuple, only.
-GenericFunctionParameters readArgumentList(std::span<const char> payload,
-                                           const Signature& parameters, const wire::Limits& limits,
                                            wire::IncomingObjects& objects);
 
 }  // namespace gv::rpc

@@ -80,8 +80,9 @@ std::string shortened(const std::string& text) {
 
 /// What a call is of.
 struct CallTarget {
-  Object<Empty> object;                // invalid for the framework's own
-  const MetaMethod* method = nullptr;  // of the object's description, or the framework's
+  Object<Empty> object;                   // invalid for the framework's own
+  const MetaMethod* method = nullptr;     // of the object's description, or the framework's
+  const AnyFunction* function = nullptr;  // behind it, where it is in this process
 };
 
 /// A call of the peer's that was read, waits for a thread of the event loop, and has not ended.
@@ -182,11 +183,14 @@ void CallServer::serve(const wire::Frame& frame, MetaCallType callType) {
 CallTarget CallServer::findTarget(const wire::Frame& frame) {
   const wire::FrameHeader& header = frame.header;
   if (isPostOf(unsubscribeId, header)) return {{}, &unsubscribeMethod()};
-  CallTarget target{objects_.find(addressOf(header)), nullptr};
-  if (target.object)
-    target.method = header.member == subscribeId && header.type == wire::FrameType::Call
-                        ? &subscribeMethod()
-                        : target.object.metaObject().method(header.member);
+  CallTarget target{objects_.find(addressOf(header))};
+  if (target.object && header.member == subscribeId && header.type == wire::FrameType::Call) {
+    target.method = &subscribeMethod();
+  } else if (target.object) {
+    const GenericObject& generic = *target.object.share();
+    target.method = generic.metaObject().method(header.member);
+    target.function = generic.type->method(generic.value, header.member);
+  }
   if (target.method) return target;
   objects_.giveBack(frame.bytes());
   throw std::runtime_error(target.object
@@ -197,20 +201,46 @@ CallTarget CallServer::findTarget(const wire::Frame& frame) {
 GenericFunctionParameters CallServer::readArguments(const wire::Frame& frame,
                                                     const CallTarget& target) {
   ObjectExchange::Receiving receiving(objects_, frame.bytes());
-  auto arguments =
-      target.object
-          ? readArgumentList(frame.bytes(), target.object, *target.method, limits_, receiving)
-          : readArgumentList(frame.bytes(), target.method->parametersSignature(), limits_,
-                             receiving);
+  auto arguments = readArgumentList(frame.bytes(), target.function,
+                                    target.method->parametersSignature(), limits_, receiving);
   receiving.wasRead();
   return arguments;
 }
 
 void CallServer::callMethod(const wire::FrameHeader& header, const CallTarget& target,
                             const GenericFunctionParameters& arguments, MetaCallType callType) {
+  const bool mayBeQueued = callType == MetaCallType::Queued || header.type == wire::FrameType::Post;
+  if (!mayBeQueued && callNow(header, target, arguments)) return;
   const Future<AnyReference> result = startMethod(header, target, arguments, callType);
   if (header.type == wire::FrameType::Post) return;
   replyWhenSettled(header, target.method->returnSignature().toString(), result);
+}
+
+/// What most calls take: without a future. False: nothing has run.
+bool CallServer::callNow(const wire::FrameHeader& header, const CallTarget& target,
+                         const GenericFunctionParameters& arguments) {
+  const TypeInterface* type = target.function ? target.function->returnType() : nullptr;
+  if (!type || type->kind == TypeKind::Future) return false;
+  const GenericObject& object = *target.object.share();
+  AnyValue result;
+  {
+    const CallContextScope scope(contextOf(header));
+    const auto call = [&](void* place) {
+      return object.type->callNow(object.value, header.member, arguments, place ? type : nullptr,
+                                  place);
+    };
+    if (!(type->kind == TypeKind::Void ? call(nullptr) : result.emplace(type, call))) return false;
+  }
+  reply(header, target.method->returnSignature().toString(),
+        type->kind == TypeKind::Void ? AnyReference::ofVoid() : result.asReference());
+  return true;
+}
+
+/// The service directory is told who calls.
+CallContext CallServer::contextOf(const wire::FrameHeader& header) const {
+  return {.caller = isDirectorys(header) ? &connection_ : nullptr,
+          .callId = header.messageId,
+          .traceId = header.traceId};
 }
 
 Future<AnyReference> CallServer::startMethod(const wire::FrameHeader& header,
@@ -224,9 +254,7 @@ Future<AnyReference> CallServer::startMethod(const wire::FrameHeader& header,
   if (target.method == &subscribeMethod())
     return relay_->subscribe(connection_.shared_from_this(), addressOf(header), target.object,
                              arguments[0].to<unsigned>(), arguments[1].to<std::uint64_t>());
-  CallContext context{.callId = header.messageId, .traceId = header.traceId};
-  if (isDirectorys(header)) context.caller = &connection_;
-  const CallContextScope scope(context);
+  const CallContextScope scope(contextOf(header));
   const CallGate gate{host_, header.service, &checkService};
   std::optional<CallGateScope> gated;
   if (header.service != 0) gated.emplace(gate);

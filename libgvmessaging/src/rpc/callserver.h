@@ -9,6 +9,7 @@
 
 #include "src/net/stream.h"
 #include "src/rpc/callbudget.h"
+#include "src/rpc/callcontext.h"
 #include "src/rpc/objectexchange.h"
 #include "src/rpc/signalrelay.h"
 #include "src/wire/frame.h"
@@ -58,6 +59,9 @@ class CallServer {
   GenericFunctionParameters readArguments(const wire::Frame& frame, const CallTarget& target);
   void callMethod(const wire::FrameHeader& header, const CallTarget& target,
                   const GenericFunctionParameters& arguments, MetaCallType callType);
+  bool callNow(const wire::FrameHeader& header, const CallTarget& target,
+               const GenericFunctionParameters& arguments);
+  CallContext contextOf(const wire::FrameHeader& header) const;
   Future<AnyReference> startMethod(const wire::FrameHeader& header, const CallTarget& target,
                                    const GenericFunctionParameters& arguments,
                                    MetaCallType callType);

@@ -300,7 +300,7 @@ void Connection::onEvent(const wire::Frame& frame) {
     const auto event = releasedElsewhere(ReceivedEvent{
         std::make_unique<CallBudget::Share>(server_.budget(), 0,
                                             wire::frameHeaderSize + frame.payload.size()),
-        readArgumentList(frame.bytes(), target->source->signature(), limits_, receiving)});
+        readArgumentList(frame.bytes(), nullptr, target->source->signature(), limits_, receiving)});
     receiving.wasRead();
     GenericFunctionParameters values;
     for (const AnyReference& value : event->values)

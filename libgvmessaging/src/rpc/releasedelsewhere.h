@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include <gv/eventloop.h>
@@ -11,25 +12,44 @@
 namespace gv::rpc {
 
 /// Holds something of the user's for code that runs in the network's thread, or in one that reads
-/// while it waits: when the last holder lets go there, it is destroyed on the event loop instead;
-/// where the thread is a reader, that may be handed over meanwhile. A destructor is foreign code.
+/// while it waits: when it goes there, what it holds is destroyed on the event loop instead; where
+/// the thread is a reader, that may be handed over meanwhile. A destructor is foreign code.
 template <class T>
-std::shared_ptr<T> releasedElsewhere(std::unique_ptr<T> value) {
-  return std::shared_ptr<T>(value.release(), [](T* held) {
+class ReleasedElsewhere {
+ public:
+  explicit ReleasedElsewhere(T&& value) : value_(std::move(value)) {}
+  ~ReleasedElsewhere() {
     const net::Readers::ForeignCode destructor;
-    std::unique_ptr<T> owner(held);
-    if (!net::Reactor::isThisThread() && !net::Readers::Borrowing::isActive()) return;
+    if (net::Reactor::isThisThread() || net::Readers::Borrowing::isActive()) hand();
+    value_.reset();
+  }
+  ReleasedElsewhere(const ReleasedElsewhere&) = delete;
+  ReleasedElsewhere& operator=(const ReleasedElsewhere&) = delete;
+
+  T& value() { return *value_; }
+
+ private:
+  void hand() {
     try {
-      getEventLoop()->post(
-          [shared = std::shared_ptr<T>(std::move(owner))]() mutable { shared.reset(); });
+      auto kept = std::make_shared<T>(std::move(*value_));
+      getEventLoop()->post([kept = std::move(kept)]() mutable { kept.reset(); });
     } catch (const std::exception&) {
       // In a forked child nobody else is left to do it.
     }
-  });
-}
+  }
+
+  std::optional<T> value_;
+};
+
 template <class T>
 std::shared_ptr<T> releasedElsewhere(T value) {
-  return releasedElsewhere(std::make_unique<T>(std::move(value)));
+  const auto holder = std::make_shared<ReleasedElsewhere<T>>(std::move(value));
+  return {holder, &holder->value()};
+}
+template <class T>
+std::shared_ptr<T> releasedElsewhere(std::unique_ptr<T> value) {
+  T* const held = value.get();
+  return {std::make_shared<ReleasedElsewhere<std::unique_ptr<T>>>(std::move(value)), held};
 }
 
 }  // namespace gv::rpc

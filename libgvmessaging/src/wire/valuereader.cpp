@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <deque>
 #include <msgpack.hpp>
+#include <optional>
 
 #include <gvtype/conversion.h>
 #include <gvtype/signature.h>
@@ -152,7 +153,7 @@ class Decoder : public msgpack::null_visitor {
         level.container.type()->dynamic->assign(level.container.pointer(),
                                                 level.item.asReference());
     }
-    --depth_;
+    pop();
     return true;
   }
 
@@ -184,7 +185,7 @@ class Decoder : public msgpack::null_visitor {
     return true;
   }
   bool end_map() {
-    --depth_;
+    pop();
     return true;
   }
 
@@ -192,8 +193,8 @@ class Decoder : public msgpack::null_visitor {
   void insufficient_bytes(std::size_t, std::size_t) { throw PayloadError("it ends too early"); }
 
  private:
-  Level& top() { return levels_[depth_ - 1]; }
-  const Level& top() const { return levels_[depth_ - 1]; }
+  Level& top() { return *top_; }
+  const Level& top() const { return *top_; }
 
   TypeKind slotKind(const char* found) const {
     if (!slot_.isValid()) mismatch(found);
@@ -227,12 +228,19 @@ class Decoder : public msgpack::null_visitor {
   void push(Level::Kind kind) {
     if (depth_ == nesting_ + (targets_ ? 1 : 0))  // the arguments are no level
       throw PayloadError("it nests deeper than " + std::to_string(nesting_) + " levels");
-    if (depth_ == levels_.size()) levels_.emplace_back();
-    Level& level = levels_[depth_++];
-    level.kind = kind;
-    level.container = slot_;
-    level.index = 0;
+    if (depth_ > 0 && !inner_) inner_.emplace();
+    if (depth_ > 0 && depth_ > inner_->size()) inner_->emplace_back();
+    ++depth_;
+    findTop();
+    top_->kind = kind;
+    top_->container = slot_;
+    top_->index = 0;
   }
+  void pop() {
+    --depth_;
+    findTop();
+  }
+  void findTop() { top_ = depth_ < 2 ? &outermost_ : &(*inner_)[depth_ - 2]; }
 
   void startArguments(std::uint32_t count) {
     if (count < targets_->size() || (count > targets_->size() && !tail_))
@@ -306,8 +314,10 @@ class Decoder : public msgpack::null_visitor {
   AnyReference slot_;  // where the next value goes
   const std::vector<AnyReference>* targets_ = nullptr;
   std::vector<AnyValue>* tail_ = nullptr;
-  std::deque<Level> levels_;  // those that were left wait to be used again
-  std::size_t depth_ = 0;     // how many are being read
+  std::size_t depth_ = 0;  // how many levels are being read
+  Level outermost_;
+  std::optional<std::deque<Level>> inner_;  // those that were left wait to be used again
+  Level* top_ = &outermost_;
 };
 
 void decode(std::span<const char> payload, Decoder& decoder) {

@@ -1,6 +1,7 @@
 #include "src/wire/valuewriter.h"
 
 #include <bit>
+#include <boost/container/small_vector.hpp>
 #include <cstdint>
 #include <limits>
 #include <msgpack.hpp>
@@ -14,6 +15,7 @@ namespace gv::wire {
 namespace {
 
 using Packer = msgpack::packer<Output>;
+using Members = boost::container::small_vector<std::string_view, 8>;
 
 ConversionPlace inside(const ConversionPlace& place, const char* word, std::size_t index) {
   return {&place, word, index + 1};
@@ -253,7 +255,7 @@ class Writer {
   bool writeTuple(const AnyReference& value, std::string_view signature,
                   const ConversionPlace& place) {
     if (!signature.starts_with('(')) return false;
-    const auto members = signatureMembers(signature);
+    const auto members = signatureMembers<Members>(signature);
     const TupleOps* tuple = value.type()->tuple;
     if (tuple->size(value.pointer()) != members.size() || !isInOrder(value, signature))
       return false;
@@ -308,7 +310,7 @@ void writeArguments(std::vector<char>& out, const GenericFunctionParameters& arg
 
 void writeArguments(Output& out, std::span<const AnyReference> arguments,
                     std::string_view signature) {
-  auto parameters = signatureMembers(signature);
+  auto parameters = signatureMembers<Members>(signature);
   const bool hasTail = !parameters.empty() && parameters.back() == "*";
   if (hasTail) parameters.pop_back();
   if (arguments.size() < parameters.size() || (arguments.size() > parameters.size() && !hasTail))
