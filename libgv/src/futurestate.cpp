@@ -43,8 +43,10 @@ void start(std::unique_ptr<FutureCallback> callback) noexcept {
       getEventLoop()->post([owned = std::move(callback)] { owned->run(owned->settled); });
       return;
     }
-    const std::shared_ptr<FutureCallback> owned = std::move(callback);
-    callbackRunner([owned] { owned->run(owned->settled); });
+    // Nothing of it stays here: what it holds is to be destroyed where it runs.
+    callbackRunner([owned = std::shared_ptr<FutureCallback>(std::move(callback))] {
+      owned->run(owned->settled);
+    });
   });
 }
 

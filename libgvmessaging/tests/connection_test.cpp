@@ -22,6 +22,7 @@
 #include "src/rpc/remoteobject.h"
 #include "src/session/peers.h"
 #include "src/wire/valuewriter.h"
+#include "streamrecorder.h"
 #include "support/watchdog.h"
 
 namespace gv {
@@ -228,6 +229,25 @@ TEST_F(ConnectionTest, FailsPendingCallsWhenItIsLost) {
   EXPECT_THAT(lost.second, HasSubstr(url().str()));
   const auto refused = failureOf([&] { calculator.call<int>("add", 1, 1); });
   EXPECT_EQ(refused.first, FutureException::State::NotSent);
+}
+
+TEST_F(ConnectionTest, RunsCallbacksOfWhatIsLostWhereTheyMayWaitForTheNetwork) {
+  const std::string closed = RawListener().url();
+  net::Handover<bool> seen;
+  const auto failsInTime = [&] {
+    const auto reached = client->peers->dial(closed, std::chrono::milliseconds(20));
+    seen.give(reached.wait(guardMs) == FutureState::FinishedWithError);
+  };
+  // The first one waits for the second: each call fails by itself.
+  const auto first = calculator.async<int>("hold"), second = calculator.async<int>("hold");
+  const auto sync = FutureCallbackType::Sync;
+  first.connect([&](const Future<int>&) { seen.give(second.hasError(guardMs)); }, sync);
+  second.connect([&](const Future<int>&) { failsInTime(); }, sync);
+  while (gate->waiting < 2) std::this_thread::yield();
+  server->peers->close("power cut");
+  client->peers->dial(closed, std::chrono::milliseconds(20))
+      .connect([&](const auto&) { failsInTime(); }, sync);
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(seen.take());
 }
 
 TEST_F(ConnectionTest, ServesOthersWhileMethodsBlock) {

@@ -11,8 +11,11 @@
 #include <unordered_map>
 #include <utility>
 
+#include <gv/detail/futurestate.h>
 #include <gv/eventloop.h>
 #include <gv/log.h>
+
+#include "src/net/readers.h"
 
 namespace gv::net {
 namespace {
@@ -31,6 +34,7 @@ std::atomic<bool> forked{false};
 
 void run(asio::io_context& context) {
   inReactorThread = true;
+  const detail::CallbacksElsewhere callbacks(&Readers::post);
   for (bool stopped = false; !stopped;) {
     try {
       context.run();

@@ -14,8 +14,9 @@ class io_context;
 namespace gv::net {
 
 /// The one thread that keeps house for all sockets of the process: it connects, accepts, runs
-/// timers and tells of ends. Readers read. No user code runs in it. Begins with the first use, ends
-/// with the process. In a child process after a fork, and once the process exits, it cannot be
+/// timers and tells of ends. Readers read. No user code runs in it: synchronous callbacks of what
+/// it settles run in the thread that leads the readers. Begins with the first use, ends with the
+/// process. In a child process after a fork, and once the process exits, it cannot be
 /// used: std::runtime_error.
 class GVMESSAGING_API Reactor {
  public:

@@ -72,6 +72,7 @@ class Team {
  private:
   using Socket = std::shared_ptr<ReadySocket>;
 
+  void startFirstReaderLocked();
   void startReaderLocked();
   void run(const std::shared_ptr<Reader>& self);
   void lead(Reader& self);
@@ -118,7 +119,7 @@ class Team {
 
 std::uint64_t Team::enroll(const std::weak_ptr<ReadySocket>& socket) {
   const std::lock_guard lock(mutex_);
-  if (!leader_ && spares_.empty() && !isStarting_) startReaderLocked();
+  startFirstReaderLocked();
   enrolled_.emplace(++lastKey_, socket);
   return lastKey_;
 }
@@ -170,10 +171,11 @@ void Team::lookAfterLent() {
 void Team::lead(Reader& self) {
   ensureSpare();
   if (const Socket unfinished = current_) unfinished->goOn();
-  while (self.phase != Reader::Phase::Replaced && !isStopping_ && !Reactor::isForked()) {
+  while (self.phase != Reader::Phase::Replaced && !Reactor::isForked()) {
     current_.reset();
     if (!hasSpare()) ensureSpare();
     if (runTask()) continue;
+    if (isStopping_) return;
     const std::size_t count = waitForSockets();
     if (hasLent_) lookAfterLent();
     for (std::size_t i = 0; i < count; ++i) {
@@ -187,10 +189,14 @@ void Team::lead(Reader& self) {
 void Team::post(std::function<void()> task) {
   {
     const std::lock_guard lock(mutex_);
-    tasks_.push_back(std::move(task));
-    hasTasks_ = true;
+    startFirstReaderLocked();
+    if (leader_ || isStarting_) {
+      tasks_.push_back(std::exchange(task, nullptr));
+      hasTasks_ = true;
+    }
   }
-  sockets_.wake();
+  // It is still here when the process exits.
+  task ? task() : sockets_.wake();
 }
 
 /// True when there was one: the thread may have been replaced meanwhile.
@@ -308,6 +314,10 @@ void Team::ensureSpare() {
 
 // ---- Threads
 
+void Team::startFirstReaderLocked() {
+  if (!leader_ && spares_.empty() && !isStarting_ && !isStopping_) startReaderLocked();
+}
+
 void Team::startReaderLocked() {
   const auto reader = std::make_shared<Reader>(*this);
   isStarting_ = true;
@@ -335,7 +345,9 @@ void Team::run(const std::shared_ptr<Reader>& self) {
     lock.lock();
     self->guest.reset();
     self->phase = Reader::Phase::Own;
-    if (isStopping_) break;
+    const bool leads = leader_ == self.get();  // nobody replaced it: it stops
+    if (isStopping_ && (!leads || tasks_.empty())) break;
+    if (leads) continue;
     spares_.push_back(self.get());
     setSparesLocked();
   }

@@ -52,7 +52,9 @@ class GVMESSAGING_API Readers {
   /// is asked isStillLent() until it denies.
   static void lend(std::uint64_t key);
 
-  /// Runs foreign code in the leading thread, in order: for what must wait for nobody else.
+  /// Runs foreign code in the leading thread, in order: for what must wait for nobody else. As the
+  /// process exits, once nobody leads any more, in the calling one. Throws std::system_error when
+  /// no thread can be made.
   static void post(std::function<void()> task);
 
   /// True in the leading thread outside of foreign code, while a spare is there to replace it.

@@ -163,8 +163,10 @@ void CallServer::serve(const wire::Frame& frame, MetaCallType callType) {
   const wire::FrameHeader& header = frame.header;
   // Outlives the object: its destructor is foreign, too.
   std::optional<net::Readers::ForeignCode> foreign;
+  std::shared_ptr<CallTarget> released;  // keeps it from being destroyed by who must not do that
   try {
     const CallTarget target = findTarget(frame);
+    if (!net::Readers::mayRunForeignCode()) released = releasedElsewhere(CallTarget(target));
     // Calls of a single-threaded object are only put in its queue: in the order of their frames. So
     // are arguments read that may name objects: what follows may give them back.
     const bool isQueued = isFrameworks(header) || !target.object || isSingleThreaded(target.object);

@@ -184,8 +184,14 @@ void Connection::fail(const std::string& cause) {
   objects_.end();
 }
 
-void Connection::onClosed(const std::string& cause) {
+/// In a thread that reads: each callback by itself, so that none keeps the calls behind it waiting.
+void Connection::lose(const std::string& cause) {
+  const detail::CallbacksElsewhere callbacks(&net::Readers::post);
   fail(cause);
+}
+
+void Connection::onClosed(const std::string& cause) {
+  lose(cause);
   handshakeTimer_.reset();
   std::string reason;
   {
@@ -210,7 +216,7 @@ void Connection::onInput(std::size_t count) {
   if (reader_.error().empty() || hasEnded()) return;
   GV_LOG(log::Level::Verbose, category, "onInput",
          "closing the connection of " + peerName() + ": " + reader_.error());
-  fail(reader_.error());
+  lose(reader_.error());
   stream_->close(reader_.error());
 }
 
@@ -258,6 +264,7 @@ void Connection::becomeOpen() {
   handshakeTimer_.reset();
   reader_.setLimit(limits_.payload);
   const auto opened = std::move(events_.opened);
+  const detail::CallbacksElsewhere callbacks(&net::Readers::post);
   if (opened) opened(shared_from_this());
 }
 
@@ -276,7 +283,11 @@ void Connection::onReply(const wire::Frame& frame) {
       wire::readValue(frame.bytes(), AnyReference::from(text), limits_);
       return pending->promise.setError(std::move(text));
     }
-    auto value = std::make_shared<AnyValue>(AnyValue::makeDefault(pending->returnSignature));
+    const bool mayHoldObjects =
+        pending->returnSignature.find_first_of("ov*") != std::string::npos;
+    AnyValue empty = AnyValue::makeDefault(pending->returnSignature);
+    auto value = mayHoldObjects ? releasedElsewhere(std::move(empty))
+                                : std::make_shared<AnyValue>(std::move(empty));
     const AnyReference target = value->asReference();
     wire::readValue(frame.bytes(), target, limits_, &receiving);
     receiving.wasRead();

@@ -104,6 +104,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   std::optional<PendingCall> takePending(std::uint64_t messageId);
   bool hasEnded() const;
   void fail(const std::string& cause);
+  void lose(const std::string& cause);
 
   // Constant after construction
   const std::uint64_t id_;

@@ -3,10 +3,11 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <unordered_map>
 
 #include <gvtype/dynamicobject.h>
+
+#include "src/rpc/releasedelsewhere.h"
 
 namespace gv::rpc {
 
@@ -22,24 +23,27 @@ struct EventTarget {
 class EventTargets {
  public:
   void add(std::uint64_t subscription, EventTarget target) {
+    auto shared = releasedElsewhere(std::move(target));
     const std::lock_guard lock(mutex_);
-    targets_.emplace(subscription, std::move(target));
+    targets_.emplace(subscription, std::move(shared));
   }
   void remove(std::uint64_t subscription) {
-    std::unordered_map<std::uint64_t, EventTarget>::node_type removed;  // dies after the unlock
+    Targets::node_type removed;  // dies after the unlock
     const std::lock_guard lock(mutex_);
     removed = targets_.extract(subscription);
   }
-  std::optional<EventTarget> find(std::uint64_t subscription) const {
+  /// Null where there is none. With the object users' handlers may go: see releasedElsewhere.
+  std::shared_ptr<const EventTarget> find(std::uint64_t subscription) const {
     const std::lock_guard lock(mutex_);
     const auto found = targets_.find(subscription);
-    if (found == targets_.end()) return std::nullopt;
-    return found->second;
+    return found == targets_.end() ? nullptr : found->second;
   }
 
  private:
+  using Targets = std::unordered_map<std::uint64_t, std::shared_ptr<const EventTarget>>;
+
   mutable std::mutex mutex_;  // guards targets_
-  std::unordered_map<std::uint64_t, EventTarget> targets_;
+  Targets targets_;
 };
 
 }  // namespace gv::rpc
