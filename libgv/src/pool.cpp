@@ -326,6 +326,7 @@ void Pool::addGuest() noexcept {
   const Lock lock(mutex_);
   ++guests_;
   countWorkerLocked(1);
+  if (workers_ > settings_.maxThreads) warnOfGuestsLocked();
 }
 
 void Pool::removeGuest() noexcept {

@@ -104,6 +104,7 @@ class Pool : public std::enable_shared_from_this<Pool> {
   void report();
   void runChoresLocked(Lock& lock);
   std::string warningLocked(Clock::time_point now);
+  void warnOfGuestsLocked();
 
   const EventLoop::Settings settings_;
   const unsigned forkGeneration_;
@@ -139,6 +140,7 @@ class Pool : public std::enable_shared_from_this<Pool> {
   ThreadPointer lastReporter_;  // joined by the next one
   std::string warning_;         // for it to log
   Clock::time_point lastWarning_;
+  Clock::time_point lastGuestWarning_;
   std::string startFailure_;  // why the last thread could not be started, until told
 };
 

@@ -23,6 +23,7 @@
 #include "src/session/peers.h"
 #include "src/wire/valuewriter.h"
 #include "streamrecorder.h"
+#include "support/log_capture.h"
 #include "support/watchdog.h"
 
 namespace gv {
@@ -297,6 +298,14 @@ TEST_F(ConnectionTest, DescribesServicesAndRefusesCallsWhileEveryThreadIsBlocked
   for (unsigned i = 0; i < ceiling; ++i)
     loop.post([blocked = release.future()] { blocked.wait(); });
   while (loop.figures().blocked < ceiling) std::this_thread::yield();
+  // Nor do callbacks of replies stop the reading: they exceed the ceiling, and that is told.
+  house::LogCapture log;
+  for (int i = 0; i < 2; ++i)
+    calculator.async<int>("add", 1, 1)
+        .connect([blocked = release.future()](const Future<int>&) { blocked.wait(); },
+                 FutureCallbackType::Sync);
+  while (loop.figures().blocked < ceiling + 2) std::this_thread::yield();
+  EXPECT_TRUE(log.waitForText("block beyond GV_EVENTLOOP_MAX_THREADS"));
   EXPECT_TRUE(rpc::RemoteObject::make(connection, calculatorId).hasValue(guardMs));
   EXPECT_THAT(failureOf([&] { calculator.call<int>("add", 1, 1); }).second,
               HasSubstr("GV_EVENTLOOP_MAX_THREADS (" + std::to_string(ceiling)));
