@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <boost/make_shared.hpp>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -359,6 +360,39 @@ TEST_F(Objects, RefuseHandlersAndValuesWithTheTextsOfLocalObjects) {
   client->peers->close("power cut").wait(guardMs);
   EXPECT_THAT(remote.connect("met", [](const Object<Empty>&) {}).error(guardMs),
               HasSubstr("power cut"));
+}
+
+TEST_F(Objects, CanBeListenedToRightAfterARefusal) {
+  struct Moody : DynamicObject {
+    Future<SignalLink> metaConnect(Object<Empty> context, unsigned id, AnyFunction handler,
+                                   MetaCallType type) override {
+      if (refuses) throw std::runtime_error("not now");
+      return DynamicObject::metaConnect(context, id, std::move(handler), type);
+    }
+    std::atomic<bool> refuses{true};
+  };
+  wire::Limits limits;
+  limits.subscriptions = 1;
+  const auto small = makeShelf("small", limits);
+  const auto moody = boost::make_shared<Moody>();
+  moody->addSignal("tick", {});
+  small->service = Object<Moody>(moody);
+  const auto listening = small->peers->listen("tcp://127.0.0.1:0");
+  const Url url = Url::tcp("127.0.0.1", listening->boundPort());
+  const auto reached = client->peers->dial(url, std::chrono::seconds(10)).value(guardMs);
+  const auto remote = rpc::RemoteObject::make(reached, serviceId).value(guardMs);
+  net::Handover<Future<SignalLink>> second;
+  const auto first = remote.connect("tick", [] {});
+  first.connect(
+      [&](const auto&) {
+        moody->refuses = false;
+        second.give(remote.connect("tick", [] {}));
+      },
+      FutureCallbackType::Sync);
+  EXPECT_THAT(first.error(guardMs), HasSubstr("not now"));
+  EXPECT_TRUE(second.take().hasValue(guardMs));
+  listening->close();
+  small->peers->close("done").wait(guardMs);
 }
 
 TEST_F(Objects, EndSubscriptionsWithTheLastHandlerTheServiceAndTheConnection) {

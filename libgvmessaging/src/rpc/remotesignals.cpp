@@ -80,14 +80,21 @@ Future<SignalLink> RemoteSignals::connect(const Object<Empty>& context, const Me
 Future<void> RemoteSignals::subscribe(const MetaSignal& signal, SignalLink link) {
   Promise<void> confirmed(FutureCallbackType::Sync);
   std::uint64_t id = 0;
+  std::uint64_t failed = 0;
+  Future<void> former;  // dies after the unlock
   {
     const std::lock_guard lock(mutex_);
     Subscription& subscription = subscriptions_[signal.uid()];
     subscription.links.insert(link);
-    if (subscription.id != 0) return subscription.confirmed;
+    former = subscription.confirmed;
+    // One that failed stands here until its handlers are disconnected.
+    const bool hasFailed = former.isFinished() && former.hasError(0);
+    if (subscription.id != 0 && !hasFailed) return former;
+    failed = subscription.id;
     id = subscription.id = nextCallId();
     subscription.confirmed = confirmed.future();
   }
+  if (failed != 0) unsubscribe(failed);
   askOwner(signal, id, confirmed);
   return confirmed.future();
 }

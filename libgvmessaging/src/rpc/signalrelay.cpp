@@ -57,20 +57,26 @@ Future<AnyReference> SignalRelay::subscribe(const std::shared_ptr<Connection>& c
     const auto peer = weak.lock();
     if (peer) peer->server().sendEvent(address, source, subscription, emitted.args);
   };
-  const GenericObject& generic = *object.share();
-  return generic.type
-      ->metaConnect(generic.value, object, signal, AnyFunction::from(send), MetaCallType::Auto)
-      .then(
-          [self = shared_from_this(), weak = WeakObject<Empty>(object),
-           subscription](Future<SignalLink> connected) {
-            if (connected.hasError())
-              self->unsubscribe(subscription);
-            else if (!self->keep(subscription, connected.value()))
-              disconnectLater(weak, connected.value());
-            connected.value();
-            return AnyReference::ofVoid();
-          },
-          FutureCallbackType::Sync);
+  Future<SignalLink> connecting;
+  try {
+    const GenericObject& generic = *object.share();
+    connecting = generic.type->metaConnect(generic.value, object, signal, AnyFunction::from(send),
+                                           MetaCallType::Auto);
+  } catch (...) {  // of the user's, where the object has a metaConnect of its own
+    unsubscribe(subscription);
+    throw;
+  }
+  return connecting.then(
+      [self = shared_from_this(), weak = WeakObject<Empty>(object),
+       subscription](Future<SignalLink> connected) {
+        if (connected.hasError())
+          self->unsubscribe(subscription);
+        else if (!self->keep(subscription, connected.value()))
+          disconnectLater(weak, connected.value());
+        connected.value();
+        return AnyReference::ofVoid();
+      },
+      FutureCallbackType::Sync);
 }
 
 bool SignalRelay::isSubscribed(std::uint64_t subscription) const {
