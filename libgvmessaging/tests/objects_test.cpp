@@ -23,6 +23,7 @@
 #include "src/wire/valuereader.h"
 #include "src/wire/valuewriter.h"
 #include "streamrecorder.h"
+#include "support/log_capture.h"
 #include "support/watchdog.h"
 
 namespace gv {
@@ -465,8 +466,9 @@ TEST_F(Objects, SurviveEmissionsWhileHandlersComeAndGo) {
   for (auto& emitter : emitters) emitter.join();
 }
 
-TEST_F(Objects, CutAPeerThatDoesNotReadItsEvents) {
-  RawPeer peer = RawPeer::connectTo(acceptor->boundPort());
+/// A peer that has subscribed to the signal "seen" of what a side offers, and reads nothing more.
+RawPeer makeDeafPeer(std::uint16_t port, Shelf& side) {
+  RawPeer peer = RawPeer::connectTo(port);
   const auto send = [&](wire::FrameType type, unsigned member, const std::vector<char>& payload) {
     wire::FrameHeader header;
     header.type = type;
@@ -479,7 +481,7 @@ TEST_F(Objects, CutAPeerThatDoesNotReadItsEvents) {
   };
   DynamicObjectBuilder builder;
   const unsigned signal = builder.advertiseSignal<Buffer>("seen");
-  server->service = builder.object();
+  side.service = builder.object();
   rpc::Greeting greeting;
   greeting.sessionId = "deaf";
   send(wire::FrameType::Hello, 0, rpc::encodeGreeting(greeting));
@@ -490,6 +492,11 @@ TEST_F(Objects, CutAPeerThatDoesNotReadItsEvents) {
   while (received.size() < 2 * wire::frameHeaderSize ||
          received.compare(received.size() - 1, 1, "\xc0") != 0)
     received += peer.receive(1000);
+  return peer;
+}
+
+TEST_F(Objects, CutAPeerThatDoesNotReadItsEvents) {
+  RawPeer peer = makeDeafPeer(acceptor->boundPort(), *server);
   const std::string bytes(1u << 20, 'x');
   const Buffer blob(bytes.data(), bytes.size());
   // More than the limit and what the system holds for both ends: the emitter is never held.
@@ -502,6 +509,22 @@ TEST_F(Objects, CutAPeerThatDoesNotReadItsEvents) {
   EXPECT_LT(total, std::size_t{60} << 20);
   EXPECT_EQ(shelf.async<int>("none").errorState(guardMs), FutureException::State::UserError)
       << "the others are served";
+}
+
+TEST_F(Objects, CutAPeerThatTakesNoneOfItsEventsForSomeTime) {
+  wire::Limits limits;
+  limits.outputSlow = std::size_t{1} << 30;
+  limits.outputPatience = std::chrono::milliseconds(50);
+  const auto hasty = makeShelf("hasty", limits);
+  const auto listening = hasty->peers->listen("tcp://127.0.0.1:0");
+  const RawPeer peer = makeDeafPeer(listening->boundPort(), *hasty);
+  const std::string bytes(1u << 20, 'x');
+  // What the system does not hold for both ends waits; before that is over no time counts.
+  for (int i = 0; i < 32; ++i) hasty->service.emit("seen", Buffer(bytes.data(), bytes.size()));
+  house::LogCapture log;
+  while (log.count("cut at 50 ms") == 0) hasty->service.emit("seen", Buffer());
+  listening->close();
+  hasty->peers->close("done").wait(guardMs);
 }
 
 }  // namespace

@@ -66,6 +66,8 @@ class Stream {
 
   /// Bytes taken by send() and not yet by the system.
   virtual std::size_t pendingBytes() const = 0;
+  /// How long the system has taken nothing of them, for want of room.
+  virtual std::chrono::milliseconds stalledFor() const { return {}; }
 
   /// Ends the stream now: pending output is dropped, no more is read (an onInput() that another
   /// thread has under way may still come), onClosed(cause) follows. Repeated calls do nothing.

@@ -48,6 +48,7 @@ class TcpStream final : public Stream,
   void expectUnasked() override;
   bool hasLostTurn() const override;
   std::size_t pendingBytes() const override;
+  std::chrono::milliseconds stalledFor() const override;
   void close(const std::string& cause) override;
   void closeAfterFlush(const std::string& cause, std::chrono::milliseconds bound) override;
   const std::string& peerName() const override { return peerName_; }
@@ -113,7 +114,8 @@ class TcpStream final : public Stream,
   std::size_t direct_ = 0;       // bytes that a sender is writing past the queue
   bool writing_ = false;         // the writer's role
   bool awaitsWritable_ = false;  // the readers will call onWritable()
-  bool readRest_ = false;        // writing failed: what the peer sent before is still to be read
+  std::chrono::steady_clock::time_point stalledAt_;  // the last write that left some, meanwhile
+  bool readRest_ = false;  // writing failed: what the peer sent before is still to be read
   std::shared_ptr<Timer> flushTimer_;
 
   Reading reading_ = Reading::Nobody;

@@ -53,6 +53,13 @@ std::size_t TcpStream::pendingBytes() const {
   return output_.bytes() + direct_;
 }
 
+std::chrono::milliseconds TcpStream::stalledFor() const {
+  using std::chrono::milliseconds;
+  const Lock lock(mutex_);
+  if (!awaitsWritable_) return {};
+  return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - stalledAt_);
+}
+
 // Nobody else is about to write what waits.
 void TcpStream::flushLocked(Lock& lock) {
   if (writing_ || awaitsWritable_ || output_.empty() || state_ == State::Closing) return;
@@ -88,6 +95,7 @@ void TcpStream::afterWriteLocked(const Transfer& last) {
   }
   if (state_ == State::Closing) return finishIfFreeLocked();  // close() left it to the writer
   awaitsWritable_ = !output_.empty();
+  if (awaitsWritable_) stalledAt_ = std::chrono::steady_clock::now();
   if (isPaused_ && output_.bytes() <= limits_.outputSlow) {
     isPaused_ = false;
     pauseTimer_.reset();

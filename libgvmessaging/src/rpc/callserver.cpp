@@ -330,14 +330,22 @@ void CallServer::replyError(const wire::FrameHeader& call, const std::string& te
 
 // ---- Signals of this side's objects
 
+/// Which bound the output passes that a subscriber does not take; empty for none.
+std::string CallServer::exceededOutput() const {
+  const std::size_t pending = stream_.pendingBytes();
+  if (pending > limits_.outputSlow) return std::to_string(limits_.outputSlow >> 20) + " MiB";
+  if (pending == 0 || stream_.stalledFor() < limits_.outputPatience) return {};
+  return std::to_string(limits_.outputPatience.count()) + " ms";
+}
+
 void CallServer::sendEvent(const ObjectAddress& object, const MetaSignal& signal,
                            std::uint64_t subscription, const std::vector<AnyValue>& values) {
   if (!relay_->isSubscribed(subscription)) return;  // its end is under way
   // An object that was unregistered or given back may emit on: that is no longer the peer's.
   if (!objects_.find(object)) return relay_->unsubscribe(subscription);
-  if (stream_.pendingBytes() > limits_.outputSlow) {
-    const std::string cause = "the peer did not read the events of its subscriptions: cut at " +
-                              std::to_string(limits_.outputSlow >> 20) + " MiB";
+  if (const std::string bound = exceededOutput(); !bound.empty()) {
+    const std::string cause =
+        "the peer did not read the events of its subscriptions: cut at " + bound;
     GV_LOG(log::Level::Warning, category, "sendEvent", connection_.peerName() + ": " + cause);
     relay_->end();
     return stream_.close(cause);

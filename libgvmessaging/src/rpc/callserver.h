@@ -41,8 +41,8 @@ class CallServer {
   /// A Call or a Post, in the thread that reads.
   void onCall(wire::Frame& frame);
   /// Tells the peer of an emission. Never waits for it: a peer that has not taken what was sent
-  /// before, by more than Limits::outputSlow, loses the connection. Throws where the values cannot
-  /// be sent. Any thread.
+  /// before, by more than Limits::outputSlow or for Limits::outputPatience, loses the connection.
+  /// Throws where the values cannot be sent. Any thread.
   void sendEvent(const ObjectAddress& object, const MetaSignal& signal, std::uint64_t subscription,
                  const std::vector<AnyValue>& values);
   /// The connection has ended: so do the subscriptions. Any thread.
@@ -69,6 +69,7 @@ class CallServer {
                         const Future<AnyReference>& result);
   void reply(const wire::FrameHeader& call, const std::string& returnSignature,
              const AnyReference& result);
+  std::string exceededOutput() const;
   void replyError(const wire::FrameHeader& call, const std::string& text);
 
   // The connection and its parts

@@ -46,6 +46,9 @@ struct Limits {
   /// portions only, above the second not at all.
   std::size_t outputSlow = std::size_t{16} << 20;
   std::size_t outputStop = std::size_t{128} << 20;
+
+  /// How long a peer that is sent events may take nothing of the output that waits for it.
+  std::chrono::milliseconds outputPatience{10'000};
 };
 
 }  // namespace gv::wire
