@@ -527,5 +527,22 @@ TEST_F(Objects, CutAPeerThatTakesNoneOfItsEventsForSomeTime) {
   hasty->peers->close("done").wait(guardMs);
 }
 
+TEST_F(Objects, EndWithAPeerWhoseEventsWithoutValuesComeFasterThanTheyAreHandled) {
+  wire::Limits limits;
+  limits.acceptedBytes = 16u << 10;
+  const auto small = makeShelf("small", limits);
+  DynamicObjectBuilder builder;
+  builder.advertiseSignal<>("tick");
+  server->service = builder.object();
+  const auto reached = connect(small);
+  const auto ticking = rpc::RemoteObject::make(reached, serviceId).value(guardMs);
+  Promise<void> release;
+  ticking.connect("tick", [held = release.future()] { held.wait(); }).value(guardMs);
+  for (int i = 0; i < 1000; ++i) server->service.emit("tick");
+  waitUntil([&] { return !reached->isOpen(); });
+  release.setValue();
+  small->peers->close("done").wait(guardMs);
+}
+
 }  // namespace
 }  // namespace gv

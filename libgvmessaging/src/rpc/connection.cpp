@@ -21,11 +21,20 @@ std::uint64_t nextConnectionId() {
   return last.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
+// What an event that waits for its handlers takes beside its payload, about.
+constexpr std::size_t eventOverhead = 512;
+
 /// The values of an event until all handlers have had them.
 struct ReceivedEvent {
   std::unique_ptr<CallBudget::Share> share;
   GenericFunctionParameters values;
 };
+
+/// A handle that keeps an event: values do so, where it has some.
+Object<Empty> keeping(const Object<Empty>& object, const std::shared_ptr<ReceivedEvent>& event) {
+  return Object<Empty>(
+      boost::shared_ptr<GenericObject>(object.share().get(), [object, event](GenericObject*) {}));
+}
 
 }  // namespace
 
@@ -283,8 +292,7 @@ void Connection::onReply(const wire::Frame& frame) {
       wire::readValue(frame.bytes(), AnyReference::from(text), limits_);
       return pending->promise.setError(std::move(text));
     }
-    const bool mayHoldObjects =
-        pending->returnSignature.find_first_of("ov*") != std::string::npos;
+    const bool mayHoldObjects = pending->returnSignature.find_first_of("ov*") != std::string::npos;
     AnyValue empty = AnyValue::makeDefault(pending->returnSignature);
     auto value = mayHoldObjects ? releasedElsewhere(std::move(empty))
                                 : std::make_shared<AnyValue>(std::move(empty));
@@ -310,13 +318,15 @@ void Connection::onEvent(const wire::Frame& frame) {
   try {
     const auto event = releasedElsewhere(ReceivedEvent{
         std::make_unique<CallBudget::Share>(server_.budget(), 0,
-                                            wire::frameHeaderSize + frame.payload.size()),
+                                            eventOverhead + frame.payload.size()),
         readArgumentList(frame.bytes(), nullptr, target->source->signature(), limits_, receiving)});
     receiving.wasRead();
     GenericFunctionParameters values;
     for (const AnyReference& value : event->values)
       values.emplace_back(value.type(), value.pointer(), event);
-    target->object->metaPost(target->object, target->signal, values);
+    const Object<Empty> context = target->object;
+    target->object->metaPost(values.empty() ? keeping(context, event) : context, target->signal,
+                             values);
   } catch (const std::exception& error) {
     GV_LOG(log::Level::Warning, category, "onEvent",
            "dropping an emission of the signal '" + target->source->name() + "' of " + peerName() +
