@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "src/wire/framereader.h"
 #include "src/wire/limits.h"
+#include "src/wire/message.h"
 
 namespace gv::wire {
 namespace {
@@ -201,6 +203,25 @@ TEST(FrameReader, CanBeStoppedByItsHandler) {
   Frame after;
   EXPECT_FALSE(reader.next(after));
   EXPECT_EQ("not now", reader.error());
+}
+
+/// Of static duration: it goes after the main thread's own objects.
+struct SendsLate {
+  ~SendsLate() {
+    if (threadSpare<std::vector<char>>()) std::_Exit(3);
+    Message late;
+    late.finish({});
+  }
+};
+
+TEST(TheMainThread, SendsAtExitWithoutWhatItHadKept) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  const auto end = [] {
+    static const SendsLate late;
+    { const Message first; }
+    std::exit(0);
+  };
+  EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

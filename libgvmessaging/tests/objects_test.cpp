@@ -16,6 +16,7 @@
 #include <gvtype/dynamicobjectbuilder.h>
 
 #include "rawpeer.h"
+#include "src/rpc/borrowedobjects.h"
 #include "src/rpc/connection.h"
 #include "src/rpc/frameworkmethods.h"
 #include "src/rpc/remoteobject.h"
@@ -203,6 +204,18 @@ TEST_F(Objects, LiveUntilTheLastHandleOrTheConnectionGoes) {
   closeAll("power cut");
   waitUntil([] { return Counted::alive <= 1; });  // but for what the server keeps
   EXPECT_EQ(counter.async<int>("next").errorState(guardMs), FutureException::State::NotSent);
+}
+
+TEST_F(Objects, AreOneAlsoWhereTwoThreadsReceiveTheirNumberAtOnce) {
+  rpc::BorrowedObjects borrowed(1);
+  const auto make = [this] { return rpc::RemoteObject::make(connection, {0, 77}, MetaObject()); };
+  Object<Empty> others;
+  const Object<Empty> object = borrowed.receive(77, [&] {
+    others = borrowed.receive(77, make);  // meanwhile
+    return make();
+  });
+  EXPECT_EQ(object, others);
+  EXPECT_EQ(borrowed.forget(77, Object<rpc::RemoteObject>(object).get()), 2u);
 }
 
 TEST_F(Objects, LendNothingByWhatIsNotReadOrNotSent) {

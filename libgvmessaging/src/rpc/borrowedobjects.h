@@ -3,6 +3,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include <gvmessaging/api.h>
 #include <gvtype/functionref.h>
 #include <gvtype/object.h>
 
@@ -12,7 +13,7 @@ class RemoteObject;
 
 /// The objects that a peer has lent to this process, by their number, as long as a handle on them
 /// lives. Callable from any thread.
-class BorrowedObjects {
+class GVMESSAGING_API BorrowedObjects {
  public:
   explicit BorrowedObjects(std::size_t limit) : limit_(limit) {}
 
