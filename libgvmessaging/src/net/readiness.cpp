@@ -1,5 +1,7 @@
 #include "src/net/readiness.h"
 
+#ifdef __linux__
+
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -72,3 +74,5 @@ void ReadinessSet::wake() {
 }
 
 }  // namespace gv::net
+
+#endif

@@ -4,19 +4,20 @@
 #include <cstdint>
 #include <span>
 
+#include <gvmessaging/api.h>
+
+#include "src/net/ready.h"
+#ifndef __linux__
+#include "src/net/pollset.h"
+#endif
+
 namespace gv::net {
 
-/// One descriptor of a ReadinessSet that can be used without blocking, or has failed: then it is
-/// ready for whatever it was watched for.
-struct Ready {
-  std::uint64_t key;
-  bool canRead;
-  bool canWrite;
-};
+#ifdef __linux__
 
 /// Waits for many descriptors at once, in the system's own way. Any thread may change it while
 /// another one waits.
-class ReadinessSet {
+class GVMESSAGING_API ReadinessSet {
  public:
   /// Throws std::system_error.
   ReadinessSet();
@@ -24,11 +25,7 @@ class ReadinessSet {
   ReadinessSet(const ReadinessSet&) = delete;
   ReadinessSet& operator=(const ReadinessSet&) = delete;
 
-  struct Interest {
-    bool read = false;
-    bool write = false;
-    bool operator==(const Interest&) const = default;
-  };
+  using Interest = net::Interest;
 
   /// Watches a descriptor for as long as it is ready, instead of what it was watched for before;
   /// without any interest not at all. False when the system refuses.
@@ -44,5 +41,11 @@ class ReadinessSet {
   const int set_;
   const int waker_;
 };
+
+#else
+
+using ReadinessSet = PollSet;
+
+#endif
 
 }  // namespace gv::net
