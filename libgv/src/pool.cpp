@@ -326,7 +326,8 @@ void Pool::addGuest() noexcept {
   const Lock lock(mutex_);
   ++guests_;
   countWorkerLocked(1);
-  if (workers_ > settings_.maxThreads) warnOfGuestsLocked();
+  // Idle ones above the ceiling would only have to retire.
+  if (workers_ > settings_.maxThreads && idle_.empty()) warnOfGuestsLocked();
 }
 
 void Pool::removeGuest() noexcept {
