@@ -82,6 +82,10 @@ class GVTYPE_API DynamicObject {
   /// runs then. Handlers may drop the object.
   void emitSignal(unsigned id, std::span<const AnyReference> arguments);
 
+  /// As ObjectTypeInterface::callElsewhere. What stands for an object of another process overrides
+  /// it beside metaCall.
+  virtual bool callElsewhere(unsigned id, const GenericFunctionParameters& arguments,
+                             std::unique_ptr<ResultSink>& sink);
   /// As ObjectTypeInterface::callNow.
   bool callNow(unsigned id, std::span<const AnyReference> arguments,
                const TypeInterface* resultType, void* result);

@@ -37,6 +37,10 @@ struct ObjectTypeInterface {
   /// with what the call ended with.
   bool (*callNow)(void* object, unsigned id, std::span<const AnyReference> arguments,
                   const TypeInterface* resultType, void* result);
+  /// Calls a method of an object that lives elsewhere: its body never runs in this thread, and
+  /// `sink` gets its end. False: the object lives here, metaCall is the way, and `sink` is left.
+  bool (*callElsewhere)(void* object, unsigned id, const GenericFunctionParameters& arguments,
+                        std::unique_ptr<ResultSink>& sink);
 };
 
 /// The record for DynamicObject and what derives from it. Lives to the end of the process.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -7,6 +8,7 @@
 
 #include <gv/future.h>
 #include <gvtype/anyfunction.h>
+#include <gvtype/anyvalue.h>
 
 namespace gv {
 
@@ -48,6 +50,19 @@ GVTYPE_API Future<AnyReference> metaCall(EventLoop* loop, ObjectThreadingModel m
                                          const AnyFunction& function,
                                          const GenericFunctionParameters& arguments,
                                          unsigned callerThreadId);
+
+/// What the end of a call is given to, once. Callbacks of users may run then.
+class GVTYPE_API ResultSink {
+ public:
+  virtual ~ResultSink();
+  /// True where a result is converted to what may be a user's type, by that type's own code.
+  virtual bool convertsToUserType() const = 0;
+  virtual void settle(const AnyReference& result) = 0;
+  /// The same with a value of the sink's own; no future is in it.
+  virtual void settle(AnyValue&& result) = 0;
+  virtual void fail(const std::string& text,
+                    FutureException::State state = FutureException::State::UserError) = 0;
+};
 
 /// Settles `promise` with a call's result converted to R. A result that is itself a future is
 /// waited for, without blocking, and its value or error settles the promise. A result that does not
@@ -125,23 +140,48 @@ void handleFuture(const AnyReference& result, Promise<R> promise) {
 
 namespace detail {
 
-/// The future of a call's result converted to R, as handleFuture converts it.
+/// The promise of a call's result converted to R, as handleFuture converts it.
+template <class R>
+class ResultPromise final : public ResultSink {
+ public:
+  explicit ResultPromise(Promise<R> promise) : promise_(std::move(promise)) {}
+
+  bool convertsToUserType() const override {
+    return !std::is_same_v<R, AnyReference> && !std::is_void_v<R> && !std::is_arithmetic_v<R>;
+  }
+  void settle(const AnyReference& result) override { handleFuture<R>(result, promise_); }
+  void settle(AnyValue&& result) override {
+    if constexpr (std::is_same_v<R, AnyReference>) {
+      auto owned = std::make_shared<AnyValue>(std::move(result));
+      const AnyReference value = owned->asReference();
+      succeedOnce(promise_, AnyReference(value.type(), value.pointer(), std::move(owned)));
+    } else {
+      settle(result.asReference());
+    }
+  }
+  void fail(const std::string& text, FutureException::State state) override {
+    failOnce(promise_, text, state);
+  }
+
+ private:
+  const Promise<R> promise_;
+};
+
+/// The future of what `start` gives to the sink that it is called with.
+template <class R, class Start>
+Future<R> futureOfResult(const Start& start) {
+  // The caller's callbacks are user code: by default not for the settling thread.
+  const Promise<R> promise(FutureCallbackType::Async);
+  start(std::make_unique<ResultPromise<R>>(promise));
+  return promise.future();
+}
+
+/// Gives a future's value or error to `sink`, in the thread that settles it.
+GVTYPE_API void giveTo(const Future<AnyReference>& result, std::unique_ptr<ResultSink> sink);
+
 template <class R>
 Future<R> convertedResult(const Future<AnyReference>& result) {
-  // The caller's callbacks are user code: by default not for the settling thread.
-  Promise<R> promise(FutureCallbackType::Async);
-  result.connect(
-      [promise](Future<AnyReference> settled) {
-        try {
-          handleFuture<R>(settled.value(), promise);
-        } catch (const FutureException& error) {
-          promise.setError(error.what(), error.state());
-        } catch (const std::exception& error) {
-          promise.setError(error.what());
-        }
-      },
-      FutureCallbackType::Sync);
-  return promise.future();
+  return futureOfResult<R>([&](auto sink) { giveTo(result, std::move(sink)); });
 }
 
 template <class R>

@@ -57,7 +57,9 @@ class GVTYPE_API Object<Empty> {
   /// Calls a method; its body never runs in this thread.
   template <class R, class... A>
   Future<R> async(const std::string& nameOrSignature, const A&... arguments) const {
-    return detail::convertedResult<R>(callAway(nameOrSignature, makeParameters(arguments...)));
+    return detail::futureOfResult<R>([&](auto sink) {
+      callAway(nameOrSignature, makeParameters(arguments...), std::move(sink));
+    });
   }
   /// Starts a method and forgets it. Throws std::runtime_error when no single method matches, and
   /// where it cannot be sent to the object's process.
@@ -106,8 +108,8 @@ class GVTYPE_API Object<Empty> {
 
   const GenericObject& get() const;
   /// Calls a method whose body is not to run in this thread.
-  Future<AnyReference> callAway(const std::string& nameOrSignature,
-                                const GenericFunctionParameters& arguments) const;
+  void callAway(const std::string& nameOrSignature, const GenericFunctionParameters& arguments,
+                std::unique_ptr<ResultSink> sink) const;
   void postByName(const std::string& nameOrSignature,
                   const GenericFunctionParameters& arguments) const;
   void emitByName(const std::string& signal, const GenericFunctionParameters& arguments) const;

@@ -183,6 +183,11 @@ bool DynamicObject::callNow(unsigned id, std::span<const AnyReference> arguments
   return true;
 }
 
+bool DynamicObject::callElsewhere(unsigned, const GenericFunctionParameters&,
+                                  std::unique_ptr<ResultSink>&) {
+  return false;
+}
+
 Future<AnyReference> DynamicObject::metaCall(Object<Empty> context, unsigned id,
                                              const GenericFunctionParameters& arguments,
                                              MetaCallType callType, Signature) {

@@ -51,6 +51,11 @@ const ObjectTypeInterface* getDynamicTypeInterface() {
              const TypeInterface* resultType, void* result) {
             return static_cast<DynamicObject*>(object)->callNow(id, arguments, resultType, result);
           },
+      .callElsewhere =
+          [](void* object, unsigned id, const GenericFunctionParameters& arguments,
+             std::unique_ptr<ResultSink>& sink) {
+            return static_cast<DynamicObject*>(object)->callElsewhere(id, arguments, sink);
+          },
   };
   return &type;
 }

@@ -53,7 +53,23 @@ Future<AnyReference> metaCall(EventLoop* loop, ObjectThreadingModel, MetaCallTyp
   return promise.future();
 }
 
+ResultSink::~ResultSink() = default;
+
 namespace detail {
+
+void giveTo(const Future<AnyReference>& result, std::unique_ptr<ResultSink> sink) {
+  result.connect(
+      [sink = std::shared_ptr<ResultSink>(std::move(sink))](const Future<AnyReference>& settled) {
+        try {
+          sink->settle(settled.value());
+        } catch (const FutureException& error) {
+          sink->fail(error.what(), error.state());
+        } catch (const std::exception& error) {
+          sink->fail(error.what());
+        }
+      },
+      FutureCallbackType::Sync);
+}
 
 void convertResult(const AnyReference& result, const TypeInterface* type, void* target) {
   const auto unable = [&] {

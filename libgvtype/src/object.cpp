@@ -45,17 +45,15 @@ Future<AnyReference> Object<Empty>::metaCall(unsigned id,
   return object.type->metaCall(object.value, *this, id, arguments, callType, returnSignature);
 }
 
-Future<AnyReference> Object<Empty>::callAway(const std::string& nameOrSignature,
-                                             const GenericFunctionParameters& arguments) const {
+void Object<Empty>::callAway(const std::string& nameOrSignature,
+                             const GenericFunctionParameters& arguments,
+                             std::unique_ptr<ResultSink> sink) const {
   const GenericObject& object = get();
   const int id = object.findMethod(nameOrSignature, arguments);
-  if (id < 0)
-    return makeFailedFuture<AnyReference>(
-        object.metaObject().explainNoMatch(nameOrSignature, arguments));
+  if (id < 0) return sink->fail(object.metaObject().explainNoMatch(nameOrSignature, arguments));
   const auto uid = static_cast<unsigned>(id);
-  // A body that lives elsewhere runs there anyway, at once where it may.
-  const bool isHere = object.type->method(object.value, uid) != nullptr;
-  return metaCall(uid, arguments, isHere ? MetaCallType::Queued : MetaCallType::Auto);
+  if (!object.type->callElsewhere(object.value, uid, arguments, sink))
+    detail::giveTo(metaCall(uid, arguments, MetaCallType::Queued), std::move(sink));
 }
 
 Future<AnyReference> Object<Empty>::metaCall(const std::string& nameOrSignature,

@@ -39,7 +39,8 @@ CallContextScope::~CallContextScope() {
 }
 
 std::array<std::uint8_t, 16> traceIdForNewCall() {
-  return slot().callId != 0 ? slot().traceId : randomBytes();
+  const CallContext& context = slot();
+  return context.callId != 0 ? context.traceId : randomBytes();
 }
 
 std::uint64_t nextCallId() {

@@ -24,6 +24,20 @@ std::uint64_t nextConnectionId() {
 // What an event that waits for its handlers takes beside its payload, about.
 constexpr std::size_t eventOverhead = 512;
 
+AnyReference ownedBy(const std::shared_ptr<AnyValue>& value) {
+  const AnyReference reference = value->asReference();
+  return {reference.type(), reference.pointer(), value};
+}
+
+/// Converting to a user's type runs that type's code.
+void settleElsewhere(std::shared_ptr<ResultSink> sink, const std::shared_ptr<AnyValue>& value) {
+  try {
+    net::Readers::post([sink, value] { sink->settle(ownedBy(value)); });
+  } catch (const std::exception& error) {
+    sink->fail(error.what());
+  }
+}
+
 /// The values of an event until all handlers have had them.
 struct ReceivedEvent {
   std::unique_ptr<CallBudget::Share> share;
@@ -79,27 +93,35 @@ bool Connection::isOpen() const {
 Future<AnyReference> Connection::call(const ObjectAddress& object, const MetaMethod& method,
                                       const GenericFunctionParameters& arguments,
                                       MetaCallType callType) {
+  Promise<AnyReference> promise;
+  promise.setWaitAid(weak_from_this());
+  call(object, method, arguments, callType,
+       std::make_unique<detail::ResultPromise<AnyReference>>(promise));
+  return promise.future();
+}
+
+void Connection::call(const ObjectAddress& object, const MetaMethod& method,
+                      const GenericFunctionParameters& arguments, MetaCallType callType,
+                      std::unique_ptr<ResultSink> sink) {
   using State_ = FutureException::State;
   ObjectExchange::Sending sending(objects_);
   wire::Message message(&sending);
   try {
     encodeArguments(message, method, arguments);
   } catch (const std::exception& error) {
-    return makeFailedFuture<AnyReference>(error.what(), State_::NotSent);
+    return sink->fail(error.what(), State_::NotSent);
   }
   wire::FrameHeader header = makeHeader(object, method, callType);
   header.type = wire::FrameType::Call;
-  Promise<AnyReference> promise;
-  promise.setWaitAid(weak_from_this());
   {
     std::unique_lock lock(mutex_);
     if (state_ == State::Closed) {
       const std::string cause = cause_;
       lock.unlock();
-      return makeFailedFuture<AnyReference>(
-          "not sent: the connection to " + peerName() + " has ended: " + cause, State_::NotSent);
+      return sink->fail("not sent: the connection to " + peerName() + " has ended: " + cause,
+                        State_::NotSent);
     }
-    header.messageId = pending_.add({promise, method.returnSignature().toString()});
+    header.messageId = pending_.add({std::move(sink), method.returnSignature().toString()});
   }
   std::string failure;
   try {
@@ -110,10 +132,9 @@ Future<AnyReference> Connection::call(const ObjectAddress& object, const MetaMet
   } catch (const std::exception& error) {
     failure = error.what();
   }
-  if (!failure.empty())
-    if (const auto unsent = takePending(header.messageId))
-      unsent->promise.setError("not sent: " + failure, State_::NotSent);
-  return promise.future();
+  if (failure.empty()) return;
+  if (const auto unsent = takePending(header.messageId))
+    unsent->sink->fail("not sent: " + failure, State_::NotSent);
 }
 
 /// In a thread that waits for a reply.
@@ -187,8 +208,8 @@ void Connection::fail(const std::string& cause) {
     lost = pending_.takeAll();
   }
   for (const PendingCall& pending : lost)
-    pending.promise.setError("the connection to " + peerName() + " was lost: " + cause,
-                             FutureException::State::ConnectionLost);
+    pending.sink->fail("the connection to " + peerName() + " was lost: " + cause,
+                       FutureException::State::ConnectionLost);
   server_.end();
   objects_.end();
 }
@@ -279,32 +300,35 @@ void Connection::becomeOpen() {
 
 void Connection::onReply(const wire::Frame& frame) {
   ObjectExchange::Receiving receiving(objects_, frame.bytes());
-  const auto pending = takePending(frame.header.messageId);
+  auto pending = takePending(frame.header.messageId);
   if (!pending) {
     GV_LOG(log::Level::Verbose, category, "onReply",
            "ignoring a reply of " + peerName() + " to no pending call");
     return;
   }
-  AnyReference result;
+  const bool mayHoldObjects = pending->returnSignature.find_first_of("ov*") != std::string::npos;
+  const auto held = mayHoldObjects ? releasedElsewhere(AnyValue()) : nullptr;
+  AnyValue plain;
+  AnyValue& result = held ? *held : plain;
   try {
     if (frame.header.type == wire::FrameType::Error) {
       std::string text;
       wire::readValue(frame.bytes(), AnyReference::from(text), limits_);
-      return pending->promise.setError(std::move(text));
+      return pending->sink->fail(text);
     }
-    const bool mayHoldObjects = pending->returnSignature.find_first_of("ov*") != std::string::npos;
-    AnyValue empty = AnyValue::makeDefault(pending->returnSignature);
-    auto value = mayHoldObjects ? releasedElsewhere(std::move(empty))
-                                : std::make_shared<AnyValue>(std::move(empty));
-    const AnyReference target = value->asReference();
-    wire::readValue(frame.bytes(), target, limits_, &receiving);
+    result = AnyValue::makeDefault(pending->returnSignature);
+    wire::readValue(frame.bytes(), result.asReference(), limits_, &receiving);
     receiving.wasRead();
-    result = AnyReference(target.type(), target.pointer(), std::move(value));
   } catch (const std::exception& error) {
-    return pending->promise.setError("the reply of " + peerName() +
-                                     " cannot be read: " + error.what());
+    return pending->sink->fail("the reply of " + peerName() + " cannot be read: " + error.what());
   }
-  pending->promise.setValue(result);
+  if (isUserCodeBanned() && pending->sink->convertsToUserType())
+    settleElsewhere(std::move(pending->sink),
+                    held ? held : std::make_shared<AnyValue>(std::move(plain)));
+  else if (held)
+    pending->sink->settle(ownedBy(held));
+  else
+    pending->sink->settle(std::move(plain));
 }
 
 // ---- Signals of the peer's objects

@@ -50,8 +50,14 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   /// Calls a method of an object of the peer's, described by `method`. The future has its result,
   /// or fails: NotSent when the arguments do not convert or the connection had ended,
   /// ConnectionLost when it ended before the reply, UserError with the other side's text.
+  /// Who waits for the future reads the connection meanwhile, where that is worth it.
   Future<AnyReference> call(const ObjectAddress& object, const MetaMethod& method,
                             const GenericFunctionParameters& arguments, MetaCallType callType);
+  /// The same, its end given to `sink`: in the thread that reads, or ends, the connection, or in
+  /// this one. Where a caller reads that waits for something else, a reader runs what is foreign.
+  void call(const ObjectAddress& object, const MetaMethod& method,
+            const GenericFunctionParameters& arguments, MetaCallType callType,
+            std::unique_ptr<ResultSink> sink);
   /// Sends a call that has no reply. Throws std::runtime_error when it could not be sent.
   void post(const ObjectAddress& object, const MetaMethod& method,
             const GenericFunctionParameters& arguments);

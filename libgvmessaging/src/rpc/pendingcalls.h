@@ -1,18 +1,18 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <gv/future.h>
-#include <gvtype/anyreference.h>
+#include <gvtype/metacall.h>
 
 namespace gv::rpc {
 
 /// A call that waits for its reply.
 struct PendingCall {
-  Promise<AnyReference> promise;
+  std::unique_ptr<ResultSink> sink;
   std::string returnSignature;
 };
 

@@ -11,6 +11,11 @@
 
 namespace gv::rpc {
 
+/// True in the network's thread, and in one that reads for others while it waits.
+inline bool isUserCodeBanned() {
+  return net::Reactor::isThisThread() || net::Readers::Borrowing::isActive();
+}
+
 /// Holds something of the user's for code that runs in the network's thread, or in one that reads
 /// while it waits: when it goes there, what it holds is destroyed on the event loop instead; where
 /// the thread is a reader, that may be handed over meanwhile. A destructor is foreign code.
@@ -20,7 +25,7 @@ class ReleasedElsewhere {
   explicit ReleasedElsewhere(T&& value) : value_(std::move(value)) {}
   ~ReleasedElsewhere() {
     const net::Readers::ForeignCode destructor;
-    if (net::Reactor::isThisThread() || net::Readers::Borrowing::isActive()) hand();
+    if (isUserCodeBanned()) hand();
     value_.reset();
   }
   ReleasedElsewhere(const ReleasedElsewhere&) = delete;

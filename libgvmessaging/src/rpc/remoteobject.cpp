@@ -61,6 +61,16 @@ Future<AnyReference> RemoteObject::metaCall(Object<Empty>, unsigned id,
   return connection_->call(address_, *method, arguments, callType);
 }
 
+bool RemoteObject::callElsewhere(unsigned id, const GenericFunctionParameters& arguments,
+                                 std::unique_ptr<ResultSink>& sink) {
+  const MetaMethod* method = metaObject().method(id);
+  if (!method)
+    sink->fail("the object has no method with id " + std::to_string(id));
+  else
+    connection_->call(address_, *method, arguments, MetaCallType::Auto, std::move(sink));
+  return true;
+}
+
 void RemoteObject::metaPost(Object<Empty>, unsigned id,
                             const GenericFunctionParameters& arguments) {
   connection_->post(address_, methodOrThrow(id), arguments);

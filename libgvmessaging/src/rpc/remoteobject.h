@@ -26,6 +26,8 @@ class GVMESSAGING_API RemoteObject final : public DynamicObject {
   Future<AnyReference> metaCall(Object<Empty> context, unsigned id,
                                 const GenericFunctionParameters& arguments, MetaCallType callType,
                                 Signature returnSignature) override;
+  bool callElsewhere(unsigned id, const GenericFunctionParameters& arguments,
+                     std::unique_ptr<ResultSink>& sink) override;
   /// Throws std::runtime_error for an unknown method and when it could not be sent.
   void metaPost(Object<Empty> context, unsigned id,
                 const GenericFunctionParameters& arguments) override;

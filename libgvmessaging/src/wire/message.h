@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "src/wire/frame.h"
 #include "src/wire/output.h"
@@ -45,7 +44,7 @@ class Message : public Output {
   }
 
  private:
-  using Bytes = std::vector<char>;
+  using Bytes = boost::container::vector<char>;
 
   Pieces pieces_;
 };

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <boost/container/small_vector.hpp>
+#include <boost/container/vector.hpp>
 #include <cstddef>
+#include <cstring>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -25,7 +27,11 @@ class GVMESSAGING_API Output {
   OutgoingObjects* objects() const { return objects_; }
 
   /// Appends a copy. Named as MessagePack's packer wants it.
-  void write(const char* bytes, std::size_t size) { own_.insert(own_.end(), bytes, bytes + size); }
+  void write(const char* bytes, std::size_t size) {
+    const std::size_t before = own_.size();
+    own_.resize(before + size, boost::container::default_init);
+    if (size > 0) std::memcpy(own_.data() + before, bytes, size);
+  }
   /// Appends the caller's bytes without a copy.
   void borrow(std::string_view bytes);
 
@@ -38,7 +44,7 @@ class GVMESSAGING_API Output {
   void appendTo(Output& other) const { other.write(own_.data(), own_.size()); }
 
  protected:
-  std::vector<char> own_;  // what was copied
+  boost::container::vector<char> own_;  // what was copied
 
  private:
   struct Borrowed {

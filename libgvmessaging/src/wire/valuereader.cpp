@@ -1,9 +1,11 @@
 #include "src/wire/valuereader.h"
 
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <msgpack.hpp>
 #include <optional>
+#include <utility>
 
 #include <gvtype/conversion.h>
 #include <gvtype/signature.h>
@@ -57,10 +59,8 @@ class Decoder : public msgpack::null_visitor {
     convertInto(AnyReference::from(value), slot_.type(), slot_.pointer());
     return true;
   }
-  bool visit_positive_integer(std::uint64_t value) {
-    return takeInteger(AnyReference::from(value));
-  }
-  bool visit_negative_integer(std::int64_t value) { return takeInteger(AnyReference::from(value)); }
+  bool visit_positive_integer(std::uint64_t value) { return takeInteger(value); }
+  bool visit_negative_integer(std::int64_t value) { return takeInteger(value); }
   bool visit_float32(float value) { return takeFloat(AnyReference::from(value)); }
   bool visit_float64(double value) { return takeFloat(AnyReference::from(value)); }
   bool visit_str(const char* text, std::uint32_t size) {
@@ -289,10 +289,34 @@ class Decoder : public msgpack::null_visitor {
     return true;
   }
 
-  bool takeInteger(const AnyReference& value) {
+  template <class Value>
+  bool takeInteger(Value value) {
     const TypeKind kind = slotKind("an integer");
     if (kind != TypeKind::Int && kind != TypeKind::Float) mismatch("an integer");
-    convertInto(value, slot_.type(), slot_.pointer());
+    if (!storeInteger(value)) convertInto(AnyReference::from(value), slot_.type(), slot_.pointer());
+    return true;
+  }
+  /// What most integers are. False for those of the rarer types, and what does not fit.
+  template <class Value>
+  bool storeInteger(Value value) {
+    switch (slot_.type()->code) {
+      case 'i':
+        return storeAs<std::int32_t>(value);
+      case 'u':
+        return storeAs<std::uint32_t>(value);
+      case 'x':
+        return storeAs<std::int64_t>(value);
+      case 't':
+        return storeAs<std::uint64_t>(value);
+      default:
+        return false;
+    }
+  }
+  template <class T, class Value>
+  bool storeAs(Value value) {
+    if (!std::in_range<T>(value)) return false;
+    const T stored = static_cast<T>(value);
+    std::memcpy(slot_.pointer(), &stored, sizeof stored);
     return true;
   }
   bool takeFloat(const AnyReference& value) {
