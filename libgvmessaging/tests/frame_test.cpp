@@ -208,7 +208,7 @@ TEST(FrameReader, CanBeStoppedByItsHandler) {
 /// Of static duration: it goes after the main thread's own objects.
 struct SendsLate {
   ~SendsLate() {
-    if (threadSpare<std::vector<char>>()) std::_Exit(3);
+    if (threadSpare<Output::Bytes>()) std::_Exit(3);
     Message late;
     late.finish({});
   }

@@ -44,8 +44,6 @@ class Message : public Output {
   }
 
  private:
-  using Bytes = boost::container::vector<char>;
-
   Pieces pieces_;
 };
 

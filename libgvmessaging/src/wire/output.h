@@ -18,6 +18,8 @@ namespace gv::wire {
 /// strings and blobs, which must stay as they are until the pieces have been used.
 class GVMESSAGING_API Output {
  public:
+  using Bytes = boost::container::vector<char>;
+
   /// Strings and blobs of this size and more are not copied.
   static constexpr std::size_t leastBorrowed = 16u << 10;
 
@@ -44,7 +46,7 @@ class GVMESSAGING_API Output {
   void appendTo(Output& other) const { other.write(own_.data(), own_.size()); }
 
  protected:
-  boost::container::vector<char> own_;  // what was copied
+  Bytes own_;  // what was copied
 
  private:
   struct Borrowed {
