@@ -532,9 +532,9 @@ TEST_F(Objects, CutAPeerThatTakesNoneOfItsEventsForSomeTime) {
   const auto listening = hasty->peers->listen("tcp://127.0.0.1:0");
   const RawPeer peer = makeDeafPeer(listening->boundPort(), *hasty);
   const std::string bytes(1u << 20, 'x');
+  house::LogCapture log;
   // What the system does not hold for both ends waits; before that is over no time counts.
   for (int i = 0; i < 32; ++i) hasty->service.emit("seen", Buffer(bytes.data(), bytes.size()));
-  house::LogCapture log;
   while (log.count("cut at 50 ms") == 0) hasty->service.emit("seen", Buffer());
   listening->close();
   hasty->peers->close("done").wait(guardMs);
