@@ -299,6 +299,46 @@ TEST_F(Loop, EndDropsWhatHasNotStarted) {
   EXPECT_EQ(delayed.errorState(0), FutureException::State::BrokenPromise);
 }
 
+TEST_F(Loop, RunsNothingElseOnAThreadThatWaits) {
+  EventLoop loop(sized(1, 1));
+  Promise<void> release;
+  bool isWaiting = false;  // all on the one thread
+  const auto waiter = loop.async([&, release = release.future()] {
+    const auto other = loop.async([&] { return isWaiting; });
+    isWaiting = true;
+    release.wait();
+    isWaiting = false;
+    return other;
+  });
+  waitUntil(loop, [](const auto& figures) { return figures.blocked == 1; });
+  release.setValue();
+  EXPECT_FALSE(waiter.value().value());
+}
+
+/// Uses the loop as it goes: a lock of the loop held there would never come free.
+struct Reentrant {
+  EventLoop* loop;
+  int* gone;
+  ~Reentrant() {
+    loop->post([] {});
+    ++*gone;
+  }
+};
+
+TEST_F(Loop, DestroysTasksWithNoLockHeld) {
+  int gone = 0;
+  {
+    EventLoop loop({});
+    const auto make = [&] {
+      return [held = std::shared_ptr<Reentrant>(new Reentrant{&loop, &gone})] {};
+    };
+    EXPECT_TRUE(loop.post(make(), hours(1)).cancel());
+    EXPECT_EQ(gone, 1);
+    loop.post(make(), hours(1));
+  }
+  EXPECT_EQ(gone, 2) << "dropped at the end of the loop";
+}
+
 TEST_F(Loop, MayEndOnItsOwnThread) {
   house::LiveCounter counter;
   auto loop = std::make_unique<EventLoop>(sized(2, 2));

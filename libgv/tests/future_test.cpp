@@ -1,7 +1,6 @@
 #include <gv/future.h>
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -22,6 +21,7 @@
 #include "support/live_counter.h"
 #include "support/log_capture.h"
 #include "support/rounds.h"
+#include "support/smallstack.h"
 #include "support/watchdog.h"
 
 namespace {
@@ -31,17 +31,6 @@ using gv::FutureCallbackType;
 using gv::FutureException;
 using gv::FutureState;
 using gv::Promise;
-
-/// Runs it on a thread of 256 KiB of stack.
-void runWithSmallStack(void* (*run)(void*), void* argument) {
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, 256 << 10);
-  pthread_t thread;
-  ASSERT_EQ(pthread_create(&thread, &attributes, run, argument), 0);
-  pthread_join(thread, nullptr);
-  pthread_attr_destroy(&attributes);
-}
 
 /// The state under which the action throws FutureException; fails the test when it does not.
 FutureException::State thrownBy(const std::function<void()>& action) {
@@ -161,20 +150,15 @@ TEST(Future, CallbacksRunElsewhereWhereTheSettlingThreadSaysSo) {
   EXPECT_EQ(seen, 5);
 }
 
-TEST(Future, LastPromiseGoneUnsettledIsABrokenPromise) {
+TEST(Future, IsBrokenWhenTheLastPromiseHasGoneTheMovedOnesIncluded) {
   auto first = std::make_unique<Promise<int>>(FutureCallbackType::Sync);
-  auto second = std::make_unique<Promise<int>>(*first);
-  auto future = first->future();
-  int calls = 0;
-  future.connect([&](Future<int>) { ++calls; });
-  Promise<int> moved(std::move(*second));
+  Promise<int> copy(*first);
+  const auto future = first->future();
+  Promise<int> moved(std::move(copy));
   first.reset();
-  second.reset();
   EXPECT_TRUE(future.isRunning());
   moved = Promise<int>();
-  EXPECT_EQ(future.errorState(0), FutureException::State::BrokenPromise);
   EXPECT_EQ(thrownBy([&] { future.value(0); }), FutureException::State::BrokenPromise);
-  EXPECT_EQ(calls, 1);
 }
 
 TEST(Future, TellsItsEndsApart) {
@@ -200,10 +184,9 @@ TEST(Future, UnsettledOneTimesOut) {
   Promise<void> promise;
   auto future = promise.future();
   EXPECT_EQ(future.wait(20), FutureState::Running);
-  for (int timeoutMs : {20, 0, -1}) {
+  for (int timeoutMs : {20, 0, -1})
     EXPECT_EQ(thrownBy([&] { future.value(timeoutMs); }), FutureException::State::Timeout);
-    EXPECT_EQ(thrownBy([&] { future.hasError(timeoutMs); }), FutureException::State::Timeout);
-  }
+  EXPECT_EQ(thrownBy([&] { future.hasError(0); }), FutureException::State::Timeout);
   promise.setValue();
   EXPECT_NO_THROW(future.value(0));
 }
@@ -309,8 +292,9 @@ TEST(FutureThen, FlattensAReturnedFuture) {
 
 TEST(FutureThen, ChainOfAMillionTakesNoStack) {
   house::Watchdog watchdog("chain");
-  static const int length = std::min(house::rounds(1'000'000), 1'000'000);
-  const auto run = [](void* result) -> void* {
+  const int length = std::min(house::rounds(1'000'000), 1'000'000);
+  int results[2] = {0, 0};
+  house::runOnSmallStack([&] {
     for (const bool isBroken : {false, true}) {
       int requests = 0;
       auto promise = std::make_unique<Promise<int>>(FutureCallbackType::Sync, [&] { ++requests; });
@@ -326,14 +310,9 @@ TEST(FutureThen, ChainOfAMillionTakesNoStack) {
       end.cancel();
       if (!isBroken) promise->setValue(0);
       promise.reset();
-      static_cast<int*>(result)[isBroken] = requests != 1 ? -1
-                                            : isBroken    ? end.hasError(0)
-                                                          : end.value(0);
+      results[isBroken] = requests != 1 ? -1 : isBroken ? end.hasError(0) : end.value(0);
     }
-    return nullptr;
-  };
-  int results[2] = {0, 0};
-  runWithSmallStack(run, results);
+  });
   EXPECT_EQ(results[0], length);
   EXPECT_EQ(results[1], 1);
 }

@@ -15,6 +15,8 @@
 #include <gvtype/conversion.h>
 #include <gvtype/metaobjectdescription.h>
 
+#include "support/thrown.h"
+
 namespace gv {
 namespace {
 
@@ -24,17 +26,6 @@ constexpr int guardMs = 20'000;
 
 std::string errorOf(const Future<AnyReference>& result) {
   return result.hasError(guardMs) ? result.error() : "no error";
-}
-
-TEST(DynamicObject, AnswersByNameSignatureAndId) {
-  DynamicObjectBuilder builder;
-  const unsigned id = builder.advertiseMethod("twice", [](int n) { return 2 * n; });
-  EXPECT_EQ(id, MetaObject::firstOwnId);
-  const Object<Empty> object = builder.object();
-  EXPECT_EQ(object.call<int>("twice", 4), 8);
-  EXPECT_EQ(object.call<int>("twice(i)", 4), 8);
-  EXPECT_EQ(object.async<int>("twice", 4).value(guardMs), 8);
-  EXPECT_EQ(object.metaCall(id, makeParameters(5)).value(guardMs).to<int>(), 10);
 }
 
 TEST(DynamicObject, FailsTheFutureForWhatTheCallerNamedWrongly) {
@@ -49,25 +40,10 @@ TEST(DynamicObject, FailsTheFutureForWhatTheCallerNamedWrongly) {
   EXPECT_THROW(Object<Empty>().call<int>("twice", 1), std::runtime_error);
 }
 
-TEST(DynamicObject, CarriesWhatAMethodThrows) {
-  DynamicObjectBuilder builder;
-  builder.advertiseMethod("text", [] { throw std::runtime_error("out of ink"); });
-  builder.advertiseMethod("number", [] { throw 5; });
-  const Object<Empty> object = builder.object();
-  EXPECT_EQ(errorOf(object.metaCall("text", {})), "out of ink");
-  EXPECT_EQ(errorOf(object.metaCall("number", {})), "unknown exception");
-  EXPECT_EQ(errorOf(object.metaCall("number", {}, MetaCallType::Queued)), "unknown exception");
-}
-
 /// What a call that throws FutureException says; the same whichever road it takes.
 template <class R, class... A>
 std::string thrownBy(const GenericObject& object, const char* method, const A&... arguments) {
-  try {
-    object.call<R>(method, arguments...);
-    return "no error";
-  } catch (const FutureException& error) {
-    return error.what();
-  }
+  return house::errorOf<FutureException>([&] { object.call<R>(method, arguments...); });
 }
 
 TEST(GenericObject, CallsAtOnceOrLaterWithTheSameOutcome) {
@@ -77,14 +53,16 @@ TEST(GenericObject, CallsAtOnceOrLaterWithTheSameOutcome) {
     DynamicObjectBuilder builder(object.get());
     const unsigned id = builder.advertiseMethod("add", [](int a, int b) { return a + b; });
     builder.advertiseMethod("fail", [] { throw std::runtime_error("out of ink"); });
-    builder.advertiseMethod("odd", [] { throw 5; });
+    const unsigned odd = builder.advertiseMethod("odd", [] { throw 5; });
     builder.advertiseMethod("later", [] { return makeReadyFuture(3); });
     builder.advertiseMethod(
         "away", [] { return getEventLoop()->isInThisContext(); }, MetaCallType::Queued);
     builder.advertiseMethod("text", [] { return std::string("text"); });
     const GenericObject& generic = *object->manageable();
+    EXPECT_EQ(id, MetaObject::firstOwnId);
     EXPECT_EQ(generic.call<int>("add", 1, 2), 3);
     EXPECT_EQ(generic.call<int>(id, 1, 2.0), 3);
+    EXPECT_EQ(generic.metaCall(id, makeParameters(1, 2)).value(guardMs).to<int>(), 3);
     EXPECT_EQ(generic.call<long>("add(ii)", 1, 2), 3);
     EXPECT_EQ(generic.call<std::string>("text"), "text");
     EXPECT_EQ(generic.call<int>("later"), 3);
@@ -92,6 +70,7 @@ TEST(GenericObject, CallsAtOnceOrLaterWithTheSameOutcome) {
     generic.call<void>("add", 1, 2);
     EXPECT_EQ(thrownBy<int>(generic, "fail"), "out of ink");
     EXPECT_EQ(thrownBy<int>(generic, "odd"), "unknown exception");
+    EXPECT_EQ(errorOf(generic.metaCall(odd, {}, MetaCallType::Queued)), "unknown exception");
     EXPECT_THAT(thrownBy<int>(generic, "add", 1), HasSubstr("add(ii)"));
     EXPECT_EQ(thrownBy<int>(generic, "text"),
               "Unable to convert call result to target type: from string to int32");

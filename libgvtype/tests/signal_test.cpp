@@ -11,6 +11,7 @@
 
 #include "support/live_counter.h"
 #include "support/log_capture.h"
+#include "support/thrown.h"
 
 namespace gv {
 namespace {
@@ -36,15 +37,6 @@ class SignalTest : public testing::Test {
     return builder.object();
   }();
 };
-
-std::string textOf(const std::function<void()>& action) {
-  try {
-    action();
-    return "no error";
-  } catch (const std::runtime_error& error) {
-    return error.what();
-  }
-}
 
 TEST_F(SignalTest, DirectHandlersRunInOrderInTheEmittingThread) {
   std::vector<std::string> seen;
@@ -89,10 +81,12 @@ TEST_F(SignalTest, QueuedHandlersSeeEveryEmissionInOrderOnTheEventLoop) {
 
 TEST_F(SignalTest, RefusesWhatIsNotItsOwn) {
   connect([](int) { FAIL() << "nothing was emitted"; });
-  EXPECT_THAT(textOf([&] { object.emit("Fire", 1); }), HasSubstr("did you mean: fired(i)?"));
-  EXPECT_THAT(textOf([&] { object.emit("fired", std::string("x")); }),
+  EXPECT_THAT(house::errorOf([&] { object.emit("Fire", 1); }),
+              HasSubstr("did you mean: fired(i)?"));
+  EXPECT_THAT(house::errorOf([&] { object.emit("fired", std::string("x")); }),
               HasSubstr("'fired': cannot convert string to int32 (argument 1)"));
-  EXPECT_THAT(textOf([&] { object.emit("fired"); }), HasSubstr("expected 1 argument, got 0"));
+  EXPECT_THAT(house::errorOf([&] { object.emit("fired"); }),
+              HasSubstr("expected 1 argument, got 0"));
   EXPECT_THAT(object.connect("fire", [] {}).error(guardMs), HasSubstr("fired(i)"));
   EXPECT_THAT(object.connect("fired", [](int, int) {}).error(guardMs),
               HasSubstr("the handler (ii) does not take"));

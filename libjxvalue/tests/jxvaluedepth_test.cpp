@@ -2,30 +2,14 @@
 #include <jxerror/jxerror.h>
 #include <jxvalue/jxvalue.h>
 
-#include <pthread.h>
-
-#include <functional>
 #include <utility>
+
+#include "support/smallstack.h"
 
 namespace JX {
 namespace {
 
 constexpr int deep = 100000;
-
-// Runs `body` where a few bytes of stack for each level of a deep value are too much.
-void onSmallStack(std::function<void()> body) {
-  pthread_attr_t attributes;
-  ASSERT_EQ(::pthread_attr_init(&attributes), 0);
-  ASSERT_EQ(::pthread_attr_setstacksize(&attributes, 512 * 1024), 0);
-  pthread_t thread;
-  const auto run = [](void* argument) -> void* {
-    (*static_cast<std::function<void()>*>(argument))();
-    return nullptr;
-  };
-  ASSERT_EQ(::pthread_create(&thread, &attributes, run, &body), 0);
-  ::pthread_join(thread, nullptr);
-  ::pthread_attr_destroy(&attributes);
-}
 
 // `depth` arrays inside each other, each with a scalar on both sides of the next.
 JXValue nested(int depth, int innermost) {
@@ -41,7 +25,7 @@ JXValue nested(int depth, int innermost) {
 }
 
 TEST(JXValueDepth, CopiesComparesAndDestroysVeryDeepValues) {
-  onSmallStack([] {
+  house::runOnSmallStack([] {
     JXValue value = nested(deep, 1);
     const JXValue copy = value;
     EXPECT_TRUE(copy == value);
@@ -52,7 +36,7 @@ TEST(JXValueDepth, CopiesComparesAndDestroysVeryDeepValues) {
 }
 
 TEST(JXValueDepth, DestroysTheDeepPartThatIsReplacedOrCutOff) {
-  onSmallStack([] {
+  house::runOnSmallStack([] {
     JXValue value = nested(deep, 1);
     value[1][1] = 0;
     EXPECT_EQ(value[1][1], JXValue(0));
