@@ -89,7 +89,7 @@ TEST(APeerThatStandsStill, KeepsItsCallersWaitingAndThenAnswers) {
   std::this_thread::sleep_for(6s);
   callers.server->kill(SIGCONT);
   for (const auto& caller : {quiet.get(), busy.get()}) {
-    EXPECT_GE(millisecondsIn(caller->waitForLine("answered after")), 5000);
+    EXPECT_GE(millisecondsIn(caller->waitForLine("answered after", 60s)), 5000);
     EXPECT_THAT(caller->standardOutput(), Not(HasSubstr("failed")));
   }
 }
@@ -103,7 +103,7 @@ TEST(ALinkThatComesBack, LosesNoCallAndRepeatsNone) {
   std::this_thread::sleep_for(5s);
   callers.network.ip(Network::Near, "link set near up");
   for (const auto& caller : {small.get(), large.get()}) {
-    EXPECT_GE(millisecondsIn(caller->waitForLine("answered after")), 4000);
+    EXPECT_GE(millisecondsIn(caller->waitForLine("answered after", 60s)), 4000);
     EXPECT_THAT(caller->standardOutput(), Not(HasSubstr("failed")));
   }
   int runs = 0;
