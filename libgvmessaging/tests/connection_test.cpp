@@ -5,10 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <future>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,24 +13,24 @@
 #include <gv/eventloop.h>
 #include <gvtype/dynamicobjectbuilder.h>
 
+#include "foreignsession.h"
 #include "memorypeer.h"
-#include "rawpeer.h"
 #include "src/net/reactor.h"
-#include "src/rpc/remoteobject.h"
-#include "src/session/peers.h"
-#include "src/wire/valuewriter.h"
 #include "streamrecorder.h"
 #include "support/log_capture.h"
+#include "support/rawpeer.h"
 #include "support/watchdog.h"
 
 namespace gv {
 namespace {
 
-using rpc::Connection;
+using house::RawListener;
+using house::RawPeer;
 using testing::HasSubstr;
 
 constexpr int guardMs = 20'000;
 constexpr unsigned calculatorId = 7;
+constexpr unsigned replaceableId = 8;
 
 /// Something that a method can wait for, for as long as the test likes.
 struct Gate {
@@ -41,59 +38,14 @@ struct Gate {
   std::atomic<int> waiting{0};
 };
 
-/// One side: a set of connections and the objects that it serves.
-class Side : public rpc::ServiceHost {
- public:
-  explicit Side(const std::string& name, const wire::Limits& limits = {}) {
-    rpc::Greeting own;
-    own.sessionId = name;
-    peers = std::make_shared<Peers>(own, limits);
-  }
-  void start(const std::shared_ptr<Side>& self) {
-    peers->setOwner(self, [](const auto&) {});
-  }
-
-  static constexpr unsigned replaceableId = 8;
-
-  void replace(Object<Empty> object) {
-    const std::lock_guard lock(mutex_);
-    std::swap(object, replaceable_);
-  }
-
-  Object<Empty> findService(unsigned id) const override {
-    if (id == replaceableId) {
-      const std::lock_guard lock(mutex_);
-      return replaceable_;
-    }
-    const auto found = objects.find(id);
-    return found == objects.end() ? Object<Empty>() : found->second;
-  }
-
-  std::shared_ptr<Peers> peers;
-  std::map<unsigned, Object<Empty>> objects;  // constant while connected
-
- private:
-  mutable std::mutex mutex_;  // guards what follows
-  Object<Empty> replaceable_;
-};
-
-std::shared_ptr<Side> makeSide(const std::string& name, const wire::Limits& limits = {}) {
-  auto side = std::make_shared<Side>(name, limits);
-  side->start(side);
-  return side;
-}
-
 Object<Empty> makeCalculator(const std::shared_ptr<Gate>& gate) {
   DynamicObjectBuilder builder;
   builder.advertiseMethod("add", [](int a, int b) { return a + b; });
-  builder.advertiseMethod("nothing", [] {});
   builder.advertiseMethod("fail", [](const std::string& text) { throw std::runtime_error(text); });
   builder.advertiseMethod("throwNumber", [] { throw 5; });
-  builder.advertiseMethod("echo", [](const AnyValue& value) { return value; });
   builder.advertiseMethod("count", [](const AnyArguments& all) { return all.args.size(); });
   builder.advertiseMethod(
       "large", [](int size) { return std::string(static_cast<std::size_t>(size), 'x'); });
-  builder.advertiseProperty<int>("precision", 5);
   builder.advertiseMethod("hold", [gate] {
     ++gate->waiting;
     gate->open.future().wait();
@@ -115,25 +67,17 @@ Object<Empty> makeCalculator(const std::shared_ptr<Gate>& gate) {
 class ConnectionTest : public testing::Test {
  protected:
   ConnectionTest() {
-    server->objects[calculatorId] = makeCalculator(gate);
-    acceptor = server->peers->listen("tcp://127.0.0.1:0");
-    connection = client->peers->dial(url(), std::chrono::seconds(10)).value(guardMs);
+    server.serve(calculatorId, makeCalculator(gate));
+    connection = client.dial(server.url());
     calculator = rpc::RemoteObject::make(connection, calculatorId).value(guardMs);
   }
   ~ConnectionTest() override {
     if (gate->open.future().isRunning()) gate->open.setValue();
-    acceptor->close();
-    client->peers->close("the test has ended").wait(guardMs);
-    server->peers->close("the test has ended").wait(guardMs);
   }
-
-  Url url() const { return Url::tcp("127.0.0.1", acceptor->boundPort()); }
 
   house::Watchdog watchdog{"a test with peers", std::chrono::seconds(100)};
   std::shared_ptr<Gate> gate = std::make_shared<Gate>();
-  std::shared_ptr<Side> server = makeSide("server");
-  std::shared_ptr<Side> client = makeSide("client");
-  std::shared_ptr<rpc::Acceptor> acceptor;
+  ForeignSession server{"server"}, client{"client"};
   Peers::ConnectionPointer connection;
   Object<Empty> calculator;
 };
@@ -149,29 +93,18 @@ std::pair<FutureException::State, std::string> failureOf(F call) {
 }
 
 TEST_F(ConnectionTest, CarriesCallsAndResults) {
-  EXPECT_EQ(calculator.call<int>("add", 2, 3), 5);
   EXPECT_EQ(calculator.call<int>("add(ii)", 2.0, std::int8_t{3}), 5);
-  calculator.call<void>("nothing");
   EXPECT_EQ(calculator.call<std::size_t>("count", 1, std::string("a"), 2.5), 3u);
   EXPECT_EQ(calculator.call<std::string>("later"), "at last");
-  const std::map<std::string, std::vector<int>> map = {{"a", {1, 2}}};
-  EXPECT_EQ((calculator.call<std::map<std::string, std::vector<int>>>("echo", map)), map);
   EXPECT_EQ(calculator.call<std::string>("large", 5'000'000).size(), 5'000'000u);
-}
-
-TEST_F(ConnectionTest, ReachesThePropertiesOfRemoteObjects) {
-  const Object<Empty>& own = server->objects[calculatorId];
-  EXPECT_EQ(calculator.property<int>("precision").value(guardMs), 5);
-  calculator.setProperty("precision", 7).value(guardMs);
-  EXPECT_EQ(own.property<int>("precision").value(guardMs), 7);
-  EXPECT_THAT(calculator.setProperty("precision", std::string("x")).error(guardMs),
-              HasSubstr("property 'precision': cannot convert"));
 }
 
 TEST_F(ConnectionTest, TellsTheEndingsApart) {
   using State = FutureException::State;
   const auto thrown = failureOf([&] { calculator.call<void>("fail", std::string("out of ink")); });
   EXPECT_EQ(thrown, std::pair(State::UserError, std::string("out of ink")));
+  const auto odd = failureOf([&] { calculator.call<void>("throwNumber"); });
+  EXPECT_EQ(odd, std::pair(State::UserError, std::string("unknown exception")));
   const auto unknown = failureOf([&] { calculator.call<int>("thrice", 1); });
   EXPECT_THAT(unknown.second, HasSubstr("thrice"));
   const auto unfit = failureOf([&] { calculator.call<int>("add", 1, 5'000'000'000); });
@@ -180,11 +113,6 @@ TEST_F(ConnectionTest, TellsTheEndingsApart) {
   const auto tooLarge = failureOf([&] { calculator.call<std::string>("large", 100'000'000); });
   EXPECT_THAT(tooLarge.second, HasSubstr("more than the limit"));
   EXPECT_EQ(calculator.call<int>("add", 1, 1), 2) << "the connection lives on";
-}
-
-TEST_F(ConnectionTest, AnswersWhateverAMethodThrows) {
-  const auto thrown = failureOf([&] { calculator.call<void>("throwNumber"); });
-  EXPECT_EQ(thrown, std::pair(FutureException::State::UserError, std::string("unknown exception")));
 }
 
 TEST_F(ConnectionTest, RunsCallbacksOfItsUsersOnTheEventLoop) {
@@ -211,32 +139,21 @@ TEST_F(ConnectionTest, DestroysObjectsOfItsUsersOnTheEventLoop) {
       DynamicObjectBuilder builder;
       const std::shared_ptr<Guard> guard(new Guard{isWrong, isGone});
       builder.advertiseMethod("nothing", [guard] {});
-      server->replace(builder.object());
+      server.serve(replaceableId, builder.object());
     }
-    const auto asked = rpc::RemoteObject::make(connection, Side::replaceableId);
-    server->replace({});
+    const auto asked = rpc::RemoteObject::make(connection, replaceableId);
+    server.serve(replaceableId, {});
     asked.wait(guardMs);
     while (!isGone) std::this_thread::yield();
     ASSERT_FALSE(isWrong);
   }
 }
 
-TEST_F(ConnectionTest, FailsPendingCallsWhenItIsLost) {
-  auto pending = calculator.async<int>("hold");
-  while (gate->waiting == 0) std::this_thread::yield();
-  server->peers->close("power cut");
-  const auto lost = failureOf([&] { pending.value(guardMs); });
-  EXPECT_EQ(lost.first, FutureException::State::ConnectionLost);
-  EXPECT_THAT(lost.second, HasSubstr(url().str()));
-  const auto refused = failureOf([&] { calculator.call<int>("add", 1, 1); });
-  EXPECT_EQ(refused.first, FutureException::State::NotSent);
-}
-
 TEST_F(ConnectionTest, RunsCallbacksOfWhatIsLostWhereTheyMayWaitForTheNetwork) {
   const std::string closed = RawListener().url();
   net::Handover<bool> seen;
   const auto failsInTime = [&] {
-    const auto reached = client->peers->dial(closed, std::chrono::milliseconds(20));
+    const auto reached = client.peers->dial(closed, std::chrono::milliseconds(20));
     seen.give(reached.wait(guardMs) == FutureState::FinishedWithError);
   };
   // The first one waits for the second: each call fails by itself.
@@ -245,8 +162,8 @@ TEST_F(ConnectionTest, RunsCallbacksOfWhatIsLostWhereTheyMayWaitForTheNetwork) {
   first.connect([&](const Future<int>&) { seen.give(second.hasError(guardMs)); }, sync);
   second.connect([&](const Future<int>&) { failsInTime(); }, sync);
   while (gate->waiting < 2) std::this_thread::yield();
-  server->peers->close("power cut");
-  client->peers->dial(closed, std::chrono::milliseconds(20))
+  server.peers->close("power cut");
+  client.peers->dial(closed, std::chrono::milliseconds(20))
       .connect([&](const auto&) { failsInTime(); }, sync);
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(seen.take());
 }
@@ -265,7 +182,7 @@ TEST_F(ConnectionTest, ServesOthersWhileMethodsBlock) {
 
 TEST_F(ConnectionTest, ServesOthersWhileAMethodRunsOnAndOn) {
   // In one write, so that they are read together; the first answer must not wait for the second.
-  RawPeer peer = RawPeer::connectTo(acceptor->boundPort());
+  RawPeer peer = RawPeer::connectTo(server.url().port());
   rpc::Greeting greeting;
   greeting.sessionId = "raw";
   const auto callOf = [this](const std::string& name, std::uint64_t id, std::string_view payload) {
@@ -312,38 +229,24 @@ TEST_F(ConnectionTest, DescribesServicesAndRefusesCallsWhileEveryThreadIsBlocked
   release.setValue();
 }
 
-TEST_F(ConnectionTest, ManyCallersGetTheirOwnAnswers) {
-  std::vector<std::thread> callers;
-  for (int caller = 0; caller < 8; ++caller)
-    callers.emplace_back([this, caller] {
-      for (int i = 0; i < 500; ++i)
-        ASSERT_EQ(calculator.call<int>("add", caller * 1000, i), caller * 1000 + i);
-    });
-  for (auto& thread : callers) thread.join();
-}
-
 // ---- Peers that break the rules
 
 TEST_F(ConnectionTest, LetsARealClientInBesideThoseThatDrip) {
   std::vector<RawPeer> drips;
   for (int i = 0; i < 100; ++i) {
-    drips.push_back(RawPeer::connectTo(acceptor->boundPort()));
+    drips.push_back(RawPeer::connectTo(server.url().port()));
     drips.back().send("G");
   }
-  const auto late = makeSide("late");
-  EXPECT_TRUE(late->peers->dial(url(), std::chrono::seconds(10)).value(guardMs)->isOpen());
-  late->peers->close("done").wait(guardMs);
+  EXPECT_TRUE(ForeignSession("late").dial(server.url())->isOpen());
 }
 
 TEST(Connections, ThatDoNotFinishTheHandshakeEnd) {
   wire::Limits impatient;
   impatient.handshakeTime = std::chrono::milliseconds(100);
-  const auto server = makeSide("server", impatient);
-  const auto acceptor = server->peers->listen("tcp://127.0.0.1:0");
-  RawPeer stranger = RawPeer::connectTo(acceptor->boundPort());
+  const ForeignSession server("server", "machine", impatient);
+  RawPeer stranger = RawPeer::connectTo(server.url().port());
   stranger.send("GVM\x01");
-  EXPECT_EQ(stranger.receiveAll(1), "");
-  acceptor->close();
+  EXPECT_EQ(stranger.receive(), "");
 }
 
 }  // namespace

@@ -107,7 +107,10 @@ TEST_F(ConnectionState, DecidesWhatBecomesOfEachFrame) {
       };
       MemoryPeer handshaking = makePeer(role);
       handshaking.tell(bytes);
-      handshaking.heardSoFar();
+      const std::string heard = handshaking.heardSoFar();
+      if (role == Role::Server) {
+        EXPECT_EQ(heard.empty(), row.type != FrameType::Hello);
+      }
       handshaking.tell("");
       EXPECT_EQ(outcome(handshaking), role == Role::Server ? row.served : row.met);
       EXPECT_EQ(handshaking.opened, outcome(handshaking).empty() ? 1 : 0);
@@ -128,6 +131,24 @@ TEST_F(ConnectionState, DecidesWhatBecomesOfEachFrame) {
       EXPECT_EQ(ended.heardSoFar(), "");
     }
   EXPECT_EQ(runs, 0);
+}
+
+TEST_F(ConnectionState, BoundsPayloadsMoreTightlyDuringTheHandshake) {
+  const wire::Limits limits;
+  const auto isRefused = [](MemoryPeer& peer, FrameType type, std::uint32_t size) {
+    std::string header = frame(type, "");
+    for (std::size_t i = 0; i < 4; ++i) header[8 + i] = static_cast<char>(size >> (8 * i) & 0xff);
+    peer.tell(header);
+    return !peer.causes.empty();
+  };
+  for (const std::uint32_t above : {0u, 1u}) {
+    MemoryPeer handshaking = makePeer(Role::Server);
+    EXPECT_EQ(isRefused(handshaking, FrameType::Hello, limits.handshakePayload + above),
+              above == 1);
+    MemoryPeer opened = makePeer(Role::Server);
+    open(opened);
+    EXPECT_EQ(isRefused(opened, FrameType::Call, limits.payload + above), above == 1);
+  }
 }
 
 TEST_F(ConnectionState, IsTheSameForEverySplitOfTheBytes) {

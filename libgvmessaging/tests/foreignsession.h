@@ -1,9 +1,11 @@
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gv/os.h>
@@ -21,11 +23,12 @@ class ForeignSession {
  public:
   static constexpr int guardMs = 20'000;
 
-  explicit ForeignSession(const std::string& id, const std::string& machine = os::machineId()) {
+  explicit ForeignSession(const std::string& id, const std::string& machine = os::machineId(),
+                          const wire::Limits& limits = {}) {
     rpc::Greeting own;
     own.sessionId = id;
     own.machineId = machine;
-    peers = std::make_shared<Peers>(own, wire::Limits());
+    peers = std::make_shared<Peers>(own, limits);
     peers->setOwner(host_, [](const auto&) {});
     acceptor_ = peers->listen("tcp://127.0.0.1:0");
   }
@@ -35,9 +38,12 @@ class ForeignSession {
   }
 
   Url url() const { return Url::tcp("127.0.0.1", acceptor_->boundPort()); }
+  Peers::ConnectionPointer dial(const Url& to) const {
+    return peers->dial(to, std::chrono::seconds(10)).value(guardMs);
+  }
 
   void join(const Url& master) {
-    connection = peers->dial(master, std::chrono::seconds(10)).value(guardMs);
+    connection = dial(master);
     directory = rpc::RemoteObject::make(connection, 1).value(guardMs);
     directory.call<void>("announceEndpoints", std::vector<std::string>{url().str()});
   }
@@ -57,9 +63,9 @@ class ForeignSession {
  private:
   class Host final : public rpc::ServiceHost {
    public:
-    void serve(unsigned id, const Object<Empty>& object) {
+    void serve(unsigned id, Object<Empty> object) {
       const std::lock_guard lock(mutex_);
-      objects_[id] = object;
+      std::swap(objects_[id], object);
     }
     Object<Empty> findService(unsigned id) const override {
       const std::lock_guard lock(mutex_);

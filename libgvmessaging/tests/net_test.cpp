@@ -1,12 +1,14 @@
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -22,14 +24,27 @@
 #include "src/net/readers.h"
 #include "src/net/stream.h"
 #include "support/log_capture.h"
+#include "support/rawpeer.h"
 #include "support/watchdog.h"
-#include "tests/rawpeer.h"
 #include "tests/streamrecorder.h"
+
+static std::atomic<bool> acceptsFail{false};
+
+/// In place of the system's, also for the library: without descriptors while a test says so. A
+/// limit on descriptors would hit the sanitizers, too, which open some to look at objects.
+extern "C" [[gnu::visibility("default")]] int accept4(int socket, sockaddr* address,
+                                                      socklen_t* size, int flags) {
+  static const auto next = reinterpret_cast<decltype(&accept4)>(::dlsym(RTLD_NEXT, "accept4"));
+  if (!acceptsFail) return next(socket, address, size, flags);
+  errno = EMFILE;
+  return -1;
+}
 
 namespace gv::net {
 namespace {
 
 using namespace std::chrono_literals;
+using house::RawPeer;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -37,27 +52,17 @@ using StreamPtr = std::shared_ptr<Stream>;
 
 constexpr std::size_t MiB = 1u << 20;
 
-std::vector<char> bytesOf(std::string_view text) {
-  return {text.begin(), text.end()};
-}
-
-std::chrono::microseconds processorTime() {
-  rusage used{};
-  ::getrusage(RUSAGE_SELF, &used);
-  return std::chrono::seconds(used.ru_utime.tv_sec + used.ru_stime.tv_sec) +
-         std::chrono::microseconds(used.ru_utime.tv_usec + used.ru_stime.tv_usec);
-}
-
 /// A listener on a free port of the loopback address that hands out what it accepts.
 class Net : public testing::Test {
  protected:
-  explicit Net(const wire::Limits& limits = {})
-      : limits_(limits),
-        listener_(Listener::listen(
-            "127.0.0.1", 0,
-            [accepted = accepted_](StreamPtr stream) { accepted->give(std::move(stream)); },
-            limits)) {}
+  explicit Net(const wire::Limits& limits = {}) : limits_(limits) {}
 
+  std::shared_ptr<Listener> listen(std::uint16_t port) {
+    const auto give = [accepted = accepted_](StreamPtr stream) {
+      accepted->give(std::move(stream));
+    };
+    return Listener::listen("127.0.0.1", port, give, limits_);
+  }
   std::uint16_t port() const { return listener_->boundPort(); }
   StreamPtr accept() { return accepted_->take(); }
 
@@ -70,6 +75,12 @@ class Net : public testing::Test {
     return result.stream;
   }
 
+  static void waitUntilPostedHasRun() {
+    Handover<int> behind;
+    Reactor::post([&] { behind.give(0); });
+    behind.take();
+  }
+
   static ConnectResult resultOf(const std::string& host, std::uint16_t port,
                                 std::chrono::milliseconds bound) {
     Handover<ConnectResult> results;
@@ -80,41 +91,14 @@ class Net : public testing::Test {
   const wire::Limits limits_;
   house::Watchdog watchdog_{"net test"};
   std::shared_ptr<Handover<StreamPtr>> accepted_ = std::make_shared<Handover<StreamPtr>>();
-  std::shared_ptr<Listener> listener_;
+  std::shared_ptr<Listener> listener_ = listen(0);
 };
 
-using Streams = Net;
+using Closing = Net;
 using Listening = Net;
 using Connecting = Net;
 
-TEST_F(Streams, ReadNothingBeforeTheyAreStarted) {
-  RawPeer peer = RawPeer::connectTo(port());
-  peer.send("early");
-  peer.close();
-  const StreamPtr stream = accept();
-  const auto recorder = std::make_shared<StreamRecorder>();
-  stream->start(recorder);
-  EXPECT_EQ("connection closed by peer", recorder->waitForEnd());
-  EXPECT_EQ("early", recorder->bytes());
-}
-
-TEST_F(Streams, CloseWhenTheLastHandleGoesBeforeTheStart) {
-  RawPeer peer = RawPeer::connectTo(port());
-  accept().reset();
-  EXPECT_EQ("", peer.receive(1));
-}
-
-TEST_F(Streams, TellTheirEndAlsoWhenTheyAreStartedAfterIt) {
-  RawPeer peer = RawPeer::connectTo(port());
-  const StreamPtr stream = accept();
-  stream->close("refused");
-  EXPECT_EQ("", peer.receive(1));
-  const auto recorder = std::make_shared<StreamRecorder>();
-  stream->start(recorder);
-  EXPECT_EQ("refused", recorder->waitForEnd());
-}
-
-TEST_F(Streams, EndOnceWhoeverClosesThem) {
+TEST_F(Closing, EndsAStreamOnceWhoeverDoesIt) {
   for (int round = 0; round < 200; ++round) {
     RawPeer peer = RawPeer::connectTo(port());
     const StreamPtr stream = accept();
@@ -128,56 +112,81 @@ TEST_F(Streams, EndOnceWhoeverClosesThem) {
       });
     };
     std::array threads = {race([&] { stream->close("first"); }), race([&] {
-                            while (stream->send(bytesOf("x")))
+                            while (stream->send(std::string_view("x")))
                               ;
                           }),
                           race([&] { peer.reset(); })};
     for (auto& thread : threads) thread.join();
     EXPECT_NE("still open", recorder->waitForEnd());
     stream->close("again");
-    Handover<int> behind;  // whatever was posted for this stream has run when this has
-    Reactor::post([&] { behind.give(0); });
-    behind.take();
+    waitUntilPostedHasRun();
     ASSERT_EQ(1, recorder->ends());
     ASSERT_FALSE(recorder->gotBytesAfterEnd());
   }
 }
 
-TEST_F(Streams, CanBeClosedAndDroppedByTheirHandler) {
+/// A stream and the socket at its other end.
+class Streams : public Net {
+ protected:
+  explicit Streams(const wire::Limits& limits = {}) : Net(limits) {}
+
+  std::shared_ptr<StreamRecorder> start(StreamRecorder::OnBytes onBytes = {}) {
+    auto recorder = std::make_shared<StreamRecorder>(std::move(onBytes));
+    stream->start(recorder);
+    return recorder;
+  }
+
   RawPeer peer = RawPeer::connectTo(port());
   StreamPtr stream = accept();
-  const auto recorder = std::make_shared<StreamRecorder>([&](std::span<const char>) {
+};
+
+TEST_F(Streams, ReadNothingBeforeTheyAreStarted) {
+  peer.send("early");
+  peer.close();
+  const auto recorder = start();
+  EXPECT_EQ("connection closed by peer", recorder->waitForEnd());
+  EXPECT_EQ("early", recorder->bytes());
+}
+
+TEST_F(Streams, CloseWhenTheLastHandleGoesBeforeTheStart) {
+  stream.reset();
+  EXPECT_EQ("", peer.receive(1));
+}
+
+TEST_F(Streams, TellTheirEndAlsoWhenTheyAreStartedAfterIt) {
+  stream->close("refused");
+  EXPECT_EQ("", peer.receive(1));
+  const auto recorder = start();
+  EXPECT_EQ("refused", recorder->waitForEnd());
+}
+
+TEST_F(Streams, CanBeClosedAndDroppedByTheirHandler) {
+  const auto recorder = start([&](std::span<const char>) {
     stream->close("enough");
     stream.reset();
   });
-  stream->start(recorder);
   peer.send("x");
   EXPECT_EQ("enough", recorder->waitForEnd());
   EXPECT_EQ("", peer.receive(1));
 }
 
 TEST_F(Streams, EndWithTheTextOfAnExceptionOfTheirHandler) {
-  RawPeer peer = RawPeer::connectTo(port());
-  const auto recorder = std::make_shared<StreamRecorder>(
-      [](std::span<const char>) { throw std::runtime_error("no such thing"); });
-  accept()->start(recorder);
+  const auto recorder =
+      start([](std::span<const char>) { throw std::runtime_error("no such thing"); });
   peer.send("x");
   EXPECT_EQ("handler failed: no such thing", recorder->waitForEnd());
 }
 
 // The last words of a peer that went must not be lost because writing to it fails first.
 TEST_F(Streams, DeliverWhatThePeerSentBeforeWritingFailed) {
-  RawPeer peer = RawPeer::connectTo(port());
-  const StreamPtr stream = accept();
   Handover<int> entered, left;
   bool first = true;
-  const auto recorder = std::make_shared<StreamRecorder>([&](std::span<const char>) {
+  const auto recorder = start([&](std::span<const char>) {
     if (!std::exchange(first, false)) return;
     entered.give(0);
     left.take();
-    stream->send(bytesOf("x"));
+    stream->send(std::string_view("x"));
   });
-  stream->start(recorder);
   peer.send("a");
   entered.take();
   peer.send("bye");
@@ -189,15 +198,13 @@ TEST_F(Streams, DeliverWhatThePeerSentBeforeWritingFailed) {
 
 // One thread sends and then reads: it would hang if sending ever blocked.
 TEST_F(Streams, QueueWithoutBlockingForASlowReaderAndKeepTheOrder) {
-  constexpr std::size_t frames = 200;
-  RawPeer peer = RawPeer::connectTo(port());
-  const StreamPtr stream = accept();
-  stream->start(std::make_shared<StreamRecorder>());
+  constexpr std::size_t frames = 40;
+  start();
   for (std::size_t i = 0; i < frames; ++i) {
     ASSERT_TRUE(stream->send(std::vector<char>(MiB, static_cast<char>(i))));
     ASSERT_LE(stream->pendingBytes(), (i + 1) * MiB);
   }
-  EXPECT_GT(stream->pendingBytes(), 100 * MiB);
+  EXPECT_GT(stream->pendingBytes(), 20 * MiB);
   for (std::size_t i = 0; i < frames; ++i)
     ASSERT_TRUE(peer.receiveAll(MiB) == std::string(MiB, static_cast<char>(i))) << i;
   // The last bytes may be here before the write that brought them has returned.
@@ -208,9 +215,7 @@ TEST_F(Streams, QueueWithoutBlockingForASlowReaderAndKeepTheOrder) {
 }
 
 TEST_F(Streams, KeepTheFramesOfManySendersWhole) {
-  constexpr std::uint32_t senders = 4, frames = 3000;
-  RawPeer peer = RawPeer::connectTo(port());
-  const StreamPtr stream = accept();
+  constexpr std::uint32_t senders = 4, frames = 1000;
   std::vector<std::thread> threads;
   for (std::uint32_t sender = 0; sender < senders; ++sender)
     threads.emplace_back([&, sender] {
@@ -234,14 +239,11 @@ TEST_F(Streams, KeepTheFramesOfManySendersWhole) {
 }
 
 TEST_F(Streams, DeliverPendingOutputBeforeAGracefulEnd) {
-  RawPeer peer = RawPeer::connectTo(port());
-  const StreamPtr stream = accept();
-  const auto recorder = std::make_shared<StreamRecorder>();
-  stream->start(recorder);
+  const auto recorder = start();
   peer.send("never read by the handler, and no reason for a reset");
   EXPECT_TRUE(stream->send(std::vector<char>(20 * MiB, 'p')));
   stream->closeAfterFlush("goodbye", 30s);
-  EXPECT_FALSE(stream->send(bytesOf("late")));
+  EXPECT_FALSE(stream->send(std::string_view("late")));
   EXPECT_EQ(20 * MiB, peer.receiveAll(21 * MiB).size());
   EXPECT_EQ(0, recorder->ends());
   peer.close();
@@ -249,10 +251,7 @@ TEST_F(Streams, DeliverPendingOutputBeforeAGracefulEnd) {
 }
 
 TEST_F(Streams, EndInTimeWhenThePeerDoesNotTakeThePendingOutput) {
-  RawPeer peer = RawPeer::connectTo(port());
-  const StreamPtr stream = accept();
-  const auto recorder = std::make_shared<StreamRecorder>();
-  stream->start(recorder);
+  const auto recorder = start();
   EXPECT_TRUE(stream->send(std::vector<char>(20 * MiB)));
   stream->closeAfterFlush("goodbye", 50ms);
   EXPECT_EQ("goodbye", recorder->waitForEnd());
@@ -262,7 +261,7 @@ TEST_F(Streams, EndInTimeWhenThePeerDoesNotTakeThePendingOutput) {
 /// waits for a call back.
 class BorrowerInTurn : public StreamHandler {
  public:
-  BorrowerInTurn(StreamPtr own, StreamPtr peer) : own_(std::move(own)), peer_(std::move(peer)) {}
+  BorrowerInTurn(StreamPtr own, RawPeer& peer) : own_(std::move(own)), peer_(peer) {}
 
   std::span<char> inputSpace() override { return space_; }
   void onInput(std::size_t count) override {
@@ -273,7 +272,7 @@ class BorrowerInTurn : public StreamHandler {
     const Readers::ForeignCode foreign;
     while (!own_->hasLostTurn()) const BlockingRegion region;
     while (seen_.empty()) {
-      peer_->send(std::string_view("more"));
+      peer_.send("more");
       own_->readWhile([this] { return seen_.empty(); });
     }
     told_.give(seen_.front());
@@ -284,7 +283,7 @@ class BorrowerInTurn : public StreamHandler {
 
  private:
   const StreamPtr own_;
-  const StreamPtr peer_;
+  RawPeer& peer_;
   std::array<char, 64> space_;
   std::atomic<std::thread::id> first_{};
   std::vector<bool> seen_;  // of the first thread
@@ -292,16 +291,14 @@ class BorrowerInTurn : public StreamHandler {
 };
 
 TEST_F(Streams, AreReadWholeByThreadsThatLostTheirTurnAndWait) {
-  const StreamPtr peer = connect();
-  const StreamPtr stream = accept();
   const auto borrower = std::make_shared<BorrowerInTurn>(stream, peer);
   stream->start(borrower);
-  peer->send(std::string_view("first"));
+  peer.send("first");
   EXPECT_FALSE(borrower->tookItForLost());
   stream->close("");
 }
 
-class BoundedStreams : public Net {
+class BoundedStreams : public Streams {
  protected:
   static wire::Limits smallLimits() {
     wire::Limits limits;
@@ -309,16 +306,14 @@ class BoundedStreams : public Net {
     limits.outputStop = 16 * MiB;
     return limits;
   }
-  BoundedStreams() : Net(smallLimits()) {}
+  BoundedStreams() : Streams(smallLimits()) {}
 };
 
 TEST_F(BoundedStreams, StopReadingAPeerThatDoesNotReadAndResume) {
   constexpr std::size_t perByte = 4;  // each byte asked for is answered by four
-  RawPeer peer = RawPeer::connectTo(port());
-  const StreamPtr stream = accept();
-  stream->start(std::make_shared<StreamRecorder>([&](std::span<const char> bytes) {
+  start([&](std::span<const char> bytes) {
     stream->send(std::vector<char>(perByte * bytes.size(), 'a'));
-  }));
+  });
   const std::string requests(64 * MiB, 'r');
   const std::size_t taken = peer.sendWhileTaken(requests, 500ms);
   EXPECT_LT(taken, requests.size());
@@ -334,8 +329,8 @@ TEST_F(BoundedStreams, SendEachOtherLargeFramesAtOnceWithoutADeadlock) {
   constexpr std::size_t size = 12 * MiB;
   const auto atClient = std::make_shared<StreamRecorder>();
   const auto atServer = std::make_shared<StreamRecorder>();
-  for (const auto& stream : {client, server})
-    for (std::size_t i = 0; i < size; i += MiB) stream->send(std::vector<char>(MiB));
+  for (const auto& end : {client, server})
+    for (std::size_t i = 0; i < size; i += MiB) end->send(std::vector<char>(MiB));
   // Both have more pending than they would go on reading beside, were it not for this:
   ASSERT_GT(std::min(client->pendingBytes(), server->pendingBytes()), limits_.outputSlow);
   client->start(atClient);
@@ -353,29 +348,21 @@ TEST_F(Connecting, NamesHostPortAndCauseOfARefusal) {
             resultOf("127.0.0.1", freePort, 5s).error);
 }
 
-/// A port whose queue of newcomers is full.
-struct SilentPort {
-  const RawListener listening{0};
-  const RawPeer queued = RawPeer::connectTo(listening.port());
-};
-
 TEST_F(Connecting, EndsWithinItsBoundWhenNobodyAnswers) {
-  SilentPort silent;
+  const house::BlackHole silent;
   EXPECT_THAT(resultOf("127.0.0.1", silent.listening.port(), 150ms).error,
               AllOf(StartsWith("cannot connect to 127.0.0.1:"), HasSubstr("150 ms")));
 }
 
 TEST_F(Connecting, CanBeCancelledAndAnswersOnce) {
-  SilentPort silent;
+  const house::BlackHole silent;
   Handover<ConnectResult> results;
   const auto attempt = Connector::connect("127.0.0.1", silent.listening.port(), 60s,
                                           [&](ConnectResult r) { results.give(std::move(r)); });
   attempt->cancel();
   attempt->cancel();
   EXPECT_THAT(results.take().error, HasSubstr("cancelled"));
-  Handover<int> behind;
-  Reactor::post([&] { behind.give(0); });
-  behind.take();
+  waitUntilPostedHasRun();
   EXPECT_EQ(0u, results.waiting());
 }
 
@@ -387,45 +374,22 @@ TEST_F(Listening, LeavesItsPortFreeWhenCloseReturns) {
     listener_->close();
     listener_->close();
     ASSERT_THROW(RawPeer::connectTo(same), std::system_error);
-    listener_ = Listener::listen(
-        "127.0.0.1", same, [accepted = accepted_](StreamPtr s) { accepted->give(std::move(s)); });
+    listener_ = listen(same);
   }
 }
 
-/// Keeps the process from opening more descriptors than it has now.
-class NoMoreDescriptors {
- public:
-  NoMoreDescriptors() {
-    ::getrlimit(RLIMIT_NOFILE, &before_);
-    const int lowestFree = ::dup(0);
-    ::close(lowestFree);
-    const rlimit now{static_cast<rlim_t>(lowestFree), before_.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &now);
-  }
-  ~NoMoreDescriptors() { ::setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_{};
-};
-
 TEST_F(Listening, WaitsForDescriptorsWithoutSpinning) {
-#ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "the sanitizer opens a pipe to look at an object before each virtual call";
-#endif
   house::LogCapture log;
   const std::string text =
       "accepting is paused: " + std::error_code(EMFILE, std::system_category()).message();
-  RawPeer peer;  // its descriptor is there before the others are gone
-  std::chrono::microseconds used{};
-  {
-    const NoMoreDescriptors none;
-    peer.connect(port());
-    ASSERT_TRUE(log.waitForText(text));
-    const auto before = processorTime();
-    std::this_thread::sleep_for(400ms);  // the time in which a spinning loop would show
-    used = processorTime() - before;
-  }
-  EXPECT_LT(used, 150ms);
+  acceptsFail = true;
+  const RawPeer peer = RawPeer::connectTo(port());
+  ASSERT_TRUE(log.waitForText(text));
+  const std::clock_t before = std::clock();
+  std::this_thread::sleep_for(400ms);  // the time in which a spinning loop would show
+  const double used = static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC;
+  acceptsFail = false;
+  EXPECT_LT(used, 0.15);
   EXPECT_EQ(1, log.count(text));
   EXPECT_TRUE(accept());
 }

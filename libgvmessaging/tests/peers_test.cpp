@@ -9,12 +9,14 @@
 #include <vector>
 
 #include "foreignsession.h"
-#include "rawpeer.h"
+#include "support/rawpeer.h"
+#include "support/rounds.h"
 #include "support/watchdog.h"
 
 namespace gv {
 namespace {
 
+using house::BlackHole;
 using testing::AllOf;
 using testing::HasSubstr;
 using namespace std::chrono_literals;
@@ -25,12 +27,6 @@ ServiceInfo serviceOf(const std::string& session, std::vector<Url> endpoints) {
   return {"Service", 2, os::machineId(), 1, session, std::move(endpoints)};
 }
 
-/// A port that never answers: its queue of newcomers is full.
-struct BlackHole {
-  const RawListener listening{0};
-  const RawPeer queued = RawPeer::connectTo(listening.port());
-};
-
 class Reaching : public testing::Test {
  protected:
   house::Watchdog watchdog{"a test with peers"};
@@ -39,7 +35,7 @@ class Reaching : public testing::Test {
 
 TEST_F(Reaching, PassesByAddressesThatAreDeadSilentOrSomebodyElses) {
   const BlackHole holes[3];
-  const RawListener deaf;  // connects, by the system's queue, and never speaks
+  const house::RawListener deaf;  // connects, by the system's queue, and never speaks
   const ForeignSession other("c");
   const auto start = std::chrono::steady_clock::now();
   const auto reached = a.peers->reach(
@@ -83,7 +79,7 @@ TEST_F(Reaching, EndsWhenThePeersAreClosed) {
 }
 
 TEST_F(Reaching, AtOnceFromBothSidesLeadsBothToTheSameConnection) {
-  for (int round = 0; round < 200; ++round) {
+  for (int round = 0; round < house::rounds(200); ++round) {
     ForeignSession x("x"), y("y");
     const ServiceInfo atX = serviceOf("x", {x.url()}), atY = serviceOf("y", {y.url()});
     const auto toY = x.peers->reach(atY), toX = y.peers->reach(atX);

@@ -15,8 +15,8 @@
 #include <gvtype/dynamicobjectbuilder.h>
 
 #include "foreignsession.h"
-#include "rawpeer.h"
 #include "src/session/sessionsettings.h"
+#include "support/rawpeer.h"
 #include "support/watchdog.h"
 
 namespace gv {
@@ -40,11 +40,16 @@ std::vector<std::string> namesOf(const std::vector<ServiceInfo>& infos) {
   return names;
 }
 
+boost::shared_ptr<Session> makeMaster(const Url& url = "tcp://127.0.0.1:0") {
+  auto master = boost::make_shared<Session>();
+  master->listenStandalone(url).value(guardMs);
+  return master;
+}
+
 /// A master and a session that is connected to it and listens.
 class SessionTest : public testing::Test {
  protected:
   SessionTest() {
-    master->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
     client->connect(master->url().str()).value(guardMs);
     client->listen("tcp://127.0.0.1:0").value(guardMs);
   }
@@ -53,15 +58,24 @@ class SessionTest : public testing::Test {
     master->close().wait(guardMs);
   }
 
+  Object<Empty> onlyServiceSeenBy(ForeignSession& foreign) const {
+    foreign.join(master->url());
+    const ServiceInfo info = master->services().value(guardMs)[1];
+    const auto connection = foreign.peers->reach(info).value(guardMs);
+    return rpc::RemoteObject::make(connection, info.serviceId()).value(guardMs);
+  }
+
   house::Watchdog watchdog{"a test with peers", std::chrono::seconds(100)};
-  boost::shared_ptr<Session> master = boost::make_shared<Session>();
+  boost::shared_ptr<Session> master = makeMaster();
   boost::shared_ptr<Session> client = boost::make_shared<Session>();
 };
 
 TEST_F(SessionTest, OffersAndFindsServices) {
-  const unsigned id = client->registerService("Counter", makeObject()).value(guardMs);
+  const Object<Empty> object = makeObject();
+  const unsigned id = client->registerService("Counter", object).value(guardMs);
   EXPECT_GT(id, 1u);
-  EXPECT_EQ(master->service("Counter").value(guardMs).call<int>("one"), 1);
+  EXPECT_EQ(master->service("Counter", "local").value(0), object) << "without the network";
+  EXPECT_EQ(master->service("Nobody", "local").errorState(0), FutureException::State::UserError);
   EXPECT_THAT(namesOf(master->services().value(guardMs)),
               ElementsAre("ServiceDirectory", "Counter"));
   EXPECT_THAT(namesOf(master->services(Session::ServiceLocality::Local).value(0)),
@@ -76,13 +90,6 @@ TEST_F(SessionTest, OffersAndFindsServices) {
   EXPECT_THAT(master->service("Counter").error(guardMs), HasSubstr("Counter"));
   EXPECT_EQ(master->service("Counter").errorState(guardMs), FutureException::State::UserError);
   EXPECT_THAT(client->unregisterService(id).error(guardMs), HasSubstr(std::to_string(id)));
-}
-
-TEST_F(SessionTest, FindsLocalServicesWithoutTheNetwork) {
-  const Object<Empty> object = makeObject();
-  client->registerService("Counter", object).value(guardMs);
-  EXPECT_TRUE(master->service("Counter", "local").value(0) == object);
-  EXPECT_EQ(master->service("Nobody", "local").errorState(0), FutureException::State::UserError);
 }
 
 TEST_F(SessionTest, RefusesNamesThatAreTakenOrWrong) {
@@ -149,11 +156,7 @@ TEST_F(SessionTest, MayBeClosedInItsOwnMethodsAndCallbacks) {
   builder.advertiseMethod("wait", [never] { return never.future(); });
   client->registerService("Closing", builder.object()).value(guardMs);
   ForeignSession foreign("foreign");
-  foreign.join(master->url());
-  const ServiceInfo info = master->services().value(guardMs)[1];
-  const auto object =
-      rpc::RemoteObject::make(foreign.peers->reach(info).value(guardMs), info.serviceId())
-          .value(guardMs);
+  const Object<Empty> object = onlyServiceSeenBy(foreign);
   const Future<void> pending = object.async<void>("wait");
   object.async<void>("close").wait(guardMs);
   EXPECT_EQ(pending.errorState(guardMs), FutureException::State::ConnectionLost);
@@ -183,10 +186,7 @@ TEST_F(SessionTest, StartsNoBodyOnceItsServiceIsUnregistered) {
   });
   const unsigned id = client->registerService("Gone", builder.object()).value(guardMs);
   ForeignSession foreign("foreign");
-  foreign.join(master->url());
-  const ServiceInfo info = master->services().value(guardMs)[1];
-  const auto object =
-      rpc::RemoteObject::make(foreign.peers->reach(info).value(guardMs), id).value(guardMs);
+  const Object<Empty> object = onlyServiceSeenBy(foreign);
   std::vector<Future<void>> calls;
   calls.push_back(object.async<void>("block"));
   began.future().value(guardMs);
@@ -232,10 +232,8 @@ TEST(Sessions, FailClearlyWhereTheyCannotListenOrConnect) {
 }
 
 TEST(Sessions, OfDifferentMastersAreDifferentNetworks) {
-  const auto a = boost::make_shared<Session>();
-  const auto b = boost::make_shared<Session>();
-  a->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
-  b->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
+  const auto a = makeMaster();
+  const auto b = makeMaster();
   a->registerService("Counter", makeObject()).value(guardMs);
   EXPECT_TRUE(b->service("Counter", "local").hasError(0));
   EXPECT_TRUE(b->service("Counter").hasError(guardMs));
@@ -246,8 +244,7 @@ TEST(Sessions, FreeTheirPortAndTheirObjectsWhenTheyClose) {
   std::uint16_t port = 0;
   WeakObject<Empty> weak;
   for (int round = 0; round < 20; ++round) {
-    const auto session = boost::make_shared<Session>();
-    session->listenStandalone(Url::tcp("127.0.0.1", port)).value(guardMs);
+    const auto session = makeMaster(Url::tcp("127.0.0.1", port));
     port = session->url().port();
     const Object<Empty> object = makeObject();
     weak = object;
@@ -277,7 +274,7 @@ TEST(Sessions, LeaveNothingOpenWhenTheyCannotJoin) {
 }
 
 TEST(Sessions, EndWhatIsPendingWhenTheyAreDropped) {
-  const RawListener deaf;  // connects, by the system's queue, and never speaks
+  const house::RawListener deaf;  // connects, by the system's queue, and never speaks
   auto session = boost::make_shared<Session>();
   const Future<void> joining = session->connect(deaf.url());
   const auto start = std::chrono::steady_clock::now();
@@ -286,40 +283,32 @@ TEST(Sessions, EndWhatIsPendingWhenTheyAreDropped) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
-TEST(Sessions, MayBeDroppedWhileTheyClose) {
+TEST(Sessions, MayBeDroppedWhileTheyConnectAndWhileTheyClose) {
+  const auto master = makeMaster();
   for (int round = 0; round < 100; ++round) {
-    const auto master = boost::make_shared<Session>();
-    master->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
     auto client = boost::make_shared<Session>();
-    client->connect(master->url().str()).value(guardMs);
+    const Future<void> joining = client->connect(master->url().str());
+    if (round % 2 == 0) {
+      client.reset();
+      EXPECT_NE(joining.wait(guardMs), FutureState::Running);
+      continue;
+    }
+    joining.value(guardMs);
     const Future<void> closing = client->close();
     client.reset();
     EXPECT_EQ(closing.wait(guardMs), FutureState::FinishedWithValue);
   }
 }
 
-TEST(Sessions, MayBeDroppedWhileTheyConnect) {
-  for (int round = 0; round < 50; ++round) {
-    const auto master = boost::make_shared<Session>();
-    master->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
-    auto client = boost::make_shared<Session>();
-    const Future<void> joining = client->connect(master->url().str());
-    client.reset();
-    EXPECT_NE(joining.wait(guardMs), FutureState::Running);
-  }
-}
-
 TEST(Sessions, FindNothingOfAMasterThatWasRestarted) {
-  const auto former = boost::make_shared<Session>();
-  former->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
+  const auto former = makeMaster();
   const Url url = former->url();
   ForeignSession foreign("foreign");
   foreign.join(url);
   foreign.offer("Old", makeObject());
   former->close().value(guardMs);
 
-  const auto master = boost::make_shared<Session>();
-  master->listenStandalone(url).value(guardMs);
+  const auto master = makeMaster(url);
   EXPECT_THROW(foreign.directory.call<void>("services"), FutureException);
   ForeignSession anew("anew");
   anew.join(url);
@@ -332,15 +321,14 @@ TEST(Sessions, GiveUpOnADirectoryThatDoesNotAnswer) {
   SessionSettings settings;
   settings.connectTime = std::chrono::milliseconds(200);
   const auto session = settings.makeSession();
-  const RawListener deaf;
+  const house::RawListener deaf;
   const Future<void> joining = session->connect(deaf.url());
   session->listen("tcp://127.0.0.1:0").value(guardMs);
   EXPECT_TRUE(joining.isRunning());
   EXPECT_EQ(session->endpoints().size(), 1u) << "while the session is still connecting";
   EXPECT_THAT(joining.error(guardMs), AllOf(HasSubstr(deaf.url()), HasSubstr("within 200 ms")));
 
-  const auto master = boost::make_shared<Session>();
-  master->listenStandalone("tcp://127.0.0.1:0").value(guardMs);
+  const auto master = makeMaster();
   session->connect(master->url().str()).value(guardMs);
   session->registerService("Counter", makeObject()).value(guardMs);
   EXPECT_EQ(master->services().value(guardMs)[1].endpoints(), session->endpoints());

@@ -18,9 +18,10 @@ namespace gv::net {
 /// Keeps what a stream delivers, and waits for it. Waits end after a minute, with what is there.
 class StreamRecorder : public StreamHandler {
  public:
+  using OnBytes = std::function<void(std::span<const char>)>;
+
   /// @p onBytes runs in the thread that reads, with each piece, before it is recorded.
-  explicit StreamRecorder(std::function<void(std::span<const char>)> onBytes = {})
-      : onBytes_(std::move(onBytes)) {}
+  explicit StreamRecorder(OnBytes onBytes = {}) : onBytes_(std::move(onBytes)) {}
 
   std::span<char> inputSpace() override { return space_; }
   void onInput(std::size_t count) override {
@@ -70,7 +71,7 @@ class StreamRecorder : public StreamHandler {
  private:
   static constexpr std::chrono::seconds guard{60};
 
-  const std::function<void(std::span<const char>)> onBytes_;
+  const OnBytes onBytes_;
   std::vector<char> space_ = std::vector<char>(std::size_t{64} << 10);
   mutable std::mutex mutex_;  // guards all below
   std::condition_variable changed_;

@@ -5,51 +5,46 @@
 namespace processes {
 namespace {
 
+constexpr std::size_t headerSize = 64;
+constexpr std::size_t payloadSizeAt = 8;
+constexpr std::size_t messageIdAt = 24;
+
 std::uint32_t numberAt(std::string_view bytes, std::size_t at) {
   std::uint32_t value = 0;
-  for (std::size_t i = 0; i < 4; ++i)
-    value |= static_cast<std::uint32_t>(static_cast<unsigned char>(bytes.at(at + i))) << (8 * i);
+  for (std::size_t i = 4; i-- > 0;)
+    value = value << 8 | static_cast<unsigned char>(bytes.at(at + i));
   return value;
 }
 
 }  // namespace
 
-std::uint32_t payloadSizeOf(std::string_view header) {
-  return numberAt(header, PayloadSizeAt);
-}
-
 std::uint32_t FrameBytes::messageId() const {
-  return numberAt(bytes_, MessageIdAt);
+  return numberAt(bytes_, messageIdAt);
 }
 
-FrameBytes FrameBytes::withByte(std::size_t at, unsigned char value) const {
-  FrameBytes copy = *this;
-  copy.bytes_.at(at) = static_cast<char>(value);
-  return copy;
-}
-
-FrameBytes FrameBytes::withNumber(std::size_t at, std::uint32_t value) const {
-  FrameBytes copy = *this;
+std::string FrameBytes::announcing(std::uint32_t payloadSize) const {
+  std::string header = bytes_.substr(0, headerSize);
   for (std::size_t i = 0; i < 4; ++i)
-    copy.bytes_.at(at + i) = static_cast<char>(static_cast<unsigned char>(value >> (8 * i)));
-  return copy;
-}
-
-FrameBytes FrameBytes::withPayload(const std::string& payload) const {
-  return FrameBytes(bytes_.substr(0, HeaderSize) + payload)
-      .withNumber(PayloadSizeAt, static_cast<std::uint32_t>(payload.size()));
+    header[payloadSizeAt + i] = static_cast<char>(payloadSize >> (8 * i) & 0xff);
+  return header;
 }
 
 std::vector<FrameBytes> framesOf(std::string_view bytes) {
   std::vector<FrameBytes> frames;
   while (!bytes.empty()) {
-    if (bytes.size() < HeaderSize || bytes.size() - HeaderSize < payloadSizeOf(bytes))
+    if (bytes.size() < headerSize || bytes.size() - headerSize < numberAt(bytes, payloadSizeAt))
       throw std::runtime_error("a recording that ends within a frame");
-    const std::size_t size = HeaderSize + payloadSizeOf(bytes);
+    const std::size_t size = headerSize + numberAt(bytes, payloadSizeAt);
     frames.emplace_back(std::string(bytes.substr(0, size)));
     bytes.remove_prefix(size);
   }
   return frames;
+}
+
+std::optional<FrameBytes> receiveFrame(house::RawPeer& peer) {
+  const std::string header = peer.receiveAll(headerSize);
+  if (header.size() < headerSize) return {};
+  return FrameBytes(header + peer.receiveAll(numberAt(header, payloadSizeAt)));
 }
 
 }  // namespace processes

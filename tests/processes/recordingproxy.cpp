@@ -11,26 +11,23 @@ RecordingProxy::RecordingProxy(int serverPort)
           std::async(std::launch::async, [this, serverPort] { return record(serverPort); })) {}
 
 Recording RecordingProxy::record(int serverPort) {
-  HostilePeer client = listener_.accept();
-  HostilePeer server = HostilePeer::connectTo(serverPort);
+  house::RawPeer client = listener_.accept();
+  house::RawPeer server = house::RawPeer::connectTo(serverPort);
   Recording recording;
-  for (;;) {
+  const auto passOn = [](house::RawPeer& from, house::RawPeer& to, std::string& record) {
+    const std::string bytes = from.receive();
+    record += bytes;
+    to.send(bytes);
+    return !bytes.empty();
+  };
+  for (bool isOpen = true; isOpen;) {
     constexpr int guardMs = 20'000;
     pollfd both[2] = {{client.descriptor(), POLLIN, 0}, {server.descriptor(), POLLIN, 0}};
     if (::poll(both, 2, guardMs) <= 0) throw std::runtime_error("nobody says anything any more");
-    if (both[0].revents != 0) {
-      const std::string bytes = client.receive();
-      if (bytes.empty()) return recording;
-      recording.toServer += bytes;
-      server.send(bytes);
-    }
-    if (both[1].revents != 0) {
-      const std::string bytes = server.receive();
-      if (bytes.empty()) return recording;
-      recording.toClient += bytes;
-      client.send(bytes);
-    }
+    if (both[0].revents != 0) isOpen = passOn(client, server, recording.toServer);
+    if (both[1].revents != 0) isOpen = passOn(server, client, recording.toClient) && isOpen;
   }
+  return recording;
 }
 
 }  // namespace processes

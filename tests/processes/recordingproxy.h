@@ -3,7 +3,7 @@
 #include <future>
 #include <string>
 
-#include "hostilepeer.h"
+#include "support/rawpeer.h"
 
 namespace processes {
 
@@ -27,7 +27,7 @@ class RecordingProxy {
  private:
   Recording record(int serverPort);
 
-  ListeningSocket listener_;
+  house::RawListener listener_;
   std::future<Recording> recording_;
 };
 

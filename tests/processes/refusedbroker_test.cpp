@@ -8,7 +8,7 @@
 #include <jxcommon/jxbrokermanager.h>
 #include <jxcommon/jxproxy.h>
 
-#include "hostilepeer.h"
+#include "conversation.h"
 #include "recordingproxy.h"
 #include "robotprocess.h"
 #include "scale.h"
@@ -34,7 +34,7 @@ class RefusedBroker : public testing::Test {
 };
 
 TEST_F(RefusedBroker, AParentThatNeverSpeaksIsGivenFiveSeconds) {
-  const ListeningSocket silent;  // the system accepts for it
+  const house::RawListener silent;  // the system accepts for it
   const auto start = Clock::now();
   EXPECT_EQ(errorOf([&] { createChild(silent.port()); }), cannotConnect(silent.port()));
   EXPECT_GE(millisecondsSince(start), 4900);
@@ -42,16 +42,16 @@ TEST_F(RefusedBroker, AParentThatNeverSpeaksIsGivenFiveSeconds) {
 }
 
 TEST_F(RefusedBroker, AParentThatSpeaksSomethingElseIsKnownAtOnce) {
-  ListeningSocket other;
+  house::RawListener other;
   auto answer = std::async(std::launch::async, [&] {
-    HostilePeer peer = other.accept();
+    house::RawPeer peer = other.accept();
     peer.send("HTTP/1.1 400 Bad Request\r\nConnection: keep-alive\r\n\r\n");
-    return peer.isClosedByOther();
+    peer.receiveToTheEnd();
   });
   const auto start = Clock::now();
   EXPECT_EQ(errorOf([&] { createChild(other.port()); }), cannotConnect(other.port()));
   EXPECT_LT(millisecondsSince(start), 4000);
-  EXPECT_TRUE(answer.get());
+  answer.get();
 }
 
 TEST_F(RefusedBroker, AParentThatEndsAnywhereInItsAnswerIsKnownAtOnce) {
@@ -66,12 +66,12 @@ TEST_F(RefusedBroker, AParentThatEndsAnywhereInItsAnswerIsKnownAtOnce) {
   const auto frames = framesOf(answer);
   ASSERT_GE(frames.size(), 2u);
   const std::size_t needed = frames[0].bytes().size() + frames[1].bytes().size();
-  ListeningSocket parent;
+  house::RawListener parent;
   const auto start = Clock::now();
   int rounds = 0;
   for (std::size_t cut = 0; cut < needed; cut += isSanitized ? 61 : 7, ++rounds) {
     auto error = std::async(std::launch::async, errorOf, [&parent] { createChild(parent.port()); });
-    HostilePeer peer = parent.accept();
+    house::RawPeer peer = parent.accept();
     EXPECT_FALSE(peer.receive().empty());  // its greeting
     peer.send(std::string_view(answer).substr(0, cut));
     peer.close();
