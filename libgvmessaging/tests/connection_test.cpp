@@ -209,18 +209,24 @@ TEST_F(ConnectionTest, ServesOthersWhileAMethodRunsOnAndOn) {
 }
 
 TEST_F(ConnectionTest, DescribesServicesAndRefusesCallsWhileEveryThreadIsBlocked) {
+  Promise<int> answer;
+  DynamicObjectBuilder builder;
+  builder.advertiseMethod("answer", [answered = answer.future()] { return answered; });
+  server.serve(replaceableId, builder.object());
+  const auto patient = rpc::RemoteObject::make(connection, replaceableId).value(guardMs);
+  Promise<void> release;
+  for (int i = 0; i < 2; ++i)
+    patient.async<int>("answer").connect(
+        [blocked = release.future()](const Future<int>&) { blocked.wait(); },
+        FutureCallbackType::Sync);
   EventLoop& loop = *getEventLoop();
   const unsigned ceiling = loop.figures().maxThreads;
-  Promise<void> release;
   for (unsigned i = 0; i < ceiling; ++i)
     loop.post([blocked = release.future()] { blocked.wait(); });
   while (loop.figures().blocked < ceiling) std::this_thread::yield();
   // Nor do callbacks of replies stop the reading: they exceed the ceiling, and that is told.
   house::LogCapture log;
-  for (int i = 0; i < 2; ++i)
-    calculator.async<int>("add", 1, 1)
-        .connect([blocked = release.future()](const Future<int>&) { blocked.wait(); },
-                 FutureCallbackType::Sync);
+  answer.setValue(1);
   while (loop.figures().blocked < ceiling + 2) std::this_thread::yield();
   EXPECT_TRUE(log.waitForText("block beyond GV_EVENTLOOP_MAX_THREADS"));
   EXPECT_TRUE(rpc::RemoteObject::make(connection, calculatorId).hasValue(guardMs));

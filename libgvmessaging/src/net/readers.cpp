@@ -8,7 +8,6 @@
 #include <deque>
 #include <mutex>
 #include <optional>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -61,8 +60,8 @@ thread_local bool isBorrowing = false;
 class Team {
  public:
   std::uint64_t enroll(const std::weak_ptr<ReadySocket>& socket);
-  void dismiss(std::uint64_t key);
-  ReadinessSet& sockets() { return sockets_; }
+  void dismiss(std::uint64_t key) { sockets_.remove(key); }
+  ReadinessSet& readiness() { return readiness_; }
   void lend(std::uint64_t key);
   void post(std::function<void()> task);
   bool hasSpare() const { return hasSpare_.load(std::memory_order_relaxed); }
@@ -70,8 +69,6 @@ class Team {
   void stop();
 
  private:
-  using Socket = std::shared_ptr<ReadySocket>;
-
   void startFirstReaderLocked();
   void startReaderLocked();
   void run(const std::shared_ptr<Reader>& self);
@@ -85,15 +82,13 @@ class Team {
   std::size_t waitForSockets();
   std::size_t sleep();
   void handle(const Ready& ready);
-  void lookAfterLent();
-  void addLentLocked(std::uint64_t key);
   bool runTask();
-  Socket find(std::uint64_t key);
 
-  ReadinessSet sockets_;
+  ReadySockets sockets_;
+  ReadinessSet readiness_;
 
   // Of the leader; handed over with the lead
-  Socket current_;  // which it is reading
+  std::shared_ptr<ReadySocket> current_;  // which it is reading
   std::array<Ready, 64> ready_;
   Patience patience_;
   bool lacksSpare_ = false;  // none could be made, and that was told
@@ -102,82 +97,27 @@ class Team {
   std::atomic<bool> watcherSleeps_{false};
   std::atomic<bool> hasSpare_{false};
   std::atomic<bool> isStopping_{false};
-  std::atomic<bool> hasLent_{false};
   std::atomic<bool> hasTasks_{false};
 
   std::mutex mutex_;  // guards what follows
-  std::unordered_map<std::uint64_t, std::weak_ptr<ReadySocket>> enrolled_;
-  std::uint64_t lastKey_ = 0;
-  std::vector<std::uint64_t> lent_;
   std::deque<std::function<void()>> tasks_;
   Reader* leader_ = nullptr;
   std::vector<Reader*> spares_;  // parked; the first one watches the leader
   bool isStarting_ = false;      // a thread was started that has not come to park yet
 };
 
-// ---- Sockets
-
-std::uint64_t Team::enroll(const std::weak_ptr<ReadySocket>& socket) {
-  const std::lock_guard lock(mutex_);
-  startFirstReaderLocked();
-  enrolled_.emplace(++lastKey_, socket);
-  return lastKey_;
-}
-
-void Team::dismiss(std::uint64_t key) {
-  const std::lock_guard lock(mutex_);
-  enrolled_.erase(key);
-}
-
-Team::Socket Team::find(std::uint64_t key) {
-  const std::lock_guard lock(mutex_);
-  const auto found = enrolled_.find(key);
-  return found == enrolled_.end() ? nullptr : found->second.lock();
-}
-
-void Team::lend(std::uint64_t key) {
-  bool isFirst = false;
-  {
-    const std::lock_guard lock(mutex_);
-    isFirst = lent_.empty();
-    addLentLocked(key);
-  }
-  if (isFirst) sockets_.wake();
-}
-
-// Once: sockets are lent and taken back far more often than they are looked at.
-void Team::addLentLocked(std::uint64_t key) {
-  if (std::find(lent_.begin(), lent_.end(), key) == lent_.end()) lent_.push_back(key);
-  hasLent_ = true;
-}
-
-void Team::lookAfterLent() {
-  std::vector<std::uint64_t> lent;
-  {
-    const std::lock_guard lock(mutex_);
-    lent.swap(lent_);
-    hasLent_ = false;
-  }
-  std::erase_if(lent, [this](std::uint64_t key) {
-    const Socket socket = find(key);
-    return !socket || !socket->isStillLent();
-  });
-  const std::lock_guard lock(mutex_);
-  for (const std::uint64_t key : lent) addLentLocked(key);
-}
-
 // ---- Leading
 
 void Team::lead(Reader& self) {
   ensureSpare();
-  if (const Socket unfinished = current_) unfinished->goOn();
+  if (const auto unfinished = current_) unfinished->goOn();
   while (self.phase != Reader::Phase::Replaced && !Reactor::isForked()) {
     current_.reset();
     if (!hasSpare()) ensureSpare();
     if (runTask()) continue;
     if (isStopping_) return;
     const std::size_t count = waitForSockets();
-    if (hasLent_) lookAfterLent();
+    if (sockets_.areLent()) sockets_.lookAfterLent();
     for (std::size_t i = 0; i < count; ++i) {
       // Those that a replaced thread does not come to are still ready for the next leader.
       handle(ready_[i]);
@@ -196,7 +136,7 @@ void Team::post(std::function<void()> task) {
     }
   }
   // It is still here when the process exits.
-  task ? task() : sockets_.wake();
+  task ? task() : readiness_.wake();
 }
 
 /// True when there was one: the thread may have been replaced meanwhile.
@@ -222,17 +162,17 @@ bool Team::runTask() {
 }
 
 void Team::handle(const Ready& ready) {
-  const Socket socket = find(ready.key);
+  const auto socket = sockets_.find(ready.key);
   current_ = socket;
   if (socket) socket->onReady(ready.canRead, ready.canWrite);
 }
 
 std::size_t Team::waitForSockets() {
-  std::size_t count = sockets_.wait(ready_, 0);
+  std::size_t count = readiness_.wait(ready_, 0);
   if (count > 0) return count;
   const auto begin = Clock::now();
   if (const auto longest = patience_.next(); longest.count() > 0)
-    detail::pollBriefly([&] { return (count = sockets_.wait(ready_, 0)) > 0; }, longest);
+    detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
   if (count > 0) {
     patience_.pollingPaid();
   } else {
@@ -247,7 +187,9 @@ std::size_t Team::sleep() {
   leaderSleeps_ = true;
   // The word to wake may have come, and gone, while it polled.
   const bool mustNotSleep = isStopping_ || hasTasks_;
-  const std::size_t count = sockets_.wait(ready_, mustNotSleep ? 0 : hasLent_ ? lentLookMs : -1);
+  const std::size_t count = readiness_.wait(ready_, mustNotSleep         ? 0
+                                                    : sockets_.areLent() ? lentLookMs
+                                                                         : -1);
   leaderSleeps_ = false;
   // One of the two sees the other: the watcher says that it sleeps before it looks at the leader.
   if (watcherSleeps_) {
@@ -313,6 +255,18 @@ void Team::ensureSpare() {
 }
 
 // ---- Threads
+
+std::uint64_t Team::enroll(const std::weak_ptr<ReadySocket>& socket) {
+  {
+    const std::lock_guard lock(mutex_);
+    startFirstReaderLocked();
+  }
+  return sockets_.add(socket);
+}
+
+void Team::lend(std::uint64_t key) {
+  if (sockets_.lend(key)) readiness_.wake();
+}
 
 void Team::startFirstReaderLocked() {
   if (!leader_ && spares_.empty() && !isStarting_ && !isStopping_) startReaderLocked();
@@ -403,7 +357,7 @@ void Team::stop() {
     isStopping_ = true;
     for (Reader* spare : spares_) spare->wake.notify_one();
   }
-  sockets_.wake();
+  readiness_.wake();
 }
 
 Team& team() {
@@ -423,7 +377,7 @@ void Readers::dismiss(std::uint64_t key) {
 
 bool Readers::watch(int descriptor, std::uint64_t key, ReadinessSet::Interest before,
                     ReadinessSet::Interest now) {
-  return team().sockets().watch(descriptor, key, before, now);
+  return team().readiness().watch(descriptor, key, before, now);
 }
 
 void Readers::lend(std::uint64_t key) {

@@ -8,22 +8,9 @@
 #include <gvmessaging/api.h>
 
 #include "src/net/readiness.h"
+#include "src/net/readysocket.h"
 
 namespace gv::net {
-
-/// A socket that the readers look after.
-class ReadySocket {
- public:
-  virtual ~ReadySocket() = default;
-
-  /// Reads and writes what can be without blocking, in the thread that leads the readers. May
-  /// return with Readers::isReplaced(): then another thread goes on, beginning with goOn().
-  virtual void onReady(bool canRead, bool canWrite) = 0;
-  /// Goes on where a thread that was replaced stopped. As onReady.
-  virtual void goOn() = 0;
-  /// About once a millisecond while it is lent (see Readers::lend); false when it is no longer.
-  virtual bool isStillLent() = 0;
-};
 
 /// The threads that read all sockets of the process. One of them leads: it waits for sockets,
 /// reads, and runs what the bytes ask for, foreign code included, without handing it over. When
