@@ -440,6 +440,25 @@ TEST_F(Objects, CutAPeerThatDoesNotReadItsEvents) {
       << "the others are served";
 }
 
+TEST_F(Objects, KeepAPeerThatReadsALargeReplyBesideItsEvents) {
+  DynamicObjectBuilder builder;
+  builder.advertiseMethod("large", [] { return std::string(48u << 20, 'x'); });
+  builder.advertiseSignal<>("tick");
+  const Object<Empty> own = builder.object();
+  server.serve(serviceId + 1, own);
+  const auto reached = client.dial(server.url());
+  const auto object = rpc::RemoteObject::make(reached, serviceId + 1).value(guardMs);
+  object.connect("tick", [] {}).value(guardMs);
+  std::atomic<bool> isOver{false};
+  std::thread emitter([&] {
+    // A call in between, so that the client keeps up.
+    for (; !isOver; shelf.call<void>("none")) own.emit("tick");
+  });
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(object.async<std::string>("large").hasValue(guardMs));
+  isOver = true;
+  emitter.join();
+}
+
 TEST_F(Objects, CutAPeerThatTakesNoneOfItsEventsForSomeTime) {
   wire::Limits limits;
   limits.outputSlow = std::size_t{1} << 30;

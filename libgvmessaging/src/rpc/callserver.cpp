@@ -1,5 +1,6 @@
 #include "src/rpc/callserver.h"
 
+#include <algorithm>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -330,10 +331,15 @@ void CallServer::replyError(const wire::FrameHeader& call, const std::string& te
 
 // ---- Signals of this side's objects
 
-/// Which bound the output passes that a subscriber does not take; empty for none.
-std::string CallServer::exceededOutput() const {
+/// Which bound the output passes that a subscriber does not take; empty for none. Large replies
+/// wait there too, for a peer that reads as fast as it can.
+std::string CallServer::exceededOutput() {
   const std::size_t pending = stream_.pendingBytes();
-  if (pending > limits_.outputSlow) return std::to_string(limits_.outputSlow >> 20) + " MiB";
+  std::size_t events = pendingEvents_;
+  while (events > pending && !pendingEvents_.compare_exchange_weak(events, pending)) {
+  }
+  if (std::min(events, pending) > limits_.outputSlow)
+    return std::to_string(limits_.outputSlow >> 20) + " MiB";
   if (pending == 0 || stream_.stalledFor() < limits_.outputPatience) return {};
   return std::to_string(limits_.outputPatience.count()) + " ms";
 }
@@ -364,7 +370,9 @@ void CallServer::sendEvent(const ObjectAddress& object, const MetaSignal& signal
   header.object = object.object;
   header.member = signal.uid();
   header.messageId = subscription;
-  if (stream_.send(message.finish(header))) sending.wasSent();
+  if (!stream_.send(message.finish(header))) return;
+  sending.wasSent();
+  pendingEvents_ += wire::frameHeaderSize + message.payloadSize();
 }
 
 }  // namespace gv::rpc

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -40,8 +41,9 @@ class CallServer {
 
   /// A Call or a Post, in the thread that reads.
   void onCall(wire::Frame& frame);
-  /// Tells the peer of an emission. Never waits for it: a peer that has not taken what was sent
-  /// before, by more than Limits::outputSlow or for Limits::outputPatience, loses the connection.
+  /// Tells the peer of an emission. Never waits for it: a peer that leaves more than
+  /// Limits::outputSlow of the events before, or takes nothing for Limits::outputPatience, loses
+  /// the connection.
   /// Throws where the values cannot be sent. Any thread.
   void sendEvent(const ObjectAddress& object, const MetaSignal& signal, std::uint64_t subscription,
                  const std::vector<AnyValue>& values);
@@ -69,7 +71,7 @@ class CallServer {
                         const Future<AnyReference>& result);
   void reply(const wire::FrameHeader& call, const std::string& returnSignature,
              const AnyReference& result);
-  std::string exceededOutput() const;
+  std::string exceededOutput();
   void replyError(const wire::FrameHeader& call, const std::string& text);
 
   // The connection and its parts
@@ -81,6 +83,7 @@ class CallServer {
   const std::weak_ptr<ServiceHost> host_;
   const std::shared_ptr<CallBudget> budget_ = std::make_shared<CallBudget>();
   const std::shared_ptr<SignalRelay> relay_;
+  std::atomic<std::size_t> pendingEvents_{0};  // bytes of events that wait in the stream, at most
 };
 
 }  // namespace gv::rpc
