@@ -30,14 +30,15 @@ bool isDirectorys(const wire::FrameHeader& header) {
   return header.service == 1;
 }
 
+bool isPostOf(unsigned member, const wire::FrameHeader& header) {
+  return header.type == wire::FrameType::Post && header.service == 0 && header.member == member;
+}
+
 /// What runs no user code, so that whoever read it serves it: setting a property would run the
 /// handlers of its signal.
 bool isFrameworks(const wire::FrameHeader& header) {
-  return isDirectorys(header) || header.member == static_cast<unsigned>(BuiltinMethod::MetaObject);
-}
-
-bool isPostOf(unsigned member, const wire::FrameHeader& header) {
-  return header.type == wire::FrameType::Post && header.service == 0 && header.member == member;
+  return isDirectorys(header) || isPostOf(unsubscribeId, header) ||
+         header.member == static_cast<unsigned>(BuiltinMethod::MetaObject);
 }
 
 /// Whether values of this signature may name objects.
