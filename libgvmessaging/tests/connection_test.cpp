@@ -235,6 +235,34 @@ TEST_F(ConnectionTest, DescribesServicesAndRefusesCallsWhileEveryThreadIsBlocked
   release.setValue();
 }
 
+TEST_F(ConnectionTest, RefusesMoreCallsOfOnePeerThanItMayHaveUnderWay) {
+  wire::Limits limits;
+  limits.acceptedCalls = 10;
+  ForeignSession strict("strict", os::machineId(), limits);
+  // However they wait: for what they have promised, for their turn, or for a thread.
+  DynamicObjectBuilder promising, serial, queued;
+  promising.advertiseMethod("wait", [gate = gate] { return gate->open.future(); });
+  serial.setThreadingModel(ObjectThreadingModel::SingleThread);
+  for (DynamicObjectBuilder* each : {&serial, &queued})
+    each->advertiseMethod("wait", [gate = gate] { gate->open.future().wait(); });
+  for (DynamicObjectBuilder* each : {&promising, &serial, &queued}) {
+    each->advertiseSignal<>("tick");
+    strict.serve(replaceableId, each->object());
+    const auto reached = client.dial(strict.url());
+    const auto remote = rpc::RemoteObject::make(reached, replaceableId).value(guardMs);
+    const SignalLink link = remote.connect("tick", [] {}).value(guardMs);
+    const auto how = each == &queued ? MetaCallType::Queued : MetaCallType::Auto;
+    for (int i = 0; i < 20; ++i)
+      each == &serial ? remote.post("wait") : void(remote.metaCall("wait", {}, how));
+    const auto refused = failureOf([&] { remote.call<void>("wait"); });
+    EXPECT_THAT(refused.second, HasSubstr("too many calls"));
+    house::LogCapture log;
+    remote.disconnect(link).value(guardMs);
+    EXPECT_TRUE(rpc::RemoteObject::make(reached, replaceableId).hasValue(guardMs));
+    EXPECT_EQ(log.count("was dropped"), 0u) << "a subscription ends all the same";
+  }
+}
+
 // ---- Peers that break the rules
 
 TEST_F(ConnectionTest, LetsARealClientInBesideThoseThatDrip) {

@@ -89,7 +89,7 @@ struct CallTarget {
 
 /// A call of the peer's that was read, waits for a thread of the event loop, and has not ended.
 struct AcceptedCall {
-  std::unique_ptr<CallBudget::Share> share;
+  std::shared_ptr<CallBudget::Share> share;
   wire::Frame frame;
   CallTarget target;
   std::optional<GenericFunctionParameters> arguments;  // where they may name objects
@@ -122,11 +122,8 @@ void CallServer::serveOnEventLoop(wire::Frame& frame) {
   const wire::FrameHeader header = frame.header;
   const auto call = releasedElsewhere(AcceptedCall());
   try {
-    if (budget_->calls >= limits_.acceptedCalls || budget_->bytes >= limits_.acceptedBytes) {
-      objects_.giveBack(frame.bytes());
-      throw std::runtime_error("too many calls of this connection are under way");
-    }
-    call->share = std::make_unique<CallBudget::Share>(budget_, 1, frame.payload.size());
+    checkBudget(frame);
+    call->share = shareOf(header);
     call->target = findTarget(frame);
     if (mayNameObjects(call->target.method->parametersSignature()))
       call->arguments = readArguments(frame, call->target);
@@ -167,6 +164,7 @@ void CallServer::serve(const wire::Frame& frame, MetaCallType callType) {
   std::optional<net::Readers::ForeignCode> foreign;
   std::shared_ptr<CallTarget> released;  // keeps it from being destroyed by who must not do that
   try {
+    if (!isFrameworks(header)) checkBudget(frame);
     const CallTarget target = findTarget(frame);
     if (!net::Readers::mayRunForeignCode()) released = releasedElsewhere(CallTarget(target));
     // Calls of a single-threaded object are only put in its queue: in the order of their frames. So
@@ -182,6 +180,16 @@ void CallServer::serve(const wire::Frame& frame, MetaCallType callType) {
   } catch (...) {
     replyError(header, "unknown exception");
   }
+}
+
+void CallServer::checkBudget(const wire::Frame& frame) {
+  if (budget_->calls < limits_.acceptedCalls && budget_->bytes < limits_.acceptedBytes) return;
+  objects_.giveBack(frame.bytes());
+  throw std::runtime_error("too many calls of this connection are under way");
+}
+
+std::shared_ptr<CallBudget::Share> CallServer::shareOf(const wire::FrameHeader& header) const {
+  return std::make_shared<CallBudget::Share>(budget_, 1, header.payloadSize);
 }
 
 CallTarget CallServer::findTarget(const wire::Frame& frame) {
@@ -216,8 +224,10 @@ void CallServer::callMethod(const wire::FrameHeader& header, const CallTarget& t
   const bool mayBeQueued = callType == MetaCallType::Queued || header.type == wire::FrameType::Post;
   if (!mayBeQueued && callNow(header, target, arguments)) return;
   const Future<AnyReference> result = startMethod(header, target, arguments, callType);
-  if (header.type == wire::FrameType::Post) return;
-  replyWhenSettled(header, target.method->returnSignature().toString(), result);
+  if (header.type != wire::FrameType::Post)
+    replyWhenSettled(header, target.method->returnSignature().toString(), result);
+  else if (result.isRunning())
+    result.connect([share = shareOf(header)](const auto&) {}, FutureCallbackType::Sync);
 }
 
 /// What most calls take: without a future. False: nothing has run.
@@ -274,8 +284,8 @@ void CallServer::replyWhenSettled(const wire::FrameHeader& call, const std::stri
     return reply(call, returnSignature, result.value(0));
   Promise<AnyReference> flattened(FutureCallbackType::Sync);
   flattened.future().connect(
-      [this, self = connection_.shared_from_this(), call,
-       returnSignature](const Future<AnyReference>& settled) {
+      [this, self = connection_.shared_from_this(), call, returnSignature,
+       share = shareOf(call)](const Future<AnyReference>& settled) {
         try {
           reply(call, returnSignature, settled.value());
         } catch (const std::exception& error) {

@@ -57,6 +57,8 @@ class CallServer {
   void serve(const wire::Frame& frame, MetaCallType callType);
   void serveOnEventLoop(wire::Frame& frame);
   void serveAccepted(const AcceptedCall& call);
+  void checkBudget(const wire::Frame& frame);
+  std::shared_ptr<CallBudget::Share> shareOf(const wire::FrameHeader& header) const;
   CallTarget findTarget(const wire::Frame& frame);
   GenericFunctionParameters readArguments(const wire::Frame& frame, const CallTarget& target);
   void callMethod(const wire::FrameHeader& header, const CallTarget& target,
