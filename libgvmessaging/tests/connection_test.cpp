@@ -16,6 +16,7 @@
 #include "foreignsession.h"
 #include "memorypeer.h"
 #include "src/net/reactor.h"
+#include "src/net/readers.h"
 #include "streamrecorder.h"
 #include "support/log_capture.h"
 #include "support/rawpeer.h"
@@ -261,6 +262,20 @@ TEST_F(ConnectionTest, RefusesMoreCallsOfOnePeerThanItMayHaveUnderWay) {
     EXPECT_TRUE(rpc::RemoteObject::make(reached, replaceableId).hasValue(guardMs));
     EXPECT_EQ(log.count("was dropped"), 0u) << "a subscription ends all the same";
   }
+}
+
+TEST_F(ConnectionTest, ServesOthersBetweenManyShortCallbacks) {
+  std::atomic<int> left{200};
+  for (int i = left; i > 0; --i)
+    net::Readers::post([&left] {
+      for (const auto begin = std::chrono::steady_clock::now();
+           std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(1);) {
+      }
+      --left;
+    });
+  EXPECT_EQ(calculator.async<int>("add", 1, 1).value(guardMs), 2);
+  EXPECT_GT(left, 0);
+  while (left > 0) std::this_thread::yield();
 }
 
 // ---- Peers that break the rules

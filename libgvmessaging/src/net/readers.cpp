@@ -82,7 +82,7 @@ class Team {
   std::size_t waitForSockets();
   std::size_t sleep();
   void handle(const Ready& ready);
-  bool runTask();
+  void runTask();
 
   ReadySockets sockets_;
   ReadinessSet readiness_;
@@ -114,8 +114,10 @@ void Team::lead(Reader& self) {
   while (self.phase != Reader::Phase::Replaced && !Reactor::isForked()) {
     current_.reset();
     if (!hasSpare()) ensureSpare();
-    if (runTask()) continue;
-    if (isStopping_) return;
+    // One at a time: many that each are over soon must not keep the sockets waiting either.
+    runTask();
+    if (self.phase == Reader::Phase::Replaced || Reactor::isForked()) return;
+    if (isStopping_ && !hasTasks_) return;
     const std::size_t count = waitForSockets();
     if (sockets_.areLent()) sockets_.lookAfterLent();
     for (std::size_t i = 0; i < count; ++i) {
@@ -139,13 +141,13 @@ void Team::post(std::function<void()> task) {
   task ? task() : readiness_.wake();
 }
 
-/// True when there was one: the thread may have been replaced meanwhile.
-bool Team::runTask() {
-  if (!hasTasks_) return false;
+/// The next one, if there is one: the thread may have been replaced meanwhile.
+void Team::runTask() {
+  if (!hasTasks_) return;
   std::function<void()> task;
   {
     const std::lock_guard lock(mutex_);
-    if (tasks_.empty()) return false;
+    if (tasks_.empty()) return;
     task = std::move(tasks_.front());
     tasks_.pop_front();
     hasTasks_ = !tasks_.empty();
@@ -158,7 +160,6 @@ bool Team::runTask() {
            "a callback failed: " + gv::detail::currentError().text);
   }
   task = nullptr;
-  return true;
 }
 
 void Team::handle(const Ready& ready) {
@@ -169,7 +170,7 @@ void Team::handle(const Ready& ready) {
 
 std::size_t Team::waitForSockets() {
   std::size_t count = readiness_.wait(ready_, 0);
-  if (count > 0) return count;
+  if (count > 0 || hasTasks_) return count;
   const auto begin = Clock::now();
   if (const auto longest = patience_.next(); longest.count() > 0)
     detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
