@@ -5,12 +5,15 @@
 #include <array>
 #include <atomic>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
 #include <gvtype/dynamicobjectbuilder.h>
+#include <gvtype/struct.h>
 
 #include "memorypeer.h"
+#include "src/net/readers.h"
 #include "src/wire/valuereader.h"
 #include "src/wire/valuewriter.h"
 #include "support/watchdog.h"
@@ -50,6 +53,13 @@ std::string errorText(std::string_view answer) {
   wire::readValue(answer.substr(wire::frameHeaderSize), AnyReference::from(text), wire::Limits());
   return text;
 }
+
+/// Notes which thread makes it.
+struct Noted {
+  int value = 0;
+  std::thread::id maker = std::this_thread::get_id();
+};
+GV_STRUCT(Noted, value)
 
 class ConnectionState : public testing::Test {
  protected:
@@ -198,6 +208,25 @@ TEST_F(ConnectionState, EndsOnceWhereverThePeerVanishes) {
       EXPECT_THAT(sum.error(), HasSubstr("was lost: cut")) << at;
   }
   EXPECT_EQ(runs, 0);
+}
+
+TEST_F(ConnectionState, MakesNothingOfItsUsersInAThreadThatReadsWhileItWaits) {
+  MemoryPeer peer = makePeer(Role::Client);
+  open(peer);
+  DynamicObjectBuilder builder;
+  const unsigned id = builder.advertiseMethod("make", [] { return Noted(); });
+  const MetaMethod make = *builder.object().metaObject().method(id);
+  const auto made = detail::futureOfResult<Noted>([&](auto sink) {
+    peer.connection->call(notebookId, make, {}, MetaCallType::Auto, std::move(sink));
+  });
+  std::string answer = frame(FrameType::Reply, "\x91\x05");
+  answer.replace(24, 8, peer.hear(), 24, 8);
+  {
+    const net::Readers::Borrowing borrowing;
+    peer.tell(answer);
+  }
+  EXPECT_EQ(made.value().value, 5);
+  EXPECT_NE(made.value().maker, std::this_thread::get_id());
 }
 
 TEST_F(ConnectionState, LosesNoFrameBehindOneThatWasChanged) {
