@@ -99,7 +99,6 @@ bool AnyValue::fitsInline(const TypeInterface* type) {
          type->nothrowMove;
 }
 
-/// Makes room for a value and has one constructed there; gives the room back where that fails.
 bool AnyValue::emplace(const TypeInterface* type, FunctionRef<bool(void* memory)> construct) {
   reset();
   void* memory = inline_;
@@ -119,7 +118,12 @@ bool AnyValue::emplace(const TypeInterface* type, FunctionRef<bool(void* memory)
     throw;
   }
   type_ = type;
-  updateNesting();
+  try {
+    updateNesting();
+  } catch (...) {
+    reset();
+    throw;
+  }
   return true;
 }
 
