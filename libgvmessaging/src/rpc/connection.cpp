@@ -108,8 +108,8 @@ void Connection::call(const ObjectAddress& object, const MetaMethod& method,
   wire::Message message(&sending);
   try {
     encodeArguments(message, method, arguments);
-  } catch (const std::exception& error) {
-    return sink->fail(error.what(), State_::NotSent);
+  } catch (...) {  // also of converting what is the user's
+    return sink->fail(gv::detail::currentError().text, State_::NotSent);
   }
   wire::FrameHeader header = makeHeader(object, method, callType);
   header.type = wire::FrameType::Call;
