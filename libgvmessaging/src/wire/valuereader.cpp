@@ -35,6 +35,8 @@ class Decoder : public msgpack::null_visitor {
         budget_(limits.decodedBytes),
         nesting_(limits.nesting),
         objects_(objects) {}
+  Decoder(const Decoder&) = delete;
+  Decoder& operator=(const Decoder&) = delete;
 
   std::size_t budget() const { return budget_; }
 
