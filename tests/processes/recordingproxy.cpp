@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <stdexcept>
+#include <system_error>
 
 namespace processes {
 
@@ -15,7 +16,11 @@ Recording RecordingProxy::record(int serverPort) {
   house::RawPeer server = house::RawPeer::connectTo(serverPort);
   Recording recording;
   const auto passOn = [](house::RawPeer& from, house::RawPeer& to, std::string& record) {
-    const std::string bytes = from.receive();
+    std::string bytes;
+    try {
+      bytes = from.receive();
+    } catch (const std::system_error&) {  // a reset is an end, too
+    }
     record += bytes;
     to.send(bytes);
     return !bytes.empty();
