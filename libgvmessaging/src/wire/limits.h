@@ -21,7 +21,8 @@ struct Limits {
   /// The same for the payloads of the handshake.
   std::size_t handshakeDecodedBytes = std::size_t{1} << 20;
 
-  /// Calls of one peer that were read and have not ended, and the bytes of their arguments.
+  /// Calls of one peer that were read and have not ended, and the bytes of their arguments and of
+  /// events that wait for their handlers.
   std::size_t acceptedCalls = 10'000;
   std::size_t acceptedBytes = std::size_t{256} << 20;
 
