@@ -44,6 +44,7 @@ Object<Empty> makeCalculator(const std::shared_ptr<Gate>& gate) {
   builder.advertiseMethod("add", [](int a, int b) { return a + b; });
   builder.advertiseMethod("fail", [](const std::string& text) { throw std::runtime_error(text); });
   builder.advertiseMethod("throwNumber", [] { throw 5; });
+  builder.advertiseMethod("echo", [](const AnyValue& value) { return value; });
   builder.advertiseMethod("count", [](const AnyArguments& all) { return all.args.size(); });
   builder.advertiseMethod(
       "large", [](int size) { return std::string(static_cast<std::size_t>(size), 'x'); });
@@ -98,6 +99,9 @@ TEST_F(ConnectionTest, CarriesCallsAndResults) {
   EXPECT_EQ(calculator.call<std::size_t>("count", 1, std::string("a"), 2.5), 3u);
   EXPECT_EQ(calculator.call<std::string>("later"), "at last");
   EXPECT_EQ(calculator.call<std::string>("large", 5'000'000).size(), 5'000'000u);
+  AnyValue deepest = AnyValue::from(std::vector<int>{1});
+  for (int i = 0; i < 31; ++i) deepest = AnyValue::from(std::vector<AnyValue>{deepest});
+  EXPECT_EQ(calculator.call<AnyValue>("echo", deepest), deepest);
 }
 
 TEST_F(ConnectionTest, TellsTheEndingsApart) {

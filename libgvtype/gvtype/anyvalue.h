@@ -59,8 +59,8 @@ class GVTYPE_API AnyValue {
   std::string signature() const { return asReference().signature(); }
 
   /// Replaces the value by one of `type` that `construct` makes in the memory it is given. Where it
-  /// returns false or throws, it made none, and this is empty then; also where what it made nests
-  /// too deep.
+  /// returns false or throws, it made none, and this is empty then. The levels are not counted: see
+  /// updateNesting().
   bool emplace(const TypeInterface* type, FunctionRef<bool(void* memory)> construct);
 
   /// The value converted to T. Throws ConversionError where it does not convert or does not fit.

@@ -118,17 +118,12 @@ bool AnyValue::emplace(const TypeInterface* type, FunctionRef<bool(void* memory)
     throw;
   }
   type_ = type;
-  try {
-    updateNesting();
-  } catch (...) {
-    reset();
-    throw;
-  }
   return true;
 }
 
 void AnyValue::hold(const TypeInterface* type, FunctionRef<void(void* memory)> construct) {
   emplace(type, [&](void* memory) { return construct(memory), true; });
+  updateNesting();
 }
 
 void AnyValue::updateNesting() {
