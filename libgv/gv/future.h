@@ -35,7 +35,7 @@ struct Continuation;
 /// Callbacks are called once each, with this future finished:
 /// - `Sync` ones in the thread that settles, before the settlement returns to its caller, or at
 ///   once in the connecting thread when the future has ended. `Async` ones on the event loop,
-///   always. Where a waiting thread settles the futures of others, `Sync` ones run in another one.
+///   always. Where the settling thread waits itself, or serves many, `Sync` ones run in another.
 /// - Those connected before the end start in the order in which they were connected (the `Async`
 ///   ones may overlap). One connected while it is being settled is called like any other.
 /// - A callback may connect, cancel, wait for other futures, settle other promises and drop any

@@ -75,8 +75,8 @@ class GV_API WaitAid {
 };
 
 /// While it lives, synchronous callbacks of futures that this thread settles are given to `runner`,
-/// which runs them in another one: for threads that settle the futures of others while they wait
-/// for their own, and may hold locks that a callback wants.
+/// which runs them in another one: for threads that no callback may hold up, and for those that
+/// settle the futures of others while they wait, and may hold locks that a callback wants.
 class GV_API CallbacksElsewhere {
  public:
   using Runner = void (*)(std::function<void()> callback);
