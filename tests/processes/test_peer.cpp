@@ -71,7 +71,6 @@ void serve(const Words& words) {
   for (const char* name : {"hold", "keep", "stay"})
     server.advertiseMethod(name, [] {
       ++holding;
-      say("holding");
       for (;;) ::pause();
     });
   gv::DynamicObjectBuilder other;
@@ -95,7 +94,12 @@ void serve(const Words& words) {
 void callOnce(const gv::Object<gv::Empty>& server, const std::string& method, int nonce) {
   static const std::string bytes(8u << 20, 'x');
   static const gv::Buffer buffer(bytes.data(), bytes.size());
-  if (method == "hold") server.call<void>(method);
+  if (method == "hold") {
+    const auto held = server.async<void>(method);
+    callOnce(server, "work", nonce);  // its answer brings acknowledgements of all that was sent
+    say("acknowledged");
+    held.value();
+  }
   if (method == "work" && server.call<int>(method, nonce) != nonce)
     throw std::runtime_error("a wrong number");
   if (method == "echo" && server.call<gv::Buffer>(method, buffer) != buffer)

@@ -43,10 +43,11 @@ void setOption(int socket, int level, int option, int value) {
   static_cast<void>(::setsockopt(socket, level, option, &value, sizeof value));
 }
 
-// Finds a dead link without traffic within the bound: a third of it quiet, then probes.
+// Finds a dead link without traffic: probes for the bound, once it was quiet for a quarter of it.
+// So none is given up before it has been dead for the bound, whenever it died.
 void keepAlive(int socket, std::chrono::milliseconds bound) {
   const int seconds = static_cast<int>(std::chrono::ceil<std::chrono::seconds>(bound).count());
-  const int idle = std::max(1, seconds / 3);
+  const int idle = std::max(1, seconds / 4);
   const int interval = std::max(1, seconds / 6);
   setOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
 #ifdef TCP_KEEPIDLE
@@ -55,7 +56,7 @@ void keepAlive(int socket, std::chrono::milliseconds bound) {
   setOption(socket, IPPROTO_TCP, TCP_KEEPALIVE, idle);
 #endif
   setOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, interval);
-  setOption(socket, IPPROTO_TCP, TCP_KEEPCNT, std::max(1, (seconds - idle) / interval));
+  setOption(socket, IPPROTO_TCP, TCP_KEEPCNT, (seconds + interval - 1) / interval);
 }
 
 #ifndef SOCK_CLOEXEC
