@@ -59,6 +59,7 @@ Object<Empty> makeCalculator(const std::shared_ptr<Gate>& gate) {
     while (gate->open.future().isRunning()) std::this_thread::yield();
     return 1;
   });
+  builder.advertiseMethod("promise", [gate] { return gate->open.future(); });
   builder.advertiseMethod("later", [] {
     return getEventLoop()->async([]() -> std::string { return "at last"; },
                                  std::chrono::milliseconds(1));
@@ -214,15 +215,11 @@ TEST_F(ConnectionTest, ServesOthersWhileAMethodRunsOnAndOn) {
 }
 
 TEST_F(ConnectionTest, DescribesServicesAndRefusesCallsWhileEveryThreadIsBlocked) {
-  Promise<int> answer;
-  DynamicObjectBuilder builder;
-  builder.advertiseMethod("answer", [answered = answer.future()] { return answered; });
-  server.serve(replaceableId, builder.object());
-  const auto patient = rpc::RemoteObject::make(connection, replaceableId).value(guardMs);
   Promise<void> release;
+  // Connected before the replies come: else they would run here.
   for (int i = 0; i < 2; ++i)
-    patient.async<int>("answer").connect(
-        [blocked = release.future()](const Future<int>&) { blocked.wait(); },
+    calculator.async<void>("promise").connect(
+        [blocked = release.future()](const Future<void>&) { blocked.wait(); },
         FutureCallbackType::Sync);
   EventLoop& loop = *getEventLoop();
   const unsigned ceiling = loop.figures().maxThreads;
@@ -231,7 +228,7 @@ TEST_F(ConnectionTest, DescribesServicesAndRefusesCallsWhileEveryThreadIsBlocked
   while (loop.figures().blocked < ceiling) std::this_thread::yield();
   // Nor do callbacks of replies stop the reading: they exceed the ceiling, and that is told.
   house::LogCapture log;
-  answer.setValue(1);
+  gate->open.setValue();
   while (loop.figures().blocked < ceiling + 2) std::this_thread::yield();
   EXPECT_TRUE(log.waitForText("block beyond GV_EVENTLOOP_MAX_THREADS"));
   EXPECT_TRUE(rpc::RemoteObject::make(connection, calculatorId).hasValue(guardMs));

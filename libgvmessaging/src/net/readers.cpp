@@ -49,8 +49,8 @@ struct Reader final : BlockingObserver {
   std::atomic<Phase> phase{
       Phase::Own};                 // to Replaced under the team's mutex, by whoever replaces it
   std::atomic<unsigned> calls{0};  // of foreign code, to tell one from the next
-  std::optional<EventLoop::Guest> guest;  // its own while replaced, else of the team's mutex
-  bool waitsAsGuest = false;              // of its thread
+  bool isBlocked = false;          // of the team's mutex; written by its own thread alone
+  std::optional<EventLoop::Guest> guest;  // of the team's mutex; while it is replaced
   std::condition_variable wake;
 };
 
@@ -65,7 +65,8 @@ class Team {
   void lend(std::uint64_t key);
   void post(std::function<void()> task);
   bool hasSpare() const { return hasSpare_.load(std::memory_order_relaxed); }
-  void replace(Reader& blocked) noexcept;
+  void willBlock(Reader& reader) noexcept;
+  void hasUnblocked(Reader& reader) noexcept;
   void stop();
 
  private:
@@ -204,31 +205,34 @@ std::size_t Team::sleep() {
 // ---- Being replaced
 
 void Reader::willBlock() noexcept {
-  if (phase == Phase::Foreign) team.replace(*this);
-  if (phase != Phase::Replaced) return;
-  waitsAsGuest = true;
-  guest->willBlock();
+  if (phase != Phase::Own) team.willBlock(*this);
 }
 
 void Reader::hasUnblocked() noexcept {
-  if (std::exchange(waitsAsGuest, false)) guest->hasUnblocked();
+  if (isBlocked) team.hasUnblocked(*this);
 }
 
-void Team::replace(Reader& blocked) noexcept {
+void Team::willBlock(Reader& reader) noexcept {
   const std::lock_guard lock(mutex_);
-  replaceLocked(blocked);
+  replaceLocked(reader);
+  reader.isBlocked = true;
+  if (reader.phase == Reader::Phase::Replaced) reader.guest->willBlock();
+}
+
+void Team::hasUnblocked(Reader& reader) noexcept {
+  const std::lock_guard lock(mutex_);
+  reader.isBlocked = false;
+  if (reader.phase == Reader::Phase::Replaced) reader.guest->hasUnblocked();
 }
 
 /// Unless there is nobody who could take the lead, or it has just come back by itself.
 void Team::replaceLocked(Reader& leader) {
   if (leader_ != &leader || spares_.empty()) return;
-  // First: once it is replaced the guest is its own, and it may be waiting already.
-  leader.guest.emplace(*getEventLoop());
   auto expected = Reader::Phase::Foreign;
-  if (leader.phase.compare_exchange_strong(expected, Reader::Phase::Replaced))
-    appointLocked();
-  else
-    leader.guest.reset();
+  if (!leader.phase.compare_exchange_strong(expected, Reader::Phase::Replaced)) return;
+  leader.guest.emplace(*getEventLoop());
+  appointLocked();
+  if (leader.isBlocked) leader.guest->willBlock();  // since before there was a spare
 }
 
 void Team::appointLocked() {
