@@ -163,9 +163,10 @@ void CallServer::serve(const wire::Frame& frame, MetaCallType callType) {
   // Outlives the object: its destructor is foreign, too.
   std::optional<net::Readers::ForeignCode> foreign;
   std::shared_ptr<CallTarget> released;  // keeps it from being destroyed by who must not do that
+  CallTarget target;
   try {
     if (!isFrameworks(header)) checkBudget(frame);
-    const CallTarget target = findTarget(frame);
+    target = findTarget(frame);
     if (!net::Readers::mayRunForeignCode()) released = releasedElsewhere(CallTarget(target));
     // Calls of a single-threaded object are only put in its queue: in the order of their frames. So
     // are arguments read that may name objects: what follows may give them back.
@@ -174,12 +175,12 @@ void CallServer::serve(const wire::Frame& frame, MetaCallType callType) {
     const auto arguments = readArguments(frame, target);
     if (!isQueued && !foreign) foreign.emplace();
     callMethod(header, target, arguments, callType);
-    if (!foreign) foreign.emplace();
   } catch (const std::exception& error) {
     replyError(header, error.what());
   } catch (...) {
     replyError(header, "unknown exception");
   }
+  if (!foreign) foreign.emplace();
 }
 
 void CallServer::checkBudget(const wire::Frame& frame) {
