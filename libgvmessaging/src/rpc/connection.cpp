@@ -29,8 +29,9 @@ AnyReference ownedBy(const std::shared_ptr<AnyValue>& value) {
   return {reference.type(), reference.pointer(), value};
 }
 
-/// Converting to a user's type runs that type's code.
-void settleElsewhere(std::shared_ptr<ResultSink> sink, const std::shared_ptr<AnyValue>& value) {
+/// Converting to a user's type runs that type's code, and with the sink a value of it may go.
+void settleElsewhere(std::unique_ptr<ResultSink> given, const std::shared_ptr<AnyValue>& value) {
+  const auto sink = releasedElsewhere(std::move(given));
   try {
     net::Readers::post([sink, value] { sink->settle(ownedBy(value)); });
   } catch (const std::exception& error) {
@@ -246,8 +247,9 @@ void Connection::onInput(std::size_t count) {
   if (reader_.error().empty() || hasEnded()) return;
   GV_LOG(log::Level::Verbose, category, "onInput",
          "closing the connection of " + peerName() + ": " + reader_.error());
-  lose(reader_.error());
+  // First: what is lost may be foreign, and this thread replaced meanwhile.
   stream_->close(reader_.error());
+  lose(reader_.error());
 }
 
 void Connection::onFrame(wire::Frame& frame) {
