@@ -38,7 +38,7 @@ void SignalRelay::reserve(std::uint64_t subscription, const Object<Empty>& objec
 bool SignalRelay::keep(std::uint64_t subscription, SignalLink link) {
   const std::lock_guard lock(mutex_);
   const auto found = subscriptions_.find(subscription);
-  if (found == subscriptions_.end()) return false;
+  if (found == subscriptions_.end() || found->second.link != 0) return false;  // or of that number
   found->second.link = link;
   return true;
 }
