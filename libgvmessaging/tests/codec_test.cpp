@@ -106,6 +106,24 @@ TEST(Codec, RefusesEveryPairOfDifferentKinds) {
               HasSubstr("no error"));
 }
 
+TEST(Codec, TakesNoIntegerBeyondTheRangeOfItsType) {
+  const auto takes = [](const std::string& type, const auto& number) {
+    const AnyReference value = AnyReference::from(number);
+    return errorOf(written(value, value.signature()), type) == "no error";
+  };
+  const struct {
+    const char* type;
+    std::int64_t least, most;
+  } ranges[] = {{"c", -128, 127}, {"y", 0, 255},        {"n", -32768, 32767},
+                {"q", 0, 65535},  {"u", 0, 0xffffffff}, {"i", -0x80000000LL, 0x7fffffff}};
+  for (const auto& [type, least, most] : ranges) {
+    EXPECT_TRUE(takes(type, least) && takes(type, most)) << type;
+    EXPECT_FALSE(takes(type, least - 1) || takes(type, most + 1)) << type;
+  }
+  const std::uint64_t beyond = std::uint64_t{1} << 63;
+  EXPECT_TRUE(takes("t", beyond) && !takes("x", beyond) && !takes("t", -1));
+}
+
 TEST(Codec, RefusesLiesBeforeTheyCostAnything) {
   EXPECT_THAT(errorOf(bytes("\xdd\xff\xff\xff\xff"), "ai"), HasSubstr("more elements than"));
   EXPECT_THAT(errorOf(bytes(std::string("\xdf\x20\0\0\0", 5)), "a{si}"),
