@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -113,6 +114,17 @@ Transfer sendSome(int socket, std::span<const iovec> buffers) {
   message.msg_iov = const_cast<iovec*>(buffers.data());
   message.msg_iovlen = buffers.size();
   return asTransfer(repeated([&] { return ::sendmsg(socket, &message, sendFlags); }));
+}
+
+std::size_t unacknowledgedBytes(int socket) {
+  int bytes = 0;
+#ifdef SO_NWRITE
+  socklen_t size = sizeof bytes;
+  static_cast<void>(::getsockopt(socket, SOL_SOCKET, SO_NWRITE, &bytes, &size));
+#else
+  static_cast<void>(::ioctl(socket, TIOCOUTQ, &bytes));
+#endif
+  return static_cast<std::size_t>(bytes);
 }
 
 Transfer receiveSome(int socket, std::span<char> buffer) {

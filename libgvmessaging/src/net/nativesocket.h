@@ -32,6 +32,9 @@ void tuneConnection(int socket);
 
 Transfer sendSome(int socket, std::span<const iovec> buffers);
 
+/// Bytes that were sent and that the peer has not acknowledged; 0 where the system does not tell.
+std::size_t unacknowledgedBytes(int socket);
+
 /// No bytes and no error: the peer has closed its side.
 Transfer receiveSome(int socket, std::span<char> buffer);
 

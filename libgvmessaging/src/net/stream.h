@@ -66,7 +66,7 @@ class Stream {
 
   /// Bytes taken by send() and not yet by the system.
   virtual std::size_t pendingBytes() const = 0;
-  /// How long the system has taken nothing of them, for want of room.
+  /// How long the system has had no room for them, and the peer taken nothing of what it has.
   virtual std::chrono::milliseconds stalledFor() const { return {}; }
 
   /// Ends the stream now: pending output is dropped, no more is read (an onInput() that another

@@ -114,7 +114,9 @@ class TcpStream final : public Stream,
   std::size_t direct_ = 0;       // bytes that a sender is writing past the queue
   bool writing_ = false;         // the writer's role
   bool awaitsWritable_ = false;  // the readers will call onWritable()
-  std::chrono::steady_clock::time_point stalledAt_;  // the last write that left some, meanwhile
+  // As stalledFor() last saw it: when the peer took something, and what it had left
+  mutable std::chrono::steady_clock::time_point stalledAt_;
+  mutable std::size_t unacknowledged_ = 0;  // 0: not known since the last write
   bool readRest_ = false;  // writing failed: what the peer sent before is still to be read
   std::shared_ptr<Timer> flushTimer_;
 

@@ -53,11 +53,15 @@ std::size_t TcpStream::pendingBytes() const {
   return output_.bytes() + direct_;
 }
 
+// The system says that there is room when there is much of it: a slow peer takes long until then.
 std::chrono::milliseconds TcpStream::stalledFor() const {
   using std::chrono::milliseconds;
   const Lock lock(mutex_);
-  if (!awaitsWritable_) return {};
-  return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - stalledAt_);
+  if (!awaitsWritable_ || isFinished_) return {};
+  const auto now = std::chrono::steady_clock::now();
+  const std::size_t before = std::exchange(unacknowledged_, unacknowledgedBytes(descriptor_));
+  if (before == 0 || unacknowledged_ < before) stalledAt_ = now;
+  return std::chrono::duration_cast<milliseconds>(now - stalledAt_);
 }
 
 // Nobody else is about to write what waits.
@@ -95,7 +99,7 @@ void TcpStream::afterWriteLocked(const Transfer& last) {
   }
   if (state_ == State::Closing) return finishIfFreeLocked();  // close() left it to the writer
   awaitsWritable_ = !output_.empty();
-  if (awaitsWritable_) stalledAt_ = std::chrono::steady_clock::now();
+  if (awaitsWritable_) unacknowledged_ = 0;
   if (isPaused_ && output_.bytes() <= limits_.outputSlow) {
     isPaused_ = false;
     pauseTimer_.reset();
