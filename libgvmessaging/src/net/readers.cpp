@@ -242,8 +242,9 @@ void Team::appointLocked() {
   leader_->wake.notify_one();
 }
 
+/// One that is about to come counts: it finds the leader in its call, and replaces it then.
 void Team::setSparesLocked() {
-  hasSpare_ = !spares_.empty();
+  hasSpare_ = !spares_.empty() || isStarting_;
 }
 
 void Team::ensureSpare() {
@@ -287,6 +288,7 @@ void Team::startReaderLocked() {
     isStarting_ = false;
     throw;
   }
+  setSparesLocked();
 }
 
 void Team::run(const std::shared_ptr<Reader>& self) {

@@ -44,7 +44,8 @@ class GVMESSAGING_API Readers {
   /// no thread can be made.
   static void post(std::function<void()> task);
 
-  /// True in the leading thread outside of foreign code, while a spare is there to replace it.
+  /// True in the leading thread outside of foreign code, while a spare is there to replace it, or
+  /// on its way.
   static bool mayRunForeignCode();
   /// True in a thread that led, until it has returned to its team: it must not touch what belongs
   /// to the reading side any more.
