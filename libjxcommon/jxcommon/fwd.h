@@ -16,5 +16,6 @@ class JXProxy;
 class JXProxyPrivate;
 struct JXMethodInfo;
 struct JXModuleInfo;
+struct JXPCallTask;
 
 }  // namespace JX

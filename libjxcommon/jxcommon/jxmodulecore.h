@@ -2,7 +2,10 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
+#include <gvtype/anyarguments.h>
+#include <gvtype/anyvalue.h>
 #include <gvtype/dynamicobject.h>
 #include <gvtype/dynamicobjectbuilder.h>
 #include <jxcommon/api.h>
@@ -27,8 +30,11 @@ class JXCOMMON_API JXModuleCore : public boost::enable_shared_from_this<JXModule
                                   private boost::noncopyable,
                                   public gv::DynamicObject {
  public:
-  /// Makes a stopped module that offers "exit". Any name is taken here; publishing refuses one
-  /// outside the grammar of service names.
+  /// What kind of program a module was, to older tools; the library stores and reads none.
+  enum ModuleType { MODULE_TYPE_UNDEFINED = 0 };
+
+  /// Makes a stopped module that offers "exit", "__pCall" and "pCall". Any name is taken here;
+  /// publishing refuses one outside the grammar of service names.
   JXModuleCore(boost::shared_ptr<JXBroker> broker, const std::string& name);
   ~JXModuleCore() override;
 
@@ -52,19 +58,73 @@ class JXCOMMON_API JXModuleCore : public boost::enable_shared_from_this<JXModule
   /// back stopped when exit() was called meanwhile.
   void initModule();
 
-  /// Withdraws a published module; does nothing on a stopped one. Bodies that are running finish.
-  virtual void exit();
-
-  /// Called once by createModule before the module is published. Does nothing; modules override it.
-  virtual void init();
-
   /// Routes a call. Methods of the framework (ids up to 98) go to the framework. Any other runs in
-  /// the calling thread, or, called queued, on the event loop with copies of its arguments. An
-  /// unknown id and whatever the method throws end the future in error. Throws boost::bad_weak_ptr.
+  /// the calling thread, or, called queued, on the event loop with copies of its arguments, but for
+  /// "__pCall", which always runs at once. An unknown id and whatever the method throws end the
+  /// future in error. Throws boost::bad_weak_ptr.
   gv::Future<gv::AnyReference> metaCall(gv::Object<gv::Empty> context, unsigned methodId,
                                         const gv::GenericFunctionParameters& parameters,
                                         gv::MetaCallType callType,
                                         gv::Signature returnSignature) override;
+
+  /// Not implemented: logs an error and returns false; `result` stays as it is.
+  virtual bool execute(const std::string& name, const JXValue& arguments, JXValue& result);
+  /// The version of the module: "2.1.4" where it has none of its own.
+  virtual std::string version();
+  /// Withdraws a published module; does nothing on a stopped one. Bodies that are running finish.
+  virtual void exit();
+  /// Not implemented: logs an error and returns its text.
+  virtual std::string httpGet();
+  /// Called once by createModule before the module is published. Does nothing; modules override it.
+  virtual void init();
+
+  // ---- Posted calls
+
+  /// What the method "pCall" is: posts the method that the first argument names with the others.
+  /// Returns the task's id at once. Throws JXError without arguments, and for what JXProxy::pCall
+  /// does.
+  int pCall(gv::AnyArguments arguments);
+  /// What the method "__pCall" is: posts a method by its id. It runs on the event loop with copies
+  /// of the arguments; the module lives until it has ended. Returns the task's id at once: ids
+  /// count from 1 over all modules of the process. Throws JXError for an unknown id, and
+  /// boost::bad_weak_ptr.
+  int _pCall(unsigned methodId, const std::vector<gv::AnyValue>& arguments);
+
+  // ---- What the module tells of itself
+
+  /// The names of all methods, each once, those of the framework first, by ascending id.
+  std::vector<std::string> getMethodList();
+  /// Of a method: its name, its description, an array of name and description of each parameter, an
+  /// empty text and the description of its result. Of several overloads the first one bound. Throws
+  /// JXError where there is no such method.
+  JXValue getMethodHelp(const std::string& name);
+  /// True.
+  bool ping();
+
+  // ---- Kept for code that was written against them: each logs that it is not implemented and does
+  //      nothing; texts are the logged one, pointers null, numbers as said
+
+  void setModuleID(int id);
+  int getModuleID();  ///< -1
+  ModuleType getModuleType();
+  void setModuleType(ModuleType type);
+  boost::shared_ptr<JXModuleInfo> getModuleInfo();
+  boost::shared_ptr<JXProxy> getProxy(const std::string& name);
+  JXMethodInfo* getMethodInfo(const std::string& name);
+  JXMethodInfo* getMethodInfo(const std::string& name, const std::vector<std::string>& types);
+  JXMethodInfo* getMethodInfo(const std::string& name, const JXValue& arguments);
+  JXMethodInfo* getMethodInfoByNameMember(const std::string& name,
+                                          const std::vector<std::string>& types);
+  /// Older names of the four above.
+  JXMethodInfo* getFunctionDesc(const std::string& name);
+  JXMethodInfo* getFunctionDesc(const std::string& name, const std::vector<std::string>& types);
+  JXMethodInfo* getFunctionDesc(const std::string& name, const JXValue& arguments);
+  JXMethodInfo* getFunctionDescByNameMember(const std::string& name,
+                                            const std::vector<std::string>& types);
+  std::string getUsage(const std::string& name);
+  JXValue moduleHelp();                                       ///< invalid
+  JXMethodInfo getMethodHelpObject(const std::string& name);  ///< empty
+  std::string getBrokerName();
 
  protected:
   /// Binding, in the module's constructor, one method after another: functionName, addParam for
@@ -107,6 +167,13 @@ class JXCOMMON_API JXModuleCore : public boost::enable_shared_from_this<JXModule
  private:
   friend class JXBroker;
   friend class JXBrokerPrivate;
+  friend class JXModule;
+  friend void catch_pcall(const boost::shared_ptr<JXModuleCore>& module, unsigned methodId,
+                          JXPCallTask* task, const gv::AnyFunction& function,
+                          gv::GenericFunctionParameters& parameters,
+                          const gv::Object<gv::Empty>& context, unsigned callerThreadId);
+  friend void finalizeTask(const boost::shared_ptr<JXModuleCore>& module, JXPCallTask* task,
+                           bool sameThread);
 
   void advertise(JXFunctorBase* functor);
 

@@ -71,6 +71,18 @@ class JXCOMMON_API JXProxy : public boost::enable_shared_from_this<JXProxy> {
   /// `call` does, and the one of JXValue::getSize when `params` is no array.
   JXValue genericCall(const std::string& methodName, const JXValue& params);
 
+  /// Posts a method: starts it on the event loop of its process and returns the id of the task at
+  /// once, to call "wait", "isRunning" and "stop" with. What the method returns or throws is told
+  /// to nobody. Of an object that is no module the method is called, and -1 returned when it has
+  /// ended.
+  ///
+  /// Throws JXError with the module's and the method's name: "module destroyed", no single method
+  /// that takes these arguments (with the candidates), and what became of the posting.
+  template <class... P>
+  int pCall(const std::string& methodName, const P&... arguments);
+  /// The same with arguments at hand.
+  int xMetaPCall(const std::string& methodName, const gv::GenericFunctionParameters& parameters);
+
  private:
   void bind(const boost::shared_ptr<JXBroker>& broker, const std::string& notFoundDetail);
 

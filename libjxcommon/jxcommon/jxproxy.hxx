@@ -50,4 +50,13 @@ R JXProxy::call(const std::string& methodName, const P&... arguments) {
   }
 }
 
+template <class... P>
+int JXProxy::pCall(const std::string& methodName, const P&... arguments) {
+  // Texts made of arguments live to the end of the call.
+  const auto post = [&](const auto&... values) {
+    return xMetaPCall(methodName, gv::makeParameters(values...));
+  };
+  return post(detail::callArgument(arguments)...);
+}
+
 }  // namespace JX

@@ -30,15 +30,19 @@ gv::GenericFunctionParameters withInstanceSlot(const gv::GenericFunctionParamete
 }  // namespace
 
 void catch_call(const boost::shared_ptr<JXModuleCore>&, unsigned methodId,
-                const gv::AnyFunction& function, gv::GenericFunctionParameters arguments,
-                const gv::Promise<gv::AnyReference>& promise, const gv::Object<gv::Empty>& context,
-                unsigned callerThreadId) {
+                const gv::AnyFunction& function, gv::GenericFunctionParameters& parameters,
+                const gv::Promise<gv::AnyReference>& promise, bool ownsParameters,
+                const gv::Object<gv::Empty>& context, unsigned callerThreadId) {
   gv::AnyReference value;
   try {
+    auto arguments = withInstanceSlot(parameters);
     const auto result = gv::metaCall(nullptr, gv::ObjectThreadingModel::MultiThread,
                                      gv::MetaCallType::Direct, gv::MetaCallType::Direct, context,
                                      methodId, function, arguments, callerThreadId);
-    arguments.clear();  // copies end before the caller learns that the call has
+    if (ownsParameters) {  // copies end before the caller learns that the call has
+      arguments.clear();
+      parameters.clear();
+    }
     value = result.value(gv::FutureTimeout_Infinite);
   } catch (const gv::FutureException& error) {
     return promise.setError(error.what(), error.state());
@@ -54,9 +58,15 @@ JXModuleCore::JXModuleCore(boost::shared_ptr<JXBroker> broker, const std::string
       d(std::make_unique<JXModuleCorePrivate>(name, std::move(broker))) {
   setManageable(&genericObject_);
   setThreadingModel(gv::ObjectThreadingModel::MultiThread);
-  functionName("exit", "JXModule", "Exits and unregisters the module.");
-  objectBuilder_.advertiseMethod(currentMethod_, this, &JXModuleCore::exit, gv::MetaCallType::Auto);
+  const auto advertise = [this](const char* method, const char* description, auto member) {
+    functionName(method, "JXModule", description);
+    objectBuilder_.advertiseMethod(currentMethod_, this, member, gv::MetaCallType::Auto);
+  };
+  advertise("exit", "Exits and unregisters the module.", &JXModuleCore::exit);
+  advertise("__pCall", "Internal function to pCall methods", &JXModuleCore::_pCall);
+  advertise("pCall", "Orvex1 pCall method.", &JXModuleCore::pCall);
   currentMethod_ = gv::MetaMethodBuilder();
+  d->pCallMethodId = metaObject().findMethod("__pCall").at(0).uid();
 }
 
 JXModuleCore::~JXModuleCore() = default;
@@ -128,15 +138,16 @@ gv::Future<gv::AnyReference> JXModuleCore::metaCall(gv::Object<gv::Empty> contex
     return promise.future();
   }
   const unsigned caller = gv::os::gettid();
-  if (callType < gv::MetaCallType::Queued) {
-    catch_call(self, methodId, *function, withInstanceSlot(parameters), promise, context, caller);
+  if (callType < gv::MetaCallType::Queued || methodId == d->pCallMethodId) {
+    auto borrowed = parameters;
+    catch_call(self, methodId, *function, borrowed, promise, false, context, caller);
     return promise.future();
   }
   try {
-    gv::getEventLoop()->post([=, function = *function, broker = d->parentBroker,
-                              arguments = withInstanceSlot(parameters).copy()]() mutable {
-      catch_call(self, methodId, function, std::move(arguments), promise, context, caller);
-    });
+    gv::getEventLoop()->post(
+        [=, function = *function, broker = d->parentBroker, copies = parameters.copy()]() mutable {
+          catch_call(self, methodId, function, copies, promise, true, context, caller);
+        });
   } catch (...) {  // an argument that has no copy, a loop that has ended
     promise.setError(gv::detail::currentError().text);
   }

@@ -1,6 +1,9 @@
 #include <jxcommon/jxproxy.h>
 
+#include <vector>
+
 #include <gv/log.h>
+#include <gvtype/signature.h>
 #include <jxcommon/jxbroker.h>
 #include <jxcommon/jxmodule.h>
 #include <jxerror/jxerror.h>
@@ -18,6 +21,11 @@ constexpr const char* file = "../libjxcommon/src/jxproxy";
 constexpr int lockLine = 207;
 constexpr int callLine = 219;
 constexpr int convertLine = 226;
+// Those of a posted one.
+constexpr int postLockLine = 339;
+constexpr int noMatchLine = 355;
+constexpr int postLine = 371;
+constexpr int postedCallLine = 377;
 
 const gv::log::Category& category = gv::log::category("jxcommon.jxproxy");
 // A category of its own for one record, as its readers filter it.
@@ -137,6 +145,46 @@ JXValue JXProxy::genericCall(const std::string& methodName, const JXValue& param
   const auto converted = promise.future();
   if (converted.hasError(gv::FutureTimeout_Infinite)) fail(converted.error(), convertLine);
   return converted.value();
+}
+
+int JXProxy::xMetaPCall(const std::string& methodName,
+                        const gv::GenericFunctionParameters& parameters) {
+  const auto fail = [&](const std::string& description, int line) {
+    throw JXError(_p->moduleName, methodName, description, file, line);
+  };
+  const gv::Object<gv::Empty> object = object_.lock();
+  if (!object.isValid()) fail("module destroyed", postLockLine);
+  const gv::MetaObject& description = object.metaObject();
+  const int id = description.findMethod(methodName, parameters);
+  if (id < 0) {
+    std::string text = "JXProxy(" + _p->moduleName + ").pcall Can't find single match for " +
+                       methodName + "\n  Candidate(s):\n";
+    for (const gv::MetaMethod& method :
+         description.findMethod(gv::signatureSplit(methodName).first))
+      text += "  " + method.toString() + "\n";
+    fail(text, noMatchLine);
+  }
+  const auto posting = description.findMethod("__pCall");
+  if (posting.empty()) {
+    const auto result = object.metaCall(static_cast<unsigned>(id), parameters,
+                                        gv::MetaCallType::Auto, gv::Signature());
+    if (result.hasError(gv::FutureTimeout_Infinite)) fail(result.error(), postedCallLine);
+    return -1;
+  }
+  const auto methodId = static_cast<unsigned>(id);
+  std::vector<gv::AnyValue> arguments;
+  arguments.reserve(parameters.size());
+  for (const gv::AnyReference& parameter : parameters)
+    arguments.push_back(gv::AnyValue::copyOf(parameter));
+  const gv::Promise<int> taskId(gv::FutureCallbackType::Sync);
+  const auto result =
+      object.metaCall(posting.front().uid(), gv::makeParameters(methodId, arguments),
+                      gv::MetaCallType::Direct, gv::Signature());
+  if (result.hasError(gv::FutureTimeout_Infinite)) fail(result.error(), postLine);
+  gv::handleFuture<int>(result.value(), taskId);
+  const auto task = taskId.future();
+  if (task.hasError(gv::FutureTimeout_Infinite)) fail(task.error(), postLine);
+  return task.value();
 }
 
 }  // namespace JX

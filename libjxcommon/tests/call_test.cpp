@@ -1,50 +1,18 @@
 // Proxies: binding, typed and untyped calls near and far, and what each failure looks like.
 
-#include <gtest/gtest.h>
-#include <jxcommon/jxbroker.h>
+#include <gmock/gmock.h>
 #include <jxcommon/jxbrokermanager.h>
-#include <jxcommon/jxproxy.h>
 
 #include <functional>
 #include <map>
-#include <optional>
 
-#include "support/child_process.h"
+#include "callsfixture.h"
 #include "support/log_capture.h"
-#include "support/watchdog.h"
-#include "testmodule.h"
 
 namespace JX {
 namespace {
 
-using Broker = boost::shared_ptr<JXBroker>;
-
-/// A proxy on a module of this process, or of another one.
-class Calls : public ::testing::TestWithParam<bool> {
- protected:
-  Calls() {
-    if (GetParam()) {
-      robot.emplace(JX_TEST_ROBOT);
-      const std::string ready = robot->waitForLine("listening on ");
-      broker = JXBroker::createBroker("far", "127.0.0.1", 0, "127.0.0.1",
-                                      std::stoi(ready.substr(ready.rfind(' '))));
-    } else {
-      broker = JXBroker::createBroker("near", "127.0.0.1", 0, "", 0);
-      createModule<TestModule>(broker, "Callee");
-    }
-    proxy = boost::make_shared<JXProxy>(broker, "Callee", 7, 9);
-  }
-  ~Calls() override { broker->shutdown(); }
-
-  const house::Watchdog watchdog{"a test of calls"};
-  std::optional<house::ChildProcess> robot;
-  Broker broker;
-  boost::shared_ptr<JXProxy> proxy;
-};
-
-INSTANTIATE_TEST_SUITE_P(A, Calls, ::testing::Bool(), [](const auto& which) {
-  return std::string(which.param ? "ModuleOfAnotherProcess" : "ModuleOfThisProcess");
-});
+INSTANTIATE_TEST_SUITE_P(A, Calls, ::testing::Bool(), nameOfPlace);
 
 TEST_P(Calls, TypedCallsConvertBothWays) {
   EXPECT_EQ(proxy->call<std::string>("greet", "Ada"), "hello Ada") << "a literal is a text";

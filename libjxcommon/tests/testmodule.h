@@ -1,6 +1,7 @@
 #pragma once
 
 #include <stdexcept>
+#include <thread>
 
 #include <gv/eventloop.h>
 #include <gv/os.h>
@@ -24,20 +25,34 @@ class TestModule : public JXModule {
     bind("fail", makeFunctor([](const std::string& text) { throw std::domain_error(text); }));
     bind("failOddly", makeFunctor([] { throw 7; }));
     bind("later", makeFunctor([](int n) { return gv::getEventLoop()->async([n] { return n; }); }));
+    bind("laterBroken", makeFunctor([](int) {
+           return gv::getEventLoop()->async([]() -> int { throw std::domain_error("too late"); });
+         }));
+    bind("untilStopped", makeFunctor(this, &TestModule::untilStopped));
+    bind("task", makeFunctor(this, &TestModule::getMethodID));
     bind("withdraw", makeFunctor(this, &TestModule::exit));
   }
 
   std::string greet(const std::string& who) const { return "hello " + who; }
+
+  void untilStopped() {
+    while (!isStopRequired()) std::this_thread::yield();
+  }
 
   void bind(const std::string& name, const boost::shared_ptr<JXFunctorBase>& functor) {
     functionName(name, getName(), "about " + name);
     bindMethod(functor);
   }
 
+  using JXModule::addParam;
   using JXModule::bindMethod;
   using JXModule::bindMethodOverload;
   using JXModule::functionName;
   using JXModule::getCurrentMethodDescription;
+  using JXModule::getMethodID;
+  using JXModule::isPCalled;
+  using JXModule::isStopRequired;
+  using JXModule::setReturn;
 
  private:
   house::LiveCounter::Mark mark_{liveModules};
