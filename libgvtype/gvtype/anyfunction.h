@@ -3,6 +3,7 @@
 #include <memory>
 #include <new>
 #include <span>
+#include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -20,6 +21,30 @@ struct AnyArguments {
   std::vector<AnyValue> args;
 };
 
+namespace detail {
+
+/// What a callable takes and gives; of a member function also the class of its objects, const where
+/// it leaves them as they are.
+template <class O, class R, class... A>
+struct CallShape {
+  using Object = O;
+};
+
+// Of use to the compiler alone, so none is defined. What is noexcept converts to what is not.
+template <class R, class... A>
+CallShape<void, R, A...> shapeOf(R (*)(A...));
+template <class R, class C, class... A>
+CallShape<C, R, A...> shapeOf(R (C::*)(A...));
+template <class R, class C, class... A>
+CallShape<C, R, A...> shapeOf(R (C::*)(A...) &);
+template <class R, class C, class... A>
+CallShape<const C, R, A...> shapeOf(R (C::*)(A...) const);
+template <class R, class C, class... A>
+CallShape<const C, R, A...> shapeOf(R (C::*)(A...) const&);
+void shapeOf(...);  // none of these
+
+}  // namespace detail
+
 /// A callable of any type behind one interface: it knows its signatures, converts the arguments on
 /// the way in and returns its result as a reference that shares ownership of it.
 ///
@@ -31,26 +56,14 @@ class GVTYPE_API AnyFunction {
 
   /// From a function, a lambda, a std::function, or a member function, which then takes the
   /// instance as its first argument. Parameters may be values or references to const; the last may
-  /// be AnyArguments. Null pointers make the empty function, here and below.
+  /// be AnyArguments. Null pointers make the empty function, here and below. What cannot be called
+  /// this way does not compile; the compiler says why.
   template <class F>
   static AnyFunction from(F callable);
-  /// From a member function of an object, which must outlive the function's calls.
-  template <class T, class R, class C, class... A>
-  static AnyFunction from(T* object, R (C::*member)(A...)) {
-    checkParameters<A...>();
-    if (!member) return {};
-    return from([object, member](std::remove_reference_t<A> const&... arguments) -> R {
-      return (object->*member)(arguments...);
-    });
-  }
-  template <class T, class R, class C, class... A>
-  static AnyFunction from(T* object, R (C::*member)(A...) const) {
-    checkParameters<A...>();
-    if (!member) return {};
-    return from([object, member](std::remove_reference_t<A> const&... arguments) -> R {
-      return (object->*member)(arguments...);
-    });
-  }
+  /// From a member function of an object or of one of its bases. The object must outlive the
+  /// function's calls.
+  template <class T, class M>
+  static AnyFunction from(T* object, M member);
 
   /// The same function behind one more parameter in front, the instance of the object that it is a
   /// method of, which it ignores. This is the shape of every method of a dynamic object.
@@ -97,8 +110,12 @@ class GVTYPE_API AnyFunction {
     mutable F callable;  // its call operator may change it
   };
 
-  template <class... A>
-  static constexpr void checkParameters() {
+  template <class T>
+  static constexpr bool isView = std::is_same_v<T, const char*> || std::is_same_v<T, char*> ||
+                                 std::is_same_v<T, std::string_view>;
+
+  template <class R, class... A>
+  static constexpr void checkTypes() {
     static_assert(
         ((!std::is_rvalue_reference_v<A> &&
           (!std::is_lvalue_reference_v<A> || std::is_const_v<std::remove_reference_t<A>>)) &&
@@ -106,38 +123,27 @@ class GVTYPE_API AnyFunction {
         "parameters must be values or references to const: the caller's values are shared");
     static_assert(((std::is_reference_v<A> || std::is_copy_constructible_v<A>)&&...),
                   "a parameter by value must be copyable: the caller's value is shared");
+    static_assert((!isView<std::remove_cvref_t<A>> && ... && !isView<std::remove_cvref_t<R>>),
+                  "a text must be a std::string: nobody keeps alive what a view of one looks at");
   }
 
-  template <class F, class R, class... A>
-  static AnyFunction make(F callable);
-  template <class F, class R, class C, class... A>
-  static AnyFunction fromCallOperator(F callable, R (C::*)(A...) const) {
-    return make<F, R, A...>(std::move(callable));
+  template <class Shape, class Callable>
+  static constexpr void checkShape() {
+    static_assert(!std::is_void_v<Shape>,
+                  "a callable must be a function, or callable as a named object that is not "
+                  "volatile, with parameters that are all written out");
   }
-  template <class F, class R, class C, class... A>
-  static AnyFunction fromCallOperator(F callable, R (C::*)(A...)) {
-    return make<F, R, A...>(std::move(callable));
-  }
-  template <class R, class... A>
-  static AnyFunction fromPointer(R (*function)(A...)) {
-    if (!function) return {};
-    return make<R (*)(A...), R, A...>(function);
-  }
-  template <class R, class C, class... A>
-  static AnyFunction fromPointer(R (C::*member)(A...)) {
-    if (!member) return {};
-    auto call = [member](const C& object, std::remove_reference_t<A> const&... arguments) -> R {
-      return (const_cast<C&>(object).*member)(arguments...);
-    };
-    return make<decltype(call), R, const C&, A...>(call);
-  }
-  template <class R, class C, class... A>
-  static AnyFunction fromPointer(R (C::*member)(A...) const) {
-    if (!member) return {};
-    auto call = [member](const C& object, std::remove_reference_t<A> const&... arguments) -> R {
-      return (object.*member)(arguments...);
-    };
-    return make<decltype(call), R, const C&, A...>(call);
+
+  /// The call operator takes the arguments as const lvalues of the types A.
+  template <class O, class R, class... A, class F>
+  static AnyFunction make(detail::CallShape<O, R, A...>, F callable);
+  template <class O, class R, class... A, class F>
+  static AnyFunction makeUnbound(detail::CallShape<O, R, A...>, F member) {
+    using Object = std::remove_const_t<O>;
+    return make(detail::CallShape<void, R, const Object&, A...>(),
+                [member](const Object& object, const auto&... arguments) -> R {
+                  return (const_cast<Object&>(object).*member)(arguments...);
+                });
   }
 
   friend class DynamicObject;
@@ -170,20 +176,50 @@ template <class F>
 AnyFunction AnyFunction::from(F callable) {
   if constexpr (std::is_same_v<F, AnyFunction>) {
     return callable;
-  } else if constexpr (std::is_pointer_v<F> || std::is_member_function_pointer_v<F>) {
-    return fromPointer(callable);
+  } else if constexpr (std::is_pointer_v<F> || std::is_member_pointer_v<F>) {
+    using Shape = decltype(detail::shapeOf(callable));
+    checkShape<Shape, F>();
+    if constexpr (!std::is_void_v<Shape>) {
+      if (!callable) return {};
+      if constexpr (std::is_pointer_v<F>)
+        return make(Shape(), callable);
+      else
+        return makeUnbound(Shape(), callable);
+    }
+  } else if constexpr (requires { &F::operator(); }) {
+    using Shape = decltype(detail::shapeOf(&F::operator()));
+    checkShape<Shape, F>();
+    if constexpr (!std::is_void_v<Shape>) return make(Shape(), std::move(callable));
   } else {
     static_assert(
         requires { &F::operator(); },
         "a callable needs exactly one call operator that is no template, so that its "
         "parameter types are known: wrap it in a lambda with the types written out");
-    return fromCallOperator(std::move(callable), &F::operator());
   }
 }
 
-template <class F, class R, class... A>
-AnyFunction AnyFunction::make(F callable) {
-  checkParameters<A...>();
+template <class T, class M>
+AnyFunction AnyFunction::from(T* object, M member) {
+  using Shape = decltype(detail::shapeOf(member));
+  checkShape<Shape, M>();
+  if constexpr (!std::is_void_v<Shape>) {
+    using Object = typename Shape::Object;
+    constexpr bool isOfObject = std::is_convertible_v<T*, Object*>;
+    static_assert(isOfObject,
+                  "the member function is of a class that the object does not have as a public "
+                  "base, or it changes an object that is const");
+    if constexpr (isOfObject) {
+      if (!object || !member) return {};
+      return make(Shape(), [object, member](const auto&... arguments) -> decltype(auto) {
+        return (static_cast<Object*>(object)->*member)(arguments...);
+      });
+    }
+  }
+}
+
+template <class O, class R, class... A, class F>
+AnyFunction AnyFunction::make(detail::CallShape<O, R, A...>, F callable) {
+  checkTypes<R, A...>();
   using Result = std::remove_cvref_t<R>;
   static constexpr std::size_t count = sizeof...(A);
   auto body = std::make_shared<BodyOf<F>>(std::move(callable));

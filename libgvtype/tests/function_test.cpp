@@ -4,11 +4,13 @@
 
 #include <gmock/gmock.h>
 
+#include <functional>
 #include <memory>
 #include <new>
 #include <string>
 
 #include <gvtype/conversion.h>
+#include <boost/function.hpp>
 
 #include "support/thrown.h"
 
@@ -22,6 +24,9 @@ int twice(int n) {
 struct Account {
   int balance = 0;
   void deposit(int amount) { balance += amount; }
+  int withdraw(int amount) & noexcept { return balance -= amount; }
+  int times(int factor) const& { return balance * factor; }
+  int operator()(int factor) const& noexcept { return times(factor); }
   std::string describe(const std::string& currency) const {
     return std::to_string(balance) + " " + currency;
   }
@@ -52,6 +57,30 @@ TEST(AnyFunction, FromMembersBoundAndUnbound) {
   EXPECT_EQ(unbound.call(makeParameters(account, std::string("EUR"))).to<std::string>(), "5 EUR");
 }
 
+TEST(AnyFunction, FromCallablesOfEveryShape) {
+  struct Savings : Account {};
+  Savings savings;
+  savings.balance = 7;
+  const Account account = savings;
+  const Savings& constant = savings;
+  int calls = 0;
+  const AnyFunction rows[] = {
+      AnyFunction::from(&savings, &Account::times),
+      AnyFunction::from(&constant, &Savings::times),
+      AnyFunction::from(account),
+      AnyFunction::from(std::function<int(int)>(account)),
+      AnyFunction::from(boost::function<int(int)>(account)),
+      AnyFunction::from([&calls, n = 0](int factor) mutable { return (calls += ++n, 7 * factor); }),
+      AnyFunction::from(+[](int factor) noexcept { return 7 * factor; }),
+  };
+  for (const AnyFunction& function : rows)
+    EXPECT_EQ(function.call(makeParameters(3)).to<int>(), 21) << &function - rows;
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(AnyFunction::from(&Account::times).call(makeParameters(account, 2)).to<int>(), 14);
+  AnyFunction::from(&savings, &Account::withdraw).call(makeParameters(3));
+  EXPECT_EQ(savings.balance, 4);
+}
+
 TEST(AnyFunction, BehindAnInstanceIgnoresIt) {
   const AnyFunction method = AnyFunction::from(twice).withInstance();
   EXPECT_EQ(method.parametersSignature().toString(), "(oi)");
@@ -78,6 +107,7 @@ TEST(AnyFunction, EmptyOnesRefuseToBeCalled) {
   EXPECT_FALSE(AnyFunction::from(static_cast<int (*)(int)>(nullptr)).withInstance());
   EXPECT_FALSE(AnyFunction::from(static_cast<void (Account::*)(int)>(nullptr)));
   EXPECT_FALSE(AnyFunction::from(&account, static_cast<void (Account::*)(int) const>(nullptr)));
+  EXPECT_FALSE(AnyFunction::from(static_cast<Account*>(nullptr), &Account::deposit));
   EXPECT_EQ(errorOf(AnyFunction()), "the function is empty");
   EXPECT_EQ(AnyFunction().parametersSignature(true).toString(), "()");
 }

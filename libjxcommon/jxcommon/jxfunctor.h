@@ -24,26 +24,33 @@ class JXCOMMON_API JXFunctorBase {
   gv::AnyFunction function;
 };
 
-/// A functor that calls a member function, const or not and of any arity, of `object` or one of its
-/// bases. Parameters are values or references to const. `object` is borrowed: it must outlive every
-/// call, as a module does that binds its own methods.
+/// A functor that calls a member function of `object` or of one of its bases: const or not, & or
+/// not, noexcept or not, of any arity. Of an overloaded one the right one is chosen by a cast.
+/// Parameters are values or references to const. `object` is borrowed: it must outlive every call,
+/// as a module does that binds its own methods.
 ///
 /// @code
 /// bindMethod(JX::makeFunctor(this, &Greeter::greet));
 /// @endcode
+///
+/// What cannot be bound does not compile; the compiler says why.
 template <class T, class M>
-boost::shared_ptr<JXFunctorBase> makeFunctor(T* object, M member) {
-  return boost::make_shared<JXFunctorBase>(gv::AnyFunction::from(object, member).withInstance());
+boost::shared_ptr<JXFunctorBase> makeFunctor(T object, M member) {
+  static_assert(std::is_pointer_v<T>,
+                "the object is borrowed: pass a plain pointer to it, and see that it lives on");
+  if constexpr (std::is_pointer_v<T>)
+    return boost::make_shared<JXFunctorBase>(gv::AnyFunction::from(object, member).withInstance());
 }
 
 /// A functor that calls a function, a lambda or a std::function, of any arity. Callers see its own
 /// parameters, no instance. It may be called from several threads at once.
 template <class F>
 boost::shared_ptr<JXFunctorBase> makeFunctor(F callable) {
-  static_assert(!std::is_member_function_pointer_v<F>,
+  static_assert(!std::is_member_pointer_v<F>,
                 "a member function needs its object: makeFunctor(object, member)");
-  return boost::make_shared<JXFunctorBase>(
-      gv::AnyFunction::from(std::move(callable)).withInstance());
+  if constexpr (!std::is_member_pointer_v<F>)
+    return boost::make_shared<JXFunctorBase>(
+        gv::AnyFunction::from(std::move(callable)).withInstance());
 }
 
 }  // namespace JX
