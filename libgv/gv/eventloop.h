@@ -133,7 +133,8 @@ class GV_API EventLoop {
    private:
     const std::shared_ptr<detail::Pool> pool_;
   };
-  /// Whether there are fewer threads than the ceiling, so that a guest exceeds it by none.
+  /// Whether a guest may run a call: there are fewer threads than the ceiling; or some are busy
+  /// rather than in a wait, and guests alone are fewer than the ceiling.
   bool hasRoom() const noexcept;
 
   /// True on a thread of this loop.

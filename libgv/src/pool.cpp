@@ -164,6 +164,7 @@ PoolView Pool::viewLocked() const {
   view.minThreads = settings_.minThreads;
   view.maxThreads = settings_.maxThreads;
   view.threads = workers_;
+  view.guests = guests_;
   view.blocked = blocked_;
   view.arriving = arriving_;
   view.queued = queue_.size();
@@ -220,7 +221,11 @@ void Pool::startWorkerLocked() {
 
 void Pool::countWorkerLocked(int change) noexcept {
   workers_ += static_cast<unsigned>(change);
-  hasRoom_.store(workers_ < settings_.maxThreads, std::memory_order_relaxed);
+  lookForRoomLocked();
+}
+
+void Pool::lookForRoomLocked() noexcept {
+  hasRoom_.store(admitsGuest(viewLocked()), std::memory_order_relaxed);
 }
 
 void Pool::tryToStartWorkerLocked() noexcept {
@@ -302,6 +307,7 @@ void Pool::workerWillBlock() noexcept {
   {
     const Lock lock(mutex_);
     ++blocked_;
+    lookForRoomLocked();
     if (isClosing_) return;
     const auto now = Clock::now();
     woken = provideThreadLocked(now);
@@ -319,6 +325,7 @@ void Pool::workerHasUnblocked() noexcept {
   if (isForked()) return;
   const Lock lock(mutex_);
   --blocked_;
+  lookForRoomLocked();
 }
 
 void Pool::addGuest() noexcept {

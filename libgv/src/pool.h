@@ -80,6 +80,7 @@ class Pool : public std::enable_shared_from_this<Pool> {
   bool pollForTaskLocked(Lock& lock);
   bool parkLocked(Lock& lock, const WorkerPointer& self);
   void countWorkerLocked(int change) noexcept;
+  void lookForRoomLocked() noexcept;
   PoolView viewLocked() const;
   PoolView timedViewLocked(Clock::time_point now);
   bool isForked() const noexcept;
@@ -110,7 +111,7 @@ class Pool : public std::enable_shared_from_this<Pool> {
   const unsigned forkGeneration_;
 
   std::mutex mutex_;                 // guards all below but the atomics
-  std::atomic<bool> hasRoom_{true};  // workers_ are fewer than the ceiling
+  std::atomic<bool> hasRoom_{true};  // for a guest
   TaskQueue queue_;
   /// Tasks are due, or it ends: read by the polling worker, hence on a cache line of its own.
   alignas(64) std::atomic<bool> hasWork_{false};

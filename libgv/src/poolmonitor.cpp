@@ -116,13 +116,13 @@ std::string Pool::warningLocked(Clock::time_point now) {
          " of them in a wait";
 }
 
-/// Whoever completes calls cannot be made to wait for a thread of the pool, so that it may be a
-/// guest beyond the ceiling; but that is no way to go on.
+/// Whoever reads cannot be made to wait for a thread of the pool, so that it may be a guest beyond
+/// the ceiling; but that is no way to go on.
 void Pool::warnOfGuestsLocked() {
   const auto now = Clock::now();
   if (now < lastGuestWarning_ + warningInterval) return;
   lastGuestWarning_ = now;
-  warning_ = "synchronous callbacks block beyond GV_EVENTLOOP_MAX_THREADS (" +
+  warning_ = "calls and synchronous callbacks block beyond GV_EVENTLOOP_MAX_THREADS (" +
              std::to_string(settings_.maxThreads) + "): there are " + std::to_string(workers_) +
              " threads";
   alertMonitorLocked(now);

@@ -33,6 +33,11 @@ bool refusesCalls(const PoolView& view) {
   return view.threads >= view.maxThreads && view.blocked >= view.threads;
 }
 
+bool admitsGuest(const PoolView& view) {
+  return view.threads < view.maxThreads ||
+         (view.blocked < view.threads && view.guests < view.maxThreads);
+}
+
 bool mayRetire(const PoolView& view) {
   return view.threads - view.blocked > view.minThreads;
 }

@@ -13,7 +13,8 @@ namespace gv::detail {
 struct PoolView {
   unsigned minThreads = 1;
   unsigned maxThreads = 1;
-  unsigned threads = 0;                      // all of them
+  unsigned threads = 0;                      // all of them, guests included
+  unsigned guests = 0;                       // of these, threads of others that run calls
   unsigned blocked = 0;                      // of these, in an announced wait
   unsigned arriving = 0;                     // of these, started or woken, and about to take a task
   std::size_t queued = 0;                    // tasks due, not started
@@ -38,6 +39,11 @@ GV_API bool warnsOfCeiling(const PoolView& view);
 
 /// True when incoming calls are refused: no thread can run, and none may be added.
 GV_API bool refusesCalls(const PoolView& view);
+
+/// True when a thread of another owner may run a call. That one exceeds the ceiling while threads
+/// are busy rather than blocked: those run on, and their own callers must be able to ask for it.
+/// But guests alone stay within the ceiling.
+GV_API bool admitsGuest(const PoolView& view);
 
 /// True when a thread that has idled for long is one too many.
 GV_API bool mayRetire(const PoolView& view);

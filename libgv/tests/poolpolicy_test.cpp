@@ -38,6 +38,21 @@ TEST(PoolPolicy, AQueueThatMovesGetsMoreTimeThanAStalledOne) {
   }
 }
 
+TEST(PoolPolicy, AdmitsGuestsBeyondTheCeilingWhileSomeThreadRuns) {
+  const struct {
+    unsigned threads, blocked, guests;
+    bool isAdmitted;
+  } rows[] = {{3, 3, 0, true}, {4, 4, 0, false}, {4, 3, 0, true},
+              {7, 6, 3, true}, {8, 7, 4, false}, {3, 3, 3, true}};
+  for (const auto& row : rows) {
+    PoolView view = busy();
+    view.threads = row.threads;
+    view.blocked = row.blocked;
+    view.guests = row.guests;
+    EXPECT_EQ(admitsGuest(view), row.isAdmitted) << row.threads << ", " << row.blocked;
+  }
+}
+
 TEST(PoolPolicy, KeepsTheMinimumBesideBlockedThreads) {
   PoolView view = busy();
   view.threads = 4;

@@ -194,12 +194,18 @@ TEST(PostedCallsFromElsewhere, AreAnsweredWhileEveryThreadIsBusy) {
                                                std::stoi(ready.substr(ready.rfind(' '))));
   JXProxy proxy(broker, "Callee");
   std::vector<int> tasks;
-  for (int i = 0; i < 10; ++i) {
-    tasks.push_back(proxy.pCall("untilStopped"));
-    tasks.push_back(proxy.call<int>("pCall", "untilStopped"));
-  }
+  for (int i = 0; i < 6; ++i) tasks.push_back(proxy.pCall("untilStopped"));
+  while (proxy.call<int>("running") < 4) std::this_thread::yield();
+  // Calls that wait take threads beyond those.
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 3; ++i)
+    waiters.emplace_back([&, id = tasks[i]] { EXPECT_FALSE(proxy.call<bool>("wait", id, 0)); });
+  EXPECT_TRUE(proxy.call<bool>("wait", tasks[5], 50)) << "not even begun";
+  tasks.push_back(proxy.call<int>("pCall", "untilStopped"));
+  tasks.push_back(proxy.pCall("untilStopped"));
   for (const int id : tasks) EXPECT_TRUE(proxy.call<bool>("isRunning", id));
   for (const int id : tasks) proxy.call<void>("stop", id);
+  for (auto& waiter : waiters) waiter.join();
   for (const int id : tasks) EXPECT_FALSE(proxy.call<bool>("wait", id, 0));
   broker->shutdown();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <stdexcept>
 #include <thread>
 
@@ -29,6 +30,7 @@ class TestModule : public JXModule {
            return gv::getEventLoop()->async([]() -> int { throw std::domain_error("too late"); });
          }));
     bind("untilStopped", makeFunctor(this, &TestModule::untilStopped));
+    bind("running", makeFunctor([this] { return running_.load(); }));
     bind("task", makeFunctor(this, &TestModule::getMethodID));
     bind("withdraw", makeFunctor(this, &TestModule::exit));
   }
@@ -36,7 +38,9 @@ class TestModule : public JXModule {
   std::string greet(const std::string& who) const { return "hello " + who; }
 
   void untilStopped() {
+    ++running_;
     while (!isStopRequired()) std::this_thread::yield();
+    --running_;
   }
 
   void bind(const std::string& name, const boost::shared_ptr<JXFunctorBase>& functor) {
@@ -55,6 +59,7 @@ class TestModule : public JXModule {
   using JXModule::setReturn;
 
  private:
+  std::atomic<int> running_{0};
   house::LiveCounter::Mark mark_{liveModules};
 };
 

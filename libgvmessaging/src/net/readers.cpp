@@ -8,6 +8,7 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -63,7 +64,7 @@ class Team {
   void dismiss(std::uint64_t key) { sockets_.remove(key); }
   ReadinessSet& readiness() { return readiness_; }
   void lend(std::uint64_t key);
-  void post(std::function<void()> task);
+  bool tryPost(std::function<void()>& task);
   bool hasSpare() const { return hasSpare_.load(std::memory_order_relaxed); }
   void willBlock(Reader& reader) noexcept;
   void hasUnblocked(Reader& reader) noexcept;
@@ -129,17 +130,17 @@ void Team::lead(Reader& self) {
   }
 }
 
-void Team::post(std::function<void()> task) {
+/// False, and the task is still there, when the process exits.
+bool Team::tryPost(std::function<void()>& task) {
   {
     const std::lock_guard lock(mutex_);
     startFirstReaderLocked();
-    if (leader_ || isStarting_) {
-      tasks_.push_back(std::exchange(task, nullptr));
-      hasTasks_ = true;
-    }
+    if (!leader_ && !isStarting_) return false;
+    tasks_.push_back(std::move(task));
+    hasTasks_ = true;
   }
-  // It is still here when the process exits.
-  task ? task() : readiness_.wake();
+  readiness_.wake();
+  return true;
 }
 
 /// The next one, if there is one: the thread may have been replaced meanwhile.
@@ -392,7 +393,15 @@ void Readers::lend(std::uint64_t key) {
 }
 
 void Readers::post(std::function<void()> task) {
-  team().post(std::move(task));
+  if (!team().tryPost(task)) task();
+}
+
+bool Readers::tryPost(std::function<void()> task) {
+  try {
+    return team().tryPost(task);
+  } catch (const std::system_error&) {
+    return false;
+  }
 }
 
 bool Readers::mayRunForeignCode() {

@@ -43,6 +43,8 @@ class GVMESSAGING_API Readers {
   /// process exits, once nobody leads any more, in the calling one. Throws std::system_error when
   /// no thread can be made.
   static void post(std::function<void()> task);
+  /// As post, but false where nobody leads any more or no thread can be made; the task has not run.
+  static bool tryPost(std::function<void()> task);
 
   /// True in the leading thread outside of foreign code, while a spare is there to replace it, or
   /// on its way.

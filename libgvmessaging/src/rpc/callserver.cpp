@@ -110,15 +110,16 @@ void CallServer::onCall(wire::Frame& frame) {
   if (!isHere) stream_.expectUnasked();
   if (isFrameworks(frame.header)) return serve(frame, MetaCallType::Direct);
   const auto callType = static_cast<MetaCallType>(frame.header.callType);
-  if (isHere && callType != MetaCallType::Queued && getEventLoop()->hasRoom())
+  const bool mayBeGuest = callType != MetaCallType::Queued && getEventLoop()->hasRoom();
+  if (isHere && mayBeGuest)
     serve(frame, callType);
   else
-    serveOnEventLoop(frame);
+    serveElsewhere(frame, mayBeGuest);
 }
 
 /// Looks up, and decodes what may name objects, in the order of the frames: what follows may give
 /// back the object that is called here, or one among the arguments.
-void CallServer::serveOnEventLoop(wire::Frame& frame) {
+void CallServer::serveElsewhere(wire::Frame& frame, bool mayBeGuest) {
   const wire::FrameHeader header = frame.header;
   const auto call = releasedElsewhere(AcceptedCall());
   try {
@@ -138,6 +139,8 @@ void CallServer::serveOnEventLoop(wire::Frame& frame) {
     replyError(call->frame.header, loop->refusalText());
   };
   const auto run = [this, self = connection_.shared_from_this(), call] { serveAccepted(*call); };
+  // What a caller read that waits for its own reply is the leader's: the pool may be busy.
+  if (mayBeGuest && net::Readers::Borrowing::isActive() && net::Readers::tryPost(run)) return;
   if (!loop->tryPost(run, refuse)) refuse();
 }
 

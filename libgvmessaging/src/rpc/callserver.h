@@ -31,9 +31,9 @@ struct CallTarget;
 
 /// Serves one peer: its calls, and the signals that it subscribed to. Part of the connection.
 ///
-/// Calls run in the thread that read them, which may be replaced meanwhile (see net::Readers);
-/// queued ones, and those that were read by a caller which waits for its own reply, on the event
-/// loop.
+/// Calls run in the thread that leads the readers, which may be replaced meanwhile (see
+/// net::Readers), also those that were read by a caller which waits for its own reply; queued ones,
+/// and those for which the leader has no room, on the event loop.
 class CallServer {
  public:
   CallServer(Connection& connection, net::Stream& stream, ObjectExchange& objects,
@@ -55,7 +55,7 @@ class CallServer {
 
  private:
   void serve(const wire::Frame& frame, MetaCallType callType);
-  void serveOnEventLoop(wire::Frame& frame);
+  void serveElsewhere(wire::Frame& frame, bool mayBeGuest);
   void serveAccepted(const AcceptedCall& call);
   void checkBudget(const wire::Frame& frame);
   std::shared_ptr<CallBudget::Share> shareOf(const wire::FrameHeader& header) const;
