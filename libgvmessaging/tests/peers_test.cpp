@@ -62,6 +62,8 @@ TEST_F(Reaching, FailsWithTheCauseOfEachAddressAndWithinABound) {
             HasSubstr("127.0.0.1:1: Connection refused"),
             HasSubstr(other.url().str() + ": another session answered")));
   EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+  EXPECT_THAT(a.peers->reach(serviceOf("b", {other.url()})).error(guardMs),
+              HasSubstr(": another session answered"));
   EXPECT_THAT(a.peers->reach(serviceOf("b", {})).error(guardMs), HasSubstr("no endpoint"));
 }
 

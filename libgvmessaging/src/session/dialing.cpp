@@ -115,8 +115,8 @@ bool Dialing::onOpened(std::size_t number, const ConnectionPointer& connection) 
 void Dialing::onFailed(std::size_t number, const std::string& cause) {
   {
     const std::lock_guard lock(mutex_);
-    if (isSettled_) return;  // of a connection that won, this is its end
-    tries_.erase(number);
+    // Of a connection that won, this is its end; and one that is refused is told of twice.
+    if (isSettled_ || tries_.erase(number) == 0) return;
     causes_ += (causes_.empty() ? "" : "; ") + urls_[number].str() + ": " + cause;
   }
   tryNext();

@@ -16,13 +16,18 @@ rpc::Connection::Events Peers::makeEvents(const std::string& expectedSession,
                                           Dialing::Opened opened, Dialing::Failed failed) {
   const std::weak_ptr<Peers> weak = shared_from_this();
   rpc::Connection::Events events;
-  events.opened = [weak, expectedSession, opened](const ConnectionPointer& connection) {
+  events.opened = [weak, expectedSession, opened, failed](const ConnectionPointer& connection) {
+    const auto refuse = [&](const std::string& cause) {
+      // Now, while `opened` holds who dials.
+      if (failed) failed(cause);
+      connection->close(cause);
+    };
     // Before it counts as a connection of the session that it claims to be.
     if (!expectedSession.empty() && connection->peer().sessionId != expectedSession)
-      return connection->close("another session answered");
+      return refuse("another session answered");
     const auto self = weak.lock();
     if (!self || !self->adopt(connection))
-      return connection->close("the session was closed, or reached itself");
+      return refuse("the session was closed, or reached itself");
     if (opened && !opened(connection)) connection->close("another address answered first");
   };
   events.closed = [weak, failed](const ConnectionPointer& connection, const std::string& cause) {
@@ -64,15 +69,16 @@ Future<Peers::ConnectionPointer> Peers::reach(const ServiceInfo& info) {
   constexpr std::chrono::seconds boundOfEach{2};
   if (info.sessionId().empty())
     return makeFailedFuture<ConnectionPointer>("service '" + info.name() + "' names no session");
-  const auto dialing = makeDialing(endpointsToTry(info), boundOfEach, info.sessionId());
-  const auto future = dialing->future();
-  Future<ConnectionPointer> former;  // dies after the unlock
+  std::shared_ptr<Dialing> dialing;
+  Future<ConnectionPointer> future, former;  // die after the unlock
   {
     const std::lock_guard lock(mutex_);
     if (const ConnectionPointer known = knownLocked(info)) return makeReadyFuture(known);
     auto& running = reaching_[info.sessionId()];
     // One that has ended may still stand here: who waited for it is woken before it is removed.
     if (running.isRunning()) return running;
+    dialing = makeDialing(endpointsToTry(info), boundOfEach, info.sessionId());
+    future = dialing->future();
     former = std::exchange(running, future);
   }
   const std::weak_ptr<Peers> weak = shared_from_this();

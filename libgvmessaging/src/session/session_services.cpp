@@ -17,6 +17,10 @@
 namespace gv {
 namespace {
 
+std::string wasRemoved(const ServiceInfo& info) {
+  return "service '" + info.name() + "' was removed while it was looked up";
+}
+
 /// The end of `asked`, or a failure with `text` when `bound` is over before.
 Future<void> within(std::chrono::milliseconds bound, const Future<void>& asked,
                     const std::string& text) {
@@ -162,6 +166,7 @@ Future<Object<Empty>> Session::Private::remoteService(const ServiceInfo& info) {
   if (const auto services = localServices())
     if (const Object<Empty> local = services->find(info.sessionId(), info.serviceId()))
       return makeReadyFuture(local);
+  if (info.sessionId() == id_) return makeFailedFuture<Object<Empty>>(wasRemoved(info));
   if (const Object<Empty> known = expectRemote(info)) return makeReadyFuture(known);
   return peers_->reach(info).then(
       [self = shared_from_this(), info](Future<ConnectionPointer> reached) {
@@ -202,7 +207,7 @@ Object<Empty> Session::Private::cacheRemote(const ServiceInfo& info,
     throw std::runtime_error("the connection to service '" + info.name() + "' was lost");
   const auto expected = remotes_.find(info.name());
   if (expected == remotes_.end() || expected->second.serviceId != info.serviceId())
-    throw std::runtime_error("service '" + info.name() + "' was removed while it was looked up");
+    throw std::runtime_error(wasRemoved(info));
   // Two look-ups at once made two objects: all callers get the first.
   Remote& kept = expected->second;
   if (!kept.object) kept = {info.serviceId(), connection->id(), object};
