@@ -6,6 +6,7 @@
 #include <utility>
 
 #include <gvtype/object.h>
+#include <jxcommon/api.h>
 #include <jxcommon/fwd.h>
 #include <jxcommon/jxmethodinfo.h>
 #include <boost/shared_ptr.hpp>
@@ -24,7 +25,7 @@ struct JXPCallTask {
   const gv::Promise<void> promise{gv::FutureCallbackType::Sync};
 };
 
-class JXModuleCorePrivate {
+class JXCOMMON_API JXModuleCorePrivate {
  public:
   JXModuleCorePrivate(std::string moduleName, boost::shared_ptr<JXBroker> broker)
       : name(std::move(moduleName)), parentBroker(std::move(broker)) {}

@@ -66,6 +66,28 @@ TEST_P(Calls, EachFailureIsAnErrorWithItsPosition) {
   }
 }
 
+TEST_P(Calls, RunWhereTheirTypeSays) {
+  const auto object = proxy->asObject();
+  const std::string onLoop = "isOnEventLoop";
+  for (const auto type :
+       {gv::MetaCallType::Auto, gv::MetaCallType::Direct, gv::MetaCallType::Queued}) {
+    EXPECT_EQ(object.metaCall(onLoop, {}, type).value().to<bool>(),
+              type == gv::MetaCallType::Queued)
+        << "otherwise in the thread that calls, or reads";
+    EXPECT_TRUE(object.metaCall(98, {}, type).hasError());
+    EXPECT_TRUE(object.metaCall(99, {}, type).hasError());
+  }
+}
+
+TEST_P(Calls, AMethodMayShutItsOwnBrokerDown) {
+  try {
+    proxy->call<void>("shutDown");
+  } catch (const JXError& error) {
+    EXPECT_TRUE(GetParam()) << "the connection may go before the reply: " << error.description();
+  }
+  waitUntilTheModuleIsGone();
+}
+
 void expectDestroyed(JXProxy& proxy) {
   EXPECT_EQ(errorOf([&] { proxy.call<int>("f", 1); }).toString(),
             proxy.moduleName() + "::f: module destroyed (../libjxcommon/jxcommon/jxproxy:48)");

@@ -32,6 +32,13 @@ class Calls : public ::testing::TestWithParam<bool> {
   }
   ~Calls() override { broker->shutdown(); }
 
+  void waitUntilTheModuleIsGone() {
+    try {
+      while (true) proxy->call<std::string>("greet", "you");
+    } catch (const JXError&) {
+    }
+  }
+
   const house::Watchdog watchdog{"a test of calls"};
   std::optional<house::ChildProcess> robot;
   Broker broker;

@@ -73,10 +73,6 @@ TEST(Introspection, DescribesTheStandardMethodsInTheirOwnWords) {
                    R"("A string that summarises the usage of the method."])"},
   };
   for (const auto& row : rows) EXPECT_EQ(module->getMethodHelp(row.name).toJson(), row.help);
-  const JXError error = errorOf([&] { module->getMethodHelp("fly"); });
-  EXPECT_EQ(error.toString(),
-            "Lonely::getMethodHelp: ERROR: unknown method: 'fly' "
-            "(../libjxcommon/src/jxmodulecore:416)");
 }
 
 TEST(Introspection, OverridesAnswerWhereTheStandardMethodsAreCalled) {

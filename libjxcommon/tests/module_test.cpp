@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <jxcommon/jxmethodinfo.h>
 
+#include <functional>
 #include <future>
 
+#include "support/thrown.h"
 #include "support/watchdog.h"
 #include "testmodule.h"
 
@@ -38,14 +40,37 @@ TEST(Binding, AFunctorIsSpentAndBindingItAgainOffersAnEmptyFunction) {
 TEST(Binding, ARefusedNameIsAnErrorThatLeavesTheFunctorAlone) {
   const auto module = makeModule();
   const auto functor = makeFunctor([] {});
-  const JXError error = errorOf([&] { module->bind("a/b", functor); });
-  EXPECT_EQ(error.moduleName(), "Lonely");
-  EXPECT_EQ(error.methodName(), "bindMethod");
-  EXPECT_EQ(error.description().rfind("In module Lonely, ", 0), 0u) << error.description();
-  EXPECT_EQ(error.file(), "../libjxcommon/src/jxmodulecore");
-  EXPECT_EQ(error.line(), 492);
+  module->functionName("a/b", "", "");
+  const std::string reason =
+      house::errorOf<std::exception>([&] { module->bindMethodOverload(functor); });
+  EXPECT_NE(reason.find("a/b"), std::string::npos) << reason;
+  const std::string expected =
+      "Lonely::bindMethod: In module Lonely, " + reason + " (../libjxcommon/src/jxmodulecore:492)";
+  EXPECT_EQ(errorOf([&] { module->bindMethod(functor); }).toString(), expected);
+  EXPECT_EQ(errorOf([&] { module->bindMethod(functor, "a/b", "", "", {}); }).toString(), expected);
   EXPECT_TRUE(functor->function);
   EXPECT_THROW(errorOf([&] { module->bindMethodOverload(functor); }), std::runtime_error);
+}
+
+TEST(ModuleErrors, AreTheSameWordForWord) {
+  const auto module = makeModule();
+  const std::vector<gv::AnyValue> none;
+  const struct {
+    std::function<void()> action;
+    const char* error;
+  } rows[] = {
+      {[&] { module->bindMethod(nullptr, "f", "", "", {}); },
+       "bindMethod: In module Lonely, there is no functor to bind"
+       " (../libjxcommon/src/jxmodulecore:492)"},
+      {[&] { module->getMethodHelp("fly"); },
+       "getMethodHelp: ERROR: unknown method: 'fly' (../libjxcommon/src/jxmodulecore:416)"},
+      {[&] { module->_pCall(4711, none); },
+       "_pCall: Cant find methodId #4711 on module:Lonely (../libjxcommon/src/jxmodulecore:595)"},
+      {[&] { module->pCall({}); },
+       "pCall: missing function name (../libjxcommon/src/jxmodulecore:611)"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(errorOf(row.action).toString(), std::string("Lonely::") + row.error);
 }
 
 TEST(Routing, DirectAndAutomaticCallsRunInTheCallersThreadQueuedOnesOnTheLoop) {
@@ -57,6 +82,21 @@ TEST(Routing, DirectAndAutomaticCallsRunInTheCallersThreadQueuedOnesOnTheLoop) {
   EXPECT_EQ(threadOf(MetaCallType::Auto), gv::os::gettid());
   EXPECT_EQ(threadOf(MetaCallType::Direct), gv::os::gettid());
   EXPECT_NE(threadOf(MetaCallType::Queued), gv::os::gettid());
+}
+
+TEST(Routing, AModuleWithoutAnOwnerIsNeitherCalledNorPublished) {
+  TestModule module(nullptr, "Unowned");
+  const unsigned greet = module.metaObject().findMethod("greet").at(0).uid();
+  const std::function<void()> actions[] = {
+      [&] { module.getThis(); },
+      [&] { module.asObject(); },
+      [&] { module.initModule(); },
+      [&] { module.metaCall({}, greet, {}, MetaCallType::Auto, {}); },
+      [&] { module._pCall(greet, {}); },
+  };
+  for (const auto& action : actions) EXPECT_THROW(action(), boost::bad_weak_ptr);
+  EXPECT_TRUE(module.isModuleStopped());
+  module.exit();
 }
 
 TEST(Routing, ErrorsTravelInTheFuture) {

@@ -3,18 +3,18 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <functional>
 #include <limits>
+#include <optional>
 #include <random>
 
 #include "callsfixture.h"
 #include "support/log_capture.h"
 #include "support/rounds.h"
-#include "taskids.h"
 
 namespace JX {
 namespace {
 
-using gv::log::Level;
 using testing::HasSubstr;
 
 class PostedAnywhere : public Calls {};
@@ -65,17 +65,24 @@ TEST_P(PostedAnywhere, APostedCallRunsUntilItIsAskedToStop) {
 }
 
 TEST_P(PostedAnywhere, WhatCannotBePostedIsAnErrorWithItsPosition) {
-  const JXError unknown = errorOf([&] { proxy->pCall("greet", 1, 2); });
-  EXPECT_EQ(
-      unknown.description(),
-      "JXProxy(Callee).pcall Can't find single match for greet\n  Candidate(s):\n  greet(s)\n");
-  EXPECT_EQ(unknown.line(), 355);
-  const JXError nameless = errorOf([&] { proxy->call<int>("pCall"); });
-  EXPECT_THAT(nameless.description(), HasSubstr("missing function name"));
+  EXPECT_EQ(errorOf([&] { proxy->pCall("greet", 1, 2); }).toString(),
+            "Callee::greet: JXProxy(Callee).pcall Can't find single match for greet\n"
+            "  Candidate(s):\n  greet(s)\n (../libjxcommon/src/jxproxy:355)");
+  EXPECT_THAT(errorOf([&] { proxy->call<int>("pCall"); }).description(),
+              HasSubstr("missing function name"));
   proxy->call<void>("withdraw");
   if (GetParam()) broker->shutdown();
-  const JXError gone = errorOf([&] { proxy->pCall("greet", "Ada"); });
-  EXPECT_EQ(gone.toString(), "Callee::greet: module destroyed (../libjxcommon/src/jxproxy:339)");
+  EXPECT_EQ(errorOf([&] { proxy->pCall("greet", "Ada"); }).toString(),
+            "Callee::greet: module destroyed (../libjxcommon/src/jxproxy:339)");
+}
+
+TEST_P(PostedAnywhere, APostedCallMayShutItsOwnBrokerDown) {
+  try {
+    proxy->pCall("shutDown");
+  } catch (const JXError& error) {
+    EXPECT_TRUE(GetParam()) << "the connection may go before the reply: " << error.description();
+  }
+  waitUntilTheModuleIsGone();
 }
 
 // ---- Of a module at hand
@@ -128,33 +135,40 @@ TEST_F(PostedCalls, RunOnTheEventLoopAlsoWhereTheirPostingIsQueued) {
   EXPECT_TRUE(posted.isFinished()) << "it ran in this thread";
   EXPECT_FALSE(module->wait(posted.value().to<int>(), 0));
   EXPECT_NE(thread, gv::os::gettid());
-  const JXError unknown = errorOf([&] { module->_pCall(4711, {}); });
-  EXPECT_EQ(unknown.toString(),
-            "Lonely::_pCall: Cant find methodId #4711 on module:Lonely "
-            "(../libjxcommon/src/jxmodulecore:595)");
 }
 
-TEST_F(PostedCalls, SayInTheLogWhatIsAskedOfThem) {
-  gv::log::setLevel(Level::Verbose);
-  bind("waitForItself", [&] { return module->wait(module->getMethodID(), 10); });
-  const int id = proxy.pCall("untilStopped");
-  const house::LogCapture log;
-  module->stop(id);
-  while (module->isRunning(id)) std::this_thread::yield();
-  module->stop(id);
-  module->wait(id, 0);
-  const int itself = proxy.pCall("waitForItself");
-  EXPECT_FALSE(module->wait(itself, 0));
-  std::string told;
-  for (const auto& record : log.records())
-    if (record.category == "jxcommon.jxmodulecore")
-      told += record.function + " " + std::to_string(static_cast<int>(record.level)) + " " +
-              record.text + "\n";
-  const std::string number = std::to_string(id);
-  const std::string notFound = " 5 Cant stop task " + number + " because it is not found.\n";
-  EXPECT_EQ(told, "stop 4 Lonely :Task " + number + " asked to stop\nstop" + notFound + "wait" +
-                      notFound + "wait 3 Lonely :Task " + std::to_string(itself) +
-                      " waits for its own end\n");
+TEST_F(PostedCalls, EndWithTheFutureThatTheirMethodGave) {
+  std::optional<gv::Promise<int>> promise;
+  bind("promise", [&] { return promise->future(); });
+  const std::function<void()> endings[] = {[&] { promise->setValue(1); },
+                                           [&] { promise->setError("an error"); },
+                                           [&] { promise.reset(); }};
+  for (const auto& ending : endings) {
+    promise.emplace();
+    const int id = proxy.pCall("promise");
+    EXPECT_TRUE(module->wait(id, 20));
+    EXPECT_TRUE(module->isRunning(id));
+    ending();
+    EXPECT_FALSE(module->wait(id, 0));
+  }
+}
+
+TEST_F(PostedCalls, NeverWaitedForLeaveNoEntry) {
+  bind("quick", [mark = house::LiveCounter::Mark(liveModules)](int) {});
+  const int rounds = house::rounds(100'000);
+  const int first = proxy.pCall("quick", 0);
+  int last = first;
+  for (int round = 1; round < rounds; ++round) last = proxy.pCall("quick", round);
+  EXPECT_EQ(last - first, rounds - 1);
+  for (int id = first; id <= last; ++id)
+    while (module->isRunning(id)) std::this_thread::yield();
+}
+
+TEST_F(PostedCalls, NameTheCandidatesOfAnOverloadedMethod) {
+  bind("greet", [](int, int, int) {});
+  EXPECT_EQ(errorOf([&] { proxy.pCall("greet"); }).description(),
+            "JXProxy(Lonely).pcall Can't find single match for greet\n"
+            "  Candidate(s):\n  greet(s)\n  greet(iii)\n");
 }
 
 TEST_F(PostedCalls, OfFourThreadsEndOnceAndLeaveNothing) {
@@ -185,6 +199,30 @@ TEST_F(PostedCalls, OfFourThreadsEndOnceAndLeaveNothing) {
   for (auto& poster : posters) poster.join();
 }
 
+TEST(PostedCallsOfOtherObjects, AreCallsOrWhatTheObjectMakesOfThem) {
+  gv::DynamicObjectBuilder plain, posting;
+  plain.advertiseMethod("half", [](int n) {
+    if (n % 2 != 0) throw std::domain_error("odd");
+    return n / 2;
+  });
+  JXProxy called(plain.object(), "Plain");
+  EXPECT_EQ(called.pCall("half", 4), -1);
+  EXPECT_EQ(errorOf([&] { called.pCall("half", 3); }).toString(),
+            "Plain::half: odd (../libjxcommon/src/jxproxy:377)");
+  posting.advertiseMethod("half", [](int) {});
+  posting.advertiseMethod("__pCall", [](unsigned, const std::vector<gv::AnyValue>& arguments) {
+    const int n = arguments.at(0).to<int>();
+    if (n == 3) throw std::domain_error("never");
+    return std::vector<std::string>(n, "two");
+  });
+  JXProxy posted(posting.object(), "Posting");
+  EXPECT_EQ(errorOf([&] { posted.pCall("half", 3); }).toString(),
+            "Posting::half: never (../libjxcommon/src/jxproxy:371)");
+  EXPECT_EQ(errorOf([&] { posted.pCall("half", 2); }).toString(),
+            "Posting::half: Unable to convert call result to target type: from "
+            "list<string> to int32 (../libjxcommon/src/jxproxy:371)");
+}
+
 TEST(PostedCallsFromElsewhere, AreAnsweredWhileEveryThreadIsBusy) {
   const house::Watchdog watchdog("posting to a robot that is busy");
   house::ChildProcess robot(JX_TEST_ROBOT, {},
@@ -210,42 +248,72 @@ TEST(PostedCallsFromElsewhere, AreAnsweredWhileEveryThreadIsBusy) {
   broker->shutdown();
 }
 
-TEST(ModulesThatComeAndGo, AnswerEachCallOrAreGone) {
-  const house::Watchdog watchdog("modules that come and go", std::chrono::seconds(100));
+// ---- While modules come and go
+
+TEST(PostedCallsInTheMiddleOfAnEnding, EndAllTheSame) {
+  const house::Watchdog watchdog("posted calls in the middle of an ending");
   const Broker broker = JXBroker::createBroker("near", "127.0.0.1", 0, "", 0);
-  std::atomic<bool> isOver{false};
-  std::atomic<int> answered{0};
-  std::vector<std::thread> callers;
-  for (int i = 0; i < 3; ++i)
-    callers.emplace_back([&] {
-      while (!isOver) {
-        try {
-          JXProxy proxy(broker, "Callee");
-          proxy.pCall("greet", "you");
-          EXPECT_EQ(proxy.call<std::string>("greet", "you"), "hello you");
-          ++answered;
-        } catch (const JXError& error) {
-          EXPECT_THAT(error.description(), testing::AnyOf(HasSubstr("Can't find service"),
-                                                          testing::Eq("module destroyed")));
-        }
-      }
-    });
-  const auto lasting = createModule<TestModule>(broker, "Callee");
-  for (int round = 0; round < house::rounds(1000) || answered == 0; ++round) {
-    lasting->exit();
-    createModule<TestModule>(broker, "Callee")->exit();
-    lasting->initModule();
+  for (int round = 0; round < house::rounds(300); ++round) {
+    auto module = createModule<TestModule>(broker, "Callee");
+    JXProxy proxy(module->asObject(), "Callee");
+    std::atomic<int> inner{0};
+    module->bind("postAgain", makeFunctor([&, raw = module.get()] {
+                   JXProxy itself(raw->asObject(), "Callee");
+                   inner = itself.pCall("greet", "you");
+                 }));
+    const int stopped = proxy.pCall("untilStopped");
+    int natural = 0, outer = 0;
+    std::thread stopping([&] { module->stop(stopped); });
+    std::thread withdrawing([&] { module->exit(); });
+    std::thread posting([&] { outer = proxy.pCall("postAgain"); });
+    natural = proxy.pCall("later", round);
+    for (std::thread* thread : {&stopping, &withdrawing, &posting}) thread->join();
+    EXPECT_FALSE(module->wait(outer, 0));
+    for (const int id : {stopped, natural, outer, inner.load()}) {
+      EXPECT_GT(id, 0);
+      EXPECT_FALSE(module->wait(id, 0));
+    }
+    EXPECT_FALSE(broker->getModuleByName("Callee"));
   }
-  isOver = true;
-  for (auto& caller : callers) caller.join();
+  while (liveModules.live() > 0) std::this_thread::yield();
   broker->shutdown();
 }
 
-TEST(TaskIds, BeginAnewBehindTheLargest) {
-  std::atomic<int> last{std::numeric_limits<int>::max() - 1};
-  EXPECT_EQ(nextIdBehind(last), std::numeric_limits<int>::max());
-  EXPECT_EQ(nextIdBehind(last), 1);
-  EXPECT_EQ(nextIdBehind(last), 2);
+/// Calls a module, both ways, until it is told to end: each call has a value or finds the module
+/// gone. Returns how many had a value.
+int callUntil(const std::atomic<bool>& isOver, const Broker& broker) {
+  int answered = 0;
+  while (!isOver) {
+    try {
+      JXProxy proxy(broker, "Callee");
+      proxy.pCall("greet", "you");
+      EXPECT_EQ(proxy.call<std::string>("greetSlowly", "you"), "hello you");
+      ++answered;
+    } catch (const JXError& error) {
+      EXPECT_THAT(error.description(),
+                  testing::AnyOf(HasSubstr("Can't find service"), testing::Eq("module destroyed"),
+                                 HasSubstr("no service")));
+    }
+  }
+  return answered;
+}
+
+class ModulesThatComeAndGo : public Calls {};
+
+INSTANTIATE_TEST_SUITE_P(A, ModulesThatComeAndGo, ::testing::Bool(), nameOfPlace);
+
+TEST_P(ModulesThatComeAndGo, AnswerEachCallOrAreGone) {
+  const house::LogCapture log;
+  std::atomic<bool> isOver{false};
+  std::atomic<int> answered{0};
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 3; ++i) callers.emplace_back([&] { answered += callUntil(isOver, broker); });
+  if (!GetParam()) createModule<TestModule>(broker, "Control");
+  JXProxy(broker, "Control").call<void>("comeAndGo", house::rounds(1000));
+  isOver = true;
+  for (auto& caller : callers) caller.join();
+  EXPECT_GT(answered, 0);
+  EXPECT_EQ(log.count("timed out"), 0) << "what is gone is not slow";
 }
 
 }  // namespace

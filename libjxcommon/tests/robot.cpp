@@ -1,4 +1,4 @@
-// A process of its own for the tests: publishes a TestModule until it is killed.
+// A process of its own for the tests: publishes two TestModules until it is killed.
 
 #include <iostream>
 
@@ -9,6 +9,7 @@
 int main() {
   const auto broker = JX::JXBroker::createBroker("robot", "127.0.0.1", 0, "", 0);
   JX::createModule<JX::TestModule>(broker, "Callee");
+  JX::createModule<JX::TestModule>(broker, "Control");
   std::cout << "listening on " << broker->getPort() << std::endl;
   const gv::Promise<void> never;
   never.future().wait();

@@ -6,6 +6,7 @@
 
 #include <gv/eventloop.h>
 #include <gv/os.h>
+#include <jxcommon/jxbroker.h>
 #include <jxcommon/jxmodule.h>
 #include <jxerror/jxerror.h>
 
@@ -33,9 +34,29 @@ class TestModule : public JXModule {
     bind("running", makeFunctor([this] { return running_.load(); }));
     bind("task", makeFunctor(this, &TestModule::getMethodID));
     bind("withdraw", makeFunctor(this, &TestModule::exit));
+    bind("shutDown", makeFunctor([this] { getParentBroker()->shutdown(); }));
+    bind("greetSlowly", makeFunctor(this, &TestModule::greetSlowly));
+    bind("comeAndGo", makeFunctor(this, &TestModule::comeAndGo));
+    bind("isOnEventLoop", makeFunctor([] { return gv::getEventLoop()->isInThisContext(); }));
   }
 
   std::string greet(const std::string& who) const { return "hello " + who; }
+
+  std::string greetSlowly(const std::string& who) const {
+    for (int i = 0; i < 20; ++i) std::this_thread::yield();
+    return greet(who);
+  }
+
+  /// Withdraws the module "Callee" of the same broker and publishes it again, so many times; each
+  /// time another one has the name meanwhile.
+  void comeAndGo(int rounds) {
+    const auto lasting = getParentBroker()->getModuleByName("Callee");
+    for (int round = 0; round < rounds; ++round) {
+      lasting->exit();
+      createModule<TestModule>(getParentBroker(), "Callee")->exit();
+      lasting->initModule();
+    }
+  }
 
   void untilStopped() {
     ++running_;
