@@ -4,8 +4,8 @@
 
 namespace bench {
 
-/// Counts the process's allocations while it lives, all threads together, and reports them per
-/// iteration as the counter `allocs`.
+/// Counts the process's allocations while it lives, all threads together, and reports per iteration
+/// how many there were, `allocs`, and how many are left, `kept`.
 class CountAllocations {
  public:
   explicit CountAllocations(benchmark::State& state);
@@ -15,7 +15,8 @@ class CountAllocations {
 
  private:
   benchmark::State& state_;
-  const long atStart_;
+  const long allocatedBefore_;
+  const long freedBefore_;
 };
 
 }  // namespace bench

@@ -35,11 +35,14 @@ class JXCOMMON_API JXFunctorBase {
 ///
 /// What cannot be bound does not compile; the compiler says why.
 template <class T, class M>
-boost::shared_ptr<JXFunctorBase> makeFunctor(T object, M member) {
+boost::shared_ptr<JXFunctorBase> makeFunctor(T* object, M member) {
+  return boost::make_shared<JXFunctorBase>(gv::AnyFunction::from(object, member).withInstance());
+}
+template <class T, class M>
+requires(!std::is_pointer_v<T>) boost::shared_ptr<JXFunctorBase> makeFunctor(const T&, M) {
   static_assert(std::is_pointer_v<T>,
                 "the object is borrowed: pass a plain pointer to it, and see that it lives on");
-  if constexpr (std::is_pointer_v<T>)
-    return boost::make_shared<JXFunctorBase>(gv::AnyFunction::from(object, member).withInstance());
+  return {};
 }
 
 /// A functor that calls a function, a lambda or a std::function, of any arity. Callers see its own
