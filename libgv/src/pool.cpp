@@ -225,7 +225,8 @@ void Pool::countWorkerLocked(int change) noexcept {
 }
 
 void Pool::lookForRoomLocked() noexcept {
-  hasRoom_.store(admitsGuest(viewLocked()), std::memory_order_relaxed);
+  const bool hasRoom = admitsGuest(viewLocked());
+  if (hasRoom != hasRoom_) hasRoom_ = hasRoom;
 }
 
 void Pool::tryToStartWorkerLocked() noexcept {

@@ -33,7 +33,7 @@ class Pool : public std::enable_shared_from_this<Pool> {
   void forgetDelayed(Task& task);
   void runService(std::string name, std::function<void()> body, std::function<void()> stop);
   bool isCurrent() const noexcept;
-  bool hasRoom() const noexcept { return hasRoom_.load(std::memory_order_relaxed); }
+  bool hasRoom() const noexcept { return hasRoom_; }
   void addGuest() noexcept;
   void removeGuest() noexcept;
   void workerWillBlock() noexcept;

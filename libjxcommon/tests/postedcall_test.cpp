@@ -234,13 +234,15 @@ TEST(PostedCallsFromElsewhere, AreAnsweredWhileEveryThreadIsBusy) {
   std::vector<int> tasks;
   for (int i = 0; i < 6; ++i) tasks.push_back(proxy.pCall("untilStopped"));
   while (proxy.call<int>("running") < 4) std::this_thread::yield();
-  // Calls that wait take threads beyond those.
+  // Calls that wait take as many threads again, until the last one's time is over.
   std::vector<std::thread> waiters;
-  for (int i = 0; i < 3; ++i)
-    waiters.emplace_back([&, id = tasks[i]] { EXPECT_FALSE(proxy.call<bool>("wait", id, 0)); });
-  EXPECT_TRUE(proxy.call<bool>("wait", tasks[5], 50)) << "not even begun";
-  tasks.push_back(proxy.call<int>("pCall", "untilStopped"));
-  tasks.push_back(proxy.pCall("untilStopped"));
+  for (int i = 0; i < 4; ++i)
+    waiters.emplace_back(
+        [&, i] { EXPECT_EQ(proxy.call<bool>("wait", tasks[i], i == 3 ? 100 : 0), i == 3); });
+  std::vector<int> more = {proxy.call<int>("pCall", "untilStopped"), proxy.pCall("untilStopped")};
+  waiters.back().join();
+  waiters.pop_back();
+  tasks.insert(tasks.end(), more.begin(), more.end());
   for (const int id : tasks) EXPECT_TRUE(proxy.call<bool>("isRunning", id));
   for (const int id : tasks) proxy.call<void>("stop", id);
   for (auto& waiter : waiters) waiter.join();

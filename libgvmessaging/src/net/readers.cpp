@@ -8,7 +8,6 @@
 #include <deque>
 #include <mutex>
 #include <optional>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -64,7 +63,8 @@ class Team {
   void dismiss(std::uint64_t key) { sockets_.remove(key); }
   ReadinessSet& readiness() { return readiness_; }
   void lend(std::uint64_t key);
-  bool tryPost(std::function<void()>& task);
+  void post(std::function<void()> task);
+  void postWhenThereIsRoom(std::function<void()> call);
   bool hasSpare() const { return hasSpare_.load(std::memory_order_relaxed); }
   void willBlock(Reader& reader) noexcept;
   void hasUnblocked(Reader& reader) noexcept;
@@ -84,6 +84,9 @@ class Team {
   std::size_t waitForSockets();
   std::size_t sleep();
   void handle(const Ready& ready);
+  bool hasTask() const { return hasTasks_ || (areWaiting_ && mayRunCalls()); }
+  bool mayRunCalls() const { return hasSpare() && getEventLoop()->hasRoom(); }
+  bool takeTask(std::function<void()>& task);
   void runTask();
 
   ReadySockets sockets_;
@@ -100,9 +103,11 @@ class Team {
   std::atomic<bool> hasSpare_{false};
   std::atomic<bool> isStopping_{false};
   std::atomic<bool> hasTasks_{false};
+  std::atomic<bool> areWaiting_{false};
 
   std::mutex mutex_;  // guards what follows
   std::deque<std::function<void()>> tasks_;
+  std::deque<std::function<void()>> waiting_;  // for room
   Reader* leader_ = nullptr;
   std::vector<Reader*> spares_;  // parked; the first one watches the leader
   bool isStarting_ = false;      // a thread was started that has not come to park yet
@@ -130,30 +135,44 @@ void Team::lead(Reader& self) {
   }
 }
 
-/// False, and the task is still there, when the process exits.
-bool Team::tryPost(std::function<void()>& task) {
+void Team::post(std::function<void()> task) {
   {
     const std::lock_guard lock(mutex_);
     startFirstReaderLocked();
-    if (!leader_ && !isStarting_) return false;
-    tasks_.push_back(std::move(task));
-    hasTasks_ = true;
+    if (leader_ || isStarting_) {
+      tasks_.push_back(std::exchange(task, nullptr));
+      hasTasks_ = true;
+    }
+  }
+  // It is still here when the process exits.
+  task ? task() : readiness_.wake();
+}
+
+void Team::postWhenThereIsRoom(std::function<void()> call) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (isStopping_) return;
+    waiting_.push_back(std::move(call));
+    areWaiting_ = true;
   }
   readiness_.wake();
-  return true;
 }
 
 /// The next one, if there is one: the thread may have been replaced meanwhile.
+bool Team::takeTask(std::function<void()>& task) {
+  const std::lock_guard lock(mutex_);
+  auto& queue = tasks_.empty() && mayRunCalls() ? waiting_ : tasks_;
+  if (queue.empty()) return false;
+  task = std::move(queue.front());
+  queue.pop_front();
+  hasTasks_ = !tasks_.empty();
+  areWaiting_ = !waiting_.empty();
+  return true;
+}
+
 void Team::runTask() {
-  if (!hasTasks_) return;
   std::function<void()> task;
-  {
-    const std::lock_guard lock(mutex_);
-    if (tasks_.empty()) return;
-    task = std::move(tasks_.front());
-    tasks_.pop_front();
-    hasTasks_ = !tasks_.empty();
-  }
+  if (!hasTask() || !takeTask(task)) return;
   const Readers::ForeignCode foreign;
   try {
     task();
@@ -172,7 +191,7 @@ void Team::handle(const Ready& ready) {
 
 std::size_t Team::waitForSockets() {
   std::size_t count = readiness_.wait(ready_, 0);
-  if (count > 0 || hasTasks_) return count;
+  if (count > 0 || hasTask()) return count;
   const auto begin = Clock::now();
   if (const auto longest = patience_.next(); longest.count() > 0)
     detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
@@ -189,7 +208,7 @@ std::size_t Team::waitForSockets() {
 std::size_t Team::sleep() {
   leaderSleeps_ = true;
   // The word to wake may have come, and gone, while it polled.
-  const bool mustNotSleep = isStopping_ || hasTasks_;
+  const bool mustNotSleep = isStopping_ || hasTask();
   const std::size_t count = readiness_.wait(ready_, mustNotSleep         ? 0
                                                     : sockets_.areLent() ? lentLookMs
                                                                          : -1);
@@ -306,6 +325,7 @@ void Team::run(const std::shared_ptr<Reader>& self) {
     if (Reactor::isForked()) return;  // the call forked: this is the child
     lock.lock();
     self->guest.reset();
+    if (areWaiting_) readiness_.wake();
     self->phase = Reader::Phase::Own;
     const bool leads = leader_ == self.get();  // nobody replaced it: it stops
     if (isStopping_ && (!leads || tasks_.empty())) break;
@@ -393,15 +413,11 @@ void Readers::lend(std::uint64_t key) {
 }
 
 void Readers::post(std::function<void()> task) {
-  if (!team().tryPost(task)) task();
+  team().post(std::move(task));
 }
 
-bool Readers::tryPost(std::function<void()> task) {
-  try {
-    return team().tryPost(task);
-  } catch (const std::system_error&) {
-    return false;
-  }
+void Readers::postWhenThereIsRoom(std::function<void()> call) {
+  team().postWhenThereIsRoom(std::move(call));
 }
 
 bool Readers::mayRunForeignCode() {

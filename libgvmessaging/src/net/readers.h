@@ -43,8 +43,9 @@ class GVMESSAGING_API Readers {
   /// process exits, once nobody leads any more, in the calling one. Throws std::system_error when
   /// no thread can be made.
   static void post(std::function<void()> task);
-  /// As post, but false where nobody leads any more or no thread can be made; the task has not run.
-  static bool tryPost(std::function<void()> task);
+  /// Runs a call in the leading thread once the event loop has room for a guest, which may be at
+  /// once or never. Any thread.
+  static void postWhenThereIsRoom(std::function<void()> call);
 
   /// True in the leading thread outside of foreign code, while a spare is there to replace it, or
   /// on its way.

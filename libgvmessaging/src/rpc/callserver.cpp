@@ -110,16 +110,15 @@ void CallServer::onCall(wire::Frame& frame) {
   if (!isHere) stream_.expectUnasked();
   if (isFrameworks(frame.header)) return serve(frame, MetaCallType::Direct);
   const auto callType = static_cast<MetaCallType>(frame.header.callType);
-  const bool mayBeGuest = callType != MetaCallType::Queued && getEventLoop()->hasRoom();
-  if (isHere && mayBeGuest)
+  if (isHere && callType != MetaCallType::Queued && getEventLoop()->hasRoom())
     serve(frame, callType);
   else
-    serveElsewhere(frame, mayBeGuest);
+    serveElsewhere(frame, callType);
 }
 
 /// Looks up, and decodes what may name objects, in the order of the frames: what follows may give
 /// back the object that is called here, or one among the arguments.
-void CallServer::serveElsewhere(wire::Frame& frame, bool mayBeGuest) {
+void CallServer::serveElsewhere(wire::Frame& frame, MetaCallType callType) {
   const wire::FrameHeader header = frame.header;
   const auto call = releasedElsewhere(AcceptedCall());
   try {
@@ -135,13 +134,18 @@ void CallServer::serveElsewhere(wire::Frame& frame, bool mayBeGuest) {
   }
   call->frame = std::move(frame);
   EventLoop* loop = getEventLoop();
-  const auto refuse = [this, self = connection_.shared_from_this(), call, loop] {
-    replyError(call->frame.header, loop->refusalText());
+  const auto isTaken = std::make_shared<std::atomic<bool>>(false);
+  const auto refuse = [this, self = connection_.shared_from_this(), call, loop, isTaken] {
+    if (!isTaken->exchange(true)) replyError(call->frame.header, loop->refusalText());
   };
-  const auto run = [this, self = connection_.shared_from_this(), call] { serveAccepted(*call); };
-  // What a caller read that waits for its own reply is the leader's: the pool may be busy.
-  if (mayBeGuest && net::Readers::Borrowing::isActive() && net::Readers::tryPost(run)) return;
-  if (!loop->tryPost(run, refuse)) refuse();
+  const auto run = [this, self = connection_.shared_from_this(), call, isTaken] {
+    if (isTaken->exchange(true)) return;
+    serveAccepted(*call);
+    *call = AcceptedCall();  // the other one that has it may come much later
+  };
+  if (!loop->tryPost(run, refuse)) return refuse();
+  // The pool may be busy for ever, and then the call is one that would stop a task.
+  if (callType != MetaCallType::Queued) net::Readers::postWhenThereIsRoom(run);
 }
 
 void CallServer::serveAccepted(const AcceptedCall& call) {

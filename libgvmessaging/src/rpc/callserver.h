@@ -31,9 +31,10 @@ struct CallTarget;
 
 /// Serves one peer: its calls, and the signals that it subscribed to. Part of the connection.
 ///
-/// Calls run in the thread that leads the readers, which may be replaced meanwhile (see
-/// net::Readers), also those that were read by a caller which waits for its own reply; queued ones,
-/// and those for which the leader has no room, on the event loop.
+/// Calls run in the thread that read them, which may be replaced meanwhile (see net::Readers);
+/// queued ones on the event loop. Those that were read by a caller which waits for its own reply,
+/// and those for which there is no room, run in the leading reader or on the event loop, whichever
+/// can first.
 class CallServer {
  public:
   CallServer(Connection& connection, net::Stream& stream, ObjectExchange& objects,
@@ -55,7 +56,7 @@ class CallServer {
 
  private:
   void serve(const wire::Frame& frame, MetaCallType callType);
-  void serveElsewhere(wire::Frame& frame, bool mayBeGuest);
+  void serveElsewhere(wire::Frame& frame, MetaCallType callType);
   void serveAccepted(const AcceptedCall& call);
   void checkBudget(const wire::Frame& frame);
   std::shared_ptr<CallBudget::Share> shareOf(const wire::FrameHeader& header) const;
