@@ -68,7 +68,7 @@ bool EventLoop::trySubmit(detail::TaskPointer task) {
 
 std::string EventLoop::refusalText() const {
   return "all " + std::to_string(pool_->maxThreads()) +
-         " threads of the event loop are blocked, and GV_EVENTLOOP_MAX_THREADS (" +
+         " threads of the event loop are blocked or busy, and GV_EVENTLOOP_MAX_THREADS (" +
          std::to_string(pool_->maxThreads()) + ") allows no more";
 }
 

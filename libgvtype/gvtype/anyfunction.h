@@ -1,7 +1,11 @@
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <map>
 #include <memory>
 #include <new>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <tuple>
@@ -42,6 +46,20 @@ CallShape<const C, R, A...> shapeOf(R (C::*)(A...) const);
 template <class R, class C, class... A>
 CallShape<const C, R, A...> shapeOf(R (C::*)(A...) const&);
 void shapeOf(...);  // none of these
+
+/// Whether a value of the type, or the elements of a container, only point at what others own.
+template <class T>
+inline constexpr bool isView = std::is_pointer_v<T> || std::is_same_v<T, std::string_view>;
+template <class T, class... Rest>
+inline constexpr bool isView<std::vector<T, Rest...>> = isView<T>;
+template <class K, class V, class... Rest>
+inline constexpr bool isView<std::map<K, V, Rest...>> = isView<K> || isView<V>;
+template <class T>
+inline constexpr bool isView<std::optional<T>> = isView<T>;
+template <class T, class U>
+inline constexpr bool isView<std::pair<T, U>> = isView<T> || isView<U>;
+template <class... T>
+inline constexpr bool isView<std::tuple<T...>> = (isView<T> || ...);
 
 }  // namespace detail
 
@@ -110,10 +128,6 @@ class GVTYPE_API AnyFunction {
     mutable F callable;  // its call operator may change it
   };
 
-  template <class T>
-  static constexpr bool isView = std::is_same_v<T, const char*> || std::is_same_v<T, char*> ||
-                                 std::is_same_v<T, std::string_view>;
-
   template <class R, class... A>
   static constexpr void checkTypes() {
     static_assert(
@@ -123,8 +137,18 @@ class GVTYPE_API AnyFunction {
         "parameters must be values or references to const: the caller's values are shared");
     static_assert(((std::is_reference_v<A> || std::is_copy_constructible_v<A>)&&...),
                   "a parameter by value must be copyable: the caller's value is shared");
-    static_assert((!isView<std::remove_cvref_t<A>> && ... && !isView<std::remove_cvref_t<R>>),
-                  "a text must be a std::string: nobody keeps alive what a view of one looks at");
+    static_assert(
+        (!detail::isView<std::decay_t<A>> && ... && !detail::isView<std::decay_t<R>>),
+        "neither a pointer nor a view of a text can be passed: nobody keeps alive what it "
+        "points at; pass the value itself, a text as a std::string");
+    static_assert(tailsBeforeLast<A...>() == 0, "AnyArguments must be the last parameter");
+  }
+
+  template <class... A>
+  static constexpr std::size_t tailsBeforeLast() {
+    const std::array<bool, sizeof...(A)> isTail{
+        std::is_same_v<std::remove_cvref_t<A>, AnyArguments>...};
+    return std::count(isTail.begin(), isTail.end() - (isTail.empty() ? 0 : 1), true);
   }
 
   template <class Shape, class Callable>
@@ -200,8 +224,10 @@ AnyFunction AnyFunction::from(F callable) {
 
 template <class T, class M>
 AnyFunction AnyFunction::from(T* object, M member) {
-  using Shape = decltype(detail::shapeOf(member));
-  checkShape<Shape, M>();
+  constexpr bool isMember = std::is_member_pointer_v<M>;
+  static_assert(isMember, "only a member function has an object: leave it out for other callables");
+  using Shape = std::conditional_t<isMember, decltype(detail::shapeOf(member)), void>;
+  if constexpr (isMember) checkShape<Shape, M>();
   if constexpr (!std::is_void_v<Shape>) {
     using Object = typename Shape::Object;
     constexpr bool isOfObject = std::is_convertible_v<T*, Object*>;

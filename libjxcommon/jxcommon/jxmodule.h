@@ -41,7 +41,8 @@ class JXCOMMON_API JXModule : public JXModuleCore, public detail::JXProcessSigna
   /// Waits for the end of a posted call of this module, for so many milliseconds, 0 and less
   /// without limit. True when it still runs then; false when it has ended, and for an unknown id.
   bool wait(const int& id, const int& timeoutPeriod);
-  /// Whether a posted call of this module has not ended. Once false it stays so.
+  /// Whether a posted call of this module, of an id that was given, has not ended. Once false it
+  /// stays so.
   bool isRunning(const int& id);
   /// Asks a posted call to stop, and returns at once: it ends when its method looks.
   virtual void stop(const int& id);

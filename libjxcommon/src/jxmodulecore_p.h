@@ -23,10 +23,18 @@ struct JXPCallTask {
   std::atomic<bool> stopRequested{false};
   /// Settles when the call has ended, however it did.
   const gv::Promise<void> promise{gv::FutureCallbackType::Sync};
+  std::atomic<bool> hasEnded{false};
+
+  /// Settles the promise, once.
+  void end() {
+    if (!hasEnded.exchange(true)) promise.setValue();
+  }
 };
 
 class JXCOMMON_API JXModuleCorePrivate {
  public:
+  static std::atomic<int> _taskId;  // the last one given
+
   JXModuleCorePrivate(std::string moduleName, boost::shared_ptr<JXBroker> broker)
       : name(std::move(moduleName)), parentBroker(std::move(broker)) {}
 
@@ -66,9 +74,6 @@ class JXCOMMON_API JXModuleCorePrivate {
   JXMethodInfo methodInfo;                 // never filled
   /// 0 until registered. Atomic: written by the registering thread, read by the withdrawing one.
   std::atomic<unsigned> serviceId{0};
-
- private:
-  static std::atomic<int> _taskId;  // the last one given
 };
 
 /// Runs one call of a method in this thread and settles its promise with the outcome; throws

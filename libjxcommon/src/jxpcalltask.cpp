@@ -1,5 +1,7 @@
+#include <limits>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <shared_mutex>
 
 #include <gv/eventloop.h>
@@ -11,7 +13,6 @@
 #include <jxerror/jxerror.h>
 
 #include "jxmodulecore_p.h"
-#include "taskids.h"
 
 namespace JX {
 namespace {
@@ -49,19 +50,19 @@ gv::GenericFunctionParameters referencesTo(const std::vector<gv::AnyValue>& valu
 /// the task ends all the same.
 class PostedCall {
  public:
-  PostedCall(boost::shared_ptr<JXModuleCore> module, JXPCallTask* task)
-      : module_(std::move(module)), task_(task) {}
+  explicit PostedCall(boost::shared_ptr<JXModuleCore> module) : module_(std::move(module)) {}
   ~PostedCall() {
     if (task_) finalizeTask(module_, task_, false);
   }
   PostedCall(const PostedCall&) = delete;
   PostedCall& operator=(const PostedCall&) = delete;
 
+  void give(JXPCallTask* task) { task_ = task; }
   JXPCallTask* take() { return std::exchange(task_, nullptr); }
 
  private:
   const boost::shared_ptr<JXModuleCore> module_;
-  JXPCallTask* task_;
+  JXPCallTask* task_ = nullptr;
 };
 
 }  // namespace
@@ -71,7 +72,12 @@ class PostedCall {
 std::atomic<int> JXModuleCorePrivate::_taskId{0};
 
 int JXModuleCorePrivate::nextTaskId() {
-  return nextIdBehind(_taskId);
+  int before = _taskId;
+  int next;
+  do {
+    next = before == std::numeric_limits<int>::max() ? 1 : before + 1;
+  } while (!_taskId.compare_exchange_weak(before, next));
+  return next;
 }
 
 JXPCallTask* JXModuleCorePrivate::addTask(int id) {
@@ -96,7 +102,7 @@ void JXModuleCorePrivate::removeTask(int id) {
     return log(
         Level::Error, "removeTask",
         removalText(id) + " but current thread is assigned to task " + std::to_string(current->id));
-  currentTask.reset();
+  delete currentTask.release();  // reset() would keep an entry of this module in the thread
 }
 
 void JXModuleCorePrivate::removeTaskRemote(int id) {
@@ -171,7 +177,7 @@ void finalizeTask(const boost::shared_ptr<JXModuleCore>& module, JXPCallTask* ta
                   bool sameThread) {
   // A waiter that sees the end may see the entry for a moment more; it holds the future, not the
   // task.
-  task->promise.setValue();
+  task->end();
   if (sameThread) return module->d->removeTask(task->id);
   module->d->removeTaskRemote(task->id);
   delete task;
@@ -190,8 +196,14 @@ void catch_pcall(const boost::shared_ptr<JXModuleCore>& module, unsigned methodI
   if (!value.isValid() || value.type()->kind != gv::TypeKind::Future)
     return finalizeTask(module, task, true);
   const gv::Promise<void> end;
-  end.future().connect([module, task](const auto&) { finalizeTask(module, task, false); },
-                       gv::FutureCallbackType::Async);
+  try {
+    // Waiters are told at once: they may block every thread that could run the other one.
+    end.future().connect([task](const auto&) { task->end(); }, gv::FutureCallbackType::Sync);
+    end.future().connect([module, task](const auto&) { finalizeTask(module, task, false); },
+                         gv::FutureCallbackType::Async);
+  } catch (const std::bad_alloc&) {
+    return finalizeTask(module, task, true);
+  }
   module->d->currentTask.release();
   gv::handleFuture<void>(value, end);
 }
@@ -207,7 +219,8 @@ int JXModuleCore::_pCall(unsigned methodId, const std::vector<gv::AnyValue>& arg
                   "Cant find methodId #" + std::to_string(methodId) + " on module:" + d->name, file,
                   unknownMethodLine);
   const auto self = shared_from_this();
-  const auto call = std::make_shared<PostedCall>(self, d->addTask(id));
+  const auto call = std::make_shared<PostedCall>(self);
+  call->give(d->addTask(id));
   gv::getEventLoop()->post([=, function = *function, context = asObject(),
                             caller = gv::os::gettid(),
                             parameters = referencesTo(arguments).copy()]() mutable {

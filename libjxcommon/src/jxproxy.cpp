@@ -39,6 +39,16 @@ void log(const gv::log::Category& where, Level level, const std::string& text) {
   throw JXError("JXProxy", "JXProxy", description, file, line);
 }
 
+/// The result of a call, or the eventual one where that is a future.
+template <class R>
+R resultOf(const gv::Object<gv::Empty>& object, unsigned methodId,
+           const gv::GenericFunctionParameters& arguments, gv::MetaCallType callType) {
+  const auto result = object.metaCall(methodId, arguments, callType, gv::Signature());
+  const gv::Promise<R> promise(gv::FutureCallbackType::Sync);
+  gv::handleFuture<R>(result.value(gv::FutureTimeout_Infinite), promise);
+  return promise.future().value(gv::FutureTimeout_Infinite);
+}
+
 }  // namespace
 
 JXProxy::JXProxy(boost::shared_ptr<JXBroker> broker, const std::string& moduleName, int, int)
@@ -149,8 +159,8 @@ JXValue JXProxy::genericCall(const std::string& methodName, const JXValue& param
 
 int JXProxy::xMetaPCall(const std::string& methodName,
                         const gv::GenericFunctionParameters& parameters) {
-  const auto fail = [&](const std::string& description, int line) {
-    throw JXError(_p->moduleName, methodName, description, file, line);
+  const auto fail = [&] [[noreturn]] (const std::string& text, int line) {
+    throw JXError(_p->moduleName, methodName, text, file, line);
   };
   const gv::Object<gv::Empty> object = object_.lock();
   if (!object.isValid()) fail("module destroyed", postLockLine);
@@ -165,26 +175,21 @@ int JXProxy::xMetaPCall(const std::string& methodName,
     fail(text, noMatchLine);
   }
   const auto posting = description.findMethod("__pCall");
-  if (posting.empty()) {
-    const auto result = object.metaCall(static_cast<unsigned>(id), parameters,
-                                        gv::MetaCallType::Auto, gv::Signature());
-    if (result.hasError(gv::FutureTimeout_Infinite)) fail(result.error(), postedCallLine);
-    return -1;
-  }
   const auto methodId = static_cast<unsigned>(id);
-  std::vector<gv::AnyValue> arguments;
-  arguments.reserve(parameters.size());
-  for (const gv::AnyReference& parameter : parameters)
-    arguments.push_back(gv::AnyValue::copyOf(parameter));
-  const gv::Promise<int> taskId(gv::FutureCallbackType::Sync);
-  const auto result =
-      object.metaCall(posting.front().uid(), gv::makeParameters(methodId, arguments),
-                      gv::MetaCallType::Direct, gv::Signature());
-  if (result.hasError(gv::FutureTimeout_Infinite)) fail(result.error(), postLine);
-  gv::handleFuture<int>(result.value(), taskId);
-  const auto task = taskId.future();
-  if (task.hasError(gv::FutureTimeout_Infinite)) fail(task.error(), postLine);
-  return task.value();
+  try {
+    if (posting.empty()) {
+      resultOf<void>(object, methodId, parameters, gv::MetaCallType::Auto);
+      return -1;
+    }
+    std::vector<gv::AnyValue> arguments;
+    arguments.reserve(parameters.size());
+    for (const gv::AnyReference& parameter : parameters)
+      arguments.push_back(gv::AnyValue::copyOf(parameter));
+    return resultOf<int>(object, posting.front().uid(), gv::makeParameters(methodId, arguments),
+                         gv::MetaCallType::Direct);
+  } catch (...) {  // copies of arguments are foreign code
+    fail(gv::detail::currentError().text, posting.empty() ? postedCallLine : postLine);
+  }
 }
 
 }  // namespace JX

@@ -2,13 +2,17 @@
 
 #include <gmock/gmock.h>
 
+#include <signal.h>
+
 #include <atomic>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <random>
 
 #include "callsfixture.h"
+#include "jxmodulecore_p.h"
 #include "support/log_capture.h"
 #include "support/rounds.h"
 
@@ -35,6 +39,9 @@ TEST_P(PostedAnywhere, APostedCallEndsHoweverItsMethodDoes) {
   for (const auto& row : rows) {
     const int id = proxy->pCall(row.method, row.argument);
     EXPECT_GT(id, before) << "ids ascend";
+    if (GetParam() && before == 0) {
+      EXPECT_EQ(id, 1) << "the first one of its process";
+    }
     before = id;
     EXPECT_FALSE(proxy->call<bool>("wait", id, 0)) << row.method;
     waitUntilGone(*proxy, id);
@@ -164,6 +171,32 @@ TEST_F(PostedCalls, NeverWaitedForLeaveNoEntry) {
     while (module->isRunning(id)) std::this_thread::yield();
 }
 
+TEST_F(PostedCalls, CountAnewBehindTheLargestIdAndPassOverThoseInUse) {
+  std::atomic<int>& last = JXModuleCorePrivate::_taskId;
+  const int before = last;
+  const int running = proxy.pCall("untilStopped");
+  last = running - 1;
+  EXPECT_EQ(proxy.pCall("greet", "you"), running + 1);
+  last = std::numeric_limits<int>::max() - 1;
+  EXPECT_EQ(proxy.pCall("greet", "you"), std::numeric_limits<int>::max());
+  EXPECT_EQ(proxy.pCall("greet", "you"), 1);
+  last = before + 10;
+  module->stop(running);
+}
+
+TEST_F(PostedCalls, OfArgumentsThatDoNotLetThemselvesBeCopiedAreErrors) {
+  struct Fragile {
+    Fragile() = default;
+    Fragile(const Fragile&) { throw 42; }
+    Fragile& operator=(const Fragile&) = default;
+  };
+  bind("take", [](const Fragile&) {});
+  bind("own", [](const std::unique_ptr<int>&) {});
+  EXPECT_EQ(errorOf([&] { proxy.pCall("take", Fragile()); }).toString(),
+            "Lonely::take: unknown exception (../libjxcommon/src/jxproxy:371)");
+  EXPECT_EQ(errorOf([&] { proxy.pCall("own", std::unique_ptr<int>()); }).line(), 371);
+}
+
 TEST_F(PostedCalls, NameTheCandidatesOfAnOverloadedMethod) {
   bind("greet", [](int, int, int) {});
   EXPECT_EQ(errorOf([&] { proxy.pCall("greet"); }).description(),
@@ -205,7 +238,20 @@ TEST(PostedCallsOfOtherObjects, AreCallsOrWhatTheObjectMakesOfThem) {
     if (n % 2 != 0) throw std::domain_error("odd");
     return n / 2;
   });
+  std::atomic<bool> hasEnded{false};
+  plain.advertiseMethod("later", [&](bool isBroken) {
+    return gv::getEventLoop()->async(
+        [&, isBroken] {
+          if (isBroken) throw std::domain_error("too late");
+          hasEnded = true;
+        },
+        std::chrono::milliseconds(20));
+  });
   JXProxy called(plain.object(), "Plain");
+  EXPECT_EQ(called.pCall("later", false), -1);
+  EXPECT_TRUE(hasEnded);
+  EXPECT_EQ(errorOf([&] { called.pCall("later", true); }).toString(),
+            "Plain::later: too late (../libjxcommon/src/jxproxy:377)");
   EXPECT_EQ(called.pCall("half", 4), -1);
   EXPECT_EQ(errorOf([&] { called.pCall("half", 3); }).toString(),
             "Plain::half: odd (../libjxcommon/src/jxproxy:377)");
@@ -223,17 +269,28 @@ TEST(PostedCallsOfOtherObjects, AreCallsOrWhatTheObjectMakesOfThem) {
             "list<string> to int32 (../libjxcommon/src/jxproxy:371)");
 }
 
-TEST(PostedCallsFromElsewhere, AreAnsweredWhileEveryThreadIsBusy) {
-  const house::Watchdog watchdog("posting to a robot that is busy");
-  house::ChildProcess robot(JX_TEST_ROBOT, {},
-                            {"GV_EVENTLOOP_MIN_THREADS=2", "GV_EVENTLOOP_MAX_THREADS=4"});
+/// A robot whose event loop has four threads at most.
+class SmallRobot : public ::testing::Test {
+ protected:
+  ~SmallRobot() override { broker->shutdown(); }
+
+  void keepEveryThreadBusy() {
+    for (int i = 0; i < 6; ++i) tasks.push_back(proxy.pCall("untilStopped"));
+    while (proxy.call<int>("running") < 4) std::this_thread::yield();
+  }
+
+  const house::Watchdog watchdog{"a robot of four threads"};
+  house::ChildProcess robot{
+      JX_TEST_ROBOT, {}, {"GV_EVENTLOOP_MIN_THREADS=2", "GV_EVENTLOOP_MAX_THREADS=4"}};
   const std::string ready = robot.waitForLine("listening on ");
   const Broker broker = JXBroker::createBroker("far", "127.0.0.1", 0, "127.0.0.1",
                                                std::stoi(ready.substr(ready.rfind(' '))));
-  JXProxy proxy(broker, "Callee");
+  JXProxy proxy{broker, "Callee"};
   std::vector<int> tasks;
-  for (int i = 0; i < 6; ++i) tasks.push_back(proxy.pCall("untilStopped"));
-  while (proxy.call<int>("running") < 4) std::this_thread::yield();
+};
+
+TEST_F(SmallRobot, AnswersPostedCallsWhileEveryThreadIsBusy) {
+  keepEveryThreadBusy();
   // Calls that wait take as many threads again, until the last one's time is over.
   std::vector<std::thread> waiters;
   for (int i = 0; i < 4; ++i)
@@ -247,7 +304,33 @@ TEST(PostedCallsFromElsewhere, AreAnsweredWhileEveryThreadIsBusy) {
   for (const int id : tasks) proxy.call<void>("stop", id);
   for (auto& waiter : waiters) waiter.join();
   for (const int id : tasks) EXPECT_FALSE(proxy.call<bool>("wait", id, 0));
-  broker->shutdown();
+}
+
+TEST_F(SmallRobot, RefusesCallsWhenEveryThreadIsBusyAndAsManyMoreWait) {
+  keepEveryThreadBusy();
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 5; ++i)
+    waiters.emplace_back([&] { errorOf([&] { proxy.call<bool>("wait", tasks[0], 0); }); });
+  const JXError refused = errorOf([&] {
+    while (true) proxy.call<bool>("isRunning", tasks[0]);
+  });
+  EXPECT_THAT(refused.description(), HasSubstr("GV_EVENTLOOP_MAX_THREADS (4)"));
+  robot.kill(SIGKILL);
+  for (auto& waiter : waiters) waiter.join();
+}
+
+TEST_F(SmallRobot, EndsAPostedCallForWhichEveryThreadWaits) {
+  const int held = proxy.pCall("heldUntilAllWait");
+  for (int i = 0; i < 4; ++i) tasks.push_back(proxy.pCall("waitFor", held));
+  tasks.push_back(held);
+  for (const int id : tasks)
+    for (bool isRunning = true; isRunning;) {
+      try {
+        isRunning = proxy.call<bool>("isRunning", id);
+      } catch (const JXError& error) {
+        EXPECT_THAT(error.description(), HasSubstr("GV_EVENTLOOP_MAX_THREADS (4)"));
+      }
+    }
 }
 
 // ---- While modules come and go

@@ -4,12 +4,10 @@
 #include <gv/log.h>
 
 #include <functional>
-#include <limits>
 #include <memory>
 
 #include "jxmodulecore_p.h"
 #include "support/log_capture.h"
-#include "taskids.h"
 
 namespace JX {
 namespace {
@@ -63,13 +61,6 @@ TEST(TaskTable, TellsTheLogWhatItIsAskedFor) {
   table.removeTask(6);
   EXPECT_FALSE(table.isPCalled() || table.isRunning(6) || table.isStopRequired(6));
   EXPECT_EQ(table.getMethodID(), 0xFFFFFFFFu);
-}
-
-TEST(TaskTable, ItsIdsBeginAnewBehindTheLargest) {
-  std::atomic<int> last{std::numeric_limits<int>::max() - 1};
-  EXPECT_EQ(nextIdBehind(last), std::numeric_limits<int>::max());
-  EXPECT_EQ(nextIdBehind(last), 1);
-  EXPECT_EQ(nextIdBehind(last), 2);
 }
 
 }  // namespace

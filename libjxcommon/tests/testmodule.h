@@ -31,6 +31,8 @@ class TestModule : public JXModule {
            return gv::getEventLoop()->async([]() -> int { throw std::domain_error("too late"); });
          }));
     bind("untilStopped", makeFunctor(this, &TestModule::untilStopped));
+    bind("waitFor", makeFunctor([this](int id) { return wait(id, 0); }));
+    bind("heldUntilAllWait", makeFunctor(this, &TestModule::heldUntilAllWait));
     bind("running", makeFunctor([this] { return running_.load(); }));
     bind("task", makeFunctor(this, &TestModule::getMethodID));
     bind("withdraw", makeFunctor(this, &TestModule::exit));
@@ -42,16 +44,20 @@ class TestModule : public JXModule {
 
   std::string greet(const std::string& who) const { return "hello " + who; }
 
-  std::string greetSlowly(const std::string& who) const {
+  std::string greetSlowly(const std::string& who) {
     for (int i = 0; i < 20; ++i) std::this_thread::yield();
+    ++greeted_;
     return greet(who);
   }
 
   /// Withdraws the module "Callee" of the same broker and publishes it again, so many times; each
-  /// time another one has the name meanwhile.
+  /// time another one has the name meanwhile. Stays at times until it was called.
   void comeAndGo(int rounds) {
-    const auto lasting = getParentBroker()->getModuleByName("Callee");
+    const auto lasting =
+        boost::dynamic_pointer_cast<TestModule>(getParentBroker()->getModuleByName("Callee"));
     for (int round = 0; round < rounds; ++round) {
+      const int greeted = lasting->greeted_;
+      while (round % 10 == 0 && lasting->greeted_ == greeted) std::this_thread::yield();
       lasting->exit();
       createModule<TestModule>(getParentBroker(), "Callee")->exit();
       lasting->initModule();
@@ -62,6 +68,17 @@ class TestModule : public JXModule {
     ++running_;
     while (!isStopRequired()) std::this_thread::yield();
     --running_;
+  }
+
+  /// A future that ends once every thread of the event loop is in a wait.
+  gv::Future<void> heldUntilAllWait() {
+    const gv::Promise<void> promise;
+    holder_ = std::jthread([promise] {
+      const auto isBusy = [](const auto& now) { return now.blocked < now.maxThreads; };
+      while (isBusy(gv::getEventLoop()->figures())) std::this_thread::yield();
+      promise.setValue();
+    });
+    return promise.future();
   }
 
   void bind(const std::string& name, const boost::shared_ptr<JXFunctorBase>& functor) {
@@ -81,6 +98,8 @@ class TestModule : public JXModule {
 
  private:
   std::atomic<int> running_{0};
+  std::atomic<int> greeted_{0};
+  std::jthread holder_;
   house::LiveCounter::Mark mark_{liveModules};
 };
 

@@ -33,6 +33,9 @@ constexpr int idleTicks = 200;
 // How long spare threads beyond the one that watches are kept.
 constexpr std::chrono::seconds keepSpares(5);
 constexpr int lentLookMs = 1;
+// How long a call waits for room, and how often the leader looks at those that do.
+constexpr std::chrono::seconds longestWait(1);
+constexpr int waitingLookMs = 100;
 
 class Team;
 
@@ -64,7 +67,7 @@ class Team {
   ReadinessSet& readiness() { return readiness_; }
   void lend(std::uint64_t key);
   void post(std::function<void()> task);
-  void postWhenThereIsRoom(std::function<void()> call);
+  void postWhenThereIsRoom(std::function<void()> call, std::function<void()> refuse);
   bool hasSpare() const { return hasSpare_.load(std::memory_order_relaxed); }
   void willBlock(Reader& reader) noexcept;
   void hasUnblocked(Reader& reader) noexcept;
@@ -84,7 +87,6 @@ class Team {
   std::size_t waitForSockets();
   std::size_t sleep();
   void handle(const Ready& ready);
-  bool hasTask() const { return hasTasks_ || (areWaiting_ && mayRunCalls()); }
   bool mayRunCalls() const { return hasSpare() && getEventLoop()->hasRoom(); }
   bool takeTask(std::function<void()>& task);
   void runTask();
@@ -107,7 +109,12 @@ class Team {
 
   std::mutex mutex_;  // guards what follows
   std::deque<std::function<void()>> tasks_;
-  std::deque<std::function<void()>> waiting_;  // for room
+  struct Waiting {
+    std::function<void()> call;
+    std::function<void()> refuse;
+    Clock::time_point until;
+  };
+  std::deque<Waiting> waiting_;  // for room, the oldest first
   Reader* leader_ = nullptr;
   std::vector<Reader*> spares_;  // parked; the first one watches the leader
   bool isStarting_ = false;      // a thread was started that has not come to park yet
@@ -148,11 +155,12 @@ void Team::post(std::function<void()> task) {
   task ? task() : readiness_.wake();
 }
 
-void Team::postWhenThereIsRoom(std::function<void()> call) {
+void Team::postWhenThereIsRoom(std::function<void()> call, std::function<void()> refuse) {
+  const auto until = Clock::now() + longestWait;
   {
     const std::lock_guard lock(mutex_);
     if (isStopping_) return;
-    waiting_.push_back(std::move(call));
+    waiting_.push_back({std::move(call), std::move(refuse), until});
     areWaiting_ = true;
   }
   readiness_.wake();
@@ -160,19 +168,26 @@ void Team::postWhenThereIsRoom(std::function<void()> call) {
 
 /// The next one, if there is one: the thread may have been replaced meanwhile.
 bool Team::takeTask(std::function<void()>& task) {
+  Waiting former;  // dies after the unlock
   const std::lock_guard lock(mutex_);
-  auto& queue = tasks_.empty() && mayRunCalls() ? waiting_ : tasks_;
-  if (queue.empty()) return false;
-  task = std::move(queue.front());
-  queue.pop_front();
-  hasTasks_ = !tasks_.empty();
+  if (!tasks_.empty()) {
+    task = std::move(tasks_.front());
+    tasks_.pop_front();
+    hasTasks_ = !tasks_.empty();
+    return true;
+  }
+  const bool hasRoom = mayRunCalls();
+  if (waiting_.empty() || (!hasRoom && Clock::now() < waiting_.front().until)) return false;
+  former = std::move(waiting_.front());
+  waiting_.pop_front();
   areWaiting_ = !waiting_.empty();
+  task = std::move(hasRoom ? former.call : former.refuse);
   return true;
 }
 
 void Team::runTask() {
   std::function<void()> task;
-  if (!hasTask() || !takeTask(task)) return;
+  if ((!hasTasks_ && !areWaiting_) || !takeTask(task)) return;
   const Readers::ForeignCode foreign;
   try {
     task();
@@ -191,7 +206,7 @@ void Team::handle(const Ready& ready) {
 
 std::size_t Team::waitForSockets() {
   std::size_t count = readiness_.wait(ready_, 0);
-  if (count > 0 || hasTask()) return count;
+  if (count > 0 || hasTasks_ || (areWaiting_ && mayRunCalls())) return count;
   const auto begin = Clock::now();
   if (const auto longest = patience_.next(); longest.count() > 0)
     detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
@@ -208,9 +223,10 @@ std::size_t Team::waitForSockets() {
 std::size_t Team::sleep() {
   leaderSleeps_ = true;
   // The word to wake may have come, and gone, while it polled.
-  const bool mustNotSleep = isStopping_ || hasTask();
+  const bool mustNotSleep = isStopping_ || hasTasks_ || (areWaiting_ && mayRunCalls());
   const std::size_t count = readiness_.wait(ready_, mustNotSleep         ? 0
                                                     : sockets_.areLent() ? lentLookMs
+                                                    : areWaiting_        ? waitingLookMs
                                                                          : -1);
   leaderSleeps_ = false;
   // One of the two sees the other: the watcher says that it sleeps before it looks at the leader.
@@ -416,8 +432,8 @@ void Readers::post(std::function<void()> task) {
   team().post(std::move(task));
 }
 
-void Readers::postWhenThereIsRoom(std::function<void()> call) {
-  team().postWhenThereIsRoom(std::move(call));
+void Readers::postWhenThereIsRoom(std::function<void()> call, std::function<void()> refuse) {
+  team().postWhenThereIsRoom(std::move(call), std::move(refuse));
 }
 
 bool Readers::mayRunForeignCode() {

@@ -44,8 +44,9 @@ class GVMESSAGING_API Readers {
   /// no thread can be made.
   static void post(std::function<void()> task);
   /// Runs a call in the leading thread once the event loop has room for a guest, which may be at
-  /// once or never. Any thread.
-  static void postWhenThereIsRoom(std::function<void()> call);
+  /// once; or `refuse` when it has had none for a second. Neither where the process exits. Any
+  /// thread.
+  static void postWhenThereIsRoom(std::function<void()> call, std::function<void()> refuse);
 
   /// True in the leading thread outside of foreign code, while a spare is there to replace it, or
   /// on its way.
