@@ -183,6 +183,24 @@ void finalizeTask(const boost::shared_ptr<JXModuleCore>& module, JXPCallTask* ta
   delete task;
 }
 
+namespace {
+
+/// What the end of a method's future does. Waiters are told at once, as they may block every thread
+/// of the event loop; the rest is done there.
+auto finalizeElsewhere(boost::shared_ptr<JXModuleCore> owner, JXPCallTask* task) {
+  return [owner = std::move(owner), task](const gv::Future<void>&) mutable {
+    task->end();
+    const auto finalize = [module = std::move(owner), task] { finalizeTask(module, task, false); };
+    try {
+      gv::getEventLoop()->post(finalize);
+    } catch (const std::exception&) {
+      finalize();
+    }
+  };
+}
+
+}  // namespace
+
 void catch_pcall(const boost::shared_ptr<JXModuleCore>& module, unsigned methodId,
                  JXPCallTask* task, const gv::AnyFunction& function,
                  gv::GenericFunctionParameters& parameters, const gv::Object<gv::Empty>& context,
@@ -197,10 +215,7 @@ void catch_pcall(const boost::shared_ptr<JXModuleCore>& module, unsigned methodI
     return finalizeTask(module, task, true);
   const gv::Promise<void> end;
   try {
-    // Waiters are told at once: they may block every thread that could run the other one.
-    end.future().connect([task](const auto&) { task->end(); }, gv::FutureCallbackType::Sync);
-    end.future().connect([module, task](const auto&) { finalizeTask(module, task, false); },
-                         gv::FutureCallbackType::Async);
+    end.future().connect(finalizeElsewhere(module, task), gv::FutureCallbackType::Sync);
   } catch (const std::bad_alloc&) {
     return finalizeTask(module, task, true);
   }

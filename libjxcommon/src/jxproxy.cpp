@@ -159,11 +159,11 @@ JXValue JXProxy::genericCall(const std::string& methodName, const JXValue& param
 
 int JXProxy::xMetaPCall(const std::string& methodName,
                         const gv::GenericFunctionParameters& parameters) {
-  const auto fail = [&] [[noreturn]] (const std::string& text, int line) {
-    throw JXError(_p->moduleName, methodName, text, file, line);
+  const auto failure = [&](const std::string& text, int line) {
+    return JXError(_p->moduleName, methodName, text, file, line);
   };
   const gv::Object<gv::Empty> object = object_.lock();
-  if (!object.isValid()) fail("module destroyed", postLockLine);
+  if (!object.isValid()) throw failure("module destroyed", postLockLine);
   const gv::MetaObject& description = object.metaObject();
   const int id = description.findMethod(methodName, parameters);
   if (id < 0) {
@@ -172,7 +172,7 @@ int JXProxy::xMetaPCall(const std::string& methodName,
     for (const gv::MetaMethod& method :
          description.findMethod(gv::signatureSplit(methodName).first))
       text += "  " + method.toString() + "\n";
-    fail(text, noMatchLine);
+    throw failure(text, noMatchLine);
   }
   const auto posting = description.findMethod("__pCall");
   const auto methodId = static_cast<unsigned>(id);
@@ -188,7 +188,7 @@ int JXProxy::xMetaPCall(const std::string& methodName,
     return resultOf<int>(object, posting.front().uid(), gv::makeParameters(methodId, arguments),
                          gv::MetaCallType::Direct);
   } catch (...) {  // copies of arguments are foreign code
-    fail(gv::detail::currentError().text, posting.empty() ? postedCallLine : postLine);
+    throw failure(gv::detail::currentError().text, posting.empty() ? postedCallLine : postLine);
   }
 }
 
