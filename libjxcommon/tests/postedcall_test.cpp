@@ -174,13 +174,14 @@ TEST_F(PostedCalls, NeverWaitedForLeaveNoEntry) {
 TEST_F(PostedCalls, CountAnewBehindTheLargestIdAndPassOverThoseInUse) {
   std::atomic<int>& last = JXModuleCorePrivate::_taskId;
   const int before = last;
+  last = 1000;
   const int running = proxy.pCall("untilStopped");
   last = running - 1;
   EXPECT_EQ(proxy.pCall("greet", "you"), running + 1);
   last = std::numeric_limits<int>::max() - 1;
   EXPECT_EQ(proxy.pCall("greet", "you"), std::numeric_limits<int>::max());
   EXPECT_EQ(proxy.pCall("greet", "you"), 1);
-  last = before + 10;
+  last = before + 1010;
   module->stop(running);
 }
 
