@@ -29,7 +29,9 @@ class JXCOMMON_API JXBroker : public boost::enable_shared_from_this<JXBroker> {
   /// child: it connects to `parentIP` (default "127.0.0.1") and `parentPort`, and listens on a free
   /// port of `ip`, whatever `port` says. The last three arguments are ignored.
   ///
-  /// Throws JXError when it cannot listen, or not connect in time; no broker is left behind then.
+  /// Throws JXError when it cannot listen within 15 s, or not connect within 5 s more; its
+  /// description names the address, but for a child that cannot listen. No broker is left behind
+  /// then.
   static boost::shared_ptr<JXBroker> createBroker(const std::string& name, const std::string& ip,
                                                   int port, const std::string& parentIP,
                                                   int parentPort, int reserved = 0,
@@ -39,6 +41,7 @@ class JXCOMMON_API JXBroker : public boost::enable_shared_from_this<JXBroker> {
   JXBroker(const JXBroker&) = delete;
   JXBroker& operator=(const JXBroker&) = delete;
 
+  /// Throws boost::bad_weak_ptr in the broker's destruction.
   boost::shared_ptr<JXBroker> getThis();
   boost::shared_ptr<const JXBroker> getThis() const;
 
@@ -47,13 +50,16 @@ class JXCOMMON_API JXBroker : public boost::enable_shared_from_this<JXBroker> {
 
   /// The session under the broker, the same for its whole life.
   boost::shared_ptr<gv::Session> session();
+  /// Whether it has its service directory: false before long when the parent has gone, and after
+  /// shutdown. A child does not connect again; modules of its process still reach each other.
   bool isConnected();
   /// Whether shutdown has begun.
   bool isExiting() const;
 
+  /// As given to createBroker. Nothing keeps two brokers from having one name.
   std::string getName() const;
-  /// The address of the service directory: a master's own, a child's parent. Each throws JXError
-  /// on a broker that has shut down.
+  /// The address of the service directory: a master's own, a child's parent; the host as it was
+  /// given, the port as bound. Each throws JXError on a broker that has shut down.
   std::string getIP() const;
   int getPort() const;
   std::string getParentIP() const;
@@ -61,26 +67,34 @@ class JXCOMMON_API JXBroker : public boost::enable_shared_from_this<JXBroker> {
 
   /// Appends what this process has published (getModuleList) or all that the network has
   /// (getGlobalModuleList), in the session's order, every service included; see JXModuleInfo.
-  /// Returns 0. Throws JXError when the directory does not answer.
+  /// `list` must not be empty. Returns 0.
+  ///
+  /// getGlobalModuleList is one round trip to the directory and throws JXError where there is none
+  /// any more; one that has stopped is waited for without limit. getModuleList asks nobody.
   int getModuleList(boost::shared_ptr<std::vector<JXModuleInfo>> list);
   int getGlobalModuleList(boost::shared_ptr<std::vector<JXModuleInfo>> list);
+  /// Deprecated and not implemented: a log record, and 0.
+  int getBrokerList(std::vector<JXModuleInfo>& list);
+  /// Not implemented: a log record, and a text that says so.
+  std::string httpGet(const std::string& request);
 
   /// The module of this broker that is published under the name, or empty. Never a remote one.
   boost::shared_ptr<JXModuleCore> getModuleByName(const std::string& name);
-  /// Whether the network has a service of that name. Throws JXError when the directory does not
-  /// answer.
+  /// Whether the network has a service of that name; asks and fails as getGlobalModuleList.
   bool isModulePresent(const std::string& name);
-  /// Withdraws the module of that name; an unknown one is logged. Returns 0.
+  /// Withdraws the module of that name, which may still believe that it is published; an unknown
+  /// one is logged, as is a directory that refuses. Returns 0.
   int unregisterModule(const std::string& name);
 
   /// A proxy on a module of the network, as JXProxy's constructor makes it. `flags` is ignored.
   boost::shared_ptr<JXProxy> getProxy(const std::string& name, int flags);
 
   /// Ends the broker: off the manager's list, exit() of each module from the last registered to the
-  /// first, then the session is closed. Waits for that, not for methods that are running; may be
-  /// called from one. A child waits for its parent to confirm each withdrawal: as long as that is
-  /// connected but does not answer. What a module's exit() throws is logged. Returns false, having
-  /// done nothing, when it was called before.
+  /// first, then the session is closed. A module that registers itself meanwhile is refused. Waits
+  /// for that, not for methods that are running: it may be called from one, from a log handler, and
+  /// from the destructor of a static object. A child waits for its parent to confirm each
+  /// withdrawal, 5 s at most where that has stopped. What a module's exit() throws is logged.
+  /// Returns false when it was called before, without waiting for a shutdown in another thread.
   bool shutdown();
 
  private:

@@ -283,6 +283,16 @@ int JXBroker::getGlobalModuleList(boost::shared_ptr<std::vector<JXModuleInfo>> l
                        *list);
 }
 
+int JXBroker::getBrokerList(std::vector<JXModuleInfo>&) {
+  log(Level::Error, "getBrokerList", "JXBroker::getBrokerList is not implemented and deprecated");
+  return 0;
+}
+
+std::string JXBroker::httpGet(const std::string&) {
+  log(Level::Error, "httpGet", "JXBroker::httpGet is not implemented");
+  return "JXBroker::httpGet not implemented";
+}
+
 boost::shared_ptr<JXModuleCore> JXBroker::getModuleByName(const std::string& name) {
   {
     const std::shared_lock lock(_p->modulesMutex);

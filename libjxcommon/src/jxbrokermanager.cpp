@@ -21,6 +21,11 @@ void log(Level level, const char* function, const std::string& text) {
   if (category.isEnabled(level)) gv::log::write(level, category, function, "", 0, text);
 }
 
+void logDeprecated(const char* function) {
+  log(Level::Verbose, function,
+      "This function is deprecated and always return the first created broker.");
+}
+
 constinit std::mutex singletonMutex;  // guards JXBrokerManager::_singleton
 
 /// The brokers that one killing spree has shut down. Weak: it must not keep them alive, and an
@@ -105,6 +110,32 @@ JXBrokerManagerPrivate::Broker JXBrokerManagerPrivate::getBrokerByName(const std
   return found;
 }
 
+JXBrokerManagerPrivate::Broker JXBrokerManagerPrivate::getBrokerByParentIPPort(
+    const std::string& ip, int port) {
+  std::vector<Broker> brokers;
+  {
+    const std::lock_guard lock(brokerListMutex);
+    brokers = brokerList;
+  }
+  // On a copy: asking a broker for its address writes log records, so foreign code may run.
+  try {
+    for (const Broker& broker : brokers)
+      if (broker && broker->getParentIP() == ip && broker->getParentPort() == port) return broker;
+  } catch (const std::exception& error) {
+    log(Level::Verbose, "getBrokerByParentIPPort",
+        std::string("Error while iterating over brokers:") + error.what());
+  }
+  return {};
+}
+
+JXBrokerManagerPrivate::Broker JXBrokerManagerPrivate::xGetRandomBroker() {
+  const std::lock_guard lock(brokerListMutex);
+  if (brokerList.empty()) return {};
+  Broker broker = brokerList.front();
+  if (!broker) eraseLocked(0);
+  return broker;
+}
+
 void JXBrokerManagerPrivate::killAllBroker() {
   log(Level::Verbose, "killAllBroker", "killing All Broker");
   // A broker that stays listed, shut down already or by another thread, is met once.
@@ -144,6 +175,10 @@ boost::shared_ptr<JXBrokerManager> JXBrokerManager::setInstance(
   return held;
 }
 
+void JXBrokerManager::kill() {
+  log(Level::Verbose, "kill", "This function is not implemented");
+}
+
 void JXBrokerManager::addBroker(boost::shared_ptr<JXBroker> broker) {
   _p->addBroker(broker);
 }
@@ -162,6 +197,31 @@ boost::shared_ptr<JXBroker> JXBrokerManager::getBroker(int index) {
 
 boost::shared_ptr<JXBroker> JXBrokerManager::getBrokerByName(const std::string& name) {
   return _p->getBrokerByName(name);
+}
+
+boost::shared_ptr<JXBroker> JXBrokerManager::getBrokerByParentIPPort(const std::string& ip,
+                                                                     int port) {
+  return _p->getBrokerByParentIPPort(ip, port);
+}
+
+boost::shared_ptr<JXBroker> JXBrokerManager::getReservedBroker() {
+  logDeprecated("getReservedBroker");
+  return _p->xGetRandomBroker();
+}
+
+boost::shared_ptr<JXBroker> JXBrokerManager::getRandomBroker() {
+  logDeprecated("getRandomBroker");
+  return _p->xGetRandomBroker();
+}
+
+boost::shared_ptr<JXBroker> JXBrokerManager::getBrokerByIPPort(const std::string&, int) {
+  logDeprecated("getBrokerByIPPort");
+  return _p->xGetRandomBroker();
+}
+
+boost::shared_ptr<JXBroker> JXBrokerManager::getBrokerByIPPort(const std::string&) {
+  logDeprecated("getBrokerByIPPort");
+  return _p->xGetRandomBroker();
 }
 
 void JXBrokerManager::killAllBroker() {

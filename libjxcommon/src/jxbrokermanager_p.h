@@ -21,7 +21,11 @@ class JXCOMMON_API JXBrokerManagerPrivate {
   void removeBroker(const Broker& broker);
   Broker getBroker(int index);
   Broker getBrokerByName(const std::string& name);
+  Broker getBrokerByParentIPPort(const std::string& ip, int port);
   void killAllBroker();
+
+  /// The first entry of the list; an empty one is erased.
+  Broker xGetRandomBroker();
 
   std::vector<Broker> brokerList;
   boost::mutex brokerListMutex;  // guards brokerList
