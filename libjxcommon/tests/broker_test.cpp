@@ -54,27 +54,6 @@ void expectLogged(const house::LogCapture& log, Level level, const std::string& 
   EXPECT_EQ(count, 1) << function << ": " << text;
 }
 
-TEST_F(Network, AFailedCreationLeavesNoBrokerBehind) {
-  const std::string taken = "tcp://127.0.0.1:" + std::to_string(master->getPort());
-  const struct {
-    std::string ip, parentIP;
-    int port, parentPort;
-    std::string description;
-  } rows[] = {
-      {"127.0.0.1", "", master->getPort(), 0, "Service Directory can't listen on " + taken},
-      {"no such address", "", 0, 0, "Service Directory can't listen on tcp://no such address:0"},
-      {"no such address", "127.0.0.1", 0, master->getPort(), "Can't create a server"},
-      {"127.0.0.1", "127.0.0.1", 0, 0, "Cannot connect to tcp://127.0.0.1:0"},
-      {"127.0.0.1", "", 0, 1, "Cannot connect to tcp://127.0.0.1:1"},
-  };
-  for (const auto& row : rows) {
-    const JXError error = errorOf(
-        [&] { JXBroker::createBroker("new", row.ip, row.port, row.parentIP, row.parentPort); });
-    EXPECT_EQ(error.what(), "JXBroker::createBroker: " + row.description);
-  }
-  EXPECT_EQ(JXBrokerManager::getInstance()->getBrokerByName("new"), nullptr);
-}
-
 TEST_F(Network, ANameCanBePublishedOnceAndIsFreeAgain) {
   const auto first = createModule<TestModule>(master, "Name");
   EXPECT_STREQ(errorOf([&] { createModule<TestModule>(master, "Name"); }).what(),
