@@ -2,34 +2,18 @@
 
 #include <gmock/gmock.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "support/child_process.h"
+#include "support/page.h"
 
 namespace {
 
-using testing::HasSubstr;
-
-std::string textOf(const std::string& path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 TEST(ModulesPage, ShowsWhatTheExampleDoes) {
   const std::string folder = MODULES_FOLDER "/";
-  const std::string program = textOf(folder + "camera.h") + textOf(folder + "camera.cpp");
-  const std::string page = textOf(MODULES_PAGE);
-  const std::string begin = "```cpp\n", end = "```\n";
-  int snippets = 0;
-  for (auto at = page.find(begin); at != std::string::npos; at = page.find(begin, at)) {
-    at += begin.size();
-    EXPECT_THAT(program, HasSubstr(page.substr(at, page.find(end, at) - at)));
-    ++snippets;
-  }
-  EXPECT_GT(snippets, 5);
+  const std::string program =
+      house::textOf(folder + "camera.h") + house::textOf(folder + "camera.cpp");
+  EXPECT_GT(house::expectSnippetsIn(program, house::textOf(MODULES_PAGE)), 5);
 
   house::ChildProcess camera(CAMERA);
   EXPECT_EQ(camera.waitForExit().exitCode, 0) << camera.standardError();
