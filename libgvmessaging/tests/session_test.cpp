@@ -337,7 +337,8 @@ TEST(Sessions, GiveUpOnADirectoryThatDoesNotAnswer) {
 TEST(Sessions, WithdrawAndCloseThoughTheirDirectoryHasStopped) {
   DynamicObjectBuilder builder;  // a directory that stops after a registration
   const Promise<void> never;
-  builder.advertiseMethod("registerService", [](const directory::ServiceEntry&) { return 7u; });
+  builder.advertiseMethod("registerService",
+                          [id = 6u](const directory::ServiceEntry&) mutable { return ++id; });
   builder.advertiseMethod("serviceReady", [](unsigned) {});
   builder.advertiseMethod("unregisterService", [never](unsigned) { return never.future(); });
   ForeignSession stopped("stopped");
@@ -347,11 +348,17 @@ TEST(Sessions, WithdrawAndCloseThoughTheirDirectoryHasStopped) {
   settings.withdrawTime = std::chrono::milliseconds(100);
   const auto session = settings.makeSession();
   session->connect(stopped.url().str()).value(guardMs);
-  EXPECT_EQ(session->registerService("Counter", makeObject()).value(guardMs), 7u);
+  for (unsigned id = 7; id < 37; ++id)
+    EXPECT_EQ(session->registerService("Counter" + std::to_string(id), makeObject()).value(guardMs),
+              id);
   EXPECT_THAT(session->unregisterService(7).error(guardMs),
               AllOf(HasSubstr("within 100 ms"), HasSubstr("service 7")));
-  EXPECT_TRUE(session->service("Counter", "local").hasError(0));
+  EXPECT_TRUE(session->service("Counter7", "local").hasError(0));
   const auto start = std::chrono::steady_clock::now();
+  for (unsigned id = 8; id < 37; ++id)
+    EXPECT_THAT(session->unregisterService(id).error(guardMs), HasSubstr("within 100 ms"));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500))
+      << "they wait but once for a directory that stands still";
   EXPECT_EQ(session->close().wait(guardMs), FutureState::FinishedWithValue);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
 }

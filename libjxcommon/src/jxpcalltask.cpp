@@ -46,8 +46,8 @@ gv::GenericFunctionParameters referencesTo(const std::vector<gv::AnyValue>& valu
   return references;
 }
 
-/// A posted call on its way to its thread. Where it never gets there, as when the process exits,
-/// the task ends all the same.
+/// A posted call on its way to its thread, or to its end. Where it never gets there, as when the
+/// process exits, the task ends all the same.
 class PostedCall {
  public:
   explicit PostedCall(boost::shared_ptr<JXModuleCore> module) : module_(std::move(module)) {}
@@ -187,15 +187,11 @@ namespace {
 
 /// What the end of a method's future does. Waiters are told at once, as they may block every thread
 /// of the event loop; the rest is done there.
-auto finalizeElsewhere(boost::shared_ptr<JXModuleCore> owner, JXPCallTask* task) {
-  return [owner = std::move(owner), task](const gv::Future<void>&) mutable {
+auto finalizeElsewhere(boost::shared_ptr<JXModuleCore> module, JXPCallTask* task) {
+  return [call = std::make_shared<PostedCall>(std::move(module)), task](const auto&) mutable {
     task->end();
-    const auto finalize = [module = std::move(owner), task] { finalizeTask(module, task, false); };
-    try {
-      gv::getEventLoop()->post(finalize);
-    } catch (const std::exception&) {
-      finalize();
-    }
+    call->give(task);
+    gv::getEventLoop()->post([call = std::move(call)]() mutable { call.reset(); });
   };
 }
 

@@ -114,6 +114,9 @@ class Session::Private final : public rpc::ServiceHost,
   std::vector<std::shared_ptr<rpc::Acceptor>> acceptors_;
   std::unordered_map<std::string, Remote> remotes_;  // by name
 
+  /// It let a withdrawal's time pass and has not answered one since.
+  std::atomic<bool> isDirectorySilent_{false};
+
   /// The same as local_, for the path of a call, which takes no lock for it.
   std::atomic<const LocalServices*> offered_{nullptr};
 };

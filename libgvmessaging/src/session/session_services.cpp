@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <stdexcept>
 #include <unordered_set>
 
@@ -21,20 +22,24 @@ std::string wasRemoved(const ServiceInfo& info) {
   return "service '" + info.name() + "' was removed while it was looked up";
 }
 
-/// The end of `asked`, or a failure with `text` when `bound` is over before.
+/// The end of `asked`, or a failure with `text` when `bound` is over before; `tell` is told which
+/// of both first.
 Future<void> within(std::chrono::milliseconds bound, const Future<void>& asked,
-                    const std::string& text) {
+                    const std::string& text, const std::function<void(bool hasAnswered)>& tell) {
   struct Wait {
     const Promise<void> promise{FutureCallbackType::Async};
     std::atomic<bool> isSettled{false};  // who sets it settles the promise
     std::shared_ptr<net::Timer> timer;   // constant once `asked` is waited for
   };
   const auto wait = std::make_shared<Wait>();
-  wait->timer = net::Timer::start(bound, [wait, text] {
-    if (!wait->isSettled.exchange(true)) wait->promise.setError(text);
+  wait->timer = net::Timer::start(bound, [wait, text, tell] {
+    if (wait->isSettled.exchange(true)) return;
+    tell(false);
+    wait->promise.setError(text);
   });
   asked.connect(
-      [wait](const Future<void>& ended) {
+      [wait, tell](const Future<void>& ended) {
+        tell(true);
         if (wait->isSettled.exchange(true)) return;
         wait->timer->cancel();
         if (ended.hasValue(0))
@@ -99,10 +104,15 @@ Future<void> Session::Private::unregisterService(unsigned serviceId) {
   if (!local || !local->remove(id_, serviceId))
     return makeFailedFuture<void>("this session has no service with id " +
                                   std::to_string(serviceId));
-  return within(settings_.withdrawTime, askDirectory<void>("unregisterService", serviceId),
+  // One that leaves many services waits for a directory that stands still but once.
+  const auto bound = isDirectorySilent_ ? std::chrono::milliseconds(0) : settings_.withdrawTime;
+  return within(bound, askDirectory<void>("unregisterService", serviceId),
                 "the service directory did not answer within " +
                     std::to_string(settings_.withdrawTime.count()) + " ms: service " +
-                    std::to_string(serviceId) + " takes no more calls, but may still be listed");
+                    std::to_string(serviceId) + " takes no more calls, but may still be listed",
+                [weak = weak_from_this()](bool hasAnswered) {
+                  if (const auto self = weak.lock()) self->isDirectorySilent_ = !hasAnswered;
+                });
 }
 
 Object<Empty> Session::Private::findService(unsigned id) const {
@@ -155,7 +165,9 @@ Future<Object<Empty>> Session::Private::service(const std::string& name,
   return askDirectory<directory::ServiceEntry>("service", name)
       .then(
           [self = shared_from_this(), name](Future<directory::ServiceEntry> answer) {
-            if (answer.hasError()) self->forgetRemote(name);
+            // Gone by the directory's word. Where that has gone itself, what is known lives on.
+            if (answer.hasError() && answer.errorState() == FutureException::State::UserError)
+              self->forgetRemote(name);
             return self->remoteService(directory::toInfo(answer.value()));
           },
           FutureCallbackType::Sync);
