@@ -34,7 +34,7 @@ TEST(BrokersPage, ShowsWhatTheExampleDoes) {
   EXPECT_EQ(left.standardOutput(), begin + "the master has gone\n" + end);
 
   house::ChildProcess late(STATION, {port});
-  EXPECT_EQ(late.waitForExit().exitCode, 0);
+  EXPECT_EQ(late.waitForExit().exitCode, 1);
   EXPECT_EQ(late.standardOutput(), "shut down\n");
   EXPECT_NE(late.standardError().find("Cannot connect to tcp://127.0.0.1:" + port),
             std::string::npos);

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <time.h>
 
+#include <cstdlib>
 #include <iostream>
 #include <string>
 
@@ -57,14 +58,17 @@ int main(int argumentCount, char** arguments) {
   sigaddset(&endSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);  // before the first broker: threads inherit it
 
+  int status = 0;
   try {
     if (argumentCount > 1)
-      serveAsChild(std::stoi(arguments[1]), endSignals);
+      serveAsChild(std::atoi(arguments[1]), endSignals);
     else
       serveAsMaster(endSignals);
   } catch (const JX::JXError& error) {
     std::cerr << error.what() << '\n';
+    status = 1;
   }
   JX::JXBrokerManager::getInstance()->killAllBroker();
   std::cout << "shut down" << std::endl;
+  return status;
 }

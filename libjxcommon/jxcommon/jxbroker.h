@@ -19,7 +19,8 @@ namespace JX {
 ///
 /// Life: createBroker gives it started and listed by the JXBrokerManager; shutdown takes it off the
 /// list, withdraws its modules and closes its session, for good. It is destroyed, on any thread,
-/// when its last owner lets go. Every operation may be called from any thread.
+/// when its last owner lets go. Operations may be called from any thread unless they say
+/// otherwise.
 class JXCOMMON_API JXBroker : public boost::enable_shared_from_this<JXBroker> {
  public:
   /// Makes and starts a broker; blocks for up to 20 s.

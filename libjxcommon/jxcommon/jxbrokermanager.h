@@ -12,8 +12,8 @@ namespace JX {
 /// The process's list of live brokers, in the order in which they were added. It holds them: a
 /// broker lives at least until it is taken off, as its shutdown does.
 ///
-/// Every operation may be called from any thread. None fails: a broker that is not there is an
-/// empty pointer.
+/// Every operation may be called from any thread. A broker that is not there is an empty pointer;
+/// only what the shutdown of one throws passes to the caller.
 class JXCOMMON_API JXBrokerManager {
  public:
   JXBrokerManager();
@@ -24,7 +24,8 @@ class JXCOMMON_API JXBrokerManager {
   /// The process's manager, made at the first call. Empty after setInstance with an empty pointer.
   static boost::shared_ptr<JXBrokerManager> getInstance();
   /// Replaces the process's manager and returns it. Brokers stay with the one that they were added
-  /// to. While it is empty, new brokers are listed nowhere and createBroker works as ever.
+  /// to, which nothing takes them off then: shut them down before, or they stay in memory. While it
+  /// is empty, new brokers are listed nowhere and createBroker works as ever.
   static boost::shared_ptr<JXBrokerManager> setInstance(
       boost::shared_ptr<JXBrokerManager> instance);
   /// Does nothing but write a log record: the manager stays.

@@ -100,6 +100,7 @@ TEST_F(Manager, WalksEraseTheEmptyEntriesThatTheyMeetAndStepOverTheNext) {
                                              : walk.at))
           << at;
       if (sought == '-') continue;
+      EXPECT_EQ(after([&] { EXPECT_FALSE(list.getBrokerByParentIPPort("127.0.0.1", 1)); }), before);
       Broker found;
       EXPECT_EQ(after([&] { found = list.getBrokerByName(std::string(1, sought)); }),
                 walk.without(nowhere))

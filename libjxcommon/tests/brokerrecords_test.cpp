@@ -108,6 +108,8 @@ TEST_F(BrokerRecords, OfCreation) {
        {connecting + own + ":-5", cannotConnect + own + ":-5"}},
       {[&] { make("refused", own, 1, own, 1); },
        {connecting + own + ":1", cannotConnect + own + ":1"}},
+      {[&] { make("refused", own, 0, "240.0.0.1", 1); },
+       {connecting + "240.0.0.1:1", cannotConnect + "240.0.0.1:1"}},
       {[&] { make("refused", own, 0, "no such host", port); },
        {connecting + "no such host:" + std::to_string(port),
         cannotConnect + "no such host:" + std::to_string(port)}},

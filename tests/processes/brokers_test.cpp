@@ -2,14 +2,18 @@
 
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <jxcommon/jxbrokermanager.h>
 #include <jxcommon/jxmodule.h>
 #include <jxcommon/jxproxy.h>
 #include <boost/make_shared.hpp>
@@ -53,6 +57,13 @@ class BrokerProcess {
   JX::JXProxy& proxy() { return *proxy_; }
 
   void kill() { process_.kill(SIGKILL); }
+  /// Returns when it does stand still.
+  void standStill() {
+    process_.kill(SIGSTOP);
+    siginfo_t stopped;
+    ::waitid(P_PID, static_cast<id_t>(pid()), &stopped, WSTOPPED);
+  }
+  void goOn() { process_.kill(SIGCONT); }
   bool hasEndedWell() { return process_.waitForExit().exitCode == 0; }
   /// Tells it to end; whether it did so in order. Posted, as the end may overtake a reply.
   bool end() {
@@ -82,23 +93,40 @@ class BrokersOfSeveralProcesses : public testing::Test {
     return member;
   }
 
-  /// Whether each broker lists these modules, and the directory, of the right processes.
+  Views viewsOfObserver() {
+    const auto infos = boost::make_shared<std::vector<JX::JXModuleInfo>>();
+    observer->getGlobalModuleList(infos);
+    Views views;
+    for (const JX::JXModuleInfo& info : *infos) views[info.name] = info.processId;
+    return views;
+  }
+
+  /// Whether each broker lists these modules, and the directory, of the right processes, finds them
+  /// present, and is who it is.
   bool viewsAreRight() {
     Views all = {{"ServiceDirectory", master.pid()}, {"Observer", ::getpid()}};
     all[master.name()] = master.pid();
     for (const Member& child : children) all[child->name()] = child->pid();
-    bool areRight = master.proxy().call<Views>("modules") == all;
-    for (const Member& child : children)
-      areRight = areRight && child->proxy().call<Views>("modules") == all &&
-                 child->proxy().call<Views>("ownModules") == Views{{child->name(), child->pid()}};
-    return areRight && observer->isModulePresent("Master");
+    bool areRight = viewsOfObserver() == all && observer->isModulePresent("Master");
+    const auto look = [&](BrokerProcess& process) {
+      areRight =
+          areRight && process.proxy().call<Views>("modules") == all &&
+          process.proxy().call<Views>("ownModules") == Views{{process.name(), process.pid()}} &&
+          process.proxy().call<bool>("isPresent", "Observer") &&
+          !process.proxy().call<bool>("isPresent", "Nobody") &&
+          identity(process) ==
+              process.name() + " of 127.0.0.1:" + std::to_string(master.port()) + ", connected";
+    };
+    look(master);
+    for (const Member& child : children) look(*child);
+    return areRight;
   }
 
   std::string identity(BrokerProcess& process) {
     return process.proxy().call<std::string>("identity");
   }
 
-  house::Watchdog watchdog{"brokers of several processes", std::chrono::seconds(110)};
+  house::Watchdog watchdog{"brokers of several processes", std::chrono::seconds(80)};
   BrokerProcess master{"Master", 0, 0};
   const Broker observer = join(master.port());
   const boost::shared_ptr<JX::JXModule> module =
@@ -114,9 +142,6 @@ TEST_F(BrokersOfSeveralProcesses, SeeWhoCameAndWhoWentAndOutliveTheirMaster) {
   for (const char* name : {"A", "B", "C"})
     children.push_back(startIn(master.port(), observer, name));
   EXPECT_TRUE(viewsAreRight());
-  for (const Member& child : children)
-    EXPECT_EQ(identity(*child), child->name() + at + ", connected");
-  EXPECT_EQ(identity(master), "Master" + at + ", connected");
 
   int slowestMs = 0;
   for (std::size_t i = 0; i < 3; ++i) {
@@ -138,6 +163,8 @@ TEST_F(BrokersOfSeveralProcesses, SeeWhoCameAndWhoWentAndOutliveTheirMaster) {
   for (const Member& child : children)
     EXPECT_TRUE(becomesTrue([&] { return identity(*child) == child->name() + at + ", alone"; }));
   EXPECT_TRUE(becomesTrue([&] { return !observer->isConnected(); }));
+  for (const Member& child : children)
+    EXPECT_THROW(observer->getProxy(child->name(), 0), JX::JXError) << "nobody knows any more";
   BrokerProcess newMaster("Master", master.port(), 0);
   const Broker newObserver = join(master.port());
   newMaster.watchFrom(newObserver);
@@ -157,6 +184,29 @@ TEST_F(BrokersOfSeveralProcesses, SeeWhoCameAndWhoWentAndOutliveTheirMaster) {
   newObserver->shutdown();
 }
 
+TEST_F(BrokersOfSeveralProcesses, HoldNoLockWhileTheyWaitForTheirMaster) {
+  const std::function<void()> actions[] = {
+      [&] { JX::createModule<JX::JXModule>(observer, "Late"); },
+      [&] { EXPECT_TRUE(observer->isModulePresent("Late")); },
+      [&] { observer->getProxy("Master", 0); },
+      [&] { observer->unregisterModule("Late"); },
+      [&] { observer->shutdown(); },
+  };
+  for (const auto& action : actions) {
+    master.standStill();
+    auto ended = std::async(std::launch::async, action);
+    // Were a lock held in there, this would not end before the master goes on.
+    for (const auto start = Clock::now(); millisecondsSince(start) < 50;) {
+      observer->unregisterModule("Nobody");
+      JX::JXBrokerManager::getInstance()->getBrokerByName("nobody");
+    }
+    EXPECT_EQ(ended.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
+        << "it waits for the master";
+    master.goOn();
+    ended.get();
+  }
+}
+
 TEST_F(BrokersOfSeveralProcesses, GiveANameToOneOfThoseWhoRaceForIt) {
   master.watchFrom(observer);
   for (int i = 0; i < 8; ++i)
@@ -165,8 +215,12 @@ TEST_F(BrokersOfSeveralProcesses, GiveANameToOneOfThoseWhoRaceForIt) {
   std::vector<int> won(children.size());
   for (int round = 0; round < rounds; ++round) {
     std::vector<gv::Future<std::string>> claims;
-    for (const Member& child : children)
-      claims.push_back(child->proxy().asObject().async<std::string>("claim", std::string("Prize")));
+    claims.resize(children.size());
+    for (std::size_t i = 0; i < children.size(); ++i) {
+      const std::size_t next = (i + static_cast<std::size_t>(round)) % children.size();
+      claims[next] =
+          children[next]->proxy().asObject().async<std::string>("claim", std::string("Prize"));
+    }
     std::vector<std::size_t> winners;
     for (std::size_t i = 0; i < claims.size(); ++i) {
       const std::string why = claims[i].value(20'000);
@@ -180,8 +234,7 @@ TEST_F(BrokersOfSeveralProcesses, GiveANameToOneOfThoseWhoRaceForIt) {
     children[winners[0]]->proxy().call<void>("release");
     ASSERT_FALSE(observer->isModulePresent("Prize"));
   }
-  RecordProperty("racersThatEverWon", std::to_string(std::count_if(won.begin(), won.end(),
-                                                                   [](int n) { return n > 0; })));
+  EXPECT_GT(std::count_if(won.begin(), won.end(), [](int n) { return n > 0; }), 1);
   EXPECT_FALSE(errorOf([&] { children[0]->proxy().call<void>("leave"); }).empty());
   EXPECT_TRUE(children[0]->hasEndedWell()) << "exit() within a method";
   children.erase(children.begin());
@@ -217,17 +270,18 @@ TEST_F(BrokersOfSeveralProcesses, ListAnyNumberOfModulesInOneRoundTrip) {
 
 /// The first port from `port` on that a master gets; below those that the system hands out.
 int freePort(int port) {
-  for (;; ++port) {
+  while (true) {
     try {
       JX::JXBroker::createBroker("first", "127.0.0.1", port, "", 0)->shutdown();
       return port;
     } catch (const JX::JXError&) {
+      if (++port == 32'000) throw;
     }
   }
 }
 
 TEST(BrokersMadeAndShutDown, OverAndOverLeaveNothingBehindAndThePortIsFreeAtOnce) {
-  const house::Watchdog watchdog("brokers over and over", std::chrono::seconds(600));
+  const house::Watchdog watchdog("brokers over and over", std::chrono::seconds(80));
   const int port = freePort(20'000 + ::getpid() % 10'000);
   const auto makeAndEnd = [port] {
     const Broker master = JX::JXBroker::createBroker("master", "127.0.0.1", port, "", 0);
@@ -237,6 +291,7 @@ TEST(BrokersMadeAndShutDown, OverAndOverLeaveNothingBehindAndThePortIsFreeAtOnce
     child->shutdown();
     EXPECT_FALSE(master->isModulePresent("Module"));
     master->shutdown();
+    EXPECT_EQ(master.use_count() + child.use_count(), 2) << "nobody else holds them";
   };
   for (int i = 0; i < 20; ++i) makeAndEnd();
   const Figures atStart = figuresOf(::getpid());

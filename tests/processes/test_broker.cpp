@@ -2,9 +2,6 @@
 // Publishes a module of its own name that tells what this process sees, says where it listens, and
 // serves until it is told to end.
 
-#include <signal.h>
-#include <sys/prctl.h>
-
 #include <iostream>
 #include <map>
 #include <string>
@@ -25,6 +22,7 @@ class Witness : public JX::JXModule {
       : JX::JXModule(broker, name) {
     offer("modules", &Witness::modules);
     offer("ownModules", &Witness::ownModules);
+    offer("isPresent", &Witness::isPresent);
     offer("identity", &Witness::identity);
     offer("pingOwn", &Witness::pingOwn);
     offer("claim", &Witness::claim);
@@ -37,6 +35,8 @@ class Witness : public JX::JXModule {
   /// Which module is of which process.
   Processes modules() { return told(&JX::JXBroker::getGlobalModuleList); }
   Processes ownModules() { return told(&JX::JXBroker::getModuleList); }
+
+  bool isPresent(const std::string& name) { return getParentBroker()->isModulePresent(name); }
 
   std::string identity() {
     const auto broker = getParentBroker();
@@ -91,7 +91,6 @@ class Witness : public JX::JXModule {
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves no broker behind
   if (argumentCount != 4) return 2;
   const std::string name = arguments[1];
   try {
