@@ -74,7 +74,8 @@ class GVMESSAGING_API Session {
   /// Withdraws a service of this session. No body of a call that came over a connection starts from
   /// the return on: calls that wait for their turn are refused, bodies that run finish with their
   /// object alive and are not waited for. Settles when the directory lists it no more; in error for
-  /// an id that is none of this session's, and where the directory does not answer within 5 s.
+  /// an id that is none of this session's, and where the directory does not answer within 5 s, or
+  /// at once where it has not since the last time.
   Future<void> unregisterService(unsigned serviceId);
 
   /// All: the directory's whole list, itself included, by rising id, in one round trip. Local: what

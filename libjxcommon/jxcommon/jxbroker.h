@@ -94,9 +94,8 @@ class JXCOMMON_API JXBroker : public boost::enable_shared_from_this<JXBroker> {
   /// first, then the session is closed. A module that registers itself meanwhile is refused. Waits
   /// for that, not for methods that are running: it may be called from one, from a log handler, and
   /// from the destructor of a static object. A child waits for its parent to confirm each
-  /// withdrawal; where that has stopped, 5 s for each module. What a module's exit() throws is
-  /// logged. Returns false when it was called before, without waiting for a shutdown in another
-  /// thread.
+  /// withdrawal; for one that has stopped, 5 s in all. What a module's exit() throws is logged.
+  /// Returns false when it was called before, without waiting for a shutdown in another thread.
   bool shutdown();
 
  private:
