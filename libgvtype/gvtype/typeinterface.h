@@ -80,9 +80,8 @@ struct OptionalOps {
 
 /// A value that holds a value of any type, or nothing.
 struct DynamicOps {
-  /// Calls `visit` once with the content, an invalid reference where there is none. The reference
-  /// is good during the call only.
-  void (*visit)(const void* dynamic, FunctionRef<void(const AnyReference&)> visit);
+  /// The content in place, invalid where there is none; good until the dynamic value changes.
+  AnyReference (*content)(const void* dynamic);
   /// Replaces the content by a copy; an invalid reference empties it.
   void (*assign)(void* dynamic, const AnyReference& content);
 };

@@ -160,21 +160,14 @@ bool isDynamic(const AnyReference& value) {
   return value.isValid() && value.type()->kind == TypeKind::Dynamic;
 }
 
-/// Calls `visit` with what a dynamic value holds, with any other value itself.
-void withContent(const AnyReference& value, FunctionRef<void(const AnyReference&)> visit) {
-  if (isDynamic(value))
-    value.type()->dynamic->visit(value.pointer(), visit);
-  else
-    visit(value);
+/// What a dynamic value holds; any other value itself.
+AnyReference contentOf(const AnyReference& value) {
+  return isDynamic(value) ? value.type()->dynamic->content(value.pointer()) : value;
 }
 
 int compareContents(const AnyReference& a, const AnyReference& b) {
   const NestingLevel level;
-  int result = 0;
-  withContent(a, [&](const AnyReference& x) {
-    withContent(b, [&](const AnyReference& y) { result = compareValues(x, y); });
-  });
-  return result;
+  return compareValues(contentOf(a), contentOf(b));
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <gvtype/signature.h>
 
 #include "fieldorder.h"
+#include "pairs.h"
 #include "scalar.h"
 
 namespace gv {
@@ -173,13 +174,22 @@ void convertToTuple(const AnyReference& source, const TypeInterface* type, void*
   }
 }
 
+/// Calls `visit` with each key and value of a map, or of a list of pairs.
+void forEachEntry(const AnyReference& source, const TypeInterface* type,
+                  const ConversionPlace& place,
+                  FunctionRef<void(const AnyReference& key, const AnyReference& value)> visit) {
+  if (source.type()->kind == TypeKind::Map)
+    return source.type()->map->forEach(source.pointer(), visit);
+  if (!isListOfPairs(source)) failKind(source, type, place);
+  source.type()->list->forEach(source.pointer(),
+                               [&](const AnyReference& element) { visitPair(element, visit); });
+}
+
 void convertToMap(const AnyReference& source, const TypeInterface* type, void* target,
                   const ConversionPlace& place) {
-  if (source.type()->kind != TypeKind::Map) failKind(source, type, place);
   type->map->clear(target);
   std::size_t index = 0;
-  source.type()->map->forEach(source.pointer(), [&](const AnyReference& key,
-                                                    const AnyReference& value) {
+  forEachEntry(source, type, place, [&](const AnyReference& key, const AnyReference& value) {
     AnyValue newKey = type->map->makeKey(target);
     AnyValue newValue = type->map->makeValue(target);
     convertInto(key, newKey.type(), newKey.asReference().pointer(), inside(place, "key", index));
@@ -233,9 +243,7 @@ void convertNested(const AnyReference& source, const TypeInterface* type, void* 
                    const ConversionPlace& place) {
   const NestingLevel level;
   if (source.type()->kind == TypeKind::Dynamic)
-    return source.type()->dynamic->visit(source.pointer(), [&](const AnyReference& content) {
-      convertInto(content, type, target, {&place});
-    });
+    return convertInto(source.type()->dynamic->content(source.pointer()), type, target, {&place});
   if (type->kind == TypeKind::Optional) return convertToOptional(source, type, target, place);
   if (source.type()->kind == TypeKind::Optional)
     return convertFromOptional(source, type, target, place);

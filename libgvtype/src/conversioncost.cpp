@@ -6,6 +6,7 @@
 #include <gvtype/signature.h>
 
 #include "fieldorder.h"
+#include "pairs.h"
 
 namespace gv {
 namespace {
@@ -141,10 +142,28 @@ int tupleCost(const AnyReference& source, std::string_view signature, bool* look
   return worst.of(container);
 }
 
+/// Of a list of pairs, by its values.
+int mapOfPairsCost(const AnyReference& list, std::string_view key, std::string_view value,
+                   bool* looksAtValue) {
+  *looksAtValue = true;
+  if (!list.pointer() || !isListOfPairs(list)) return impossible;
+  Worst worst;
+  list.type()->list->forEach(list.pointer(), [&](const AnyReference& element) {
+    visitPair(element, [&](const AnyReference& first, const AnyReference& second) {
+      worst.add(conversionCost(first, key, looksAtValue));
+      worst.add(conversionCost(second, value, looksAtValue));
+    });
+  });
+  return worst.of(container + 2);
+}
+
 int mapCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
-  if (source.type()->kind != TypeKind::Map) return impossible;
   const std::string_view inner = signature.substr(2, signature.size() - 3);
   const std::size_t keyLength = signatureLength(inner);
+  if (source.type()->kind == TypeKind::List)
+    return mapOfPairsCost(source, inner.substr(0, keyLength), inner.substr(keyLength),
+                          looksAtValue);
+  if (source.type()->kind != TypeKind::Map) return impossible;
   bool isUndecided = false;
   Worst worst;
   const auto add = [&](const AnyReference& key, const AnyReference& value) {
@@ -167,14 +186,6 @@ int heldCost(const AnyReference& content, std::string_view signature, bool* look
   *looksAtValue = true;
   const int cost = conversionCost(content, signature, looksAtValue);
   return cost == impossible ? impossible : cost + widening;
-}
-
-int dynamicCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
-  int cost = impossible;
-  source.type()->dynamic->visit(source.pointer(), [&](const AnyReference& content) {
-    cost = heldCost(content, signature, looksAtValue);
-  });
-  return cost;
 }
 
 int futureCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
@@ -201,7 +212,8 @@ int nestedCost(const AnyReference& source, std::string_view signature, bool* loo
   const TypeInterface* type = source.type();
   if (!source.pointer() && (type->kind == TypeKind::Dynamic || type->ownSignature))
     return undecided(looksAtValue);
-  if (type->kind == TypeKind::Dynamic) return dynamicCost(source, signature, looksAtValue);
+  if (type->kind == TypeKind::Dynamic)
+    return heldCost(type->dynamic->content(source.pointer()), signature, looksAtValue);
   if (type->ownSignature) *looksAtValue = true;
   if (!type->code && source.signature() == signature) return same;
   if (signature == "v") return type->copy ? intoDynamic : impossible;
@@ -217,6 +229,17 @@ int nestedCost(const AnyReference& source, std::string_view signature, bool* loo
   return impossible;
 }
 
+/// Of a dynamic value to a type of one letter. What it holds needs no look at nesting, where that
+/// is of one letter, too.
+int flatContentCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
+  const TypeInterface* type = source.type();
+  if (!source.pointer()) return undecided(looksAtValue);
+  const AnyReference content = type->dynamic->content(source.pointer());
+  if (content.isValid() && content.type()->kind < TypeKind::List)
+    return heldCost(content, signature, looksAtValue);
+  return nestedCost(source, signature, looksAtValue);
+}
+
 }  // namespace
 
 int conversionCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {
@@ -224,7 +247,7 @@ int conversionCost(const AnyReference& source, std::string_view signature, bool*
   if (!type) return signature == "v" ? same : signature.starts_with('m') ? container : impossible;
   if (!type->code || signature.size() != 1) return nestedCost(source, signature, looksAtValue);
   if (type->code == signature[0]) return same;  // of two X the call itself tells
-  if (type->kind == TypeKind::Dynamic) return nestedCost(source, signature, looksAtValue);
+  if (type->kind == TypeKind::Dynamic) return flatContentCost(source, signature, looksAtValue);
   if (signature == "v") return type->copy || type->code == 'V' ? intoDynamic : impossible;
   return numberCost(type->code, signature[0]);
 }

@@ -13,13 +13,24 @@ void checkArgumentCount(std::size_t given, std::size_t wanted, bool hasTail) {
                            ", got " + std::to_string(given));
 }
 
+namespace {
+
+/// Of a dynamic argument the content where that is what is wanted, so that nothing is converted.
+AnyReference contentFor(const AnyReference& argument, const TypeInterface* wanted) {
+  if (!argument.isValid() || argument.type()->kind != TypeKind::Dynamic) return argument;
+  const AnyReference content = argument.type()->dynamic->content(argument.pointer());
+  return sameType(content.type(), wanted) ? content : argument;
+}
+
+}  // namespace
+
 ExactArguments::ExactArguments(std::span<const AnyReference> arguments,
                                std::span<const TypeInterface* const> types, bool hasTail) {
   checkArgumentCount(arguments.size(), types.size(), hasTail);
   references_.reserve(types.size());
   converted_.reserve(types.size());  // references point into it
   for (std::size_t i = 0; i < types.size(); ++i) {
-    const AnyReference& argument = arguments[i];
+    const AnyReference argument = contentFor(arguments[i], types[i]);
     const TypeInterface* type = types[i];
     if (sameType(argument.type(), type)) {
       references_.push_back(argument);

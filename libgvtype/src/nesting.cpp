@@ -39,7 +39,7 @@ int deepestIn(const AnyReference& value) {
       add(type->optional->content(value.pointer()));
       break;
     default:
-      type->dynamic->visit(value.pointer(), add);
+      add(type->dynamic->content(value.pointer()));
   }
   return deepest;
 }

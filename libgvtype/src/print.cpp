@@ -77,7 +77,7 @@ class Printer {
       case TypeKind::Optional:
         return print(type->optional->content(pointer));
       case TypeKind::Dynamic:
-        return type->dynamic->visit(pointer, [&](const AnyReference& content) { print(content); });
+        return print(type->dynamic->content(pointer));
       default:
         text_ += "<" + typeName(type) + ">";
     }

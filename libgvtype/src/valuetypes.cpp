@@ -43,10 +43,8 @@ void TypeTraits<Buffer>::describe(TypeInterface& type) {
 void TypeTraits<AnyValue>::describe(TypeInterface& type) {
   type.kind = TypeKind::Dynamic;
   static const DynamicOps ops = {
-      .visit =
-          [](const void* value, FunctionRef<void(const AnyReference&)> visit) {
-            visit(static_cast<const AnyValue*>(value)->asReference());
-          },
+      .content =
+          [](const void* value) { return static_cast<const AnyValue*>(value)->asReference(); },
       .assign =
           [](void* value, const AnyReference& content) {
             *static_cast<AnyValue*>(value) = AnyValue::copyOf(content);

@@ -119,6 +119,30 @@ TEST(Conversion, GoesElementByElementThroughContainers) {
             "cannot convert map to map<string, int32>: two of its keys become the same");
 }
 
+TEST(Conversion, OfListsOfPairsMakesMaps) {
+  using Map = std::map<bool, int>;
+  using Dynamics = std::vector<AnyValue>;
+  const auto pair = [](auto... members) {
+    return AnyValue::from(Dynamics{AnyValue::from(members)...});
+  };
+  EXPECT_EQ(converted<Map>(std::vector<std::tuple<bool, long>>{{true, 1}}), (Map{{true, 1}}));
+  EXPECT_EQ((converted<std::map<bool, bool>>(std::vector<std::vector<bool>>{{true, false}})),
+            (std::map<bool, bool>{{true, false}}));
+  EXPECT_EQ(converted<Map>(Dynamics{pair(true, 1), pair(false, 2)}), (Map{{false, 2}, {true, 1}}));
+  EXPECT_EQ(converted<Map>(Dynamics{}), Map());
+  EXPECT_EQ(converted<Map>(Dynamics{pair(true, 1), pair(true, 2)}), std::nullopt) << "same keys";
+  for (const Dynamics& no :
+       {Dynamics{pair(true)}, Dynamics{pair(true, 1, 1)}, Dynamics{AnyValue()}})
+    EXPECT_EQ(converted<Map>(no), std::nullopt);
+  EXPECT_EQ(converted<Map>(std::vector<int>{}), std::nullopt)
+      << "of no pairs, even without elements";
+  bool looksAtValue = false;
+  const Dynamics none;
+  EXPECT_LT(conversionCost(AnyReference::from(none), "av", &looksAtValue),
+            conversionCost(AnyReference::from(none), "a{bi}", &looksAtValue))
+      << "an empty list is a list first";
+}
+
 TEST(Conversion, ThroughGenericValuesComesBackUnchanged) {
   using Nested = std::map<std::string, std::vector<std::pair<int, std::string>>>;
   const Nested value = {{"a", {{1, "x"}, {2, "y"}}}, {"b", {}}};

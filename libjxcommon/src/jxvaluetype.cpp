@@ -73,10 +73,7 @@ JXValue mapToValue(const AnyReference& map) {
 }
 
 JXValue dynamicToValue(const AnyReference& dynamic) {
-  JXValue value;
-  dynamic.type()->dynamic->visit(dynamic.pointer(),
-                                 [&](const AnyReference& content) { value = toValue(content); });
-  return value;
+  return toValue(dynamic.type()->dynamic->content(dynamic.pointer()));
 }
 
 JXValue flatToValue(const AnyReference& content) {
@@ -123,15 +120,25 @@ JXValue toValue(const AnyReference& content) {
   }
 }
 
-/// Names the type of an array's content for the type system; no value of it is ever made.
+// Arrays and bytes are read in place, without a copy: the storage of their types is the JXValue
+// that holds them. These name the types; no value of them is ever made.
 struct ArrayContent {};
+struct BinaryContent {};
 
-JXValue& arrayIn(void* value) {
-  return *static_cast<JXValue*>(value);
+JXValue& valueIn(void* storage) {
+  return *static_cast<JXValue*>(storage);
 }
 
-/// A list of dynamic values whose storage is the JXValue that holds the array: arrays are read in
-/// place, without a copy.
+/// The type of a JXValue that holds one kind of content.
+gv::TypeInterface contentType(const std::type_info& name, TypeKind kind, char code) {
+  gv::TypeInterface type = *gv::getType<JXValue>();
+  type.info = &name;
+  type.kind = kind;
+  type.code = code;
+  type.dynamic = nullptr;
+  return type;
+}
+
 const gv::TypeInterface* arrayType() {
   static const gv::ListOps ops = {
       .elementType = [] { return gv::getType<JXValue>(); },
@@ -145,67 +152,85 @@ const gv::TypeInterface* arrayType() {
             const int size = elements.getSize();
             for (int i = 0; i < size; ++i) visit(AnyReference::from(elements[i]));
           },
-      .clear = [](void* array) { arrayIn(array).arraySetSize(0); },
+      .clear = [](void* array) { valueIn(array).arraySetSize(0); },
       .emplace =
           [](void* array) {
-            JXValue& elements = arrayIn(array);
+            JXValue& elements = valueIn(array);
             return AnyReference::from(elements[elements.getSize()]);
           },
       .push =
           [](void* array, const void* element) {
-            arrayIn(array).arrayPush(*static_cast<const JXValue*>(element));
+            valueIn(array).arrayPush(*static_cast<const JXValue*>(element));
           },
   };
   static const gv::TypeInterface type = [] {
-    gv::TypeInterface list = *gv::getType<JXValue>();
-    list.info = &typeid(ArrayContent);
-    list.kind = TypeKind::List;
-    list.code = 0;
-    list.dynamic = nullptr;
+    gv::TypeInterface list = contentType(typeid(ArrayContent), TypeKind::List, 0);
     list.list = &ops;
     return list;
   }();
   return &type;
 }
 
-void visitContent(const JXValue& value, gv::FunctionRef<void(const AnyReference&)> visit) {
-  const auto give = [&](const auto& content) { visit(AnyReference::from(content)); };
-  switch (value.kind()) {
-    case JXValue::Kind::Invalid:
-      return visit(AnyReference());
-    case JXValue::Kind::Bool:
-      return give(value.toBool());
-    case JXValue::Kind::Int:
-      return give(value.toInt());
-    case JXValue::Kind::UInt:
-      return give(value.toUInt());
-    case JXValue::Kind::Int64:
-      return give(value.toInt64());
-    case JXValue::Kind::UInt64:
-      return give(value.toUInt64());
-    case JXValue::Kind::Float:
-      return give(value.toDouble());
-    case JXValue::Kind::String:
-      return give(value.toString());
-    case JXValue::Kind::Binary:
-      return give(gv::Buffer(value.toBinary().data(), value.toBinary().size()));
-    case JXValue::Kind::Array:
-      return visit({arrayType(), const_cast<JXValue*>(&value)});
-  }
+const gv::TypeInterface* binaryType() {
+  static const gv::BytesOps ops = {
+      .view =
+          [](const void* binary) {
+            const auto& bytes = static_cast<const JXValue*>(binary)->toBinary();
+            return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+          },
+      .assign =
+          [](void* binary, std::string_view bytes) {
+            valueIn(binary) = JXValue::binary(bytes.data(), bytes.size());
+          },
+  };
+  static const gv::TypeInterface type = [] {
+    gv::TypeInterface raw = contentType(typeid(BinaryContent), TypeKind::Raw, 'r');
+    raw.bytes = &ops;
+    return raw;
+  }();
+  return &type;
+}
+
+template <class T, class Storage>
+AnyReference in(const Storage& storage) {
+  return AnyReference::from(*std::get_if<T>(&storage));
 }
 
 }  // namespace
 
+gv::AnyReference gv::TypeTraits<JX::JXValue>::content(const JXValue& value) {
+  switch (value.kind()) {
+    case JXValue::Kind::Invalid:
+      return {};
+    case JXValue::Kind::Binary:
+      return {binaryType(), const_cast<JXValue*>(&value)};
+    case JXValue::Kind::Array:
+      return {arrayType(), const_cast<JXValue*>(&value)};
+    case JXValue::Kind::Bool:
+      return in<bool>(value.storage_);
+    case JXValue::Kind::Int:
+      return in<std::int32_t>(value.storage_);
+    case JXValue::Kind::UInt:
+      return in<std::uint32_t>(value.storage_);
+    case JXValue::Kind::Int64:
+      return in<std::int64_t>(value.storage_);
+    case JXValue::Kind::UInt64:
+      return in<std::uint64_t>(value.storage_);
+    case JXValue::Kind::Float:
+      return in<double>(value.storage_);
+    case JXValue::Kind::String:
+      return in<std::string>(value.storage_);
+  }
+  return {};
+}
+
 void gv::TypeTraits<JX::JXValue>::describe(TypeInterface& type) {
   type.kind = TypeKind::Dynamic;
   static const DynamicOps ops = {
-      .visit =
-          [](const void* dynamic, FunctionRef<void(const AnyReference&)> visit) {
-            visitContent(*static_cast<const JXValue*>(dynamic), visit);
-          },
+      .content = [](const void* dynamic) { return content(*static_cast<const JXValue*>(dynamic)); },
       // Built whole before it is assigned: the content may be a part of the value itself.
       .assign = [](void* dynamic,
-                   const AnyReference& content) { arrayIn(dynamic) = toValue(content); },
+                   const AnyReference& content) { valueIn(dynamic) = toValue(content); },
   };
   type.dynamic = &ops;
 }

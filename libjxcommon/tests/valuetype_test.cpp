@@ -46,10 +46,9 @@ TEST(ValueType, EachKindKeepsItsContentBothWays) {
     JXValue value("to be replaced");
     operations.assign(&value, row.source.asReference());
     EXPECT_EQ(value, row.expected) << row.source.signature();
-    operations.visit(&value, [&](const AnyReference& content) {
-      EXPECT_EQ(content.signature(), row.content) << row.source.signature();
-      EXPECT_EQ(AnyValue::copyOf(content).to<AnyValue>().to<JXValue>(), row.expected);
-    });
+    const AnyReference content = operations.content(&value);
+    EXPECT_EQ(content.signature(), row.content) << row.source.signature();
+    EXPECT_EQ(AnyValue::copyOf(content).to<AnyValue>().to<JXValue>(), row.expected);
   }
 }
 

@@ -134,6 +134,7 @@ class JXVALUE_API JXValue {
   static JXValue fromJson(const std::string& text);
 
  private:
+  friend struct gv::TypeTraits<JXValue>;
   using Array = std::vector<JXValue>;
   using Binary = std::vector<unsigned char>;
 

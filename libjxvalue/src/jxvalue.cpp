@@ -110,8 +110,8 @@ JXValue::JXValue(const JXValue& other) : JXValue() {
   }
 }
 
-JXValue::JXValue(JXValue&& other) noexcept {
-  storage_.swap(other.storage_);
+JXValue::JXValue(JXValue&& other) noexcept : storage_(std::move(other.storage_)) {
+  other.storage_.emplace<std::monostate>();
 }
 
 JXValue& JXValue::operator=(JXValue other) noexcept {

@@ -45,8 +45,7 @@ class Writer {
     }
     if (value.isValid() && value.type()->kind == TypeKind::Dynamic) {
       const NestingLevel level;
-      return visitContent(value,
-                          [&](const AnyReference& content) { write(content, signature, place); });
+      return write(contentOf(value), signature, place);
     }
     if (!writeAsItIs(value, signature, place)) {
       const AnyValue converted = convertTo(value, signature, place);
@@ -75,12 +74,8 @@ class Writer {
                           "a value of type " + typeName(type) + " cannot be sent");
   }
 
-  /// Calls `visit` with what a dynamic value holds; that lasts as long as the value in an AnyValue,
-  /// elsewhere maybe during the call only.
-  void visitContent(const AnyReference& value, FunctionRef<void(const AnyReference&)> visit) {
-    if (const AnyValue* dynamic = value.as<AnyValue>()) return visit(dynamic->asReference());
-    const Copying scope(*this);
-    value.type()->dynamic->visit(value.pointer(), visit);
+  static AnyReference contentOf(const AnyReference& dynamic) {
+    return dynamic.type()->dynamic->content(dynamic.pointer());
   }
 
   void writeDynamic(const AnyReference& value, const ConversionPlace& place) {
@@ -89,9 +84,7 @@ class Writer {
       return;
     }
     const TypeInterface* type = value.type();
-    if (type->kind == TypeKind::Dynamic)
-      return visitContent(value,
-                          [&](const AnyReference& content) { writeDynamic(content, place); });
+    if (type->kind == TypeKind::Dynamic) return writeDynamic(contentOf(value), place);
     if (type->kind == TypeKind::Void || type->kind == TypeKind::Future) refuse(type);
     if (isScalar(type->code)) {
       packer_.pack_array(2);
