@@ -2,6 +2,8 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gvtype/object.h>
 #include <jxcommon/api.h>
@@ -42,6 +44,7 @@ class JXCOMMON_API JXProxy : public boost::enable_shared_from_this<JXProxy> {
   JXProxy& operator=(const JXProxy&) = delete;
   virtual ~JXProxy();
 
+  /// The shared pointer that owns this proxy. Throws boost::bad_weak_ptr when none does.
   boost::shared_ptr<JXProxy> getThis();
   boost::shared_ptr<const JXProxy> getThis() const;
 
@@ -72,16 +75,64 @@ class JXCOMMON_API JXProxy : public boost::enable_shared_from_this<JXProxy> {
   JXValue genericCall(const std::string& methodName, const JXValue& params);
 
   /// Posts a method: starts it on the event loop of its process and returns the id of the task at
-  /// once, to call "wait", "isRunning" and "stop" with. What the method returns or throws is told
-  /// to nobody. Of an object that is no module the method is called, and -1 returned when it has
-  /// ended.
+  /// once, for `wait`, `isRunning` and `stop`. What the method returns or throws is told to nobody.
+  /// Of an object that is no module the method is called, and -1 returned when it has ended.
   ///
   /// Throws JXError with the module's and the method's name: "module destroyed", no single method
-  /// that takes these arguments (with the candidates), and what became of the posting.
+  /// that takes these arguments (with the candidates), and what became of the posting. After a
+  /// connection was lost the method may run, or not.
+  ///
+  /// @code
+  /// const int task = camera.pCall("film");
+  /// while (camera.wait(task, 1000)) std::cout << "still filming\n";
+  /// @endcode
   template <class... P>
   int pCall(const std::string& methodName, const P&... arguments);
+  /// The same with each element of the array `params` as one argument. There are no callbacks: one
+  /// that is given is never called, and a warning logged. Throws also what genericCall does for
+  /// `params`.
+  int genericPCall(const std::string& methodName, const JXValue& params,
+                   int (*callback)(const char*, int, const JXValue&) = nullptr,
+                   const char* callbackArgument = nullptr);
   /// The same with arguments at hand.
   int xMetaPCall(const std::string& methodName, const gv::GenericFunctionParameters& parameters);
+
+  /// Waits for the end of a posted call, for so many milliseconds, 0 and less without limit. True
+  /// when it still runs then; false when it has ended, and for an id that the module does not know.
+  /// The three throw JXError as `call` does, `wait` also when the connection is lost meanwhile.
+  bool wait(const int& id, const int& timeoutMs);
+  /// Whether a posted call has not ended; for a moment after `wait` it may still say so.
+  bool isRunning(const int& id);
+  /// Asks a posted call to end, and does not wait for it; an unknown id is only logged there.
+  void stop(const int& id);
+
+  /// Notifies: starts a method on the event loop of its process and forgets it; neither its result
+  /// nor its error comes back. The method is the one of that name that takes all three arguments,
+  /// else the first two, else the first, else none. Returns 0 when it was handed over; -1, with the
+  /// candidates in the log, when there is no such method.
+  ///
+  /// `cache` saves the search: a pair of zeros at first, it then keeps the method and its count of
+  /// arguments, and is trusted from then on, whatever the name and the types. Keep one for each
+  /// proxy, method and kinds of arguments; the caller owns it and guards it. What depends on the
+  /// arguments' values is not kept.
+  ///
+  /// Throws JXError: "module destroyed", a cache that names no method of this module, and what
+  /// cannot be sent.
+  int pCallNotify(const std::string& methodName, const std::string& first, const JXValue& second,
+                  const JXValue& third, std::pair<int, int>* cache = nullptr);
+
+  /// The version of the library that serves the module. Throws as `call` does.
+  std::string version();
+
+  /// Always true, and complains in the log: whether the module lives, a call tells.
+  bool isValid();
+  /// Not implemented, as the log then says: -1, an empty functor, and that text.
+  int getInfo(JXModuleInfo& info);
+  boost::shared_ptr<JXFunctorBase> getFunctor(const std::string& methodName,
+                                              const std::vector<std::string>& parameterTypes);
+  std::string remoteBrokerName();
+  /// Does nothing: connections belong to the broker's session.
+  void destroyConnection();
 
  private:
   void bind(const boost::shared_ptr<JXBroker>& broker, const std::string& notFoundDetail);

@@ -1,5 +1,6 @@
 #include <jxcommon/jxproxy.h>
 
+#include <algorithm>
 #include <vector>
 
 #include <gv/log.h>
@@ -21,7 +22,9 @@ constexpr const char* file = "../libjxcommon/src/jxproxy";
 constexpr int lockLine = 207;
 constexpr int callLine = 219;
 constexpr int convertLine = 226;
-// Those of a posted one.
+// That of a notification.
+constexpr int notifyLine = 281;
+// Those of a posted call.
 constexpr int postLockLine = 339;
 constexpr int noMatchLine = 355;
 constexpr int postLine = 371;
@@ -31,12 +34,38 @@ const gv::log::Category& category = gv::log::category("jxcommon.jxproxy");
 // A category of its own for one record, as its readers filter it.
 const gv::log::Category& capitalCategory = gv::log::category("jxcommon.JXProxy");
 
-void log(const gv::log::Category& where, Level level, const std::string& text) {
-  if (where.isEnabled(level)) gv::log::write(level, where, "JXProxy", "", 0, text);
+void log(const gv::log::Category& where, Level level, const std::string& function,
+         const std::string& text) {
+  if (where.isEnabled(level)) gv::log::write(level, where, function, "", 0, text);
+}
+
+std::string logMissing(const std::string& function) {
+  const std::string text = "JXProxy::" + function + " not implemented";
+  log(category, Level::Error, function, text);
+  return text;
 }
 
 [[noreturn]] void failToBind(const std::string& description, int line) {
   throw JXError("JXProxy", "JXProxy", description, file, line);
+}
+
+/// Each element of an array as one argument. Borrowed from `params`. Throws JXError where it is
+/// none.
+gv::GenericFunctionParameters elementsOf(const JXValue& params) {
+  gv::GenericFunctionParameters arguments;
+  const int count = params.getSize();
+  arguments.reserve(static_cast<std::size_t>(count));
+  for (int i = 0; i < count; ++i) arguments.push_back(gv::AnyReference::from(params[i]));
+  return arguments;
+}
+
+/// One line for each method of a name.
+std::string candidatesText(const gv::MetaObject& description, const std::string& nameOrSignature) {
+  std::string text;
+  for (const gv::MetaMethod& method :
+       description.findMethod(gv::signatureSplit(nameOrSignature).first))
+    text += "  " + method.toString() + "\n";
+  return text;
 }
 
 /// The result of a call, or the eventual one where that is a future.
@@ -47,6 +76,26 @@ R resultOf(const gv::Object<gv::Empty>& object, unsigned methodId,
   const gv::Promise<R> promise(gv::FutureCallbackType::Sync);
   gv::handleFuture<R>(result.value(gv::FutureTimeout_Infinite), promise);
   return promise.future().value(gv::FutureTimeout_Infinite);
+}
+
+/// The method that a cache names; the arguments that it does not take are dropped.
+int takeCached(const std::pair<int, int>& cache, gv::GenericFunctionParameters& arguments) {
+  const int most = static_cast<int>(arguments.size());
+  arguments.resize(static_cast<std::size_t>(std::clamp(cache.second, 0, most)));
+  return cache.first;
+}
+
+/// The method that takes all arguments, or else most of the first ones; the rest are dropped.
+/// Negative where there is none. Fills the cache where the types alone decided.
+int resolveNotification(const gv::MetaObject& description, const std::string& methodName,
+                        gv::GenericFunctionParameters& arguments, std::pair<int, int>* cache) {
+  while (true) {
+    bool canCache = false;
+    const int id = description.findMethod(methodName, arguments, &canCache);
+    if (id >= 0 && cache && canCache) *cache = {id, static_cast<int>(arguments.size())};
+    if (id >= 0 || arguments.empty()) return id;
+    arguments.pop_back();
+  }
 }
 
 }  // namespace
@@ -67,14 +116,14 @@ JXProxy::JXProxy(gv::Object<gv::Empty> object, const std::string& moduleName)
 JXProxy::JXProxy(const std::string& moduleName, const std::string&, int,
                  boost::shared_ptr<JXBroker> broker, int, int)
     : _p(std::make_unique<JXProxyPrivate>()) {
-  log(category, Level::Warning, "Entering WTFBBQ JXProxy constructor.");
+  log(category, Level::Warning, "JXProxy", "Entering WTFBBQ JXProxy constructor.");
   _p->moduleName = moduleName;
   bind(broker, "");
 }
 
 JXProxy::JXProxy(const std::string& moduleName, const std::string& ip, int port, int, int)
     : _p(std::make_unique<JXProxyPrivate>()) {
-  log(category, Level::Warning,
+  log(category, Level::Warning, "JXProxy",
       "JXProxy(ModuleName, IP, Port) is DEPRECATED. Create a broker yourself and ask it for a "
       "proxy.");
   _p->moduleName = moduleName;
@@ -84,7 +133,8 @@ JXProxy::JXProxy(const std::string& moduleName, const std::string& ip, int port,
 
 JXProxy::JXProxy(const std::string& moduleName, int, int) : _p(std::make_unique<JXProxyPrivate>()) {
   _p->moduleName = moduleName;
-  log(capitalCategory, Level::Error, "What do you want to achieve? Please specify a broker");
+  log(capitalCategory, Level::Error, "JXProxy",
+      "What do you want to achieve? Please specify a broker");
 }
 
 // Unbound by contract: a copy binds to nothing.
@@ -139,22 +189,32 @@ gv::Object<gv::Empty> JXProxy::asObject() {
 }
 
 JXValue JXProxy::genericCall(const std::string& methodName, const JXValue& params) {
-  const auto fail = [&](const std::string& description, int line) {
-    throw JXError(_p->moduleName, methodName, description, file, line);
+  const auto failure = [&](const std::string& description, int line) {
+    return JXError(_p->moduleName, methodName, description, file, line);
+  };
+  const auto valueOf = [&](const auto& future, int line) {
+    try {
+      return future.value(gv::FutureTimeout_Infinite);
+    } catch (const gv::FutureException& error) {
+      throw failure(error.what(), line);
+    }
   };
   const gv::Object<gv::Empty> object = object_.lock();
-  if (!object.isValid()) fail("module destroyed", lockLine);
-  gv::GenericFunctionParameters arguments;  // into `params`, which outlives the call
-  const int count = params.getSize();
-  for (int i = 0; i < count; ++i) arguments.push_back(gv::AnyReference::from(params[i]));
-  const auto result =
-      object.metaCall(methodName, arguments, gv::MetaCallType::Auto, gv::Signature());
-  if (result.hasError(gv::FutureTimeout_Infinite)) fail(result.error(), callLine);
+  if (!object.isValid()) throw failure("module destroyed", lockLine);
+  const gv::AnyReference result =
+      valueOf(object.metaCall(methodName, elementsOf(params), gv::MetaCallType::Auto), callLine);
   const gv::Promise<JXValue> promise(gv::FutureCallbackType::Sync);
-  gv::handleFuture<JXValue>(result.value(), promise);
-  const auto converted = promise.future();
-  if (converted.hasError(gv::FutureTimeout_Infinite)) fail(converted.error(), convertLine);
-  return converted.value();
+  gv::handleFuture<JXValue>(result, promise);
+  return valueOf(promise.future(), convertLine);
+}
+
+int JXProxy::genericPCall(const std::string& methodName, const JXValue& params,
+                          int (*callback)(const char*, int, const JXValue&), const char*) {
+  const auto arguments = elementsOf(params);
+  if (callback)
+    log(category, Level::Warning, "genericPCall",
+        "JXProxy.genericPCall does not implement callbacks.");
+  return xMetaPCall(methodName, arguments);
 }
 
 int JXProxy::xMetaPCall(const std::string& methodName,
@@ -167,11 +227,9 @@ int JXProxy::xMetaPCall(const std::string& methodName,
   const gv::MetaObject& description = object.metaObject();
   const int id = description.findMethod(methodName, parameters);
   if (id < 0) {
-    std::string text = "JXProxy(" + _p->moduleName + ").pcall Can't find single match for " +
-                       methodName + "\n  Candidate(s):\n";
-    for (const gv::MetaMethod& method :
-         description.findMethod(gv::signatureSplit(methodName).first))
-      text += "  " + method.toString() + "\n";
+    const std::string text = "JXProxy(" + _p->moduleName + ").pcall Can't find single match for " +
+                             methodName + "\n  Candidate(s):\n" +
+                             candidatesText(description, methodName);
     throw failure(text, noMatchLine);
   }
   const auto posting = description.findMethod("__pCall");
@@ -191,5 +249,73 @@ int JXProxy::xMetaPCall(const std::string& methodName,
     throw failure(gv::detail::currentError().text, posting.empty() ? postedCallLine : postLine);
   }
 }
+
+int JXProxy::pCallNotify(const std::string& methodName, const std::string& first,
+                         const JXValue& second, const JXValue& third, std::pair<int, int>* cache) {
+  const auto failure = [&](const std::string& text) {
+    return JXError(_p->moduleName, methodName, text, file, notifyLine);
+  };
+  const gv::Object<gv::Empty> object = object_.lock();
+  if (!object.isValid()) throw failure("module destroyed");
+  const gv::MetaObject& description = object.metaObject();
+  auto arguments = gv::makeParameters(first, second, third);
+  const bool isCached = cache && cache->first != 0;
+  const int id = isCached ? takeCached(*cache, arguments)
+                          : resolveNotification(description, methodName, arguments, cache);
+  if (id < 0) {
+    log(category, Level::Error, "pCallNotify",
+        "pCallNotify can't find method: " + methodName + "\n  the good prototype is void " +
+            methodName + "(string, JXValue, string)  candidate(s):\n" +
+            candidatesText(description, methodName));
+    return -1;
+  }
+  if (!description.method(static_cast<unsigned>(id)))
+    throw failure("the cache is not of this module, which has no method with id " +
+                  std::to_string(id));
+  try {
+    object.metaPost(static_cast<unsigned>(id), arguments);
+  } catch (const std::exception& error) {  // it cannot be sent
+    throw failure(error.what());
+  }
+  return 0;
+}
+
+std::string JXProxy::version() {
+  return call<std::string>("version");
+}
+
+bool JXProxy::wait(const int& id, const int& timeoutMs) {
+  return call<bool>("wait", id, timeoutMs);
+}
+
+bool JXProxy::isRunning(const int& id) {
+  return call<bool>("isRunning", id);
+}
+
+void JXProxy::stop(const int& id) {
+  call<void>("stop", id);
+}
+
+bool JXProxy::isValid() {
+  log(category, Level::Error, "isValid", "JXProxy::isValid always return true");
+  return true;
+}
+
+int JXProxy::getInfo(JXModuleInfo&) {
+  logMissing("getInfo");
+  return -1;
+}
+
+boost::shared_ptr<JXFunctorBase> JXProxy::getFunctor(const std::string&,
+                                                     const std::vector<std::string>&) {
+  logMissing("getFunctor");
+  return {};
+}
+
+std::string JXProxy::remoteBrokerName() {
+  return logMissing("remoteBrokerName");
+}
+
+void JXProxy::destroyConnection() {}
 
 }  // namespace JX

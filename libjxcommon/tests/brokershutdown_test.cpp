@@ -24,7 +24,7 @@ class BrokersThatShutDown : public Calls {
  protected:
   /// One more broker, with the module "Callee" in this process or in another one.
   Broker makeOne() {
-    if (GetParam())
+    if (isElsewhere())
       return JXBroker::createBroker("one", "127.0.0.1", 0, "127.0.0.1", broker->getPort());
     const Broker one = JXBroker::createBroker("one", "127.0.0.1", 0, "", 0);
     createModule<TestModule>(one, "Callee");
@@ -32,7 +32,8 @@ class BrokersThatShutDown : public Calls {
   }
 };
 
-INSTANTIATE_TEST_SUITE_P(A, BrokersThatShutDown, ::testing::Bool(), nameOfPlace);
+INSTANTIATE_TEST_SUITE_P(A, BrokersThatShutDown,
+                         ::testing::Values(Place::SameBroker, Place::OtherProcess), nameOfPlace);
 
 TEST_P(BrokersThatShutDown, EndBesideAHundredThreadsThatMakeProxiesCallAndDropThem) {
   // A hundred threads that never rest make rounds slow where there are few processors.
@@ -80,7 +81,7 @@ TEST_P(BrokersThatShutDown, LeaveNoModuleThatWasMadeMeanwhile) {
     one->shutdown();
     EXPECT_TRUE(makeModules.get());
     EXPECT_EQ(liveModules.live(), live);
-    if (GetParam()) {
+    if (isElsewhere()) {
       EXPECT_FALSE(broker->isModulePresent("Late0"));
     }
   }

@@ -8,11 +8,12 @@
 
 #include "callsfixture.h"
 #include "support/log_capture.h"
+#include "support/thrown.h"
 
 namespace JX {
 namespace {
 
-INSTANTIATE_TEST_SUITE_P(A, Calls, ::testing::Bool(), nameOfPlace);
+INSTANTIATE_TEST_SUITE_P(A, Calls, everywhere, nameOfPlace);
 
 TEST_P(Calls, TypedCallsConvertBothWays) {
   EXPECT_EQ(proxy->call<std::string>("greet", "Ada"), "hello Ada") << "a literal is a text";
@@ -37,33 +38,92 @@ TEST_P(Calls, UntypedCallsPassEachElementOfTheArray) {
   EXPECT_FALSE(proxy->genericCall("withdraw", JXValue()).isValid()) << "no result is no value";
 }
 
+std::vector<JXValue> values(std::vector<JXValue> elements) {
+  return elements;
+}
+
 TEST_P(Calls, EachFailureIsAnErrorWithItsPosition) {
-  using Method = const std::string&;
-  const JXValue text = std::vector<JXValue>{"as told"};
+  const std::string typed = "../libjxcommon/jxcommon/jxproxy:48";
+  const std::string untyped = "../libjxcommon/src/jxproxy:";
+  // The process of the module waits for a future, and answers with what became of it.
+  const std::string eventual = untyped + (isElsewhere() ? "219" : "226");
+  const std::string noFly = "there is no method of that name";
+  const std::string greets = "candidate(s): greet(s)";
+  const std::string eithers = "candidate(s): either(ni) either(in)";
+  const std::string canceled = "the future was canceled";
+  const std::string broken = "broken promise: every promise of this future is gone unsettled";
+  const std::string wrongResult =
+      "Unable to convert call result to target type: from string to int32";
   const struct {
     const char* method;
-    std::function<void(Method)> call;
-    int line;
-    const char* part;
+    std::function<void(const std::string&)> call;
+    std::string description;
+    std::string position;
   } rows[] = {
-      {"fail", [&](Method m) { proxy->call<void>(m, "as told"); }, 48, "as told"},
-      {"failOddly", [&](Method m) { proxy->call<void>(m); }, 48, "unknown exception"},
-      {"fly", [&](Method m) { proxy->call<int>(m, 1); }, 48, "fly(i)"},
-      {"greet", [&](Method m) { proxy->call<int>(m, 1, 2); }, 48, "greet(s)"},
-      {"greet", [&](Method m) { proxy->call<int>(m, "x"); }, 48, "target type: from string to int"},
-      {"echo", [&](Method m) { proxy->call<char>(m, 300); }, 48, "Return argument conversion err"},
-      {"fail", [&](Method m) { proxy->genericCall(m, text); }, 219, "as told"},
-      {"fly", [&](Method m) { proxy->genericCall(m, JXValue()); }, 219, "fly()"},
+      {"fail", [&](auto& m) { proxy->call<void>(m, "as told"); }, "as told", typed},
+      {"failOddly", [&](auto& m) { proxy->call<void>(m); }, "unknown exception", typed},
+      {"fly", [&](auto& m) { proxy->call<int>(m, 1); }, "unknown method 'fly(i)': " + noFly, typed},
+      {"gret", [&](auto& m) { proxy->call<int>(m); },
+       "unknown method 'gret()': " + noFly + "; did you mean: greet(s)?", typed},
+      {"greet", [&](auto& m) { proxy->call<int>(m, 1, 2); },
+       "no single method matches 'greet(ii)'; " + greets, typed},
+      {"greet", [&](auto& m) { proxy->call<int>(m, 1); },
+       "no single method matches 'greet(i)'; " + greets + "; argument 1 cannot convert from i to s",
+       typed},
+      {"count",
+       [&](auto& m) {
+         proxy->call<int>(m, std::vector<JXValue>{1, "two"});
+       },
+       "no single method matches 'count(av)'; candidate(s): count(ai); argument 1 cannot convert "
+       "from av to ai",
+       typed},
+      {"either", [&](auto& m) { proxy->call<void>(m, 1, 2); },
+       "no single method matches 'either(ii)'; " + eithers, typed},
+      {"greet", [&](auto& m) { proxy->call<int>(m, "x"); }, wrongResult, typed},
+      {"laterText", [&](auto& m) { proxy->call<int>(m); }, wrongResult, typed},
+      {"echo", [&](auto& m) { proxy->call<std::int8_t>(m, 300); },
+       "Return argument conversion error: cannot convert int32 300 to int8: the value does not fit",
+       typed},
+      {"laterBroken", [&](auto& m) { proxy->call<int>(m, 1); }, "too late", typed},
+      {"canceled", [&](auto& m) { proxy->call<int>(m); }, canceled, typed},
+      {"broken", [&](auto& m) { proxy->call<int>(m); }, broken, typed},
+      {"fail", [&](auto& m) { proxy->genericCall(m, values({"as told"})); }, "as told",
+       untyped + "219"},
+      {"failOddly", [&](auto& m) { proxy->genericCall(m, values({})); }, "unknown exception",
+       untyped + "219"},
+      {"fly", [&](auto& m) { proxy->genericCall(m, JXValue()); },
+       "unknown method 'fly()': " + noFly, untyped + "219"},
+      {"either",
+       [&](auto& m) {
+         proxy->genericCall(m, values({1, 2}));
+       },
+       "no single method matches 'either(vv)'; " + eithers, untyped + "219"},
+      {"self", [&](auto& m) { proxy->genericCall(m, values({})); },
+       "Unable to convert call result to target type: from object to dynamic", untyped + "226"},
+      {"laterBroken", [&](auto& m) { proxy->genericCall(m, values({1})); }, "too late", eventual},
+      {"canceled", [&](auto& m) { proxy->genericCall(m, values({})); }, canceled, eventual},
+      {"broken", [&](auto& m) { proxy->genericCall(m, values({})); }, broken, eventual},
+      {"pCall", [&](auto& m) { proxy->call<int>(m); }, "Callee::pCall: missing function name",
+       typed},
+      {"__pCall", [&](auto& m) { proxy->call<int>(m, 98u, std::vector<gv::AnyValue>()); },
+       "Callee::_pCall: Cant find methodId #98 on module:Callee", typed},
+      {"greet",
+       [&](auto& m) {
+         proxy->genericPCall(m, values({1, 2}));
+       },
+       "JXProxy(Callee).pcall Can't find single match for greet\n  Candidate(s):\n  greet(s)\n",
+       untyped + "355"},
+      {"either", [&](auto& m) { proxy->pCall(m, 1, 2); },
+       "JXProxy(Callee).pcall Can't find single match for either\n"
+       "  Candidate(s):\n  either(ni)\n  either(in)\n",
+       untyped + "355"},
+      {"fly", [&](auto& m) { proxy->pCall(m, 1); },
+       "JXProxy(Callee).pcall Can't find single match for fly\n  Candidate(s):\n", untyped + "355"},
   };
-  for (const auto& row : rows) {
-    const JXError error = errorOf([&] { row.call(row.method); });
-    EXPECT_EQ(error.moduleName(), "Callee");
-    EXPECT_EQ(error.methodName(), row.method);
-    EXPECT_NE(error.description().find(row.part), std::string::npos) << error.description();
-    EXPECT_EQ(error.line(), row.line) << row.part;
-    EXPECT_EQ(error.file(),
-              row.line == 48 ? "../libjxcommon/jxcommon/jxproxy" : "../libjxcommon/src/jxproxy");
-  }
+  for (const auto& row : rows)
+    EXPECT_EQ(
+        errorOf([&] { row.call(row.method); }).toString(),
+        std::string("Callee::") + row.method + ": " + row.description + " (" + row.position + ")");
 }
 
 TEST_P(Calls, RunWhereTheirTypeSays) {
@@ -83,28 +143,89 @@ TEST_P(Calls, AMethodMayShutItsOwnBrokerDown) {
   try {
     proxy->call<void>("shutDown");
   } catch (const JXError& error) {
-    EXPECT_TRUE(GetParam()) << "the connection may go before the reply: " << error.description();
+    EXPECT_TRUE(isElsewhere()) << "the connection may go before the reply: " << error.description();
   }
   waitUntilTheModuleIsGone();
 }
 
+/// Nothing can be called through such a proxy, and each call says so in its own place.
 void expectDestroyed(JXProxy& proxy) {
-  EXPECT_EQ(errorOf([&] { proxy.call<int>("f", 1); }).toString(),
-            proxy.moduleName() + "::f: module destroyed (../libjxcommon/jxcommon/jxproxy:48)");
-  EXPECT_EQ(errorOf([&] { proxy.genericCall("f", JXValue()); }).toString(),
-            proxy.moduleName() + "::f: module destroyed (../libjxcommon/src/jxproxy:207)");
-  EXPECT_THROW(proxy.asObject(), std::runtime_error);
+  const std::string text = proxy.moduleName() + "::f: module destroyed (../libjxcommon/";
+  const JXValue none = values({});
+  const struct {
+    std::function<void()> call;
+    const char* position;
+  } rows[] = {{[&] { proxy.call<int>("f", 1); }, "jxcommon/jxproxy:48)"},
+              {[&] { proxy.genericCall("f", none); }, "src/jxproxy:207)"},
+              {[&] { proxy.pCallNotify("f", "", none, none); }, "src/jxproxy:281)"},
+              {[&] { proxy.pCall("f", 1); }, "src/jxproxy:339)"},
+              {[&] { proxy.genericPCall("f", none, nullptr, nullptr); }, "src/jxproxy:339)"}};
+  for (const auto& row : rows) EXPECT_EQ(errorOf(row.call).toString(), text + row.position);
+  for (const auto& control :
+       std::map<std::string, std::function<void()>>{{"version", [&] { proxy.version(); }},
+                                                    {"wait", [&] { proxy.wait(1, 1); }},
+                                                    {"isRunning", [&] { proxy.isRunning(1); }},
+                                                    {"stop", [&] { proxy.stop(1); }}})
+    EXPECT_EQ(errorOf(control.second).toString(),
+              proxy.moduleName() + "::" + control.first +
+                  ": module destroyed (../libjxcommon/jxcommon/jxproxy:48)");
+  EXPECT_EQ(house::errorOf([&] { proxy.asObject(); }),
+            "Failed to lock object for proxy " + proxy.moduleName());
+  EXPECT_TRUE(proxy.isValid());
 }
 
 TEST_P(Calls, AProxyHoldsItsModuleWeakly) {
   JXProxy direct(proxy->asObject(), "Callee");
   EXPECT_EQ(direct.getParentBroker(), nullptr);
+  EXPECT_EQ(direct.getModuleCore(), nullptr);
   EXPECT_EQ(direct.call<std::string>("greet", "you"), "hello you");
-  proxy->call<void>("withdraw");
-  if (GetParam()) broker->shutdown();
+  JXProxy copy(*proxy);
+  EXPECT_EQ(copy.moduleName(), "");
+  expectDestroyed(copy);
+  withdrawTheModule();
   EXPECT_EQ(liveModules.live(), 0);
   expectDestroyed(direct);
   expectDestroyed(*proxy);
+}
+
+// What is not the same everywhere.
+TEST_P(Calls, WhereTheModuleIsShowsInThisAlone) {
+  const bool isHere = !isElsewhere();
+  EXPECT_EQ(proxy->isLocal(), isHere);
+  EXPECT_EQ(proxy->getParentBroker(), broker);
+  EXPECT_EQ(proxy->getModule() != nullptr, GetParam() == Place::SameBroker);
+  EXPECT_EQ(proxy->getModuleCore(), proxy->getModule());
+  const auto thread = proxy->call<unsigned>("thread");
+  EXPECT_EQ(thread == gv::os::gettid(), isHere) << "a call of this process stays in its thread";
+}
+
+TEST_P(Calls, WhatWasNeverImplementedSaysSo) {
+  const house::LogCapture log;
+  JXModuleInfo info;
+  info.name = "untouched";
+  EXPECT_TRUE(proxy->isValid());
+  EXPECT_EQ(proxy->getInfo(info), -1);
+  EXPECT_EQ(info.name, "untouched");
+  EXPECT_EQ(proxy->getFunctor("greet", {"string"}), nullptr);
+  EXPECT_EQ(proxy->remoteBrokerName(), "JXProxy::remoteBrokerName not implemented");
+  proxy->destroyConnection();
+  EXPECT_EQ(proxy->version(), "2.1.4");
+  const auto callback = [](const char*, int, const JXValue&) -> int { throw "never called"; };
+  EXPECT_FALSE(proxy->wait(proxy->genericPCall("greet", values({"you"}), callback, "x"), 0));
+  std::string texts;
+  for (const auto& record : log.records())
+    if (record.category == "jxcommon.jxproxy")
+      texts += std::to_string(static_cast<int>(record.level)) + " " + record.function + ": " +
+               record.text + "\n";
+  EXPECT_EQ(texts,
+            "2 isValid: JXProxy::isValid always return true\n"
+            "2 getInfo: JXProxy::getInfo not implemented\n"
+            "2 getFunctor: JXProxy::getFunctor not implemented\n"
+            "2 remoteBrokerName: JXProxy::remoteBrokerName not implemented\n"
+            "3 genericPCall: JXProxy.genericPCall does not implement callbacks.\n");
+  EXPECT_EQ(proxy->getThis(), proxy);
+  JXProxy onTheStack(broker, "Callee");
+  EXPECT_THROW(onTheStack.getThis(), boost::bad_weak_ptr);
 }
 
 TEST_P(Calls, BindingFailsWithTheTextOfItsConstructor) {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "echoes.h"
 #include "support/child_process.h"
 #include "support/watchdog.h"
 #include "testmodule.h"
@@ -15,39 +16,69 @@ namespace JX {
 
 using Broker = boost::shared_ptr<JXBroker>;
 
-/// A proxy on a module of this process, or of another one.
-class Calls : public ::testing::TestWithParam<bool> {
+/// Where the module is that a proxy calls.
+enum class Place { SameBroker, OtherBroker, OtherProcess };
+
+/// A proxy on the module "Callee", which is somewhere.
+class Calls : public ::testing::TestWithParam<Place> {
  protected:
   Calls() {
-    if (GetParam()) {
+    if (isElsewhere()) {
       robot.emplace(JX_TEST_ROBOT);
       const std::string ready = robot->waitForLine("listening on ");
-      broker = JXBroker::createBroker("far", "127.0.0.1", 0, "127.0.0.1",
-                                      std::stoi(ready.substr(ready.rfind(' '))));
+      join(std::stoi(ready.substr(ready.rfind(' '))));
     } else {
-      broker = JXBroker::createBroker("near", "127.0.0.1", 0, "", 0);
-      createModule<TestModule>(broker, "Callee");
+      home = JXBroker::createBroker("home", "127.0.0.1", 0, "", 0);
+      createModule<TestModule>(home, "Callee");
+      createModule<Echoes>(home, "Echoes");
+      if (GetParam() == Place::SameBroker)
+        broker = home;
+      else
+        join(home->getPort());
     }
     proxy = boost::make_shared<JXProxy>(broker, "Callee", 7, 9);
   }
-  ~Calls() override { broker->shutdown(); }
+  ~Calls() override {
+    broker->shutdown();
+    if (home) home->shutdown();
+  }
 
+  void join(int port) {
+    broker = JXBroker::createBroker("joined", "127.0.0.1", 0, "127.0.0.1", port);
+  }
+
+  static bool isElsewhere() { return GetParam() == Place::OtherProcess; }
+
+  void withdrawTheModule() {
+    proxy->call<void>("withdraw");
+    waitUntilTheModuleIsGone();  // the news have to arrive, and calls that run to end
+  }
   void waitUntilTheModuleIsGone() {
     try {
       while (true) proxy->call<std::string>("greet", "you");
     } catch (const JXError&) {
     }
+    try {
+      while (true) proxy->asObject();
+    } catch (const std::runtime_error&) {
+    }
   }
 
   const house::Watchdog watchdog{"a test of calls"};
   std::optional<house::ChildProcess> robot;
+  Broker home;  // the module's own, where it is of this process
   Broker broker;
   boost::shared_ptr<JXProxy> proxy;
 };
 
+inline const auto everywhere =
+    ::testing::Values(Place::SameBroker, Place::OtherBroker, Place::OtherProcess);
+
 /// For INSTANTIATE_TEST_SUITE_P.
-inline std::string nameOfPlace(const ::testing::TestParamInfo<bool>& which) {
-  return which.param ? "ModuleOfAnotherProcess" : "ModuleOfThisProcess";
+inline std::string nameOfPlace(const ::testing::TestParamInfo<Place>& which) {
+  return which.param == Place::SameBroker    ? "ModuleOfTheSameBroker"
+         : which.param == Place::OtherBroker ? "ModuleOfAnotherBroker"
+                                             : "ModuleOfAnotherProcess";
 }
 
 }  // namespace JX

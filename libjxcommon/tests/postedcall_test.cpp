@@ -23,11 +23,11 @@ using testing::HasSubstr;
 
 class PostedAnywhere : public Calls {};
 
-INSTANTIATE_TEST_SUITE_P(A, PostedAnywhere, ::testing::Bool(), nameOfPlace);
+INSTANTIATE_TEST_SUITE_P(A, PostedAnywhere, everywhere, nameOfPlace);
 
 void waitUntilGone(JXProxy& proxy, int id) {
   // For a moment more than wait() the table knows a task that has ended.
-  while (proxy.call<bool>("isRunning", id)) std::this_thread::yield();
+  while (proxy.isRunning(id)) std::this_thread::yield();
 }
 
 TEST_P(PostedAnywhere, APostedCallEndsHoweverItsMethodDoes) {
@@ -39,18 +39,18 @@ TEST_P(PostedAnywhere, APostedCallEndsHoweverItsMethodDoes) {
   for (const auto& row : rows) {
     const int id = proxy->pCall(row.method, row.argument);
     EXPECT_GT(id, before) << "ids ascend";
-    if (GetParam() && before == 0) {
+    if (isElsewhere() && before == 0) {
       EXPECT_EQ(id, 1) << "the first one of its process";
     }
     before = id;
-    EXPECT_FALSE(proxy->call<bool>("wait", id, 0)) << row.method;
+    EXPECT_FALSE(proxy->wait(id, 0)) << row.method;
     waitUntilGone(*proxy, id);
-    EXPECT_FALSE(proxy->call<bool>("wait", id, 1000)) << "an id that is no more";
+    EXPECT_FALSE(proxy->wait(id, 1000)) << "an id that is no more";
   }
   // What the method "pCall" of the module itself does.
   const int id = proxy->call<int>("pCall", "greet", "Ada");
   EXPECT_EQ(id, before + 1);
-  EXPECT_FALSE(proxy->call<bool>("wait", id, -1));
+  EXPECT_FALSE(proxy->wait(id, -1));
 }
 
 TEST_P(PostedAnywhere, APostedCallRunsUntilItIsAskedToStop) {
@@ -59,15 +59,15 @@ TEST_P(PostedAnywhere, APostedCallRunsUntilItIsAskedToStop) {
   std::vector<std::thread> waiters;
   for (const int timeout :
        {0, -1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()})
-    waiters.emplace_back([&, timeout] { EXPECT_FALSE(proxy->call<bool>("wait", id, timeout)); });
-  EXPECT_TRUE(proxy->call<bool>("wait", id, 20)) << "it still runs";
-  EXPECT_TRUE(proxy->call<bool>("isRunning", id));
-  proxy->call<void>("stop", id);
+    waiters.emplace_back([&, timeout] { EXPECT_FALSE(proxy->wait(id, timeout)); });
+  EXPECT_TRUE(proxy->wait(id, 20)) << "it still runs";
+  EXPECT_TRUE(proxy->isRunning(id));
+  proxy->stop(id);
   for (auto& waiter : waiters) waiter.join();
   waitUntilGone(*proxy, id);
-  EXPECT_TRUE(proxy->call<bool>("isRunning", other)) << "each has a flag of its own";
-  proxy->call<void>("stop", other);
-  EXPECT_FALSE(proxy->call<bool>("wait", other, 0));
+  EXPECT_TRUE(proxy->isRunning(other)) << "each has a flag of its own";
+  proxy->stop(other);
+  EXPECT_FALSE(proxy->wait(other, 0));
   EXPECT_EQ(proxy->call<int>("task"), -1) << "no posted call";
 }
 
@@ -77,8 +77,7 @@ TEST_P(PostedAnywhere, WhatCannotBePostedIsAnErrorWithItsPosition) {
             "  Candidate(s):\n  greet(s)\n (../libjxcommon/src/jxproxy:355)");
   EXPECT_THAT(errorOf([&] { proxy->call<int>("pCall"); }).description(),
               HasSubstr("missing function name"));
-  proxy->call<void>("withdraw");
-  if (GetParam()) broker->shutdown();
+  withdrawTheModule();
   EXPECT_EQ(errorOf([&] { proxy->pCall("greet", "Ada"); }).toString(),
             "Callee::greet: module destroyed (../libjxcommon/src/jxproxy:339)");
 }
@@ -87,7 +86,7 @@ TEST_P(PostedAnywhere, APostedCallMayShutItsOwnBrokerDown) {
   try {
     proxy->pCall("shutDown");
   } catch (const JXError& error) {
-    EXPECT_TRUE(GetParam()) << "the connection may go before the reply: " << error.description();
+    EXPECT_TRUE(isElsewhere()) << "the connection may go before the reply: " << error.description();
   }
   waitUntilTheModuleIsGone();
 }
@@ -295,25 +294,24 @@ TEST_F(SmallRobot, AnswersPostedCallsWhileEveryThreadIsBusy) {
   // Calls that wait take as many threads again, until the last one's time is over.
   std::vector<std::thread> waiters;
   for (int i = 0; i < 4; ++i)
-    waiters.emplace_back(
-        [&, i] { EXPECT_EQ(proxy.call<bool>("wait", tasks[i], i == 3 ? 100 : 0), i == 3); });
+    waiters.emplace_back([&, i] { EXPECT_EQ(proxy.wait(tasks[i], i == 3 ? 100 : 0), i == 3); });
   std::vector<int> more = {proxy.call<int>("pCall", "untilStopped"), proxy.pCall("untilStopped")};
   waiters.back().join();
   waiters.pop_back();
   tasks.insert(tasks.end(), more.begin(), more.end());
-  for (const int id : tasks) EXPECT_TRUE(proxy.call<bool>("isRunning", id));
-  for (const int id : tasks) proxy.call<void>("stop", id);
+  for (const int id : tasks) EXPECT_TRUE(proxy.isRunning(id));
+  for (const int id : tasks) proxy.stop(id);
   for (auto& waiter : waiters) waiter.join();
-  for (const int id : tasks) EXPECT_FALSE(proxy.call<bool>("wait", id, 0));
+  for (const int id : tasks) EXPECT_FALSE(proxy.wait(id, 0));
 }
 
 TEST_F(SmallRobot, RefusesCallsWhenEveryThreadIsBusyAndAsManyMoreWait) {
   keepEveryThreadBusy();
   std::vector<std::thread> waiters;
   for (int i = 0; i < 5; ++i)
-    waiters.emplace_back([&] { errorOf([&] { proxy.call<bool>("wait", tasks[0], 0); }); });
+    waiters.emplace_back([&] { errorOf([&] { proxy.wait(tasks[0], 0); }); });
   const JXError refused = errorOf([&] {
-    while (true) proxy.call<bool>("isRunning", tasks[0]);
+    while (true) proxy.isRunning(tasks[0]);
   });
   EXPECT_THAT(refused.description(), HasSubstr("GV_EVENTLOOP_MAX_THREADS (4)"));
   robot.kill(SIGKILL);
@@ -327,7 +325,7 @@ TEST_F(SmallRobot, EndsAPostedCallForWhichEveryThreadWaits) {
   for (const int id : tasks)
     for (bool isRunning = true; isRunning;) {
       try {
-        isRunning = proxy.call<bool>("isRunning", id);
+        isRunning = proxy.isRunning(id);
       } catch (const JXError& error) {
         EXPECT_THAT(error.description(), HasSubstr("GV_EVENTLOOP_MAX_THREADS (4)"));
       }
@@ -386,7 +384,7 @@ int callUntil(const std::atomic<bool>& isOver, const Broker& broker) {
 
 class ModulesThatComeAndGo : public Calls {};
 
-INSTANTIATE_TEST_SUITE_P(A, ModulesThatComeAndGo, ::testing::Bool(), nameOfPlace);
+INSTANTIATE_TEST_SUITE_P(A, ModulesThatComeAndGo, everywhere, nameOfPlace);
 
 TEST_P(ModulesThatComeAndGo, AnswerEachCallOrAreGone) {
   const house::LogCapture log;
@@ -394,7 +392,7 @@ TEST_P(ModulesThatComeAndGo, AnswerEachCallOrAreGone) {
   std::atomic<int> answered{0};
   std::vector<std::thread> callers;
   for (int i = 0; i < 3; ++i) callers.emplace_back([&] { answered += callUntil(isOver, broker); });
-  if (!GetParam()) createModule<TestModule>(broker, "Control");
+  if (!isElsewhere()) createModule<TestModule>(home, "Control");
   JXProxy(broker, "Control").call<void>("comeAndGo", house::rounds(1000));
   isOver = true;
   for (auto& caller : callers) caller.join();

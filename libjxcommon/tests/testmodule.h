@@ -1,8 +1,12 @@
 #pragma once
 
 #include <atomic>
+#include <mutex>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include <gv/eventloop.h>
 #include <gv/os.h>
@@ -30,16 +34,46 @@ class TestModule : public JXModule {
     bind("laterBroken", makeFunctor([](int) {
            return gv::getEventLoop()->async([]() -> int { throw std::domain_error("too late"); });
          }));
+    bind("canceled",
+         makeFunctor([] { return ended([](auto& promise) { promise.setCanceled(); }); }));
+    bind("broken", makeFunctor([] { return ended([](auto&) {}); }));
+    bind("laterText", makeFunctor([] { return gv::makeReadyFuture(std::string("text")); }));
+    bind("self", makeFunctor([this] { return asObject(); }));
+    bind("either", makeFunctor([](short, int) {}));
+    bind("either", makeFunctor([](int, short) {}));
     bind("untilStopped", makeFunctor(this, &TestModule::untilStopped));
     bind("waitFor", makeFunctor([this](int id) { return wait(id, 0); }));
     bind("heldUntilAllWait", makeFunctor(this, &TestModule::heldUntilAllWait));
     bind("running", makeFunctor([this] { return running_.load(); }));
     bind("task", makeFunctor(this, &TestModule::getMethodID));
+    bind("onThree", makeFunctor([this](const std::string& a, const JXValue& b, const JXValue& c) {
+           hear("three " + a + " " + b.toJson() + " " + c.toJson());
+         }));
+    bind("onTwo", makeFunctor([this](const std::string& a, const JXValue& b) {
+           hear("two " + a + " " + b.toJson());
+         }));
+    bind("onOne", makeFunctor([this](const std::string& a) { hear("one " + a); }));
+    bind("onNone", makeFunctor([this] { hear("none"); }));
+    bind("onOneOrThree", makeFunctor([this](const std::string&) { hear("one"); }));
+    bind("onOneOrThree", makeFunctor([this](const std::string&, const JXValue&, const JXValue&) {
+           hear("three");
+         }));
+    bind("onNumber", makeFunctor([this](const std::string&, int number) {
+           hear("number " + std::to_string(number));
+         }));
+    bind("heard", makeFunctor(this, &TestModule::heard));
     bind("withdraw", makeFunctor(this, &TestModule::exit));
     bind("shutDown", makeFunctor([this] { getParentBroker()->shutdown(); }));
     bind("greetSlowly", makeFunctor(this, &TestModule::greetSlowly));
     bind("comeAndGo", makeFunctor(this, &TestModule::comeAndGo));
     bind("isOnEventLoop", makeFunctor([] { return gv::getEventLoop()->isInThisContext(); }));
+  }
+
+  /// A future that has ended as it is told to, or else when its promise goes.
+  static gv::Future<int> ended(void (*end)(gv::Promise<int>&)) {
+    gv::Promise<int> promise;
+    end(promise);
+    return promise.future();
   }
 
   std::string greet(const std::string& who) const { return "hello " + who; }
@@ -81,6 +115,20 @@ class TestModule : public JXModule {
     return promise.future();
   }
 
+  void hear(const std::string& text) {
+    const std::lock_guard lock(heardMutex_);
+    heard_.push_back(text);
+  }
+  /// What was heard since the last look, as soon as there is so much.
+  std::vector<std::string> heard(std::size_t count) {
+    while (true) {
+      std::unique_lock lock(heardMutex_);
+      if (heard_.size() >= count) return std::exchange(heard_, {});
+      lock.unlock();
+      std::this_thread::yield();
+    }
+  }
+
   void bind(const std::string& name, const boost::shared_ptr<JXFunctorBase>& functor) {
     functionName(name, getName(), "about " + name);
     bindMethod(functor);
@@ -100,6 +148,8 @@ class TestModule : public JXModule {
   std::atomic<int> running_{0};
   std::atomic<int> greeted_{0};
   std::jthread holder_;
+  std::mutex heardMutex_;  // guards heard_
+  std::vector<std::string> heard_;
   house::LiveCounter::Mark mark_{liveModules};
 };
 
