@@ -1,92 +1,36 @@
-// A client that joins the robot's network and calls its module "Greeter": with typed arguments,
-// with dynamic ones, and wrongly, to show the errors. Ends with 0 when all came back as expected.
+// A client that joins the robot's network and goes through all ways to use its module "Greeter":
+// calls with typed and with dynamic values, posted calls, notifications, calls in both directions,
+// what can be asked of any module, and the errors. Ends with 0 when all came back as expected.
 
-#include <chrono>
-#include <functional>
-#include <iomanip>
+#include <algorithm>
 #include <iostream>
-#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <jxcommon/jxbroker.h>
+#include <jxcommon/jxmodule.h>
 #include <jxcommon/jxproxy.h>
-#include <jxerror/jxerror.h>
-#include <jxvalue/jxvalue.h>
+#include <boost/make_shared.hpp>
 
 #include "arguments.h"
+#include "report.h"
 
 namespace {
 
+using hello::Report;
+using Broker = boost::shared_ptr<JX::JXBroker>;
+using Arguments = std::vector<JX::JXValue>;
 using Names = std::vector<std::string>;
 using Numbers = std::vector<double>;
 
-/// Prints what was called, what came back and how long it took, one line a call, and remembers
-/// whether all came back as expected.
-class Report {
+/// A module of the client, which the robot calls.
+class Guest : public JX::JXModule {
  public:
-  void title(const std::string& text) { std::cout << '\n' << text << '\n'; }
-
-  /// A call that must bring exactly this result, shown as JSON.
-  void returns(const std::string& what, const JX::JXValue& expected,
-               const std::function<JX::JXValue()>& call) {
-    run(what, call, [&expected](const std::string& result, bool isError) {
-      return !isError && result == expected.toJson();
-    });
+  Guest(Broker broker, const std::string& name) : JX::JXModule(broker, name) {
+    functionName("fullName", getName(), "Who the guest is.");
+    bindMethod(JX::makeFunctor([] { return std::string("Grace Hopper"); }));
   }
-
-  /// A call that must fail with an error that contains this text.
-  void fails(const std::string& what, const std::string& expected,
-             const std::function<JX::JXValue()>& call) {
-    run(what, call, [&expected](const std::string& result, bool isError) {
-      return isError && result.find(expected) != std::string::npos;
-    });
-  }
-
-  bool allAsExpected() const { return allAsExpected_; }
-
- private:
-  using Clock = std::chrono::steady_clock;
-
-  void run(const std::string& what, const std::function<JX::JXValue()>& call,
-           const std::function<bool(const std::string&, bool)>& isExpected) {
-    std::string result;
-    bool isError = false;
-    const Clock::time_point start = Clock::now();
-    Clock::time_point end;
-    try {
-      const JX::JXValue value = call();
-      end = Clock::now();
-      result = value.toJson();
-    } catch (const JX::JXError& error) {
-      end = Clock::now();
-      result = error.description();
-      isError = true;
-    }
-    print(what, result, isError, end - start);
-    if (isExpected(result, isError)) return;
-    allAsExpected_ = false;
-    std::cout << "    ^ this is not what was expected\n";
-  }
-
-  static void print(const std::string& what, const std::string& result, bool isError,
-                    Clock::duration duration) {
-    std::cout << "  " << std::left << std::setw(34) << what << std::right << std::setw(9)
-              << durationText(duration) << "   " << (isError ? "error: " : "") << result << '\n';
-  }
-
-  static std::string durationText(Clock::duration duration) {
-    const std::chrono::duration<double, std::micro> micros = duration;
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(1);
-    if (micros.count() < 1000)
-      text << micros.count() << " us";
-    else
-      text << micros.count() / 1000 << " ms";
-    return text.str();
-  }
-
-  bool allAsExpected_ = true;
 };
 
 void callTyped(JX::JXProxy& greeter, Report& report) {
@@ -104,7 +48,7 @@ void callTyped(JX::JXProxy& greeter, Report& report) {
 
 void callUntyped(JX::JXProxy& greeter, Report& report) {
   report.title("Untyped calls, of dynamic values");
-  const auto call = [&](const std::string& method, const std::vector<JX::JXValue>& arguments) {
+  const auto call = [&](const std::string& method, const Arguments& arguments) {
     return [&greeter, method, arguments] { return greeter.genericCall(method, arguments); };
   };
   report.returns("greet(\"Grace\")", "Hello, Grace!", call("greet", {"Grace"}));
@@ -113,8 +57,7 @@ void callUntyped(JX::JXProxy& greeter, Report& report) {
   report.returns("sorted([\"b\", \"a\"])", Names{"a", "b"}, call("sorted", {Names{"b", "a"}}));
 }
 
-void callWrongly(const boost::shared_ptr<JX::JXBroker>& broker, JX::JXProxy& greeter,
-                 Report& report) {
+void callWrongly(const Broker& broker, JX::JXProxy& greeter, Report& report) {
   report.title("Calls that fail");
   report.fails("mean([])", "the mean of no numbers is not defined",
                [&] { return greeter.call<double>("mean", Numbers{}); });
@@ -129,22 +72,121 @@ void callWrongly(const boost::shared_ptr<JX::JXBroker>& broker, JX::JXProxy& gre
   });
 }
 
-bool callAll(const hello::Address& address) {
-  const auto broker =
-      JX::JXBroker::createBroker("client", "", 0, address.host, address.port, 0, "", true);
+void post(JX::JXProxy& greeter, Report& report) {
+  report.title("A posted call, followed and stopped");
+  int task = 0;
+  report.returns("pCall(\"count\", 1000000) gives an id", true, [&] {
+    task = greeter.pCall("count", 1'000'000);
+    return task > 0;
+  });
+  for (int looks = 0; looks < 3 && greeter.wait(task, 20); ++looks)
+    report.line("... it runs, and has counted to " + std::to_string(greeter.call<int>("counted")));
+  report.returns("isRunning(id)", true, [&] { return greeter.isRunning(task); });
+  report.returns("stop(id)", JX::JXValue(), [&] {
+    greeter.stop(task);
+    return JX::JXValue();
+  });
+  report.returns("wait(id, 0)", false, [&] { return greeter.wait(task, 0); });
+  report.returns("counted() < 1000000", true,
+                 [&] { return greeter.call<int>("counted") < 1'000'000; });
+}
+
+void notify(JX::JXProxy& greeter, Report& report) {
+  report.title("Notifications, and results that come later");
+  std::pair<int, int> cache;
+  Names visitors = greeter.call<Names>("visitors", 0);  // of clients before this one
+  for (const char* name : {"Ada", "Grace"}) {
+    visitors.emplace_back(name);
+    const int count = static_cast<int>(visitors.size());
+    report.returns("pCallNotify(\"onVisitor\", \"" + visitors.back() + "\")", 0, [&] {
+      return greeter.pCallNotify("onVisitor", name, JX::JXValue(), JX::JXValue(), &cache);
+    });
+    report.returns("visitors(" + std::to_string(count) + ")", visitors,
+                   [&] { return greeter.call<Names>("visitors", count); });
+  }
+}
+
+Names modulesOf(JX::JXBroker& broker) {
+  const auto infos = boost::make_shared<std::vector<JX::JXModuleInfo>>();
+  broker.getGlobalModuleList(infos);
+  Names names;
+  for (const JX::JXModuleInfo& info : *infos) names.push_back(info.name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+/// Those of its methods that not every module has.
+Names ownMethods(JX::JXProxy& module, JX::JXProxy& other) {
+  Names all = module.call<Names>("getMethodList"), common = other.call<Names>("getMethodList");
+  std::sort(all.begin(), all.end());
+  std::sort(common.begin(), common.end());
+  Names own;
+  std::set_difference(all.begin(), all.end(), common.begin(), common.end(),
+                      std::back_inserter(own));
+  return own;
+}
+
+void lookAround(const Broker& broker, JX::JXProxy& greeter, Report& report) {
+  report.title("Who is there, and what they do");
+  report.returns("the network's modules", Names{"Greeter", "Guest", "ServiceDirectory"},
+                 [&] { return modulesOf(*broker); });
+  JX::JXProxy guest(broker, "Guest");
+  report.returns("the Greeter's own methods",
+                 Names{"add", "count", "counted", "greet", "greetGuest", "mean", "onVisitor",
+                       "sorted", "visitors"},
+                 [&] { return ownMethods(greeter, guest); });
+  report.returns("getMethodHelp(\"greet\")", JX::JXValue::fromJson(R"(["greet", "Greets somebody.",
+                     [["who", "The name to greet."]], "", "The greeting."])"),
+                 [&] { return greeter.genericCall("getMethodHelp", Arguments{"greet"}); });
+  report.returns("version()", "2.1.4", [&] { return greeter.version(); });
+  report.returns("ping()", true, [&] { return greeter.call<bool>("ping"); });
+}
+
+void beCalled(JX::JXProxy& greeter, Report& report) {
+  report.title("A call that calls back: the robot asks the client's module \"Guest\"");
+  report.returns("greetGuest(\"Guest\")", "Hello, Grace Hopper!",
+                 [&] { return greeter.call<std::string>("greetGuest", "Guest"); });
+}
+
+void withdraw(const Broker& broker, Report& report) {
+  report.title("A module that goes");
+  JX::JXProxy guest(broker, "Guest");
+  report.returns("fullName()", "Grace Hopper", [&] { return guest.call<std::string>("fullName"); });
+  broker->getModuleByName("Guest")->exit();
+  report.fails("fullName() after its exit()", "module destroyed",
+               [&] { return guest.call<std::string>("fullName"); });
+  report.fails("a proxy on \"Guest\"", "Can't find service: Guest", [&] {
+    JX::JXProxy nobody(broker, "Guest");
+    return JX::JXValue();
+  });
+}
+
+void goThroughAll(const Broker& broker, Report& report) {
+  JX::createModule<Guest>(broker, "Guest");
+  JX::JXProxy greeter(broker, "Greeter");
+  callTyped(greeter, report);
+  callUntyped(greeter, report);
+  post(greeter, report);
+  notify(greeter, report);
+  beCalled(greeter, report);
+  lookAround(broker, greeter, report);
+  callWrongly(broker, greeter, report);
+  withdraw(broker, report);
+}
+
+bool join(const hello::Address& address) {
+  const Broker broker =
+      JX::JXBroker::createBroker("client", "127.0.0.1", 0, address.host, address.port, 0, "", true);
   std::cout << "connected to tcp://" << broker->getIP() << ':' << broker->getPort() << '\n';
   Report report;
   try {
-    JX::JXProxy greeter(broker, "Greeter", 0, 0);
-    callTyped(greeter, report);
-    callUntyped(greeter, report);
-    callWrongly(broker, greeter, report);
+    goThroughAll(broker, report);
   } catch (...) {
     broker->shutdown();
     throw;
   }
   broker->shutdown();
-  std::cout << '\n'
+  std::cout << "\nshut down; "
             << (report.allAsExpected() ? "all came back as expected"
                                        : "not all came back as expected")
             << std::endl;
@@ -160,7 +202,7 @@ int main(int argumentCount, char** arguments) {
     return 1;
   }
   try {
-    return callAll(*address) ? 0 : 1;
+    return join(*address) ? 0 : 1;
   } catch (const JX::JXError& error) {
     std::cerr << "hello_client: " << error.description() << '\n';
     return 1;

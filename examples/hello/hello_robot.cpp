@@ -4,20 +4,30 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <iostream>
+#include <map>
+#include <mutex>
 #include <numeric>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include <gv/future.h>
 #include <jxcommon/jxbroker.h>
 #include <jxcommon/jxmodule.h>
+#include <jxcommon/jxproxy.h>
 #include <jxerror/jxerror.h>
 
 #include "arguments.h"
 
 namespace {
+
+using Names = std::vector<std::string>;
 
 class Greeter : public JX::JXModule {
  public:
@@ -45,11 +55,33 @@ class Greeter : public JX::JXModule {
     addParam("numbers", "One or more numbers.");
     setReturn("mean", "Their mean.");
     bindMethod(JX::makeFunctor(this, &Greeter::mean));
+
+    functionName("count", getName(), "Counts, a number a millisecond, until it is asked to stop.");
+    addParam("last", "Where it ends by itself.");
+    bindMethod(JX::makeFunctor(this, &Greeter::count));
+
+    functionName("counted", getName(), "How far it has counted.");
+    setReturn("number", "The last number.");
+    bindMethod(JX::makeFunctor([this] { return counted_.load(); }));
+
+    functionName("onVisitor", getName(), "Takes note of a visitor.");
+    addParam("name", "Who came.");
+    bindMethod(JX::makeFunctor(this, &Greeter::onVisitor));
+
+    functionName("visitors", getName(), "Who came, as soon as there are so many.");
+    addParam("count", "How many to wait for.");
+    setReturn("names", "Their names, in the order in which they came.");
+    bindMethod(JX::makeFunctor(this, &Greeter::visitors));
+
+    functionName("greetGuest", getName(), "Greets who a module stands for.");
+    addParam("moduleName", "A module with a method \"fullName\".");
+    setReturn("greeting", "The greeting.");
+    bindMethod(JX::makeFunctor(this, &Greeter::greetGuest));
   }
 
   std::string greet(const std::string& who) const { return "Hello, " + who + "!"; }
 
-  std::vector<std::string> sorted(std::vector<std::string> names) const {
+  Names sorted(Names names) const {
     std::sort(names.begin(), names.end());
     return names;
   }
@@ -59,6 +91,40 @@ class Greeter : public JX::JXModule {
     return std::accumulate(numbers.begin(), numbers.end(), 0.0) /
            static_cast<double>(numbers.size());
   }
+
+  void count(int last) {
+    for (counted_ = 0; counted_ < last && !isStopRequired(); ++counted_)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+
+  void onVisitor(const std::string& name) {
+    std::unique_lock lock(mutex_);
+    visitors_.push_back(name);
+    const auto come = waiting_.extract(visitors_.size());
+    const Names names = visitors_;
+    lock.unlock();
+    if (come) come.mapped().setValue(names);
+  }
+
+  gv::Future<Names> visitors(unsigned count) {
+    const std::lock_guard lock(mutex_);
+    if (visitors_.size() >= count) {
+      const gv::Promise<Names> come;
+      come.setValue(visitors_);
+      return come.future();
+    }
+    return waiting_[count].future();
+  }
+
+  std::string greetGuest(const std::string& moduleName) {
+    return greet(getParentBroker()->getProxy(moduleName, 0)->call<std::string>("fullName"));
+  }
+
+ private:
+  std::atomic<int> counted_{0};
+  std::mutex mutex_;  // guards what follows
+  Names visitors_;
+  std::map<std::size_t, gv::Promise<Names>> waiting_;  // by how many visitors there must be
 };
 
 void serve(const hello::Address& address, const sigset_t& endSignals) {

@@ -21,14 +21,14 @@ int main() {
   }
 
   const int task = proxy.pCall("film");
-  const bool runsStill = proxy.call<bool>("wait", task, 100);
-  proxy.call<void>("stop", task);
-  proxy.call<bool>("wait", task, 0);
+  const bool runsStill = proxy.wait(task, 100);
+  proxy.stop(task);
+  proxy.wait(task, 0);
   std::cout << (runsStill ? "filmed until it was stopped" : "ended by itself") << '\n';
 
   std::cout << proxy.call<std::string>("develop", 1) << '\n';
   const int later = proxy.pCall("develop", 2);
-  proxy.call<bool>("wait", later, 0);
+  proxy.wait(later, 0);
 
   std::cout << proxy.genericCall("getMethodHelp", std::vector<JX::JXValue>{"take"}).toJson()
             << '\n';

@@ -10,12 +10,12 @@
 namespace {
 
 TEST(ModulesPage, ShowsWhatTheExampleDoes) {
-  const std::string folder = MODULES_FOLDER "/";
+  const std::string folder = SOURCES;
   const std::string program =
       house::textOf(folder + "camera.h") + house::textOf(folder + "camera.cpp");
-  EXPECT_GT(house::expectSnippetsIn(program, house::textOf(MODULES_PAGE)), 5);
+  EXPECT_GT(house::expectSnippetsIn(program, house::textOf(PAGE)), 5);
 
-  house::ChildProcess camera(CAMERA);
+  house::ChildProcess camera(PROGRAM);
   EXPECT_EQ(camera.waitForExit().exitCode, 0) << camera.standardError();
   EXPECT_EQ(camera.standardOutput(),
             "picture 1\n"
