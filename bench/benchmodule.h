@@ -1,0 +1,25 @@
+#pragma once
+
+#include <jxcommon/jxmodule.h>
+
+namespace bench {
+
+/// What benchmarks call.
+class BenchModule : public JX::JXModule {
+ public:
+  BenchModule(boost::shared_ptr<JX::JXBroker> broker, const std::string& name)
+      : JX::JXModule(broker, name) {
+    functionName("add", getName(), "Adds two numbers.");
+    bindMethod(JX::makeFunctor([](int a, int b) { return a + b; }));
+    functionName("on", getName(), "Hears of something.");
+    bindMethod(JX::makeFunctor([](const std::string&, const JX::JXValue&) {}));
+    functionName("end", getName(), "Ends who waits for the end.");
+    bindMethod(JX::makeFunctor([this] { ended_.setValue(); }));
+  }
+  void waitForTheEnd() { ended_.future().wait(); }
+
+ private:
+  const gv::Promise<void> ended_;
+};
+
+}  // namespace bench

@@ -1,0 +1,138 @@
+#include <benchmark/benchmark.h>
+
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <jxcommon/jxproxy.h>
+#include <boost/make_shared.hpp>
+
+#include "allocations.h"
+#include "benchmodule.h"
+#include "messaging/peer.h"
+#include "network.h"
+
+namespace {
+
+/// A process that answers over plain sockets, and a connection to it.
+class PlainSockets {
+ public:
+  PlainSockets() : server_(::popen("exec " MESSAGING_BENCH " raw serve", "r")) {
+    char address[64];
+    if (!server_ || std::fscanf(server_, "%63s %d", address, &pid_) != 2)
+      throw std::runtime_error("no server of plain sockets");
+    peer_ = bench::rawKind.connect(address);
+  }
+  ~PlainSockets() {
+    peer_.reset();
+    ::kill(pid_, SIGTERM);
+    ::pclose(server_);
+  }
+  PlainSockets(const PlainSockets&) = delete;
+  PlainSockets& operator=(const PlainSockets&) = delete;
+
+  int add(int a, int b) { return peer_->add(a, b); }
+
+ private:
+  std::FILE* server_;
+  pid_t pid_ = 0;
+  std::unique_ptr<bench::Peer> peer_;
+};
+
+void overPlainSockets(benchmark::State& state) {
+  PlainSockets sockets;
+  state.SetLabel("reference");
+  const bench::CountAllocations count(state);
+  for (auto _ : state) benchmark::DoNotOptimize(sockets.add(1, 2));
+}
+BENCHMARK(overPlainSockets)->Name("call of another process/plain sockets")->UseRealTime();
+
+// Each of these makes one call.
+
+int typed(JX::JXProxy& proxy) {
+  return proxy.call<int>("add", 1, 2);
+}
+
+int untyped(JX::JXProxy& proxy) {
+  static const JX::JXValue arguments = std::vector<JX::JXValue>{1, 2};
+  return proxy.genericCall("add", arguments).toInt();
+}
+
+int post(JX::JXProxy& proxy) {
+  return proxy.pCall("add", 1, 2);
+}
+
+int postAndWait(JX::JXProxy& proxy) {
+  return proxy.wait(proxy.pCall("add", 1, 2), 0);
+}
+
+/// Waits for the module now and then: of too many that it has not handled some would be dropped.
+int notify(JX::JXProxy& proxy) {
+  thread_local std::pair<int, int> cache;
+  thread_local int count = 0;
+  if (++count % 1000 == 0) proxy.wait(proxy.pCall("on", "text", JX::JXValue()), 0);
+  return proxy.pCallNotify("on", "text", 1, {}, &cache);
+}
+
+using Call = int (*)(JX::JXProxy&);
+
+void run(benchmark::State& state, JX::JXProxy& proxy, Call call) {
+  call(proxy);
+  const bench::CountAllocations count(state);
+  for (auto _ : state) benchmark::DoNotOptimize(call(proxy));
+}
+
+void callHere(benchmark::State& state, Call call) {
+  const auto module = boost::make_shared<bench::BenchModule>(nullptr, "Bench");
+  JX::JXProxy proxy(module->asObject(), "Bench");
+  run(state, proxy, call);
+}
+BENCHMARK_CAPTURE(callHere, typed, typed)->Name("call of a module of this process/typed");
+BENCHMARK_CAPTURE(callHere, untyped, untyped)->Name("call of a module of this process/untyped");
+BENCHMARK_CAPTURE(callHere, posted, post)
+    ->Name("call of a module of this process/posted")
+    ->UseRealTime();
+BENCHMARK_CAPTURE(callHere, waited, postAndWait)
+    ->Name("call of a module of this process/posted, and waited for")
+    ->UseRealTime();
+BENCHMARK_CAPTURE(callHere, notified, notify)
+    ->Name("call of a module of this process/notified")
+    ->UseRealTime();
+
+void callQueued(benchmark::State& state) {
+  const auto module = boost::make_shared<bench::BenchModule>(nullptr, "Bench");
+  const auto object = module->asObject();
+  const std::string name = "add";
+  const int a = 1, b = 2;
+  const bench::CountAllocations count(state);
+  for (auto _ : state)
+    benchmark::DoNotOptimize(
+        object.metaCall(name, gv::makeParameters(a, b), gv::MetaCallType::Queued)
+            .value()
+            .to<int>());
+}
+BENCHMARK(callQueued)->Name("call of a module of this process/queued")->UseRealTime();
+
+void callThere(benchmark::State& state, Call call) {
+  const bench::Network network(0);
+  JX::JXProxy proxy(network.child(), "Bench");
+  run(state, proxy, call);
+}
+BENCHMARK_CAPTURE(callThere, typed, typed)->Name("call of another process/typed")->UseRealTime();
+BENCHMARK_CAPTURE(callThere, untyped, untyped)
+    ->Name("call of another process/untyped")
+    ->UseRealTime();
+BENCHMARK_CAPTURE(callThere, posted, post)->Name("call of another process/posted")->UseRealTime();
+BENCHMARK_CAPTURE(callThere, waited, postAndWait)
+    ->Name("call of another process/posted, and waited for")
+    ->UseRealTime();
+BENCHMARK_CAPTURE(callThere, notified, notify)
+    ->Name("call of another process/notified")
+    ->UseRealTime();
+
+}  // namespace
