@@ -1,6 +1,6 @@
-// Many threads of one client, each in calls that come back to the client.
+// Calls that come back to where they came from: from many threads, and very deep.
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <future>
 #include <string>
@@ -53,6 +53,49 @@ TEST(NestedCalls, EightThreadsOnOneProxyGetAllAnswersRight) {
 
   client->shutdown();
   EXPECT_TRUE(robot.end());
+}
+
+/// Two robots that call each other, with so many threads at most, and their caller.
+struct Pair {
+  explicit Pair(int threads) : environment{"GV_EVENTLOOP_MAX_THREADS=" + std::to_string(threads)} {}
+  ~Pair() {
+    client->shutdown();
+    EXPECT_TRUE(second.end());
+    EXPECT_TRUE(first.end());
+  }
+
+  int descend(int levels, const std::string& manner) {
+    JX::JXProxy proxy(client, "Robot");
+    return proxy.call<int>("descend", levels, "Second", manner);
+  }
+
+  const house::Watchdog watchdog{"deep calls"};
+  const std::vector<std::string> environment;
+  RobotProcess first{{}, environment};
+  RobotProcess second{{"Second", std::to_string(first.port())}, environment};
+  boost::shared_ptr<JX::JXBroker> client = first.join("client");
+};
+
+const std::vector<std::string> manners = {"typed", "untyped", "posted", "in a callback"};
+
+TEST(DeepCalls, BetweenTwoProcessesReachTheirEnd) {
+  Pair robots(512);
+  for (const std::string& manner : manners) EXPECT_EQ(robots.descend(200, manner), 200) << manner;
+}
+
+TEST(DeepCalls, BeyondTheThreadsEndInTheErrorThatNamesTheCeilingAndLeaveRoom) {
+  Pair robots(16);
+  for (const std::string& manner : manners) {
+    std::string end = "a value";
+    try {
+      EXPECT_EQ(robots.descend(200, manner), 200) << manner;
+    } catch (const JX::JXError& error) {
+      end = error.description();
+      EXPECT_THAT(end, testing::HasSubstr("GV_EVENTLOOP_MAX_THREADS (16)")) << manner;
+    }
+    RecordProperty(manner, end);
+    EXPECT_EQ(robots.descend(10, manner), 10) << manner << ", after " << end;
+  }
 }
 
 }  // namespace

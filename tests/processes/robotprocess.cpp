@@ -1,7 +1,5 @@
 #include "robotprocess.h"
 
-#include <signal.h>
-
 #include <iostream>
 #include <stdexcept>
 
@@ -9,7 +7,9 @@
 
 namespace processes {
 
-RobotProcess::RobotProcess() : process_(TEST_ROBOT) {
+RobotProcess::RobotProcess(const std::vector<std::string>& arguments,
+                           const std::vector<std::string>& environment)
+    : process_(TEST_ROBOT, arguments, environment) {
   const std::string line = process_.waitForLine("listening on tcp://127.0.0.1:");
   address_ = line.substr(line.find("tcp://"));
   port_ = std::stoi(address_.substr(address_.rfind(':') + 1));
@@ -17,10 +17,6 @@ RobotProcess::RobotProcess() : process_(TEST_ROBOT) {
 
 boost::shared_ptr<JX::JXBroker> RobotProcess::join(const std::string& name) const {
   return JX::JXBroker::createBroker(name, "127.0.0.1", 0, "127.0.0.1", port_, 0, "", true);
-}
-
-void RobotProcess::kill() {
-  process_.kill(SIGKILL);
 }
 
 bool RobotProcess::end() {

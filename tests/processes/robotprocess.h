@@ -2,8 +2,11 @@
 
 #include <jxcommon/jxbroker.h>
 
+#include <signal.h>
+
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "observe.h"
 #include "support/child_process.h"
@@ -13,7 +16,9 @@ namespace processes {
 /// A running test_robot. Destruction kills it if it was not ended before.
 class RobotProcess {
  public:
-  RobotProcess();
+  /// The arguments are test_robot's; `environment` as house::ChildProcess takes it.
+  explicit RobotProcess(const std::vector<std::string>& arguments = {},
+                        const std::vector<std::string>& environment = {});
 
   int port() const { return port_; }
   const std::string& address() const { return address_; }
@@ -23,9 +28,11 @@ class RobotProcess {
   boost::shared_ptr<JX::JXBroker> join(const std::string& name) const;
 
   /// Waits until the robot's method "hold" waits with this key.
-  void waitUntilHolding(const std::string& key) { process_.waitForLine("holding " + key); }
+  void waitUntilHolding(const std::string& key) { waitForLine("holding " + key); }
+  void waitForLine(const std::string& part) { process_.waitForLine(part); }
 
-  void kill();
+  /// Kills it, or sends it another signal.
+  void kill(int signal = SIGKILL) { process_.kill(signal); }
   /// Asks the robot to end; whether it did so in order, and its sanitizers found nothing.
   [[nodiscard]] bool end();
 
