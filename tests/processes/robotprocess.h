@@ -30,6 +30,7 @@ class RobotProcess {
   /// Waits until the robot's method "hold" waits with this key.
   void waitUntilHolding(const std::string& key) { waitForLine("holding " + key); }
   void waitForLine(const std::string& part) { process_.waitForLine(part); }
+  std::string output() { return process_.standardOutput(); }
 
   /// Kills it, or sends it another signal.
   void kill(int signal = SIGKILL) { process_.kill(signal); }
