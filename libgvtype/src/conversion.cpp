@@ -180,9 +180,14 @@ void forEachEntry(const AnyReference& source, const TypeInterface* type,
                   FunctionRef<void(const AnyReference& key, const AnyReference& value)> visit) {
   if (source.type()->kind == TypeKind::Map)
     return source.type()->map->forEach(source.pointer(), visit);
-  if (!isListOfPairs(source)) failKind(source, type, place);
-  source.type()->list->forEach(source.pointer(),
-                               [&](const AnyReference& element) { visitPair(element, visit); });
+  if (source.type()->kind != TypeKind::List || !mayBePairs(*source.type()->list->elementType()))
+    failKind(source, type, place);
+  std::size_t index = 0;
+  source.type()->list->forEach(source.pointer(), [&](const AnyReference& element) {
+    const ConversionPlace itsPlace = inside(place, "element", index++);
+    if (!isPair(element)) failValue(source, type, itsPlace, "an element is no pair");
+    visitPair(element, visit);
+  });
 }
 
 void convertToMap(const AnyReference& source, const TypeInterface* type, void* target,

@@ -18,6 +18,7 @@ constexpr int container = 2;
 constexpr int narrowing = 4;
 constexpr int acrossKinds = 6;
 constexpr int intoDynamic = 10;
+constexpr int pairsIntoMap = 1000;  // more than any way of taking the list for a list
 constexpr int impossible = -1;
 
 /// Signed integers are positive, unsigned negative sizes in bits; 0 for what is no integer.
@@ -142,19 +143,35 @@ int tupleCost(const AnyReference& source, std::string_view signature, bool* look
   return worst.of(container);
 }
 
-/// Of a list of pairs, by its values.
+int pairCost(const AnyReference& first, const AnyReference& second, std::string_view key,
+             std::string_view value, bool* looksAtValue) {
+  Worst worst;
+  worst.add(conversionCost(first, key, looksAtValue));
+  worst.add(conversionCost(second, value, looksAtValue));
+  return worst.of(0);
+}
+
 int mapOfPairsCost(const AnyReference& list, std::string_view key, std::string_view value,
                    bool* looksAtValue) {
-  *looksAtValue = true;
-  if (!list.pointer() || !isListOfPairs(list)) return impossible;
+  const TypeInterface& element = *list.type()->list->elementType();
+  if (!mayBePairs(element)) return impossible;
   Worst worst;
-  list.type()->list->forEach(list.pointer(), [&](const AnyReference& element) {
-    visitPair(element, [&](const AnyReference& first, const AnyReference& second) {
-      worst.add(conversionCost(first, key, looksAtValue));
-      worst.add(conversionCost(second, value, looksAtValue));
+  if (element.memberType) {
+    bool isUndecided = false;
+    worst.add(pairCost(anyOf(element.memberType(0)), anyOf(element.memberType(1)), key, value,
+                       &isUndecided));
+    if (!isUndecided) return worst.of(pairsIntoMap);
+    worst = {};
+  }
+  *looksAtValue = true;
+  if (!list.pointer()) return impossible;
+  list.type()->list->forEach(list.pointer(), [&](const AnyReference& item) {
+    if (!isPair(item)) return worst.add(impossible);
+    visitPair(item, [&](const AnyReference& first, const AnyReference& second) {
+      worst.add(pairCost(first, second, key, value, looksAtValue));
     });
   });
-  return worst.of(container + 2);
+  return worst.of(pairsIntoMap);
 }
 
 int mapCost(const AnyReference& source, std::string_view signature, bool* looksAtValue) {

@@ -63,7 +63,7 @@ int costOf(const Candidate& candidate, std::span<const AnyReference> arguments,
 }
 
 /// The method whose parameters the arguments fit best; negative where several do equally or none.
-int cheapest(const std::vector<Candidate>& candidates, std::span<const AnyReference> arguments,
+int cheapest(std::span<const Candidate> candidates, std::span<const AnyReference> arguments,
              bool* canCache) {
   const Candidate* best = nullptr;
   int bestCost = 0;
@@ -232,14 +232,18 @@ int MetaObject::resolve(std::string_view nameOrSignature, std::span<const AnyRef
   if (canCache) *canCache = true;
   const std::size_t open = nameOrSignature.find('(');
   const auto& candidates = content_->named(nameOrSignature.substr(0, open));
-  for (const Candidate& candidate : candidates) {
-    const bool isMeant =
-        open == std::string_view::npos
-            ? candidate.isExactly(arguments)
-            : candidate.method->parametersSignature().toString() == nameOrSignature.substr(open);
-    if (isMeant) return static_cast<int>(candidate.method->uid());
+  if (open == std::string_view::npos) {
+    for (const Candidate& candidate : candidates)
+      if (candidate.isExactly(arguments)) return static_cast<int>(candidate.method->uid());
+    return cheapest(candidates, arguments, canCache);
   }
-  return open == std::string_view::npos ? cheapest(candidates, arguments, canCache) : -1;
+  for (const Candidate& candidate : candidates) {
+    if (candidate.method->parametersSignature().toString() != nameOrSignature.substr(open))
+      continue;
+    if (candidate.isExactly(arguments)) return static_cast<int>(candidate.method->uid());
+    return cheapest({&candidate, 1}, arguments, canCache);
+  }
+  return -1;
 }
 
 std::string MetaObject::explainNoMatch(const std::string& nameOrSignature,

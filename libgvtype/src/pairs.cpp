@@ -2,6 +2,8 @@
 
 #include <gvtype/typeinterface.h>
 
+#include "fieldorder.h"
+
 namespace gv {
 namespace {
 
@@ -11,26 +13,21 @@ AnyReference contentOf(AnyReference value) {
   return value;
 }
 
-bool isPair(const AnyReference& value) {
-  if (!value.isValid()) return false;
-  const TypeInterface& type = *value.type();
-  return type.kind == TypeKind::List    ? type.list->size(value.pointer()) == 2
-         : type.kind == TypeKind::Tuple ? type.tuple->size(value.pointer()) == 2
-                                        : false;
-}
-
 }  // namespace
 
-bool isListOfPairs(const AnyReference& list) {
-  if (list.type()->kind != TypeKind::List) return false;
-  const TypeKind element = list.type()->list->elementType()->kind;
-  if (element != TypeKind::List && element != TypeKind::Tuple && element != TypeKind::Dynamic)
-    return false;  // also where it is empty
-  bool areAll = true;
-  list.type()->list->forEach(list.pointer(), [&](const AnyReference& item) {
-    areAll = areAll && isPair(contentOf(item));
-  });
-  return areAll;
+bool mayBePairs(const TypeInterface& element) {
+  if (element.kind == TypeKind::Dynamic) return true;
+  const bool isOfTwo = !element.memberType || element.memberCount == 2;
+  return element.kind == TypeKind::Tuple && isOfTwo && element.annotation.empty();
+}
+
+bool isPair(const AnyReference& element) {
+  const AnyReference content = contentOf(element);
+  if (!content.isValid()) return false;
+  const TypeInterface& type = *content.type();
+  if (type.kind == TypeKind::List) return type.list->size(content.pointer()) == 2;
+  return type.kind == TypeKind::Tuple && type.tuple->size(content.pointer()) == 2 &&
+         annotationOf(content).empty();
 }
 
 void visitPair(const AnyReference& element,

@@ -126,21 +126,34 @@ TEST(Conversion, OfListsOfPairsMakesMaps) {
     return AnyValue::from(Dynamics{AnyValue::from(members)...});
   };
   EXPECT_EQ(converted<Map>(std::vector<std::tuple<bool, long>>{{true, 1}}), (Map{{true, 1}}));
-  EXPECT_EQ((converted<std::map<bool, bool>>(std::vector<std::vector<bool>>{{true, false}})),
-            (std::map<bool, bool>{{true, false}}));
+  EXPECT_EQ(
+      (converted<std::map<bool, bool>>(Dynamics{AnyValue::from(std::vector<bool>{true, false})})),
+      (std::map<bool, bool>{{true, false}}));
   EXPECT_EQ(converted<Map>(Dynamics{pair(true, 1), pair(false, 2)}), (Map{{false, 2}, {true, 1}}));
   EXPECT_EQ(converted<Map>(Dynamics{}), Map());
   EXPECT_EQ(converted<Map>(Dynamics{pair(true, 1), pair(true, 2)}), std::nullopt) << "same keys";
   for (const Dynamics& no :
        {Dynamics{pair(true)}, Dynamics{pair(true, 1, 1)}, Dynamics{AnyValue()}})
     EXPECT_EQ(converted<Map>(no), std::nullopt);
-  EXPECT_EQ(converted<Map>(std::vector<int>{}), std::nullopt)
-      << "of no pairs, even without elements";
+  EXPECT_EQ(converted<Map>(std::vector<std::vector<int>>{{1, 2}}), std::nullopt) << "a matrix";
+  EXPECT_EQ(converted<Map>(std::vector<Minutes>{{1, 2}}), std::nullopt) << "structs";
+  EXPECT_EQ(errorOf<Map>(Dynamics{pair(true, 1), pair(true)}),
+            "cannot convert list<dynamic> to map<bool, int32>: an element is no pair (element 2)");
+}
+
+TEST(Conversion, OfListsOfPairsMakesMapsOnlyWhereNoListWillDo) {
   bool looksAtValue = false;
-  const Dynamics none;
-  EXPECT_LT(conversionCost(AnyReference::from(none), "av", &looksAtValue),
-            conversionCost(AnyReference::from(none), "a{bi}", &looksAtValue))
-      << "an empty list is a list first";
+  const auto cost = [&](const auto& value, const std::string& signature) {
+    return conversionCost(AnyReference::from(value), signature, &looksAtValue);
+  };
+  using Pairs = std::vector<std::pair<std::string, int>>;
+  EXPECT_EQ(cost(Pairs(), "a{ii}"), -1) << "by type, also without elements";
+  EXPECT_EQ(cost(std::vector<short>{}, "a{ii}"), -1);
+  EXPECT_LT(cost(std::vector<std::pair<std::string, short>>{}, "a(si)"), cost(Pairs(), "a{si}"));
+  EXPECT_FALSE(looksAtValue);
+  for (const auto& list : {std::vector<AnyValue>{}, {AnyValue::from(std::make_pair(1, 2.0))}})
+    for (const char* signature : {"av", "a(dd)", "a(ii)"})
+      EXPECT_LT(cost(list, signature), cost(list, "a{id}")) << signature;
 }
 
 TEST(Conversion, ThroughGenericValuesComesBackUnchanged) {
