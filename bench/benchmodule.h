@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <string>
+
 #include <jxcommon/jxmodule.h>
 
 namespace bench {
@@ -12,13 +15,16 @@ class BenchModule : public JX::JXModule {
     functionName("add", getName(), "Adds two numbers.");
     bindMethod(JX::makeFunctor([](int a, int b) { return a + b; }));
     functionName("on", getName(), "Hears of something.");
-    bindMethod(JX::makeFunctor([](const std::string&, const JX::JXValue&) {}));
+    bindMethod(JX::makeFunctor([this](const std::string&, const JX::JXValue&) { ++heard_; }));
+    functionName("heard", getName(), "How often it has heard.");
+    bindMethod(JX::makeFunctor([this] { return heard_.load(); }));
     functionName("end", getName(), "Ends who waits for the end.");
     bindMethod(JX::makeFunctor([this] { ended_.setValue(); }));
   }
   void waitForTheEnd() { ended_.future().wait(); }
 
  private:
+  std::atomic<int> heard_{0};
   const gv::Promise<void> ended_;
 };
 

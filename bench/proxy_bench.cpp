@@ -6,6 +6,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -71,20 +72,27 @@ int postAndWait(JX::JXProxy& proxy) {
   return proxy.wait(proxy.pCall("add", 1, 2), 0);
 }
 
-/// Waits for the module now and then: of too many that it has not handled some would be dropped.
-int notify(JX::JXProxy& proxy) {
-  thread_local std::pair<int, int> cache;
-  thread_local int count = 0;
-  if (++count % 1000 == 0) proxy.wait(proxy.pCall("on", "text", JX::JXValue()), 0);
-  return proxy.pCallNotify("on", "text", 1, {}, &cache);
-}
-
 using Call = int (*)(JX::JXProxy&);
 
 void run(benchmark::State& state, JX::JXProxy& proxy, Call call) {
   call(proxy);
   const bench::CountAllocations count(state);
   for (auto _ : state) benchmark::DoNotOptimize(call(proxy));
+}
+
+/// Until each notification is handed over. The module gets the time to handle them, which is not
+/// counted: of too many some would be dropped.
+void runNotified(benchmark::State& state, JX::JXProxy& proxy) {
+  std::pair<int, int> cache;
+  int count = 0;
+  const bench::CountAllocations counted(state);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(proxy.pCallNotify("on", "text", 1, {}, &cache));
+    if (++count % 1000 != 0) continue;
+    state.PauseTiming();
+    while (proxy.call<int>("heard") < count) std::this_thread::yield();
+    state.ResumeTiming();
+  }
 }
 
 void callHere(benchmark::State& state, Call call) {
@@ -100,9 +108,13 @@ BENCHMARK_CAPTURE(callHere, posted, post)
 BENCHMARK_CAPTURE(callHere, waited, postAndWait)
     ->Name("call of a module of this process/posted, and waited for")
     ->UseRealTime();
-BENCHMARK_CAPTURE(callHere, notified, notify)
-    ->Name("call of a module of this process/notified")
-    ->UseRealTime();
+
+void notifyHere(benchmark::State& state) {
+  const auto module = boost::make_shared<bench::BenchModule>(nullptr, "Bench");
+  JX::JXProxy proxy(module->asObject(), "Bench");
+  runNotified(state, proxy);
+}
+BENCHMARK(notifyHere)->Name("call of a module of this process/notified")->UseRealTime();
 
 void callQueued(benchmark::State& state) {
   const auto module = boost::make_shared<bench::BenchModule>(nullptr, "Bench");
@@ -131,8 +143,12 @@ BENCHMARK_CAPTURE(callThere, posted, post)->Name("call of another process/posted
 BENCHMARK_CAPTURE(callThere, waited, postAndWait)
     ->Name("call of another process/posted, and waited for")
     ->UseRealTime();
-BENCHMARK_CAPTURE(callThere, notified, notify)
-    ->Name("call of another process/notified")
-    ->UseRealTime();
+
+void notifyThere(benchmark::State& state) {
+  const bench::Network network(0);
+  JX::JXProxy proxy(network.child(), "Bench");
+  runNotified(state, proxy);
+}
+BENCHMARK(notifyThere)->Name("call of another process/notified")->UseRealTime();
 
 }  // namespace

@@ -2,11 +2,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <jxcommon/jxmodule.h>
 #include <jxcommon/jxproxy.h>
@@ -41,6 +43,10 @@ class Arm : public JX::JXModule {
     addParam("sensor", "Where.");
     addParam("force", "In newtons.");
     bindMethod(JX::makeFunctor(this, &Arm::onTouched));
+
+    functionName("waitForTouch", getName(), "Waits until the sensor was touched.");
+    addParam("sensor", "Which.");
+    bindMethod(JX::makeFunctor(this, &Arm::waitForTouch));
   }
 
   double turn(const std::string& joint, double degrees) {
@@ -63,10 +69,17 @@ class Arm : public JX::JXModule {
 
   void onTouched(const std::string& sensor, const JX::JXValue& force) {
     turn(sensor, -force.toDouble());
+    touched_.notify_all();
+  }
+
+  void waitForTouch(const std::string& sensor) {
+    std::unique_lock lock(mutex_);
+    touched_.wait(lock, [&] { return joints_.contains(sensor); });
   }
 
  private:
   std::atomic<int> waved_{0};
+  std::condition_variable touched_;
   std::mutex mutex_;  // guards joints_
   std::map<std::string, double> joints_;
 };

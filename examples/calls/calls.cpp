@@ -40,13 +40,14 @@ void notify(JX::JXProxy& arm) {
 }
 
 void callWithinTime(JX::JXProxy& arm) {
-  const gv::Future<void> waiting = arm.asObject().async<void>("wave", 50);
+  const gv::Future<void> waiting = arm.asObject().async<void>("waitForTouch", std::string("hand"));
   try {
     waiting.value(1);  // ms
   } catch (const gv::FutureException& error) {
     if (error.state() != gv::FutureException::State::Timeout) throw;
     std::cout << "not yet, so something else meanwhile\n";
   }
+  arm.pCallNotify("onTouched", "hand", 1.5, JX::JXValue());
   waiting.value();
 }
 
@@ -78,14 +79,14 @@ int main() {
   auto broker = JX::JXBroker::createBroker("robot", "127.0.0.1", 0, "", 0);
   JX::createModule<Arm>(broker, "Arm");
   {
-    auto arm = broker->getProxy("Arm", 0);
-    callTyped(*arm);
-    callUntyped(*arm);
-    post(*arm);
-    notify(*arm);
-    callWithinTime(*arm);
-    failToCall(*arm);
-    failInEachWay(*arm);
+    JX::JXProxy arm(broker, "Arm");
+    callTyped(arm);
+    callUntyped(arm);
+    post(arm);
+    notify(arm);
+    callWithinTime(arm);
+    failToCall(arm);
+    failInEachWay(arm);
   }
   broker->shutdown();
 }

@@ -112,12 +112,13 @@ class JXCOMMON_API JXProxy : public boost::enable_shared_from_this<JXProxy> {
   /// candidates in the log, when there is no such method.
   ///
   /// `cache` saves the search: a pair of zeros at first, it then keeps the method and its count of
-  /// arguments, and is trusted from then on, whatever the name and the types. Keep one for each
-  /// proxy, method and kinds of arguments; the caller owns it and guards it. What depends on the
-  /// arguments' values is not kept.
+  /// arguments, and is trusted from then on, whatever the name and the types: arguments that do not
+  /// convert are then dropped, or cannot be sent. Keep one for each proxy, method and kinds of
+  /// arguments; the caller owns it and guards it. A choice among methods of as many arguments that
+  /// depends on the arguments' values is not kept.
   ///
-  /// Throws JXError: "module destroyed", a cache that names no method of this module, and what
-  /// cannot be sent.
+  /// Throws JXError: "module destroyed", a cache that names no method of this module with as many
+  /// arguments, and what cannot be sent.
   int pCallNotify(const std::string& methodName, const std::string& first, const JXValue& second,
                   const JXValue& third, std::pair<int, int>* cache = nullptr);
 

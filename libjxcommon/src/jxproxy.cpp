@@ -78,15 +78,24 @@ R resultOf(const gv::Object<gv::Empty>& object, unsigned methodId,
   return promise.future().value(gv::FutureTimeout_Infinite);
 }
 
-/// The method that a cache names; the arguments that it does not take are dropped.
-int takeCached(const std::pair<int, int>& cache, gv::GenericFunctionParameters& arguments) {
+bool takes(const gv::MetaMethod& method, std::size_t count) {
+  const auto parameters = gv::signatureMembers(method.parametersSignature().toString());
+  const bool hasTail = !parameters.empty() && parameters.back() == "*";
+  return hasTail ? count + 1 >= parameters.size() : count == parameters.size();
+}
+
+/// Drops the arguments that the cached method does not take. False where the object has no such
+/// method.
+bool takeCached(const gv::MetaObject& description, const std::pair<int, int>& cache,
+                gv::GenericFunctionParameters& arguments) {
   const int most = static_cast<int>(arguments.size());
   arguments.resize(static_cast<std::size_t>(std::clamp(cache.second, 0, most)));
-  return cache.first;
+  const gv::MetaMethod* method = description.method(static_cast<unsigned>(cache.first));
+  return method && takes(*method, arguments.size());
 }
 
 /// The method that takes all arguments, or else most of the first ones; the rest are dropped.
-/// Negative where there is none. Fills the cache where the types alone decided.
+/// Negative where there is none. Fills the cache where the types alone decided the last choice.
 int resolveNotification(const gv::MetaObject& description, const std::string& methodName,
                         gv::GenericFunctionParameters& arguments, std::pair<int, int>* cache) {
   while (true) {
@@ -260,18 +269,19 @@ int JXProxy::pCallNotify(const std::string& methodName, const std::string& first
   const gv::MetaObject& description = object.metaObject();
   auto arguments = gv::makeParameters(first, second, third);
   const bool isCached = cache && cache->first != 0;
-  const int id = isCached ? takeCached(*cache, arguments)
-                          : resolveNotification(description, methodName, arguments, cache);
-  if (id < 0) {
+  if (isCached && !takeCached(description, *cache, arguments))
+    throw failure("the cache is not of this module, which has no method with id " +
+                  std::to_string(cache->first) + " and " + std::to_string(arguments.size()) +
+                  " argument(s)");
+  const int id =
+      isCached ? cache->first : resolveNotification(description, methodName, arguments, cache);
+  if (!isCached && id < 0) {
     log(category, Level::Error, "pCallNotify",
         "pCallNotify can't find method: " + methodName + "\n  the good prototype is void " +
             methodName + "(string, JXValue, string)  candidate(s):\n" +
             candidatesText(description, methodName));
     return -1;
   }
-  if (!description.method(static_cast<unsigned>(id)))
-    throw failure("the cache is not of this module, which has no method with id " +
-                  std::to_string(id));
   try {
     object.metaPost(static_cast<unsigned>(id), arguments);
   } catch (const std::exception& error) {  // it cannot be sent

@@ -121,7 +121,7 @@ JXValue toValue(const AnyReference& content) {
 }
 
 // Arrays and bytes are read in place, without a copy: the storage of their types is the JXValue
-// that holds them. These name the types; no value of them is ever made.
+// that holds them. These stand for the types in their records.
 struct ArrayContent {};
 struct BinaryContent {};
 
@@ -175,7 +175,9 @@ const gv::TypeInterface* binaryType() {
   static const gv::BytesOps ops = {
       .view =
           [](const void* binary) {
-            const auto& bytes = static_cast<const JXValue*>(binary)->toBinary();
+            const JXValue& value = *static_cast<const JXValue*>(binary);
+            if (value.kind() != JXValue::Kind::Binary) return std::string_view();  // a new one
+            const auto& bytes = value.toBinary();
             return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
           },
       .assign =

@@ -31,6 +31,7 @@ TEST_P(Notifications, AreHeardByTheMethodThatTakesMostOfThem) {
       {"onThree", 3, true, "three first 2 3.5"}, {"onTwo", 2, true, "two first 2"},
       {"onOne", 1, true, "one first"},           {"onNone", 0, true, "none"},
       {"onOneOrThree", 3, true, "three"},        {"onNumber", 2, false, "number 2"},
+      {"onTwo(sv)", 2, true, "two first 2"},     {"onOneOrThree(s)", 1, true, "one"},
   };
   for (const auto& row : rows) {
     Cache cache;
@@ -63,12 +64,15 @@ TEST_P(Notifications, WithoutAMethodAreLoggedAndNotThrown) {
 }
 
 TEST_P(Notifications, TrustTheirCacheAsLongAsItNamesAMethod) {
-  Cache foreign{987654, 1};
-  EXPECT_EQ(errorOf([&] { notify("onOne", &foreign); }).toString(),
-            "Callee::onOne: the cache is not of this module, which has no method with id 987654 "
-            "(../libjxcommon/src/jxproxy:281)");
   Cache cache;
   notify("onTwo", &cache);
+  for (const Cache& foreign : {Cache{987654, 2}, Cache{-7, 2}, Cache{cache.first, 1}}) {
+    Cache used = foreign;
+    EXPECT_EQ(errorOf([&] { notify("onTwo", &used); }).toString(),
+              "Callee::onTwo: the cache is not of this module, which has no method with id " +
+                  std::to_string(foreign.first) + " and " + std::to_string(foreign.second) +
+                  " argument(s) (../libjxcommon/src/jxproxy:281)");
+  }
   notify("fail", nullptr);  // what the method throws comes back to nobody
   EXPECT_EQ(heard(), Texts{"two first 2"});
   withdrawTheModule();
