@@ -275,7 +275,7 @@ int JXProxy::pCallNotify(const std::string& methodName, const std::string& first
                   " argument(s)");
   const int id =
       isCached ? cache->first : resolveNotification(description, methodName, arguments, cache);
-  if (!isCached && id < 0) {
+  if (id < 0) {
     log(category, Level::Error, "pCallNotify",
         "pCallNotify can't find method: " + methodName + "\n  the good prototype is void " +
             methodName + "(string, JXValue, string)  candidate(s):\n" +

@@ -129,6 +129,16 @@ TEST_P(Calls, EachFailureIsAnErrorWithItsPosition) {
         std::string("Callee::") + row.method + ": " + row.description + " (" + row.position + ")");
 }
 
+TEST_P(Calls, AResultThatDoesNotConvertIsLogged) {
+  const house::LogCapture log;
+  errorOf([&] { proxy->call<int>("greet", "x"); });
+  ASSERT_EQ(log.records().size(), 1u);
+  const gv::log::Record record = log.records()[0];
+  EXPECT_EQ(record.category + ":" + record.function + ": " + record.text,
+            "gv.adapter:setPromise: Unable to convert call result to target type: from string to "
+            "int32");
+}
+
 TEST_P(Calls, RunWhereTheirTypeSays) {
   const auto object = proxy->asObject();
   const std::string onLoop = "isOnEventLoop";

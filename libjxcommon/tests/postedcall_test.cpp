@@ -71,17 +71,6 @@ TEST_P(PostedAnywhere, APostedCallRunsUntilItIsAskedToStop) {
   EXPECT_EQ(proxy->call<int>("task"), -1) << "no posted call";
 }
 
-TEST_P(PostedAnywhere, WhatCannotBePostedIsAnErrorWithItsPosition) {
-  EXPECT_EQ(errorOf([&] { proxy->pCall("greet", 1, 2); }).toString(),
-            "Callee::greet: JXProxy(Callee).pcall Can't find single match for greet\n"
-            "  Candidate(s):\n  greet(s)\n (../libjxcommon/src/jxproxy:355)");
-  EXPECT_THAT(errorOf([&] { proxy->call<int>("pCall"); }).description(),
-              HasSubstr("missing function name"));
-  withdrawTheModule();
-  EXPECT_EQ(errorOf([&] { proxy->pCall("greet", "Ada"); }).toString(),
-            "Callee::greet: module destroyed (../libjxcommon/src/jxproxy:339)");
-}
-
 TEST_P(PostedAnywhere, APostedCallMayShutItsOwnBrokerDown) {
   try {
     proxy->pCall("shutDown");
@@ -195,13 +184,6 @@ TEST_F(PostedCalls, OfArgumentsThatDoNotLetThemselvesBeCopiedAreErrors) {
   EXPECT_EQ(errorOf([&] { proxy.pCall("take", Fragile()); }).toString(),
             "Lonely::take: unknown exception (../libjxcommon/src/jxproxy:371)");
   EXPECT_EQ(errorOf([&] { proxy.pCall("own", std::unique_ptr<int>()); }).line(), 371);
-}
-
-TEST_F(PostedCalls, NameTheCandidatesOfAnOverloadedMethod) {
-  bind("greet", [](int, int, int) {});
-  EXPECT_EQ(errorOf([&] { proxy.pCall("greet"); }).description(),
-            "JXProxy(Lonely).pcall Can't find single match for greet\n"
-            "  Candidate(s):\n  greet(s)\n  greet(iii)\n");
 }
 
 TEST_F(PostedCalls, OfFourThreadsEndOnceAndLeaveNothing) {
