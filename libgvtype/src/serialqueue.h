@@ -1,7 +1,6 @@
 #pragma once
 
 #include <deque>
-#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -20,7 +19,8 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
  public:
   explicit SerialQueue(EventLoop* loop) : loop_(loop) {}
 
-  /// Throws what EventLoop::post does; the task is dropped then.
+  /// Throws what EventLoop::post does. Where the loop does not come to run them, for that reason or
+  /// because it ends, all tasks are dropped.
   void post(std::function<void()> task) {
     {
       const std::lock_guard lock(mutex_);
@@ -28,15 +28,7 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
       if (isRunning_) return;
       isRunning_ = true;
     }
-    try {
-      schedule();
-    } catch (...) {
-      std::deque<std::function<void()>> dropped;
-      const std::lock_guard lock(mutex_);
-      isRunning_ = false;
-      dropped.swap(tasks_);
-      throw;
-    }
+    schedule();
   }
 
   /// Whether the calling thread is running a task of this queue.
@@ -48,17 +40,35 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
     return queue;
   }
 
-  void schedule() {
-    loop_->post([self = shared_from_this()] { self->drain(); });
+  /// What the loop is given. Tasks may hold what owns this queue: kept by a loop that has ended,
+  /// they would keep each other for ever.
+  struct Turn {
+    explicit Turn(std::shared_ptr<SerialQueue> itsQueue) : queue(std::move(itsQueue)) {}
+    Turn(Turn&&) = default;
+    ~Turn() {
+      if (queue) queue->drop();
+    }
+    void operator()() { std::exchange(queue, nullptr)->drain(); }
+
+    std::shared_ptr<SerialQueue> queue;
+  };
+
+  void schedule() { loop_->post(Turn(shared_from_this())); }
+
+  void drop() {
+    std::deque<std::function<void()>> dropped;  // die after the unlock
+    const std::lock_guard lock(mutex_);
+    isRunning_ = false;
+    dropped.swap(tasks_);
   }
 
   void drain() {
     constexpr int atOnce = 64;
     const SerialQueue* outer = std::exchange(current(), this);
-    bool isScheduled = false;
-    for (int done = 1; !isScheduled && runNext(); ++done)
-      if (done % atOnce == 0) isScheduled = tryToSchedule();
+    int done = 0;
+    while (done < atOnce && runNext()) ++done;
     current() = outer;
+    if (done == atOnce) schedule();
   }
 
   /// False where there is nothing to run. The task dies before the next one starts.
@@ -71,16 +81,6 @@ class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
              "a task failed: " + detail::currentError().text);
     }
     return task != nullptr;
-  }
-
-  /// False where the loop takes no more tasks: then this one goes on.
-  bool tryToSchedule() {
-    try {
-      schedule();
-      return true;
-    } catch (const std::exception&) {
-      return false;
-    }
   }
 
   std::function<void()> next() {
