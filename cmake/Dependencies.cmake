@@ -6,6 +6,7 @@ find_package(Boost 1.74 REQUIRED COMPONENTS thread)
 find_package(fmt REQUIRED)
 find_package(spdlog REQUIRED)
 find_package(nlohmann_json 3 REQUIRED)
+find_package(OpenSSL 3 REQUIRED)
 
 # Asio and MessagePack are headers only, and Debian ships no usable CMake package for either.
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)

@@ -7,8 +7,8 @@
 
 namespace gv {
 
-/// Where a peer listens: "tcp://host:port". A value; an address of any other form makes an invalid
-/// one, and no operation throws for it.
+/// Where a peer listens: "tcp://host:port", or "tcps://host:port" where it speaks TLS. A value; an
+/// address of any other form makes an invalid one, and no operation throws for it.
 ///
 /// The host is a name, an IPv4 address, or an IPv6 address in brackets: "tcp://[::1]:9559".
 class GVMESSAGING_API Url {
@@ -16,12 +16,15 @@ class GVMESSAGING_API Url {
   /// An invalid address.
   Url() = default;
 
-  /// Reads @p text. Invalid unless it is "tcp://", a host, ":" and a port of 0 to 65535.
+  /// Reads @p text. Invalid unless it is "tcp://" or "tcps://", a host, ":" and a port of 0 to
+  /// 65535.
   Url(const std::string& text);
   Url(const char* text);
 
   /// The address of @p host and @p port; an IPv6 address is given without brackets.
   static Url tcp(const std::string& host, std::uint16_t port);
+  /// The same with the protocol "tcp" or "tcps".
+  static Url make(const std::string& protocol, const std::string& host, std::uint16_t port);
 
   /// True when the text had the form of an address. Says nothing about anybody listening there.
   bool isValid() const { return !protocol_.empty(); }
@@ -29,7 +32,7 @@ class GVMESSAGING_API Url {
   /// The whole text; of an invalid address the text it was made from.
   const std::string& str() const { return text_; }
 
-  /// "tcp"; empty when invalid.
+  /// "tcp" or "tcps"; empty when invalid.
   const std::string& protocol() const { return protocol_; }
 
   /// The host without brackets; empty when invalid.

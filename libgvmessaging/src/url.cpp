@@ -8,7 +8,8 @@
 namespace gv {
 namespace {
 
-constexpr std::string_view scheme = "tcp";
+constexpr std::string_view plain = "tcp";
+constexpr std::string_view encrypted = "tcps";
 constexpr std::string_view separator = "://";
 constexpr std::size_t longestHost = 255;
 
@@ -55,25 +56,28 @@ std::optional<std::string_view> takeHost(std::string_view& text) {
 
 Url::Url(const std::string& text) : text_(text) {
   std::string_view rest = text_;
-  if (!rest.starts_with(scheme)) return;
-  rest.remove_prefix(scheme.size());
-  if (!rest.starts_with(separator)) return;
-  rest.remove_prefix(separator.size());
+  const std::string_view protocol = rest.substr(0, rest.find(separator));
+  if (protocol != plain && protocol != encrypted) return;
+  rest.remove_prefix(std::min(protocol.size() + separator.size(), rest.size()));
   const auto host = takeHost(rest);
   if (!host || !rest.starts_with(':')) return;
   const auto port = parsePort(rest.substr(1));
   if (!port) return;
-  protocol_ = scheme;
+  protocol_ = protocol;
   host_ = *host;
   port_ = *port;
 }
 
 Url::Url(const char* text) : Url(std::string(text ? text : "")) {}
 
-Url Url::tcp(const std::string& host, std::uint16_t port) {
+Url Url::make(const std::string& protocol, const std::string& host, std::uint16_t port) {
   const bool isAddress6 = host.find(':') != std::string::npos;
-  return Url(std::string(scheme) + std::string(separator) + (isAddress6 ? "[" + host + "]" : host) +
-             ":" + std::to_string(port));
+  return Url(protocol + std::string(separator) + (isAddress6 ? "[" + host + "]" : host) + ":" +
+             std::to_string(port));
+}
+
+Url Url::tcp(const std::string& host, std::uint16_t port) {
+  return make(std::string(plain), host, port);
 }
 
 }  // namespace gv

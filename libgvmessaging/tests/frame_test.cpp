@@ -83,7 +83,7 @@ TEST(FrameHeader, SaysWhatItRefuses) {
     unsigned char value;
     const char* text;
   } rows[] = {{3, 9, "unsupported framing version 9, expected 1"},
-              {4, 8, "unknown frame type 8"},
+              {4, 10, "unknown frame type 10"},
               {5, 0x82, "unknown frame flags 130"}};
   for (const auto& row : rows) {
     HeaderBytes bytes = sample();

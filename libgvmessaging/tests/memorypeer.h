@@ -45,7 +45,7 @@ class MemoryPeer {
   using Objects = std::map<unsigned, Object<Empty>>;
 
   /// @p role, @p own and @p objects are those of the connection.
-  MemoryPeer(rpc::Role role, const rpc::Greeting& own, Objects objects,
+  MemoryPeer(rpc::Role role, const rpc::Identity& own, Objects objects,
              const wire::Limits& limits = {}) {
     host_ = std::make_shared<Host>(std::move(objects));
     std::tie(near_, far_) = net::MemoryStream::makePair();

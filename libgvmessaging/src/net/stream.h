@@ -78,7 +78,7 @@ class Stream {
   virtual void closeAfterFlush(const std::string& cause,
                                std::chrono::milliseconds bound = std::chrono::seconds(1)) = 0;
 
-  /// The other side as "tcp://ip:port", for texts.
+  /// The other side as "tcp://ip:port", or "tcps://ip:port" where it speaks TLS, for texts.
   virtual const std::string& peerName() const = 0;
 
   /// The numeric address of the other side, and of this one, without port or brackets.

@@ -1,12 +1,23 @@
 #include "src/rpc/acceptor.h"
 
+#include <gv/log.h>
+
+#include "src/net/neighbours.h"
+#include "src/net/tlsstream.h"
+
 namespace gv::rpc {
+namespace {
+
+constexpr const char* category = "gvmessaging.connection";
+
+}  // namespace
 
 std::shared_ptr<Acceptor> Acceptor::listen(const std::string& host, std::uint16_t port,
-                                           const Greeting& own, std::weak_ptr<ServiceHost> services,
-                                           Connection::Events events, const wire::Limits& limits) {
+                                           const Identity& own, std::weak_ptr<ServiceHost> services,
+                                           Connection::Events events, const wire::Limits& limits,
+                                           const Door& door) {
   std::shared_ptr<Acceptor> acceptor(
-      new Acceptor(own, std::move(services), std::move(events), limits));
+      new Acceptor(own, std::move(services), std::move(events), limits, door));
   const std::weak_ptr<Acceptor> weak = acceptor;
   acceptor->listener_ = net::Listener::listen(
       host, port,
@@ -17,12 +28,13 @@ std::shared_ptr<Acceptor> Acceptor::listen(const std::string& host, std::uint16_
   return acceptor;
 }
 
-Acceptor::Acceptor(const Greeting& own, std::weak_ptr<ServiceHost> host, Connection::Events events,
-                   const wire::Limits& limits)
+Acceptor::Acceptor(const Identity& own, std::weak_ptr<ServiceHost> host, Connection::Events events,
+                   const wire::Limits& limits, const Door& door)
     : own_(own),
       host_(std::move(host)),
       events_(std::move(events)),
       limits_(limits),
+      door_(door),
       admission_(limits) {}
 
 void Acceptor::close() {
@@ -42,7 +54,17 @@ void Acceptor::close() {
       connection->close("the listener was closed");
 }
 
+bool Acceptor::mayComeIn(const net::Stream& stream) const {
+  if (!door_.isLinkOnly || net::distanceOf(stream.peerAddress()) != net::Distance::Routed)
+    return true;
+  GV_LOG(log::Level::Warning, category, "accept",
+         "refused " + stream.peerName() +
+             ", which is beyond a router: GV_LISTEN_SCOPE=any or a key would let it in");
+  return false;
+}
+
 void Acceptor::onAccepted(std::shared_ptr<net::Stream> stream) {
+  if (!mayComeIn(*stream)) return;
   std::vector<std::function<void()>> later;
   {
     const std::lock_guard lock(mutex_);
@@ -104,6 +126,7 @@ void Acceptor::begin(Id id, std::shared_ptr<net::Stream> stream) {
     finished();
     next(closed, cause);
   };
+  if (door_.tls) stream = net::TlsStream::over(std::move(stream), *door_.tls, {});
   const auto connection =
       Connection::start(std::move(stream), Role::Server, own_, host_, std::move(events), limits_);
   {

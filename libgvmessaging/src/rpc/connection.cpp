@@ -54,7 +54,7 @@ Object<Empty> keeping(const Object<Empty>& object, const std::shared_ptr<Receive
 }  // namespace
 
 std::shared_ptr<Connection> Connection::start(std::shared_ptr<net::Stream> stream, Role role,
-                                              const Greeting& own, std::weak_ptr<ServiceHost> host,
+                                              const Identity& own, std::weak_ptr<ServiceHost> host,
                                               Events events, const wire::Limits& limits) {
   std::shared_ptr<Connection> connection(
       new Connection(std::move(stream), role, own, std::move(host), std::move(events), limits));
@@ -62,22 +62,25 @@ std::shared_ptr<Connection> Connection::start(std::shared_ptr<net::Stream> strea
   connection->handshakeTimer_ = net::Timer::start(limits.handshakeTime, [weak] {
     if (const auto late = weak.lock()) late->close("the handshake took too long");
   });
+  // Before anybody reads: from then on the handshake is the reading thread's.
+  const HandshakeStep beginning = connection->handshake_->begin();
   connection->stream_->start(connection);
-  if (role == Role::Client) connection->send({wire::FrameType::Hello, encodeGreeting(own)});
+  for (const HandshakeFrame& frame : beginning.answers) connection->send(frame);
+  if (!beginning.refusal.empty()) connection->close(beginning.refusal);
   return connection;
 }
 
-Connection::Connection(std::shared_ptr<net::Stream> stream, Role role, const Greeting& own,
+Connection::Connection(std::shared_ptr<net::Stream> stream, Role role, const Identity& own,
                        std::weak_ptr<ServiceHost> host, Events events, const wire::Limits& limits)
     : id_(nextConnectionId()),
       stream_(std::move(stream)),
       role_(role),
-      own_(own),
       limits_(limits),
       objects_(*this, host, limits_),
       server_(*this, *stream_, objects_, std::move(host), limits_),
       events_(std::move(events)),
-      reader_(limits.handshakePayload) {}
+      reader_(limits.handshakePayload),
+      handshake_(std::make_unique<Handshake>(role, own, limits)) {}
 
 bool Connection::hasEnded() const {
   const std::lock_guard lock(mutex_);
@@ -252,37 +255,37 @@ void Connection::onInput(std::size_t count) {
   lose(reader_.error());
 }
 
+Standing Connection::standing() const {
+  const std::lock_guard lock(mutex_);
+  if (state_ == State::Closed) return Standing::Closed;
+  return state_ == State::Open ? Standing::Open : handshake_->standing();
+}
+
 void Connection::onFrame(wire::Frame& frame) {
-  State state;
-  {
-    const std::lock_guard lock(mutex_);
-    state = state_;
-  }
-  if (state == State::Closed) return reader_.stop("the connection has ended");
-  if (state == State::Handshaking) return onHandshakeFrame(frame);
+  const Standing now = standing();
+  if (!maySend(now, frame.header.type)) return reader_.stop(refusalOf(now, frame.header.type));
+  if (now != Standing::Open) return onHandshakeFrame(frame);
   switch (frame.header.type) {
-    case wire::FrameType::Reply:
-    case wire::FrameType::Error: {
-      const net::Readers::ForeignCode callbacks;
-      return onReply(frame);
-    }
     case wire::FrameType::Call:
     case wire::FrameType::Post:
       return server_.onCall(frame);
     case wire::FrameType::Event:
       return onEvent(frame);
-    default:
-      reader_.stop("the peer sent a handshake frame after the handshake");
+    default: {
+      const net::Readers::ForeignCode callbacks;
+      return onReply(frame);
+    }
   }
 }
 
 void Connection::onHandshakeFrame(const wire::Frame& frame) {
-  HandshakeStep step = stepHandshake(role_, own_, limits_, frame);
-  if (step.answer) send(*step.answer);
-  if (!step.peer) {
+  HandshakeStep step = handshake_->step(frame);
+  for (const HandshakeFrame& answer : step.answers) send(answer);
+  if (!step.refusal.empty()) {
     reader_.stop(step.refusal);
     return close(step.refusal);
   }
+  if (!step.peer) return;
   peer_ = std::move(*step.peer);
   becomeOpen();
 }
@@ -294,6 +297,7 @@ void Connection::becomeOpen() {
     state_ = State::Open;
   }
   handshakeTimer_.reset();
+  handshake_.reset();
   reader_.setLimit(limits_.payload);
   const auto opened = std::move(events_.opened);
   const detail::CallbacksElsewhere callbacks(&net::Readers::post);

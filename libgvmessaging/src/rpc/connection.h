@@ -44,7 +44,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
 
   /// Takes over a stream that was not started, and begins the handshake.
   static std::shared_ptr<Connection> start(std::shared_ptr<net::Stream> stream, Role role,
-                                           const Greeting& own, std::weak_ptr<ServiceHost> host,
+                                           const Identity& own, std::weak_ptr<ServiceHost> host,
                                            Events events, const wire::Limits& limits);
 
   /// Calls a method of an object of the peer's, described by `method`. The future has its result,
@@ -76,7 +76,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   Role role() const { return role_; }
   /// Unique in this process, never 0.
   std::uint64_t id() const { return id_; }
-  /// The other side, for texts: "tcp://ip:port".
+  /// The other side, for texts: "tcp://ip:port" or "tcps://ip:port".
   const std::string& peerName() const { return stream_->peerName(); }
   /// Its numeric address.
   const std::string& peerAddress() const { return stream_->peerAddress(); }
@@ -87,7 +87,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
  private:
   enum class State { Handshaking, Open, Closed };
 
-  Connection(std::shared_ptr<net::Stream> stream, Role role, const Greeting& own,
+  Connection(std::shared_ptr<net::Stream> stream, Role role, const Identity& own,
              std::weak_ptr<ServiceHost> host, Events events, const wire::Limits& limits);
 
   std::span<char> inputSpace() override { return reader_.space(); }
@@ -97,6 +97,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   void help(const detail::FutureState& awaited) noexcept override;
 
   void onFrame(wire::Frame& frame);
+  Standing standing() const;
   void onHandshakeFrame(const wire::Frame& frame);
   void becomeOpen();
   void onReply(const wire::Frame& frame);
@@ -116,7 +117,6 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   const std::uint64_t id_;
   const std::shared_ptr<net::Stream> stream_;
   const Role role_;
-  const Greeting own_;
   const wire::Limits limits_;
 
   // Safe by themselves
@@ -127,6 +127,7 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   // Of the thread that reads, or ends it
   Events events_;  // dropped when the connection has ended
   wire::FrameReader reader_;
+  std::unique_ptr<Handshake> handshake_;  // null from Open on
   std::shared_ptr<net::Timer> handshakeTimer_;
   Greeting peer_;  // constant, and free for all, from Open on
 

@@ -10,12 +10,12 @@
 namespace gv {
 
 void Dialing::start() {
-  const bool isNumeric = std::all_of(urls_.begin(), urls_.end(), [](const Url& url) {
+  const bool isNumeric = std::all_of(asked_.begin(), asked_.end(), [](const Url& url) {
     return net::numericEndpoint(url.host(), url.port()).has_value();
   });
   try {
     if (isNumeric)
-      tryNext();
+      resolve();
     else
       getEventLoop()->post([self = shared_from_this()] { self->resolve(); });
   } catch (const std::exception& error) {  // in a forked child, or as the process exits
@@ -23,18 +23,19 @@ void Dialing::start() {
   }
 }
 
+/// Blocks where a host is a name.
 void Dialing::resolve() {
-  std::vector<Url> urls;
+  std::vector<Address> addresses;
   try {
-    for (const Url& url : urls_)  // nobody else changes them before the first try
-      for (const std::string& address : net::addressesOf(url.host()))
-        urls.push_back(Url::tcp(address, url.port()));
+    for (const Url& url : asked_)
+      for (const std::string& host : net::addressesOf(url.host()))
+        addresses.push_back({Url::make(url.protocol(), host, url.port()), url});
   } catch (const std::exception& error) {
     return cancel(std::string("cannot reach the peer: ") + error.what());
   }
   {
     const std::lock_guard lock(mutex_);
-    urls_ = std::move(urls);
+    addresses_ = std::move(addresses);
   }
   tryNext();
 }
@@ -49,8 +50,8 @@ void Dialing::tryNext() {
     if (isSettled_) return;
     former.swap(timer_);
     number = next_;
-    if (number < std::min(urls_.size(), mostAddresses)) {
-      url = urls_[next_++];
+    if (number < std::min(addresses_.size(), mostAddresses)) {
+      url = addresses_[next_++].url;
       tries_.emplace(number, Try());
       timer_ = net::Timer::start(stagger, [weak = weak_from_this()] {
         if (const auto self = weak.lock()) self->tryNext();
@@ -78,20 +79,19 @@ void Dialing::tryNext() {
 }
 
 void Dialing::onStream(std::size_t number, net::ConnectResult result) {
+  Url asked;
   {
     const std::lock_guard lock(mutex_);
     if (isSettled_) return;
+    asked = addresses_[number].asked;
   }
   if (!result.stream) return onFailed(number, result.error);
-  const ConnectionPointer connection = starter_(
-      std::move(result.stream),
-      [self = shared_from_this(), number](const ConnectionPointer& opened) {
-        return self->onOpened(number, opened);
-      },
-      // Weakly: this one stays as long as the connection.
-      [weak = weak_from_this(), number](const std::string& cause) {
-        if (const auto self = weak.lock()) self->onFailed(number, cause);
-      });
+  ConnectionPointer connection;
+  try {
+    connection = shakeHands(number, std::move(result.stream), asked);
+  } catch (const std::exception& error) {
+    return onFailed(number, error.what());
+  }
   {
     const std::lock_guard lock(mutex_);
     if (const auto found = tries_.find(number); found != tries_.end()) {
@@ -101,6 +101,20 @@ void Dialing::onStream(std::size_t number, net::ConnectResult result) {
     if (!isSettled_) return;  // it failed at once
   }
   if (connection && !connection->isOpen()) connection->close("another address answered first");
+}
+
+Dialing::ConnectionPointer Dialing::shakeHands(std::size_t number,
+                                               std::shared_ptr<net::Stream> stream,
+                                               const Url& asked) {
+  return starter_(
+      std::move(stream), asked,
+      [self = shared_from_this(), number](const ConnectionPointer& opened) {
+        return self->onOpened(number, opened);
+      },
+      // Weakly: this one stays as long as the connection.
+      [weak = weak_from_this(), number](const std::string& cause) {
+        if (const auto self = weak.lock()) self->onFailed(number, cause);
+      });
 }
 
 bool Dialing::onOpened(std::size_t number, const ConnectionPointer& connection) {
@@ -117,7 +131,7 @@ void Dialing::onFailed(std::size_t number, const std::string& cause) {
     const std::lock_guard lock(mutex_);
     // Of a connection that won, this is its end; and one that is refused is told of twice.
     if (isSettled_ || tries_.erase(number) == 0) return;
-    causes_ += (causes_.empty() ? "" : "; ") + urls_[number].str() + ": " + cause;
+    causes_ += (causes_.empty() ? "" : "; ") + addresses_[number].url.str() + ": " + cause;
   }
   tryNext();
 }

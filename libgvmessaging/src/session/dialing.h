@@ -23,18 +23,19 @@ namespace gv {
 class Dialing : public std::enable_shared_from_this<Dialing> {
  public:
   using ConnectionPointer = std::shared_ptr<rpc::Connection>;
-  /// Begins the handshake over a stream, and tells of one of both: `opened` answers whether the
-  /// connection is to be kept.
+  /// Begins the handshake over a stream to the URL that was asked for, and tells of one of both:
+  /// `opened` answers whether the connection is to be kept. Where it throws, the address failed.
   using Opened = std::function<bool(const ConnectionPointer&)>;
   using Failed = std::function<void(const std::string& cause)>;
-  using Starter = std::function<ConnectionPointer(std::shared_ptr<net::Stream>, Opened, Failed)>;
+  using Starter = std::function<ConnectionPointer(std::shared_ptr<net::Stream>, const Url& asked,
+                                                  Opened, Failed)>;
 
   static constexpr std::chrono::milliseconds stagger{250};
   static constexpr std::size_t mostAddresses = 8;  // the rest is not tried
 
   /// `bound` is that of each address to connect.
   Dialing(std::vector<Url> urls, std::chrono::milliseconds bound, Starter starter)
-      : bound_(bound), starter_(std::move(starter)), urls_(std::move(urls)) {}
+      : bound_(bound), starter_(std::move(starter)), asked_(std::move(urls)) {}
 
   /// Begins, once. A name among the hosts is resolved first, on the event loop.
   void start();
@@ -50,10 +51,16 @@ class Dialing : public std::enable_shared_from_this<Dialing> {
     std::weak_ptr<rpc::Connection> connection;
   };
   using Tries = std::map<std::size_t, Try>;
+  struct Address {
+    Url url;  // its host in numbers
+    Url asked;
+  };
 
   void resolve();
   void tryNext();
   void onStream(std::size_t number, net::ConnectResult result);
+  ConnectionPointer shakeHands(std::size_t number, std::shared_ptr<net::Stream> stream,
+                               const Url& asked);
   bool onOpened(std::size_t number, const ConnectionPointer& connection);
   void onFailed(std::size_t number, const std::string& cause);
   bool settle(Tries& abandoned);
@@ -61,13 +68,14 @@ class Dialing : public std::enable_shared_from_this<Dialing> {
 
   const std::chrono::milliseconds bound_;
   const Starter starter_;
+  const std::vector<Url> asked_;
   const Promise<ConnectionPointer> promise_;
 
   std::mutex mutex_;        // guards what follows
   bool isSettled_ = false;  // who sets it settles the promise
-  std::vector<Url> urls_;
-  std::size_t next_ = 0;  // of urls_
-  Tries tries_;           // by their place in urls_
+  std::vector<Address> addresses_;
+  std::size_t next_ = 0;  // of addresses_
+  Tries tries_;           // by their place in addresses_
   std::string causes_;
   std::shared_ptr<net::Timer> timer_;
 };

@@ -4,12 +4,21 @@
 #include <utility>
 
 #include "src/directory/endpoints.h"
+#include "src/net/tlsstream.h"
 
 namespace gv {
 
 std::shared_ptr<rpc::Acceptor> Peers::listen(const Url& url) {
-  return rpc::Acceptor::listen(url.host(), url.port(), own_, host_, makeEvents("", {}, {}),
-                               limits_);
+  const auto keys = security::keys();
+  const rpc::Door door = security::doorOf(url, keys.get());
+  {
+    const std::lock_guard lock(mutex_);
+    if (demands_.protocol.empty()) demands_ = {url.protocol(), keys, nullptr};
+  }
+  const auto acceptor = rpc::Acceptor::listen(url.host(), url.port(), rpc::Identity(own_, keys),
+                                              host_, makeEvents("", {}, {}), limits_, door);
+  security::warnIfOpen(acceptor->boundAddress(), door, keys.get());
+  return acceptor;
 }
 
 rpc::Connection::Events Peers::makeEvents(const std::string& expectedSession,
@@ -62,6 +71,14 @@ void Peers::forget(const ConnectionPointer& connection) {
 }
 
 Future<Peers::ConnectionPointer> Peers::dial(const Url& url, std::chrono::milliseconds bound) {
+  try {
+    Demands demands{url.protocol(), security::keys(), nullptr};
+    if (url.protocol() == "tcps") demands.tls = security::clientTls();
+    const std::lock_guard lock(mutex_);
+    std::swap(demands_, demands);
+  } catch (const std::exception& error) {
+    return makeFailedFuture<ConnectionPointer>(error.what());
+  }
   return begin(makeDialing({url}, bound, ""));
 }
 
@@ -77,7 +94,7 @@ Future<Peers::ConnectionPointer> Peers::reach(const ServiceInfo& info) {
     auto& running = reaching_[info.sessionId()];
     // One that has ended may still stand here: who waited for it is woken before it is removed.
     if (running.isRunning()) return running;
-    dialing = makeDialing(endpointsToTry(info), boundOfEach, info.sessionId());
+    dialing = makeDialing(endpointsToTryLocked(info), boundOfEach, info.sessionId());
     future = dialing->future();
     former = std::exchange(running, future);
   }
@@ -123,19 +140,35 @@ std::shared_ptr<Dialing> Peers::makeDialing(std::vector<Url> urls, std::chrono::
   const std::weak_ptr<Peers> weak = shared_from_this();
   return std::make_shared<Dialing>(
       std::move(urls), bound,
-      [weak, bound, expectedSession](std::shared_ptr<net::Stream> stream, Dialing::Opened opened,
+      [weak, bound, expectedSession](std::shared_ptr<net::Stream> stream, const Url& asked,
+                                     Dialing::Opened opened,
                                      const Dialing::Failed& failed) -> ConnectionPointer {
-        const auto self = weak.lock();
-        if (!self) {
-          failed("the session was closed");
-          return nullptr;
-        }
-        wire::Limits limits = self->limits_;
-        limits.handshakeTime = std::min(limits.handshakeTime, bound);
-        return rpc::Connection::start(std::move(stream), rpc::Role::Client, self->own_, self->host_,
-                                      self->makeEvents(expectedSession, std::move(opened), failed),
-                                      limits);
+        if (const auto self = weak.lock())
+          return self->shakeHands(std::move(stream), asked,
+                                  self->makeEvents(expectedSession, std::move(opened), failed),
+                                  bound);
+        failed("the session was closed");
+        return nullptr;
       });
+}
+
+Peers::ConnectionPointer Peers::shakeHands(std::shared_ptr<net::Stream> stream, const Url& asked,
+                                           rpc::Connection::Events events,
+                                           std::chrono::milliseconds bound) const {
+  Demands demands;
+  {
+    const std::lock_guard lock(mutex_);
+    demands = demands_;
+  }
+  if (asked.protocol() == "tcps") {
+    const auto tls = demands.tls ? demands.tls : security::clientTls();
+    stream = net::TlsStream::over(std::move(stream), *tls, asked.host());
+  }
+  wire::Limits limits = limits_;
+  limits.handshakeTime = std::min(limits.handshakeTime, bound);
+  return rpc::Connection::start(std::move(stream), rpc::Role::Client,
+                                rpc::Identity(own_, demands.keys), host_, std::move(events),
+                                limits);
 }
 
 Future<Peers::ConnectionPointer> Peers::begin(const std::shared_ptr<Dialing>& dialing) {
@@ -153,9 +186,12 @@ Future<Peers::ConnectionPointer> Peers::begin(const std::shared_ptr<Dialing>& di
   return dialing->future();
 }
 
-std::vector<Url> Peers::endpointsToTry(const ServiceInfo& info) const {
+std::vector<Url> Peers::endpointsToTryLocked(const ServiceInfo& info) const {
+  const std::string& protocol = demands_.protocol;
   const auto isLoopback = [](const Url& url) { return directory::isLoopback(url.host()); };
   std::vector<Url> urls = info.endpoints();
+  // Who reached the directory by TLS is not led elsewhere without it.
+  std::erase_if(urls, [&protocol](const Url& url) { return url.protocol() != protocol; });
   // The loopback address of another machine would lead back to this one.
   if (info.machineId() != own_.machineId) std::erase_if(urls, isLoopback);
   std::stable_partition(urls.begin(), urls.end(), isLoopback);

@@ -13,6 +13,7 @@
 #include "src/rpc/acceptor.h"
 #include "src/rpc/connection.h"
 #include "src/session/dialing.h"
+#include "src/session/security.h"
 
 namespace gv {
 
@@ -33,11 +34,13 @@ class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
     onClosed_ = std::move(onClosed);
   }
 
-  /// Accepts peers. Throws std::runtime_error; resolving a name may block.
+  /// Accepts peers, those that the environment lets in (see security.h). Throws
+  /// std::runtime_error; resolving a name may block.
   std::shared_ptr<rpc::Acceptor> listen(const Url& url);
 
   /// A connection to whoever answers at a URL, within `bound` for each of its addresses; it fails
-  /// with a text that names address and cause.
+  /// with a text that names address and cause. The connections that are made for services later
+  /// ask of their peers what was asked of this one.
   Future<ConnectionPointer> dial(const Url& url, std::chrono::milliseconds bound);
 
   /// The connection to the session that offers a service: the open one, or a new one over that of
@@ -55,20 +58,30 @@ class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
   std::shared_ptr<Dialing> makeDialing(std::vector<Url> urls, std::chrono::milliseconds bound,
                                        const std::string& expectedSession);
   Future<ConnectionPointer> begin(const std::shared_ptr<Dialing>& dialing);
+  /// What is asked of those that are connected to.
+  struct Demands {
+    std::string protocol;
+    std::shared_ptr<const rpc::KeyRing> keys;
+    std::shared_ptr<const net::TlsContext> tls;
+  };
+  ConnectionPointer shakeHands(std::shared_ptr<net::Stream> stream, const Url& asked,
+                               rpc::Connection::Events events,
+                               std::chrono::milliseconds bound) const;
   bool isKnown(const ConnectionPointer& connection, const ServiceInfo& info) const;
   ConnectionPointer knownLocked(const ServiceInfo& info) const;
   bool adopt(const ConnectionPointer& connection);
   void forget(const ConnectionPointer& connection);
-  std::vector<Url> endpointsToTry(const ServiceInfo& info) const;
+  std::vector<Url> endpointsToTryLocked(const ServiceInfo& info) const;
 
   const rpc::Greeting own_;
   const wire::Limits limits_;
   std::weak_ptr<rpc::ServiceHost> host_;
   ClosedHandler onClosed_;
 
-  std::mutex mutex_;  // guards what follows
+  mutable std::mutex mutex_;  // guards what follows
   bool isClosed_ = false;
-  std::map<std::uint64_t, ConnectionPointer> open_;            // all of them, by their id
+  Demands demands_;                                  // from the first listening or dialing on
+  std::map<std::uint64_t, ConnectionPointer> open_;  // all of them, by their id
   std::multimap<std::string, ConnectionPointer> bySession_;    // the same, by the peer's session
   std::map<std::string, Future<ConnectionPointer>> reaching_;  // under way, by session
   std::vector<std::weak_ptr<Dialing>> dialings_;               // all under way

@@ -74,7 +74,7 @@ Future<void> Session::Private::listenStandalone(const Url& url) {
   return onEventLoop([self = shared_from_this(), url] {
     try {
       self->makeDirectory();  // before anybody can connect and ask for it
-      self->openDirectory(Url::tcp(url.host(), self->acceptOn(url)->boundPort()));
+      self->openDirectory(Url::make(url.protocol(), url.host(), self->acceptOn(url)->boundPort()));
     } catch (...) {
       self->leaveJoining();
       throw;
@@ -354,7 +354,7 @@ std::vector<Url> Session::Private::endpoints() const {
     for (const std::string& host : hosts) {
       const bool isV6 = host.find(':') != std::string::npos;
       if (isV6 && bound == "0.0.0.0") continue;
-      urls.push_back(Url::tcp(host, acceptor->boundPort()));
+      urls.push_back(Url::make(acceptor->protocol(), host, acceptor->boundPort()));
     }
   }
   return urls;

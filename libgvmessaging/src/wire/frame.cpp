@@ -44,7 +44,7 @@ std::optional<std::string> checkFixed(In in) {
   if (auto error = refuseStart(in)) return error;
   const auto type = take<std::uint8_t>(in, typeAt);
   if (type < static_cast<std::uint8_t>(FrameType::Hello) ||
-      type > static_cast<std::uint8_t>(FrameType::Event))
+      type > static_cast<std::uint8_t>(FrameType::Proof))
     return "unknown frame type " + std::to_string(type);
   const auto flags = take<std::uint8_t>(in, flagsAt);
   if ((flags & ~callTypeBits) != 0 || flags > static_cast<std::uint8_t>(CallType::Queued))

@@ -12,13 +12,15 @@
 namespace gv::wire {
 
 enum class FrameType : std::uint8_t {
-  Hello = 1,    ///< Opens the handshake.
-  Welcome = 2,  ///< Answers it.
-  Call = 3,     ///< Asks for a reply.
-  Post = 4,     ///< Asks for none.
-  Reply = 5,    ///< The value of the call of the same message id.
-  Error = 6,    ///< Its error text.
-  Event = 7,    ///< An emission, for the subscription that the message id numbers.
+  Hello = 1,      ///< Opens the handshake.
+  Welcome = 2,    ///< Answers it.
+  Call = 3,       ///< Asks for a reply.
+  Post = 4,       ///< Asks for none.
+  Reply = 5,      ///< The value of the call of the same message id.
+  Error = 6,      ///< Its error text.
+  Event = 7,      ///< An emission, for the subscription that the message id numbers.
+  Challenge = 8,  ///< In the handshake: asks for proof of a key.
+  Proof = 9,      ///< In the handshake: gives it.
 };
 
 /// Where the called side runs a method. The numbers are those of gv::MetaCallType.
