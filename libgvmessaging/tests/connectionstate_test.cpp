@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <memory>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -47,6 +49,29 @@ rpc::Greeting greetingOf(const std::string& session) {
   return greeting;
 }
 
+/// A frame of that type whose payload is well formed.
+std::string plausible(FrameType type) {
+  switch (type) {
+    case FrameType::Hello:
+    case FrameType::Welcome:
+      return greetingFrame(type, greetingOf("peer"));
+    case FrameType::Challenge:
+    case FrameType::Proof:
+      return frame(type, "\xc4\x20" + std::string(32, 'x'), 0, 0, 0);
+    case FrameType::Error:
+      return frame(type, "\xa2no", 9);
+    default:
+      return frame(type, "\x92\x01\x02", 9, addId);
+  }
+}
+
+/// Whether a connection ended for the frame being none that may come.
+bool isRefusal(const std::string& cause) {
+  return cause.find("another frame before") != std::string::npos ||
+         cause.find("handshake frame after") != std::string::npos ||
+         cause.find("GV_AUTH_KEY_FILE") != std::string::npos;
+}
+
 std::string errorText(std::string_view answer) {
   if (headerOf(answer).type != FrameType::Error) return "no error";
   std::string text;
@@ -63,14 +88,15 @@ GV_STRUCT(Noted, value)
 
 class ConnectionState : public testing::Test {
  protected:
-  MemoryPeer makePeer(Role role, const wire::Limits& limits = {}) {
+  MemoryPeer makePeer(Role role, const wire::Limits& limits = {},
+                      std::shared_ptr<const rpc::KeyRing> keys = nullptr) {
     DynamicObjectBuilder builder;
     builder.advertiseMethod("add", [this](int a, int b) {
       ++runs;
       return a + b;
     });
     builder.advertiseMethod("note", [this](const std::string&) { ++runs; });
-    return {role, greetingOf("own"), {{notebookId, builder.object()}}, limits};
+    return {role, {greetingOf("own"), std::move(keys)}, {{notebookId, builder.object()}}, limits};
   }
   /// Calls add(1, 2) of an open client's peer; the call's frame is in `sent`.
   static Future<AnyReference> callAdd(MemoryPeer& peer, std::string& sent) {
@@ -92,54 +118,93 @@ class ConnectionState : public testing::Test {
   std::atomic<int> runs{0};
 };
 
-TEST_F(ConnectionState, DecidesWhatBecomesOfEachFrame) {
-  const std::string early = "the peer sent another frame before the handshake";
-  const std::string again = "the peer sent a handshake frame after the handshake";
+/// The far end of a handshake with keys, which the test takes step by step.
+struct KeyedHandshake {
+  static constexpr const char* key = "a key of these tests";
+
+  KeyedHandshake(MemoryPeer& told, Role own)
+      : peer(told), handshake(own, {greetingOf("peer"), rpc::KeyRing::parse(key)}, {}) {
+    keep(handshake.begin());
+  }
+  void keep(rpc::HandshakeStep step) {
+    for (rpc::HandshakeFrame& answer : step.answers) next.push_back(std::move(answer));
+  }
+  /// What it says next; the peer's answer to that is heard, where it is not its turn to speak on.
+  std::string say() {
+    if (next.empty()) hear();
+    const rpc::HandshakeFrame said = next.front();
+    next.erase(next.begin());
+    return frame(said.type, {said.payload.data(), said.payload.size()}, 0, 0, 0);
+  }
+  void hear() {
+    const std::string bytes = peer.hear();
+    wire::Frame heard{headerOf(bytes), {bytes.begin() + wire::frameHeaderSize, bytes.end()}};
+    keep(handshake.step(heard));
+  }
+
+  MemoryPeer& peer;
+  rpc::Handshake handshake;
+  std::vector<rpc::HandshakeFrame> next;
+};
+
+TEST_F(ConnectionState, LetsPassWhatMayComeNextAndNothingElse) {
+  using Types = std::vector<FrameType>;
+  const Types open = {FrameType::Call, FrameType::Post, FrameType::Reply, FrameType::Error,
+                      FrameType::Event};
   const struct {
-    FrameType type;
-    std::string payload;
-    std::string served, met;  // while handshaking, as a server and as a client; "" is open
-    std::string later;        // once open, as either
-  } rows[] = {{FrameType::Hello, "", "", early, again},
-              {FrameType::Welcome, "", early, "", again},
-              {FrameType::Call, "\x90", early, early, ""},
-              {FrameType::Post, "\x90", early, early, ""},
-              {FrameType::Reply, "\x01", early, early, ""},
-              {FrameType::Error, "\xa2no", early, "the peer refused the handshake: no", ""}};
+    Role role;
+    bool hasKeys;
+    int said;  // of the handshake, by the peer
+    Types may;
+  } rows[] = {{Role::Server, false, 0, {FrameType::Hello}},
+              {Role::Server, false, 1, open},
+              {Role::Client, false, 0, {FrameType::Welcome, FrameType::Error}},
+              {Role::Client, false, 1, open},
+              {Role::Server, true, 0, {FrameType::Hello}},
+              {Role::Server, true, 1, {FrameType::Proof}},
+              {Role::Server, true, 2, open},
+              {Role::Client, true, 0, {FrameType::Challenge, FrameType::Error}},
+              {Role::Client, true, 1, {FrameType::Proof, FrameType::Error}},
+              {Role::Client, true, 2, {FrameType::Welcome}},
+              {Role::Client, true, 3, open}};
   for (const auto& row : rows)
-    for (const Role role : {Role::Server, Role::Client}) {
-      SCOPED_TRACE(static_cast<int>(row.type) * 10 + static_cast<int>(role));
-      const std::string bytes = row.payload.empty() ? greetingFrame(row.type, greetingOf("peer"))
-                                                    : frame(row.type, row.payload, 9, addId);
-      const auto outcome = [](const MemoryPeer& peer) {
-        if (peer.causes.empty()) return std::string(peer.connection->isOpen() ? "" : "waiting");
-        return peer.causes.size() == 1 ? peer.causes[0] : "told twice";
-      };
-      MemoryPeer handshaking = makePeer(role);
-      handshaking.tell(bytes);
-      const std::string heard = handshaking.heardSoFar();
-      if (role == Role::Server) {
-        EXPECT_EQ(heard.empty(), row.type != FrameType::Hello);
-      }
-      handshaking.tell("");
-      EXPECT_EQ(outcome(handshaking), role == Role::Server ? row.served : row.met);
-      EXPECT_EQ(handshaking.opened, outcome(handshaking).empty() ? 1 : 0);
+    for (int type = 1; type <= static_cast<int>(FrameType::Proof); ++type) {
+      SCOPED_TRACE(testing::Message()
+                   << static_cast<int>(row.role) << row.hasKeys << row.said << type);
+      const auto keys = row.hasKeys ? rpc::KeyRing::parse(KeyedHandshake::key) : nullptr;
+      MemoryPeer peer = makePeer(row.role, {}, keys);
+      KeyedHandshake far(peer, row.role == Role::Server ? Role::Client : Role::Server);
+      for (int i = 0; i < row.said; ++i)
+        peer.tell(row.hasKeys
+                      ? far.say()
+                      : greetingFrame(far.next.empty() ? FrameType::Welcome : FrameType::Hello,
+                                      greetingOf("peer")));
+      const bool isOpen = row.may == open;
+      ASSERT_EQ(peer.connection->isOpen(), isOpen);
 
-      MemoryPeer opened = makePeer(role);
-      open(opened);
-      opened.tell(bytes);
-      EXPECT_EQ(outcome(opened), row.later);
-      if (row.type == FrameType::Call) {
-        EXPECT_THAT(errorText(opened.hear()), HasSubstr("argument"));
+      const bool mayPass = std::count(row.may.begin(), row.may.end(), FrameType(type)) > 0;
+      const bool isTurn = !isOpen && row.hasKeys && mayPass && FrameType(type) != FrameType::Error;
+      peer.tell(isTurn ? far.say() : plausible(FrameType(type)));
+      const bool isStopped = !peer.causes.empty() && isRefusal(peer.causes[0]);
+      EXPECT_EQ(isStopped, !mayPass) << (peer.causes.empty() ? "goes on" : peer.causes[0]);
+      if (isTurn) {
+        EXPECT_TRUE(peer.causes.empty()) << peer.causes[0];
       }
-
-      MemoryPeer ended = makePeer(role);
-      open(ended);
-      ended.connection->close("done");
-      ended.tell(bytes + bytes);
-      EXPECT_EQ(outcome(ended), "done");
-      EXPECT_EQ(ended.heardSoFar(), "");
+      if (!isOpen) {
+        EXPECT_EQ(runs, 0);
+      }
+      runs = 0;
     }
+}
+
+TEST_F(ConnectionState, EndsWithTheCauseThatItWasGivenAndHearsNothingMore) {
+  MemoryPeer ended = makePeer(Role::Server);
+  open(ended);
+  ended.connection->close("done");
+  for (int type = 1; type <= static_cast<int>(FrameType::Proof); ++type)
+    ended.tell(plausible(FrameType(type)));
+  EXPECT_THAT(ended.causes, ElementsAre("done"));
+  EXPECT_EQ(ended.heardSoFar(), "");
   EXPECT_EQ(runs, 0);
 }
 
