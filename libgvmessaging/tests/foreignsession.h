@@ -24,20 +24,23 @@ class ForeignSession {
   static constexpr int guardMs = 20'000;
 
   explicit ForeignSession(const std::string& id, const std::string& machine = os::machineId(),
-                          const wire::Limits& limits = {}) {
+                          const wire::Limits& limits = {},
+                          const std::string& listening = "tcp://127.0.0.1:0") {
     rpc::Greeting own;
     own.sessionId = id;
     own.machineId = machine;
     peers = std::make_shared<Peers>(own, limits);
     peers->setOwner(host_, [](const auto&) {});
-    acceptor_ = peers->listen("tcp://127.0.0.1:0");
+    acceptor_ = peers->listen(listening);
   }
   ~ForeignSession() {
     acceptor_->close();
     peers->close("the test has ended").wait(guardMs);
   }
 
-  Url url() const { return Url::tcp("127.0.0.1", acceptor_->boundPort()); }
+  Url url(const std::string& host = "127.0.0.1") const {
+    return Url::make(acceptor_->protocol(), host, acceptor_->boundPort());
+  }
   Peers::ConnectionPointer dial(const Url& to) const {
     return peers->dial(to, std::chrono::seconds(10)).value(guardMs);
   }

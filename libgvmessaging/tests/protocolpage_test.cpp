@@ -192,6 +192,23 @@ struct Conversation {
   }
 };
 
+TEST(ProtocolPage, ShowsTheProofsOfAKey) {
+  const Conversation page;
+  const auto payloadOf = [](const std::string& frame) {
+    return std::span(frame).subspan(wire::frameHeaderSize);
+  };
+  std::string challenge;
+  for (char byte = 0; byte < 32; ++byte) challenge += byte;
+  const auto ring = rpc::KeyRing::parse("correct horse battery staple");
+  const auto rows = tableOf("Handshake", "| proof | bytes |");
+  ASSERT_EQ(rows.size(), 2u);
+  const rpc::Proof proofs[] = {
+      ring->prove(rpc::clientStatement(payloadOf(page.hello), challenge)),
+      ring->prove(rpc::serverStatement(payloadOf(page.hello), challenge, payloadOf(page.welcome)))};
+  for (std::size_t i = 0; i < 2; ++i)
+    EXPECT_EQ(bytesOf(rows[i].at(1)), std::string(proofs[i].begin(), proofs[i].end()));
+}
+
 /// The server's object of the conversation.
 Object<Empty> makeNotebook(const Promise<std::string>& noted) {
   DynamicObjectBuilder builder;

@@ -31,12 +31,30 @@ Network::Network() {
   holders_[Near]->waitForLine("ready");
   holders_[Far] = start(Near, "/usr/bin/unshare", std::vector<std::string>{"--net"} + stay);
   holders_[Far]->waitForLine("ready");
-  ip(Near, "link add near type veth peer name far netns " + std::to_string(holders_[Far]->pid()));
-  ip(Near, "addr add 10.77.0.1/24 dev near");
-  ip(Near, "link set near up");
   ip(Far, "link set lo up");
-  ip(Far, "addr add 10.77.0.2/24 dev far");
-  ip(Far, "link set far up");
+  join(Near, "near", Far, "far", "10.77.0.");
+}
+
+/// A link between two machines, the first of which has the address 1 on it, the other one 2.
+void Network::join(Side first, const std::string& link, Side second, const std::string& otherLink,
+                   const std::string& subnet) const {
+  ip(first, "link add " + link + " type veth peer name " + otherLink + " netns " +
+                std::to_string(holders_[second]->pid()));
+  ip(first, "addr add " + subnet + "1/24 dev " + link);
+  ip(first, "link set " + link + " up");
+  ip(second, "addr add " + subnet + "2/24 dev " + otherLink);
+  ip(second, "link set " + otherLink + " up");
+}
+
+void Network::addBeyond() {
+  holders_[Beyond] = start(Near, "/usr/bin/unshare", std::vector<std::string>{"--net"} + stay);
+  holders_[Beyond]->waitForLine("ready");
+  join(Far, "out", Beyond, "beyond", "10.78.0.");
+  const Process routing = start(Far, "/bin/sh", {"-c", "echo 1 > /proc/sys/net/ipv4/ip_forward"});
+  if (routing->waitForExit().exitCode != 0)
+    throw std::runtime_error("the far machine cannot route: " + routing->standardError());
+  ip(Near, "route add 10.78.0.0/24 via 10.77.0.2");
+  ip(Beyond, "route add 10.77.0.0/24 via 10.78.0.1");
 }
 
 Network::Process Network::start(Side side, const std::string& program,

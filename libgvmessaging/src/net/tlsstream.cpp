@@ -16,6 +16,8 @@ namespace {
 // A record of TLS holds no more; it is what one read may bring.
 constexpr std::size_t recordSize = 16u << 10;
 
+const std::string failed = "TLS failed: ";
+
 bool expectAddress(SSL* state, const std::string& address) {
   return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(state), address.c_str()) == 1;
 }
@@ -39,9 +41,8 @@ void expectHost(SSL* state, const std::string& host) {
 std::string failureOf(const SSL* state) {
   const long verified = SSL_get_verify_result(state);
   const std::string noted = takeTlsError();
-  if (verified == X509_V_OK) return "TLS failed: " + noted;
-  return std::string("TLS failed: the peer's certificate is refused: ") +
-         X509_verify_cert_error_string(verified);
+  if (verified == X509_V_OK) return failed + noted;
+  return failed + "the peer's certificate is refused: " + X509_verify_cert_error_string(verified);
 }
 
 }  // namespace
@@ -196,7 +197,14 @@ void TlsStream::end(const std::string& failure) {
 }
 
 void TlsStream::onClosed(const std::string& cause) {
-  if (const auto handler = std::exchange(handler_, nullptr)) handler->onClosed(cause);
+  const auto handler = std::exchange(handler_, nullptr);
+  if (!handler) return;
+  bool isEarly = false;
+  {
+    const std::lock_guard lock(mutex_);
+    isEarly = !isSecure_ && !cause.starts_with(failed);
+  }
+  handler->onClosed(isEarly ? failed + (cause + ", before its handshake had ended") : cause);
 }
 
 void TlsStream::closeAfterFlush(const std::string& cause, std::chrono::milliseconds bound) {
