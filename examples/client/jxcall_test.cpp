@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <string>
@@ -114,7 +116,7 @@ const std::vector<Command> commands = {
      1,
      "",
      "jxcall: ServiceDirectory has no method 'pCall'\n"},
-    {{"--timeout", "0.2", "call", "Greeter", "count", "600"}, 1, "", "takes more than"},
+    {{"--timeout", "2", "call", "Greeter", "count", "60000"}, 1, "", "takes more than"},
     value("any", R"([null, true, 5, -3000000000, 18446744073709551615, 0.5, "a", [[]]])"),
     value("any", R"([{"$binary": "AP8="}, {"$text": "/w=="}, {"$float": "nan"}])"),
     value("any", "[0.001, 1.0e-04, 1000.0, 1.0e+22, 5.0e-324, 123456789012345680.0, -0.0]"),
@@ -144,6 +146,9 @@ const std::vector<Command> commands = {
     {{"call", "Greeter", "greet", "[1"}, 2, "", "jxcall: this is no JSON of a value: [1\n"},
     {{"call", "Greeter", "greet", "18446744073709551616"}, 2, "", "no JSON of a value"},
     {{"call", "Greeter", "greet", "\"\xff\""}, 2, "", "no JSON of a value"},
+    {{"call", "Greeter", "greet", R"("\ud800")"}, 2, "", "no JSON of a value"},
+    {{"call", "Greeter", "greet", R"({"a": 1})"}, 2, "", "no JSON of a value"},
+    {{"call", "Greeter", "mean", "[1e999]"}, 2, "", "no JSON of a value"},
     {{"call", "Greeter"}, 2, "", "usage: jxcall"},
     {{"--timeout", "never", "list"}, 2, "", "usage: jxcall"},
 };
@@ -154,19 +159,31 @@ std::string textOf(const Words& words) {
   return text;
 }
 
+/// The robot of the demo, on a port of its own.
+class Robot {
+ public:
+  explicit Robot(const Words& environment = {})
+      : process_(HELLO_ROBOT, {"127.0.0.1", "0"}, environment),
+        ready_(process_.waitForLine("listening on tcp://127.0.0.1:")) {}
+  std::string address() const { return ready_.substr(ready_.rfind("127.0.0.1:")); }
+  int port() const { return std::stoi(ready_.substr(ready_.rfind(':') + 1)); }
+
+ private:
+  ChildProcess process_;
+  const std::string ready_;
+};
+
 /// Runs the commands against a robot and a second process beside it, and checks what comes of them.
 /// An error that is given up to its end must be the whole one.
 void runAll(const std::string& program, const Words& first) {
-  ChildProcess robot(HELLO_ROBOT, {"127.0.0.1", "0"});
-  const std::string ready = robot.waitForLine("listening on tcp://127.0.0.1:");
-  const std::string address = ready.substr(ready.rfind("127"));
-  const int port = std::stoi(ready.substr(ready.rfind(':') + 1));
-  const auto broker = JX::JXBroker::createBroker("values", "127.0.0.1", 0, "127.0.0.1", port);
+  const Robot robot;
+  const auto broker =
+      JX::JXBroker::createBroker("values", "127.0.0.1", 0, "127.0.0.1", robot.port());
   JX::createModule<Values>(broker, "Values");
   for (const Command& command : commands) {
     SCOPED_TRACE(program + ' ' + textOf(command.words));
     Words words = first;
-    words.insert(words.end(), {"--address", address});
+    words.insert(words.end(), {"--address", robot.address()});
     words.insert(words.end(), command.words.begin(), command.words.end());
     ChildProcess client(program, words);
     EXPECT_EQ(client.waitForExit().exitCode, command.exitCode);
@@ -190,6 +207,44 @@ TEST(JxCall, InPythonPrintsTheSame) {
   runAll(python, inPython);
 }
 
+/// A key file of that name and content.
+std::string keyFile(const std::string& name, const std::string& lines) {
+  const std::string path = KEY_FILES + name;
+  std::ofstream(path) << lines;
+  std::filesystem::permissions(
+      path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  return path;
+}
+
+TEST(JxCall, ProvesItsKeyAndHasTheRobotProveIts) {
+  const std::string ours = "one key of the robot", next = "the robot's next key";
+  const Robot keyed({"GV_AUTH_KEY_FILE=" + keyFile("robot", next + '\n' + ours + '\n')});
+  const Robot open;
+  const std::string both = keyFile("both", "# ours\n\n " + ours + " \n" + next + '\n');
+  const std::string old = keyFile("old", ours + '\n');
+  const std::string foreign = keyFile("foreign", "a key that nobody has\n");
+  const std::vector<std::tuple<const Robot&, Words, int>> cases = {
+      {keyed, {"--key-file", both}, 0},
+      {keyed, {"--key-file", old}, 1},  // the robot proves its first one
+      {keyed, {"--key-file", foreign}, 1},
+      {keyed, {"--key-file", keyFile("empty", "# none\n")}, 1},
+      {keyed, {}, 1},
+      {open, {"--key-file", both}, 1},
+  };
+  for (const auto& [robot, options, exitCode] : cases) {
+    for (const bool isPython : {false, true}) {
+      Words words = isPython ? inPython : Words();
+      words.insert(words.end(), {"--address", robot.address()});
+      words.insert(words.end(), options.begin(), options.end());
+      words.insert(words.end(), {"call", "Greeter", "add", "1", "2"});
+      SCOPED_TRACE(textOf(words));
+      ChildProcess client(isPython ? python : JXCALL, words);
+      EXPECT_EQ(client.waitForExit().exitCode, exitCode) << client.standardError();
+      EXPECT_EQ(client.standardOutput(), exitCode == 0 ? "3\n" : "");
+    }
+  }
+}
+
 /// A header of that type, which announces a payload of so many bytes (four, little-endian).
 std::string header(char type, const std::string& size) {
   return std::string("GVM\x01", 4) + type + std::string(3, '\0') + size + std::string(52, '\0');
@@ -197,6 +252,7 @@ std::string header(char type, const std::string& size) {
 
 TEST(JxCall, InPythonSaysWhatIsWrongWithAPeerAndEnds) {
   const std::string one("\x01\0\0\0", 4), four("\x04\0\0\0", 4), tooMuch("\x01\0\x01\0", 4);
+  const std::string silence = "no answer";
   const std::vector<std::pair<std::string, std::string>> peers = {
       {"HTTP/1.1 400 Bad Request", "begin no frame"},
       {header(2, tooMuch), "a payload of 65537 bytes, 65536 at most"},
@@ -205,14 +261,16 @@ TEST(JxCall, InPythonSaysWhatIsWrongWithAPeerAndEnds) {
       {header(2, one) + "\x90", "signature '(ua{sv}ssu)'"},
       {header(8, one) + "\xc0", "the peer asks for a key"},
       {header(6, four) + "\xa3no!", "refuses: no!"},
-      {header(2, one), "no answer"},
-      {"", "no answer"},
+      {header(2, one), silence},
+      {"", silence},
   };
   for (const auto& [sends, says] : peers) {
     SCOPED_TRACE(says);
     house::RawListener listener;
     Words words = inPython;
-    words.insert(words.end(), {"--timeout", "1", "--address", listener.url().substr(6), "list"});
+    const std::string timeout = says == silence ? "0.5" : "20";
+    words.insert(words.end(),
+                 {"--timeout", timeout, "--address", listener.url().substr(6), "list"});
     ChildProcess client(python, words);
     house::RawPeer peer = listener.accept();
     peer.send(sends);

@@ -122,7 +122,7 @@ class Module:
         for method in self.named(name):
             try:
                 fitting.append((*method.encode(arguments), method))
-            except Unfit as error:
+            except ValueError as error:
                 reasons.append(f"\n  {method}: {error}")
         if not fitting:
             raise Failure(f"{self.name}: the arguments do not fit" + "".join(reasons))

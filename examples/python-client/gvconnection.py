@@ -73,8 +73,11 @@ class Connection:
         self._last_id = 0
         self._loans: list[int] = []
         deadline = time.monotonic() + bound
-        host, _, port = address.removeprefix("tcp://").rpartition(":")
+        protocol, _, place = address.partition("://")
+        host, _, port = place.rpartition(":")
         try:
+            if protocol != "tcp":
+                raise ValueError("this client speaks tcp:// only")
             self._socket = socket.create_connection((host.strip("[]"), int(port)), bound)
             self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             self.is_loopback = self._socket.getpeername()[0] in ("127.0.0.1", "::1")
@@ -98,9 +101,12 @@ class Connection:
 
         Throws CallFailed, ConnectionLost, TimedOut."""
         deadline = time.monotonic() + bound
+        payload = pack(arguments)
+        if len(payload) > LARGEST_PAYLOAD:
+            raise Failure(f"arguments of {len(payload)} bytes, {LARGEST_PAYLOAD} at most")
         self._last_id += 1
         message = self._last_id
-        self._send(CALL, pack(arguments), deadline, service=service, member=member, id_=message)
+        self._send(CALL, payload, deadline, service=service, member=member, id_=message)
         while True:
             frame = self._read(deadline, LARGEST_PAYLOAD)
             if frame.type not in (CALL, POST, REPLY, ERROR, EVENT):

@@ -5,6 +5,7 @@ or a list; a list stands for tuples and structs, too, and one of [key, value] li
 """
 from __future__ import annotations
 
+import reprlib
 import struct
 from typing import Any, NamedTuple
 
@@ -76,13 +77,16 @@ def signature_of(value: Any) -> str:
             if INTEGERS[code][0] <= value <= INTEGERS[code][1]:
                 return code
         raise Unfit(f"{value} does not fit into 64 bits")
-    return {bool: "b", float: "d", str: "s", bytes: "r", list: "av"}[type(value)]
+    signature = {bool: "b", float: "d", str: "s", bytes: "r", list: "av"}.get(type(value))
+    if signature is None:
+        raise Unfit(f"a {type(value).__name__} has no signature")
+    return signature
 
 
 def encode(value: Any, kind: Type, level: int = 0) -> Any:
     """What MessagePack is to write for a value as that type. Converts only where nothing is lost.
 
-    Throws Unfit."""
+    Throws Unfit, and UnicodeEncodeError for surrogates that stand for no byte."""
     if level > MOST_LEVELS:
         raise Unfit(f"a value of more than {MOST_LEVELS} levels")
 
@@ -104,7 +108,10 @@ def encode(value: Any, kind: Type, level: int = 0) -> Any:
             return int(value)
     if code in ("f", "d") and type(value) in (int, float) and _holds(code, value):
         return float(value)
-    if (code == "s" and isinstance(value, str)) or (code == "r" and isinstance(value, bytes)):
+    if code == "s" and isinstance(value, str):
+        value.encode(errors="surrogateescape")
+        return value
+    if code == "r" and isinstance(value, bytes):
         return value
     if isinstance(value, list):
         if code == "a":
@@ -115,7 +122,7 @@ def encode(value: Any, kind: Type, level: int = 0) -> Any:
             pairs = {_key(inside(key, parts[0])): inside(item, parts[1]) for key, item in value}
             if len(pairs) == len(value):
                 return pairs
-    raise Unfit(f"{value!r} does not convert to '{kind.text}'")
+    raise Unfit(f"{reprlib.repr(value)} does not convert to '{kind.text}'")
 
 
 def _holds(code: str, number: int | float) -> bool:
@@ -161,4 +168,4 @@ def decode(raw: Any, kind: Type, level: int = 0) -> Any:
             return inside(raw[0], parts[0]) if raw else None
     if code == "o":
         raise Unfit("it is an object, which this client does not take")
-    raise Unfit(f"expected a value of signature '{kind.text}', got {raw!r:.80}")
+    raise Unfit(f"expected a value of signature '{kind.text}', got {reprlib.repr(raw)}")

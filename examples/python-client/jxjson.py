@@ -14,7 +14,7 @@ FLOATS = {"nan": math.nan, "inf": math.inf, "-inf": -math.inf}
 
 def value_of(text: str) -> Any:
     """The value of a JSON text. Throws ValueError."""
-    text.encode()  # what is not UTF-8 is not JSON
+    json.dumps(json.loads(text), ensure_ascii=False).encode()  # refuses what is not UTF-8
     value = json.loads(
         text,
         object_pairs_hook=_special,
