@@ -251,7 +251,8 @@ std::string header(char type, const std::string& size) {
 }
 
 TEST(JxCall, InPythonSaysWhatIsWrongWithAPeerAndEnds) {
-  const std::string one("\x01\0\0\0", 4), four("\x04\0\0\0", 4), tooMuch("\x01\0\x01\0", 4);
+  const std::string one("\x01\0\0\0", 4), four("\x04\0\0\0", 4), eight("\x08\0\0\0", 4),
+      tooMuch("\x01\0\x01\0", 4);
   const std::string silence = "no answer";
   const std::vector<std::pair<std::string, std::string>> peers = {
       {"HTTP/1.1 400 Bad Request", "begin no frame"},
@@ -261,6 +262,7 @@ TEST(JxCall, InPythonSaysWhatIsWrongWithAPeerAndEnds) {
       {header(2, one) + "\x90", "signature '(ua{sv}ssu)'"},
       {header(8, one) + "\xc0", "the peer asks for a key"},
       {header(6, four) + "\xa3no!", "refuses: no!"},
+      {header(2, eight) + "\x95\x01\x80\xa1s\xa1m\x01" + std::string(64, '\1'), "begin no frame"},
       {header(2, one), silence},
       {"", silence},
   };

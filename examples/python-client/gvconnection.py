@@ -191,10 +191,12 @@ class Connection:
 
     def _read(self, deadline: float, largest: int) -> Frame:
         """The next frame. A part of one that was there when the bound passed is kept."""
-        while len(self._received) < HEADER.size:
-            self._receive(deadline)
+        while True:
             if self._received[:4] != MAGIC[: len(self._received)]:
                 raise self._broken("bytes that begin no frame of version 1")
+            if len(self._received) >= HEADER.size:
+                break
+            self._receive(deadline)
         (_, _, type_, call_type, reserved, size, _, _, _, id_, _, _, reserved_too, _
          ) = HEADER.unpack_from(self._received)
         if not HELLO <= type_ <= PROOF or call_type > 2 or reserved or reserved_too:
