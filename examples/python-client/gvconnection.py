@@ -241,13 +241,15 @@ class Connection:
                 object_pairs_hook=Pairs,
                 ext_hook=self._note_loan,
             )
-        except (ValueError, RecursionError) as error:
+        except (ValueError, TypeError, RecursionError) as error:
             raise self._broken(f"a payload that is no MessagePack value: {error}") from None
 
     def _note_loan(self, code: int, content: bytes) -> None:
         """An object, which this client cannot hold: it goes back to its owner."""
         if code == LENT_OBJECT:
-            self._loans.append(msgpack.unpackb(content, unicode_errors="surrogateescape")[0])
+            description = msgpack.unpackb(content, unicode_errors="surrogateescape")
+            decode(description[:1], parse("(u)"))
+            self._loans.append(description[0])
 
     def _give_back(self, deadline: float) -> None:
         while self._loans:
