@@ -11,7 +11,9 @@ from __future__ import annotations
 
 from typing import Any, NamedTuple, Sequence
 
-from gvconnection import CallFailed, Connection, ConnectionLost, Failure, TimedOut, read_keys
+from gvconnection import Connection
+from gverrors import CallFailed, ConnectionLost, Failure, TimedOut
+from gvkeys import read_keys
 from gvvalues import INTEGERS, Type, Unfit, encode, parse
 
 __all__ = [

@@ -5,8 +5,6 @@ Every operation has a bound, in seconds; a peer that sends nothing, or too much,
 from __future__ import annotations
 
 import contextlib
-import hashlib
-import hmac
 import os
 import secrets
 import socket
@@ -17,6 +15,8 @@ from typing import Any, NamedTuple, Sequence
 
 import msgpack
 
+from gverrors import CallFailed, ConnectionLost, Failure, TimedOut
+from gvkeys import is_proof_of_server, proof_of_client
 from gvvalues import Pairs, Unfit, decode, parse
 
 HEADER = struct.Struct("<3sBBBHIIIIQQII16s")
@@ -26,22 +26,6 @@ LARGEST_PAYLOAD = 64 * 2**20
 LARGEST_GREETING = 64 * 2**10
 RELEASE = 8  # the member that gives loans of objects back
 LENT_OBJECT = 1  # the ext type of an object that the sender lends
-
-
-class Failure(Exception):
-    """What went wrong, for a person: what, with which peer, what was expected."""
-
-
-class CallFailed(Failure):
-    """The peer answered with an error; its text is the message."""
-
-
-class ConnectionLost(Failure):
-    """The connection has ended, or the peer broke the rules; a call under way may have run."""
-
-
-class TimedOut(Failure):
-    """The bound has passed. A call goes on at the peer; its late reply is ignored."""
 
 
 class Frame(NamedTuple):
@@ -122,7 +106,7 @@ class Connection:
                 self._send(ERROR, text, deadline, id_=frame.message_id)
 
     def value(self, payload: bytes, signature: str) -> Any:
-        """The value of a payload; what it lends is given back. Throws CallFailed, ConnectionLost."""
+        """The value of a payload; what it lends goes back. Throws CallFailed, ConnectionLost."""
         raw = self._unpack(payload)
         self._give_back(time.monotonic() + 1)
         try:
@@ -159,8 +143,7 @@ class Connection:
         nonce = self.value(challenge.payload, "r")
         if len(nonce) != 32:
             raise self._broken(f"a challenge of {len(nonce)} bytes, expected 32")
-        said = hashlib.sha256(hello).digest() + nonce
-        self._send(PROOF, pack(_seal(keys[0], b"gv1 client" + said)), deadline)
+        self._send(PROOF, pack(proof_of_client(keys[0], hello, nonce)), deadline)
         frame = self._read(deadline, LARGEST_GREETING)
         if frame.type != PROOF:
             if frame.type == WELCOME:
@@ -168,9 +151,7 @@ class Connection:
             return frame
         proof = self.value(frame.payload, "r")
         welcome = self._read(deadline, LARGEST_GREETING)
-        said += hashlib.sha256(welcome.payload).digest()
-        rights = [hmac.compare_digest(_seal(key, b"gv1 server" + said), proof) for key in keys]
-        if not any(rights):
+        if not is_proof_of_server(keys, proof, hello, nonce, welcome.payload):
             raise self._broken("a proof by none of the keys")
         return welcome
 
@@ -258,19 +239,3 @@ class Connection:
 
 def pack(value: Any) -> bytes:
     return msgpack.packb(value, unicode_errors="surrogateescape")
-
-
-def _seal(key: bytes, text: bytes) -> bytes:
-    return hmac.digest(key, text, "sha256")
-
-
-def read_keys(path: str) -> list[bytes]:
-    """The keys of a key file: its lines but for blank ones and those that begin with "#"."""
-    try:
-        lines = [line.strip() for line in Path(path).read_bytes().split(b"\n")]
-    except OSError as error:
-        raise Failure(f"cannot read the key file {path}: {error.strerror}") from None
-    keys = [line for line in lines if line and not line.startswith(b"#")]
-    if not keys:
-        raise Failure(f"the key file {path} holds no key")
-    return keys
