@@ -1,4 +1,5 @@
-// A connection survives any bytes of its peer, ends once, and answers nothing before the handshake.
+// A connection survives any bytes of its peer, ends once, answers nothing before the handshake, and
+// with a key opens for nobody who does not have it.
 
 #include <cstdint>
 #include <string_view>
@@ -13,20 +14,22 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   return 0;
 }
 
-// The first byte says who the connection is, whether a good greeting comes first, and how the rest
-// is split.
+// The first byte says who the connection is, whether a good greeting comes first, whether it has a
+// key, and how the rest is split.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using gv::rpc::Role;
   using gv::wire::FrameType;
   if (size == 0) return 0;
   const Role role = (data[0] & 1) != 0 ? Role::Client : Role::Server;
-  const bool greets = (data[0] & 2) != 0;
-  const std::size_t piece = 1 + (data[0] >> 2);
+  const bool hasKey = (data[0] & 0x80) != 0;
+  const bool greets = (data[0] & 2) != 0 && !hasKey;
+  const std::size_t piece = 1 + (data[0] >> 2) % 32;
   const std::string_view bytes(reinterpret_cast<const char*>(data + 1), size - 1);
 
   gv::rpc::Greeting own;
   own.sessionId = "fuzz";
-  gv::MemoryPeer peer(role, own, {});
+  static const auto keys = gv::rpc::KeyRing::parse("a key that no input can know");
+  gv::MemoryPeer peer(role, {own, hasKey ? keys : nullptr}, {});
   peer.heardSoFar();
   if (greets) {
     peer.tell(gv::greetingFrame(role == Role::Server ? FrameType::Hello : FrameType::Welcome, own));
@@ -34,6 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   peer.tell(bytes, piece);
   fuzz::require(peer.opened <= 1, "a connection opens once");
+  fuzz::require(!hasKey || peer.opened == 0, "nobody gets in without the key");
   fuzz::require(peer.opened == 1 || !peer.connection->isOpen(), "open only when told so");
   // One refusal of the greeting at most: its text is bounded.
   if (peer.opened == 0)

@@ -18,6 +18,11 @@ constexpr std::size_t recordSize = 16u << 10;
 
 const std::string failed = "TLS failed: ";
 
+std::string encryptedName(const std::string& name) {
+  const std::string plain = "tcp:";
+  return name.starts_with(plain) ? "tcps:" + name.substr(plain.size()) : name;
+}
+
 bool expectAddress(SSL* state, const std::string& address) {
   return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(state), address.c_str()) == 1;
 }
@@ -59,7 +64,7 @@ std::shared_ptr<Stream> TlsStream::over(std::shared_ptr<Stream> inner, const Tls
 TlsStream::TlsStream(std::shared_ptr<Stream> inner, const TlsContext& context,
                      const std::string& host)
     : inner_(std::move(inner)),
-      peerName_("tcps" + inner_->peerName().substr(inner_->peerName().find(':'))),
+      peerName_(encryptedName(inner_->peerName())),
       received_(recordSize),
       state_(context.open()) {
   BIO* const in = BIO_new(BIO_s_mem());
