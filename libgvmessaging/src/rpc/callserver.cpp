@@ -6,7 +6,6 @@
 #include <utility>
 
 #include <gv/eventloop.h>
-#include <gv/log.h>
 #include <gvtype/callgate.h>
 #include <gvtype/dynamicobject.h>
 
@@ -15,6 +14,7 @@
 #include "src/rpc/callcontext.h"
 #include "src/rpc/connection.h"
 #include "src/rpc/frameworkmethods.h"
+#include "src/rpc/peerlog.h"
 #include "src/rpc/releasedelsewhere.h"
 #include "src/wire/message.h"
 #include "src/wire/valuewriter.h"
@@ -334,9 +334,10 @@ void CallServer::reply(const wire::FrameHeader& call, const std::string& returnS
 
 void CallServer::replyError(const wire::FrameHeader& call, const std::string& text) {
   if (call.type == wire::FrameType::Post) {
-    GV_LOG(log::Level::Warning, category, "post",
-           "a post of " + connection_.peerName() + " to service " + std::to_string(call.service) +
-               " was dropped: " + shortened(text));
+    logOfPeer(log::Level::Warning, category, "post", connection_.peerAddress(), [&] {
+      return "a post of " + connection_.peerName() + " to service " + std::to_string(call.service) +
+             " was dropped: " + shortened(text);
+    });
     return;
   }
   const std::string sent = shortened(text);
@@ -371,7 +372,8 @@ void CallServer::sendEvent(const ObjectAddress& object, const MetaSignal& signal
   if (const std::string bound = exceededOutput(); !bound.empty()) {
     const std::string cause =
         "the peer did not read the events of its subscriptions: cut at " + bound;
-    GV_LOG(log::Level::Warning, category, "sendEvent", connection_.peerName() + ": " + cause);
+    logOfPeer(log::Level::Warning, category, "sendEvent", connection_.peerAddress(),
+              [&] { return connection_.peerName() + ": " + cause; });
     relay_->end();
     return stream_.close(cause);
   }
