@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <gvmessaging/session.h>
+#include <jxcommon/jxproxy.h>
 
 #include "robotprocess.h"
 #include "scale.h"
@@ -234,6 +235,35 @@ TEST(GreedyConnection, LeavesAModestOneItsTurn) {
   RecordProperty("besideUs", std::to_string(beside.count()));
   RecordProperty("greedyWindows", flood.stop());
   EXPECT_LT(beside, std::max<std::chrono::microseconds>(10 * idle, 100ms));
+}
+
+TEST(FloodOfPostedCalls, IsRefusedAtALimitOfThatPeerWhichStopsMustNotPass) {
+  const house::Watchdog watchdog("floods of posted calls", std::chrono::seconds(110));
+  RobotProcess robot({}, {"GV_EVENTLOOP_MAX_THREADS=16", "GV_LOG=error"});
+  const long before = robot.figures().residentKiB;
+  const auto flooder = robot.join("flooder");
+  JX::JXProxy proxy(flooder, "Robot");
+  int last = 0, taken = 0;
+  const std::string refusal = errorOf([&] {
+    for (; taken < 20'000; ++taken) {
+      last = proxy.pCall("hold", std::string("for ever"));
+      proxy.stop(last);  // which it does not heed
+    }
+  });
+  EXPECT_NE(refusal.find("too many posted calls"), std::string::npos) << refusal;
+  EXPECT_EQ(taken, 10'000);
+  EXPECT_EQ(proxy.call<int>("add", 1, 2), 3);
+  EXPECT_TRUE(proxy.isRunning(last));
+  const auto other = robot.join("other");
+  JX::JXProxy others(other, "Robot");
+  EXPECT_GT(others.pCall("hold", std::string("for ever")), last) << "others are not held to it";
+  const long grown = robot.figures().residentKiB - before;
+  RecordProperty("residentKiBGrown", std::to_string(grown));
+  if (!isSanitized) {
+    EXPECT_LT(grown, 64 * 1024);
+  }
+  for (const auto& broker : {flooder, other}) broker->shutdown();
+  robot.kill();
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include <gv/eventloop.h>
 #include <gvtype/callgate.h>
+#include <gvtype/callorigin.h>
 #include <gvtype/dynamicobject.h>
 
 #include "src/net/readers.h"
@@ -93,6 +94,18 @@ struct AcceptedCall {
   wire::Frame frame;
   CallTarget target;
   std::optional<GenericFunctionParameters> arguments;  // where they may name objects
+};
+
+class OfThisPeer final : public CallOrigin {
+ public:
+  OfThisPeer(const CallServer& server, const wire::FrameHeader& header)
+      : server_(server), header_(header) {}
+
+ private:
+  std::shared_ptr<const void> hold() const override { return server_.holdLeftRunning(header_); }
+
+  const CallServer& server_;
+  const wire::FrameHeader& header_;
 };
 
 CallServer::CallServer(Connection& connection, net::Stream& stream, ObjectExchange& objects,
@@ -196,6 +209,15 @@ void CallServer::checkBudget(const wire::Frame& frame) {
   throw std::runtime_error("too many calls of this connection are under way");
 }
 
+/// Not counted with the calls: whoever has too much running must be able to stop it.
+std::shared_ptr<const void> CallServer::holdLeftRunning(const wire::FrameHeader& header) const {
+  if (leftRunning_->calls >= limits_.acceptedCalls || leftRunning_->bytes >= limits_.acceptedBytes)
+    throw std::runtime_error("too many posted calls of this connection have not ended: at most " +
+                             std::to_string(limits_.acceptedCalls) + ", and " +
+                             std::to_string(limits_.acceptedBytes >> 20) + " MiB of arguments");
+  return std::make_shared<CallBudget::Share>(leftRunning_, 1, header.payloadSize);
+}
+
 std::shared_ptr<CallBudget::Share> CallServer::shareOf(const wire::FrameHeader& header) const {
   return std::make_shared<CallBudget::Share>(budget_, 1, header.payloadSize);
 }
@@ -277,6 +299,8 @@ Future<AnyReference> CallServer::startMethod(const wire::FrameHeader& header,
     return relay_->subscribe(connection_.shared_from_this(), addressOf(header), target.object,
                              arguments[0].to<unsigned>(), arguments[1].to<std::uint64_t>());
   const CallContextScope scope(contextOf(header));
+  const OfThisPeer peer(*this, header);
+  const CallOrigin::Scope served(peer);
   const CallGate gate{host_, header.service, &checkService};
   std::optional<CallGateScope> gated;
   if (header.service != 0) gated.emplace(gate);
