@@ -40,9 +40,9 @@ struct Record {
 /// Names a handler; 0 is never one.
 using HandlerId = std::uint64_t;
 /// The handler that is there from the start and writes to the standard error, one line a record,
-/// control characters escaped. A closed standard error is ignored. One that blocks, such as a full
-/// pipe that nobody reads, blocks every thread that logs: where that may happen, remove this
-/// handler and add one that does not block.
+/// control characters escaped. It never waits for who reads that: what a full pipe, socket or
+/// terminal does not take is lost, and the next line that it takes says how many records were. A
+/// closed standard error is ignored.
 inline constexpr HandlerId DefaultHandler = 1;
 
 /// Adds a handler, called with every enabled record from now on: in the thread that logs, before

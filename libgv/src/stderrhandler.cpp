@@ -2,8 +2,10 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <spdlog/details/null_mutex.h>
 #include <spdlog/logger.h>
-#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/sinks/base_sink.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -11,6 +13,8 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+
+#include "src/lossyoutput.h"
 
 namespace gv::log {
 namespace {
@@ -37,15 +41,33 @@ spdlog::level::level_enum spdlogLevel(Level level) {
 
 /// Not one of spdlog's sinks with a lock: these share it with the whole program, and it would stay
 /// locked in the child of a fork.
+class StderrSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+ public:
+  /// Whether the last record was written, and wholly.
+  bool isWritten() const { return isWritten_; }
+
+ private:
+  void sink_it_(const spdlog::details::log_msg& record) override {
+    spdlog::memory_buf_t line;
+    formatter_->format(record, line);
+    isWritten_ = output_.write({line.data(), line.size()});
+  }
+  void flush_() override {}
+
+  LossyOutput output_{STDERR_FILENO};
+  bool isWritten_ = false;
+};
+
 struct StderrWriter {
-  explicit StderrWriter(const StderrWriter* before)
-      : replaced(before), logger("gv", std::make_shared<spdlog::sinks::stderr_sink_st>()) {
+  explicit StderrWriter(const StderrWriter* before) : replaced(before), logger("gv", sink) {
     logger.set_level(spdlog::level::trace);
     logger.set_pattern("[%L] %v");
   }
 
   const StderrWriter* const replaced;  // never destroyed: another thread's lock in it is not ours
-  std::mutex mutex;                    // guards the logger
+  std::mutex mutex;                    // guards what follows
+  unsigned long lost = 0;              // records since the last one that was written
+  const std::shared_ptr<StderrSink> sink = std::make_shared<StderrSink>();
   spdlog::logger logger;
 };
 
@@ -154,16 +176,24 @@ std::string escapeControls(std::string_view text) {
 }
 
 void writeToStderr(const Record& record) {
-  std::string line = timeText(record.time) + ' ' + std::to_string(record.threadId) + ' ' +
-                     escapeControls(record.category);
+  const std::string begin = timeText(record.time) + ' ' + std::to_string(record.threadId) + ' ';
+  std::string line = begin + escapeControls(record.category);
   if (!record.function.empty()) line += ": " + escapeControls(record.function);
   line += ": " + escapeControls(record.text);
   SigpipeGuard guard;
   StderrWriter& writer = stderrWriter();
   std::lock_guard lock(writer.mutex);
   // Passed as text, not as a format: braces in it mean nothing.
-  writer.logger.log(record.time, spdlog::source_loc{}, spdlogLevel(record.level),
-                    spdlog::string_view_t(line));
+  const auto write = [&](Level level, const std::string& text) {
+    writer.logger.log(record.time, spdlog::source_loc{}, spdlogLevel(level),
+                      spdlog::string_view_t(text));
+    return writer.sink->isWritten();
+  };
+  const bool hasRoom = writer.lost == 0 ||
+                       write(Level::Warning, begin + "gv.log: nobody read the standard error: " +
+                                                 std::to_string(writer.lost) + " records are lost");
+  if (hasRoom) writer.lost = 0;
+  if (!hasRoom || !write(record.level, line)) ++writer.lost;
 }
 
 void renewStderrAfterFork() {

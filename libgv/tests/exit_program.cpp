@@ -1,6 +1,8 @@
 // Ends a process in the midst of work, in the way named by its argument. Run by exit_test.cpp.
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -200,6 +202,54 @@ int logToClosedPipe() {
   return 0;
 }
 
+/// Logs more than the standard error takes, which nobody reads; then reads it, and checks that each
+/// record came or was counted.
+int logUnread(int readEnd, int writeEnd) {
+  dup2(writeEnd, STDERR_FILENO);
+  const auto log = [](const std::string& text) {
+    gv::log::write(gv::log::Level::Error, "unread", "", "", 0, text);
+  };
+  constexpr int records = 5000;
+  // Some are longer than what a pipe takes in one piece, and some are cut short by its end.
+  for (int i = 0; i < records; ++i) log("record " + std::string(i % 50 == 0 ? 9000 : i % 97, '-'));
+  fcntl(readEnd, F_SETFL, O_NONBLOCK);
+  std::string text;
+  const auto readAll = [&] {
+    char bytes[4096];
+    for (ssize_t got; (got = read(readEnd, bytes, sizeof bytes)) > 0;)
+      text.append(bytes, static_cast<std::size_t>(got));
+  };
+  readAll();
+  const bool isLastCut = !text.ends_with('\n');
+  log("the last one");
+  readAll();
+  const auto count = [&text](const std::string& part) {
+    int found = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++found;
+    return found;
+  };
+  const std::string note = "nobody read the standard error: ";
+  if (count(note) != 1 || count("unread: the last one") != 1) return 8;
+  const int lost = std::stoi(text.substr(text.find(note) + note.size()));
+  return count("unread: record ") - (isLastCut ? 1 : 0) + lost == records ? 0 : 9;
+}
+
+int logToUnreadPipe() {
+  int ends[2];
+  return pipe(ends) == 0 ? logUnread(ends[0], ends[1]) : 7;
+}
+
+int logToUnreadSocket() {
+  int ends[2];
+  return socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0 ? logUnread(ends[0], ends[1]) : 7;
+}
+
+int logToUnreadTerminal() {
+  const int master = posix_openpt(O_RDWR | O_NOCTTY);
+  if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return 7;
+  return logUnread(master, open(ptsname(master), O_RDWR | O_NOCTTY));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -217,6 +267,9 @@ int main(int argc, char** argv) {
       {"settings", readSettings},
       {"log-lines", logLines},
       {"log-to-closed-pipe", logToClosedPipe},
+      {"log-to-unread-pipe", logToUnreadPipe},
+      {"log-to-unread-socket", logToUnreadSocket},
+      {"log-to-unread-terminal", logToUnreadTerminal},
   };
   const auto way = ways.find(argc > 1 ? argv[1] : "");
   return way == ways.end() ? 2 : way->second();

@@ -73,4 +73,11 @@ TEST(DefaultHandler, ClosedStandardErrorDoesNotEndTheProcess) {
   endOf(program);
 }
 
+TEST(DefaultHandler, LosesAndCountsWhatNobodyReads) {
+  for (const char* way : {"log-to-unread-pipe", "log-to-unread-socket", "log-to-unread-terminal"}) {
+    house::ChildProcess program(GV_EXIT_PROGRAM, {way});
+    EXPECT_EQ(program.waitForExit().exitCode, 0) << way;
+  }
+}
+
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -24,6 +25,8 @@ struct JXPCallTask {
   /// Settles when the call has ended, however it did.
   const gv::Promise<void> promise{gv::FutureCallbackType::Sync};
   std::atomic<bool> hasEnded{false};
+  /// Counts the call among those of the peer that posted it, if one did.
+  std::shared_ptr<const void> held;
 
   /// Settles the promise, once.
   void end() {

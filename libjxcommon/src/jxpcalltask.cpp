@@ -7,6 +7,7 @@
 #include <gv/eventloop.h>
 #include <gv/log.h>
 #include <gv/os.h>
+#include <gvtype/callorigin.h>
 #include <gvtype/metacall.h>
 #include <jxcommon/jxmodulecore.h>
 #include <jxcommon/jxproxy.h>
@@ -230,8 +231,11 @@ int JXModuleCore::_pCall(unsigned methodId, const std::vector<gv::AnyValue>& arg
                   "Cant find methodId #" + std::to_string(methodId) + " on module:" + d->name, file,
                   unknownMethodLine);
   const auto self = shared_from_this();
+  auto held = gv::CallOrigin::holdOne();
   const auto call = std::make_shared<PostedCall>(self);
-  call->give(d->addTask(id));
+  JXPCallTask* const task = d->addTask(id);
+  call->give(task);
+  task->held = std::move(held);
   gv::getEventLoop()->post([=, function = *function, context = asObject(),
                             caller = gv::os::gettid(),
                             parameters = referencesTo(arguments).copy()]() mutable {

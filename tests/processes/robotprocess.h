@@ -23,6 +23,7 @@ class RobotProcess {
   int port() const { return port_; }
   const std::string& address() const { return address_; }
   Figures figures() const { return figuresOf(process_.pid()); }
+  std::chrono::milliseconds processorTime() const { return processorTimeOf(process_.pid()); }
 
   /// A new child broker of the robot, in this process. The caller shuts it down.
   boost::shared_ptr<JX::JXBroker> join(const std::string& name) const;
@@ -31,6 +32,7 @@ class RobotProcess {
   void waitUntilHolding(const std::string& key) { waitForLine("holding " + key); }
   void waitForLine(const std::string& part) { process_.waitForLine(part); }
   std::string output() { return process_.standardOutput(); }
+  std::string errors() { return process_.standardError(); }
 
   /// Kills it, or sends it another signal.
   void kill(int signal = SIGKILL) { process_.kill(signal); }

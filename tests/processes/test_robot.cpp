@@ -1,12 +1,14 @@
 // A robot for tests: publishes the module "Robot" on a free port of 127.0.0.1, says where, and
 // serves until it is told to end. With arguments: another name, and the port of the robot that it
-// joins.
+// joins. TEST_DESCRIPTORS in the environment: how many it may have.
 
 #include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 
 #include <condition_variable>
+#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <mutex>
@@ -160,6 +162,10 @@ int main(int argc, char* argv[]) {
   sigemptyset(&endSignals);
   sigaddset(&endSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);  // before there is any other thread
+  if (const char* most = std::getenv("TEST_DESCRIPTORS")) {
+    const rlimit limit{std::stoul(most), std::stoul(most)};
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 1;
+  }
   try {
     const std::string name = argc > 1 ? argv[1] : "Robot";
     const int port = argc > 2 ? std::stoi(argv[2]) : 0;

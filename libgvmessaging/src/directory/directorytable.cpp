@@ -3,11 +3,11 @@
 #include <limits>
 #include <stdexcept>
 
-#include <gv/log.h>
 #include <gv/os.h>
 #include <gvtype/metaobject.h>
 
 #include "src/directory/endpoints.h"
+#include "src/rpc/peerlog.h"
 
 namespace gv::directory {
 namespace {
@@ -29,9 +29,11 @@ std::vector<Url> believed(const Registrant& who, const std::vector<std::string>&
     if (who.connectionId == 0 || canHave(who.address, url.host(), ownHosts))
       endpoints.push_back(url);
     else
-      GV_LOG(log::Level::Info, "gvmessaging.directory", "announceEndpoints",
-             "leaving out the endpoint " + url.str() + ", which a peer at " + who.address +
-                 " announced and cannot be shown to have");
+      rpc::logOfPeer(log::Level::Info, "gvmessaging.directory", "announceEndpoints", who.address,
+                     [&] {
+                       return "leaving out the endpoint " + url.str() + ", which a peer at " +
+                              who.address + " announced and cannot be shown to have";
+                     });
   }
   return endpoints;
 }

@@ -21,7 +21,8 @@ namespace gv::net {
 /// Places are limited in all and for each address. Who finds none is parked, unread. The newest
 /// parked is next: it is the one whose owner still waits. While somebody is parked, a handshake
 /// under way for longer than the limit gives its place away, so that peers which send nothing, or
-/// a byte now and then, never keep a real client out.
+/// a byte now and then, never keep a real client out; a quarter of that is enough while no more can
+/// be parked. All of them together hold a quarter of the process's descriptors at most.
 class GVMESSAGING_API Admission {
  public:
   using Id = std::uint64_t;
@@ -33,13 +34,17 @@ class GVMESSAGING_API Admission {
     std::vector<Id> close;  ///< Close these: too slow, or parked for too long.
   };
 
-  explicit Admission(const wire::Limits& limits) : limits_(limits) {}
+  /// @p descriptors is how many the process may have.
+  Admission(const wire::Limits& limits, std::size_t descriptors);
 
   /// A connection @p id, of a number not in use, was accepted from @p address.
   [[nodiscard]] Decision arrived(Id id, const std::string& address, Time now);
 
   /// The handshake of @p id succeeded, or the connection went, parked or not. Unknown: no effect.
   [[nodiscard]] Decision finished(Id id, Time now);
+
+  /// The system has no descriptor for another one: the oldest parked goes, or a slow handshake.
+  [[nodiscard]] Decision outOfDescriptors(Time now);
 
   /// Time has passed; to be called at nextLook().
   [[nodiscard]] Decision timePassed(Time now);
@@ -58,14 +63,17 @@ class GVMESSAGING_API Admission {
   };
   using Entries = std::deque<Entry>;
 
+  std::chrono::milliseconds patience() const;
+  void dropOldestParked(Decision& decision);
   void placeParked(Time now, Decision& decision);
   bool makeRoom(const std::string& address, Time now, Decision& decision);
   bool hasPlace(const std::string& address) const;
   void begin(Entry entry, Time now, Decision& decision);
+  void drop(Entries::const_iterator unfinished, Decision& decision);
   void leave(Entries::const_iterator entry);
   Entries::const_iterator oldestInTheWayOf(const std::string& address) const;
 
-  const wire::Limits limits_;
+  wire::Limits limits_;                         // constant after construction
   Entries unfinished_;                          // oldest first
   std::map<std::string, unsigned> perAddress_;  // of unfinished_
   Entries parked_;                              // newest last

@@ -1,6 +1,8 @@
 #include "src/net/listener.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <asio/ip/tcp.hpp>
@@ -24,6 +26,11 @@ namespace {
 // Connections accepted before other sockets have their turn.
 constexpr int acceptsInTurn = 16;
 constexpr std::chrono::milliseconds retryPause{100};
+constexpr std::chrono::seconds tellAgainAfter{10};
+
+// What the network's thread may have used of the processor in each period for accepting to go on.
+constexpr std::chrono::milliseconds budgetPeriod{10};
+constexpr std::chrono::microseconds budget{1'000};
 
 // Errors of one newcomer: it is gone, and the next call of accept gives another.
 bool concernsOneConnection(std::error_code error) {
@@ -59,12 +66,44 @@ asio::ip::tcp::acceptor bindAndListen(const std::string& host, std::uint16_t por
   throw std::runtime_error("cannot listen on " + hostAndPort(host, port) + ": " + error.message());
 }
 
+bool isOutOfDescriptors(std::error_code error) {
+  return error.value() == EMFILE || error.value() == ENFILE;
+}
+
+std::chrono::nanoseconds processorTimeOfThread() {
+  timespec used{};
+  static_cast<void>(::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used));
+  return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
+
+/// A descriptor for the hour when there is no other: given up, a newcomer can be accepted with it,
+/// and told by being closed that there is no place.
+class SpareDescriptor {
+ public:
+  SpareDescriptor() { renew(); }
+  ~SpareDescriptor() { giveUp(); }
+  SpareDescriptor(const SpareDescriptor&) = delete;
+  SpareDescriptor& operator=(const SpareDescriptor&) = delete;
+
+  bool renew() {
+    if (descriptor_ < 0) descriptor_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    return descriptor_ >= 0;
+  }
+  void giveUp() {
+    if (descriptor_ >= 0) ::close(std::exchange(descriptor_, -1));
+  }
+
+ private:
+  int descriptor_ = -1;
+};
+
 /// The accepting side of a listener. Operations under way keep it alive; it ends with close().
 class AcceptLoop : public std::enable_shared_from_this<AcceptLoop> {
  public:
   AcceptLoop(asio::ip::tcp::acceptor acceptor, Listener::AcceptHandler onAccepted,
-             const wire::Limits& limits)
+             Listener::MakeRoom makeRoom, const wire::Limits& limits)
       : limits_(limits),
+        makeRoom_(std::move(makeRoom)),
         acceptor_(std::move(acceptor)),
         retryTimer_(Reactor::context()),
         onAccepted_(std::make_shared<Listener::AcceptHandler>(std::move(onAccepted))) {}
@@ -80,11 +119,21 @@ class AcceptLoop : public std::enable_shared_from_this<AcceptLoop> {
   };
 
   void acceptSome();
+  bool acceptNext();
   Accepted acceptOne();
-  void pause(std::error_code error);
+  bool makeRoom();
+  bool isBudgetSpent();
+  void tell(const std::string& text);
+  void resumeAt(std::chrono::steady_clock::time_point time);
 
   const wire::Limits limits_;
-  bool paused_ = false;  // of the reactor's thread: the last attempt failed
+  const Listener::MakeRoom makeRoom_;
+
+  // Of the reactor's thread
+  std::chrono::steady_clock::time_point tellAgainAt_;
+  std::chrono::steady_clock::time_point periodEnd_;
+  std::chrono::nanoseconds usedBefore_{};  // by the thread, before the period
+  SpareDescriptor spare_;
 
   std::mutex mutex_;
   // Guarded by mutex_, so that close() may end them from any thread
@@ -101,19 +150,30 @@ void AcceptLoop::wait() {
 }
 
 void AcceptLoop::acceptSome() {
-  for (int i = 0; i < acceptsInTurn; ++i) {
-    Accepted accepted = acceptOne();
-    if (!accepted.handler) return;
-    if (accepted.stream) {
-      paused_ = false;
-      (*accepted.handler)(std::move(accepted.stream));
-    } else if (accepted.error == std::errc::operation_would_block) {
-      break;
-    } else if (!concernsOneConnection(accepted.error)) {
-      return pause(accepted.error);
+  try {
+    for (int i = 0; i < acceptsInTurn && acceptNext(); ++i) {
     }
+    isBudgetSpent() ? resumeAt(periodEnd_) : wait();
+  } catch (const std::exception& error) {
+    // The socket remains readable: waiting for it would spin.
+    tell(std::string("accepting is paused: ") + error.what());
+    resumeAt(std::chrono::steady_clock::now() + retryPause);
   }
-  wait();
+}
+
+/// False when this turn is over. Throws when the next one has to wait, or was lost for lack of
+/// memory.
+bool AcceptLoop::acceptNext() {
+  Accepted accepted = acceptOne();
+  if (!accepted.handler || accepted.error == std::errc::operation_would_block) return false;
+  if (accepted.stream) {
+    (*accepted.handler)(std::move(accepted.stream));
+    return true;
+  }
+  // The room is there when the handlers have run that close what had it.
+  if (isOutOfDescriptors(accepted.error) && makeRoom()) return false;
+  if (!concernsOneConnection(accepted.error)) throw std::system_error(accepted.error);
+  return true;
 }
 
 AcceptLoop::Accepted AcceptLoop::acceptOne() {
@@ -123,19 +183,50 @@ AcceptLoop::Accepted AcceptLoop::acceptOne() {
   Endpoint peer;
   const int descriptor = acceptSocket(acceptor_.native_handle(), peer, accepted.error);
   if (descriptor < 0) return accepted;
-  accepted.stream = std::make_shared<TcpStream>(descriptor, peer, limits_);
+  if (hasGoneUnheard(descriptor)) {  // of a flood, most have
+    ::close(descriptor);
+    accepted.error = std::make_error_code(std::errc::connection_aborted);
+    return accepted;
+  }
+  try {
+    accepted.stream = std::make_shared<TcpStream>(descriptor, peer, limits_);
+  } catch (...) {
+    ::close(descriptor);
+    throw;
+  }
   return accepted;
 }
 
-// Newcomers stay in the system's queue meanwhile. The socket remains readable: waiting for it
-// would spin.
-void AcceptLoop::pause(std::error_code error) {
-  if (!std::exchange(paused_, true))
-    GV_LOG(log::Level::Warning, "gvmessaging.net", "accept",
-           "accepting is paused: " + error.message());
+/// For a newcomer that finds no descriptor: lets another one go, or this one. False: it has to
+/// wait.
+bool AcceptLoop::makeRoom() {
+  if (makeRoom_ && makeRoom_()) return true;
+  spare_.giveUp();
+  const bool isTurnedAway = !isOutOfDescriptors(acceptOne().error);
+  if (isTurnedAway) tell("no descriptor is left: newcomers are turned away");
+  return spare_.renew() && isTurnedAway;
+}
+
+bool AcceptLoop::isBudgetSpent() {
+  const auto now = std::chrono::steady_clock::now();
+  const auto used = processorTimeOfThread();
+  if (now < periodEnd_) return used - usedBefore_ > budget;
+  periodEnd_ = now + budgetPeriod;
+  usedBefore_ = used;
+  return false;
+}
+
+void AcceptLoop::tell(const std::string& text) {
+  const auto now = std::chrono::steady_clock::now();
+  if (now < tellAgainAt_) return;
+  tellAgainAt_ = now + tellAgainAfter;
+  GV_LOG(log::Level::Warning, "gvmessaging.net", "accept", text);
+}
+
+void AcceptLoop::resumeAt(std::chrono::steady_clock::time_point time) {
   const std::lock_guard lock(mutex_);
   if (!onAccepted_) return;
-  retryTimer_.expires_after(retryPause);
+  retryTimer_.expires_at(time);
   retryTimer_.async_wait([self = shared_from_this()](std::error_code) { self->acceptSome(); });
 }
 
@@ -168,10 +259,12 @@ class TcpListener final : public Listener {
 }  // namespace
 
 std::shared_ptr<Listener> Listener::listen(const std::string& host, std::uint16_t port,
-                                           AcceptHandler onAccepted, const wire::Limits& limits) {
+                                           AcceptHandler onAccepted, const wire::Limits& limits,
+                                           MakeRoom makeRoom) {
   auto acceptor = bindAndListen(host, port);
   const Endpoint bound = acceptor.local_endpoint();
-  auto loop = std::make_shared<AcceptLoop>(std::move(acceptor), std::move(onAccepted), limits);
+  auto loop = std::make_shared<AcceptLoop>(std::move(acceptor), std::move(onAccepted),
+                                           std::move(makeRoom), limits);
   auto listener = std::make_shared<TcpListener>(loop, bound);
   loop->wait();
   return listener;

@@ -12,20 +12,25 @@
 
 namespace gv::net {
 
-/// A listening port. Accepts from listen() to close(); keeps nothing alive beyond its own handler.
+/// A listening port. Accepts from listen() to close(); keeps nothing alive beyond its own handlers.
 ///
-/// Where the system has no descriptor or memory left, newcomers wait in its queue and accepting is
-/// tried again every 100 ms.
+/// Accepting takes a fraction of one processor at most, however many come; the others wait in the
+/// system's queue. Where no descriptor is left for a newcomer, an older one makes room, or it is
+/// accepted with a spare descriptor and closed at once. Where there is no memory either, accepting
+/// is tried again every 100 ms.
 class GVMESSAGING_API Listener {
  public:
   /// Gets each new connection, not yet started, in the network's thread. Dropping it closes it.
   using AcceptHandler = std::function<void(std::shared_ptr<Stream>)>;
 
+  /// Called there when no descriptor is left: drops a connection, if there is one to be dropped.
+  using MakeRoom = std::function<bool()>;
+
   /// Listens on @p host (a name or address; resolving a name may block) and @p port, 0 for any free
   /// one. Throws std::runtime_error that names host, port and cause.
   static std::shared_ptr<Listener> listen(const std::string& host, std::uint16_t port,
-                                          AcceptHandler onAccepted,
-                                          const wire::Limits& limits = {});
+                                          AcceptHandler onAccepted, const wire::Limits& limits = {},
+                                          MakeRoom makeRoom = {});
 
   virtual ~Listener() = default;
 

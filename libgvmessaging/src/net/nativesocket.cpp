@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -99,6 +100,18 @@ int acceptSocket(int listening, Endpoint& peer, std::error_code& error) {
     peer.resize(size);
   }
   return socket;
+}
+
+bool hasGoneUnheard(int socket) {
+  char first;
+  const auto got = repeated([&] { return ::recv(socket, &first, 1, MSG_PEEK | MSG_DONTWAIT); });
+  return got == 0 || (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
+}
+
+std::size_t mostDescriptors() {
+  rlimit limit{};
+  static_cast<void>(::getrlimit(RLIMIT_NOFILE, &limit));  // cannot fail with these arguments
+  return limit.rlim_cur;
 }
 
 void tuneConnection(int socket) {

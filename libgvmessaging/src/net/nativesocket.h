@@ -27,6 +27,12 @@ int openSocket(const Endpoint& endpoint, std::error_code& error);
 /// The next connection of @p listening and its @p peer, or -1 and @p error.
 int acceptSocket(int listening, Endpoint& peer, std::error_code& error);
 
+/// Whether the peer has closed its side, or reset the connection, without having sent anything.
+bool hasGoneUnheard(int socket);
+
+/// How many descriptors this process may have at a time.
+std::size_t mostDescriptors();
+
 /// Sends small frames at once and finds out when a quiet peer has died.
 void tuneConnection(int socket);
 

@@ -1,14 +1,37 @@
 #include "src/rpc/acceptor.h"
 
+#include <exception>
+#include <utility>
+
 #include <gv/log.h>
 
+#include "src/net/nativesocket.h"
 #include "src/net/neighbours.h"
 #include "src/net/tlsstream.h"
+#include "src/rpc/peerlog.h"
 
 namespace gv::rpc {
 namespace {
 
 constexpr const char* category = "gvmessaging.connection";
+
+/// The peer is a stream or a connection.
+template <class Peer>
+void logFailure(const Peer& peer, const std::string& cause) {
+  logOfPeer(log::Level::Info, category, "handshake", peer.peerAddress(),
+            [&] { return "the handshake with " + peer.peerName() + " failed: " + cause; });
+}
+
+/// Each: where memory runs out for one, the others are carried out all the same.
+void carryOut(const std::vector<std::function<void()>>& actions) {
+  for (const auto& action : actions) {
+    try {
+      action();
+    } catch (const std::exception& error) {
+      GV_LOG(log::Level::Error, category, "accept", error.what());
+    }
+  }
+}
 
 }  // namespace
 
@@ -24,7 +47,11 @@ std::shared_ptr<Acceptor> Acceptor::listen(const std::string& host, std::uint16_
       [weak](std::shared_ptr<net::Stream> stream) {
         if (const auto self = weak.lock()) self->onAccepted(std::move(stream));
       },
-      limits);
+      limits,
+      [weak] {
+        const auto self = weak.lock();
+        return self && self->makeRoom();
+      });
   return acceptor;
 }
 
@@ -35,7 +62,7 @@ Acceptor::Acceptor(const Identity& own, std::weak_ptr<ServiceHost> host, Connect
       events_(std::move(events)),
       limits_(limits),
       door_(door),
-      admission_(limits) {}
+      admission_(limits, net::mostDescriptors()) {}
 
 void Acceptor::close() {
   listener_->close();
@@ -57,9 +84,10 @@ void Acceptor::close() {
 bool Acceptor::mayComeIn(const net::Stream& stream) const {
   if (!door_.isLinkOnly || net::distanceOf(stream.peerAddress()) != net::Distance::Routed)
     return true;
-  GV_LOG(log::Level::Warning, category, "accept",
-         "refused " + stream.peerName() +
-             ", which is beyond a router: GV_LISTEN_SCOPE=any or a key would let it in");
+  logOfPeer(log::Level::Warning, category, "accept", stream.peerAddress(), [&stream] {
+    return "refused " + stream.peerName() +
+           ", which is beyond a router: GV_LISTEN_SCOPE=any or a key would let it in";
+  });
   return false;
 }
 
@@ -74,29 +102,46 @@ void Acceptor::onAccepted(std::shared_ptr<net::Stream> stream) {
     parked_.emplace(id, std::move(stream));
     carryOutLocked(admission_.arrived(id, address, std::chrono::steady_clock::now()), later);
   }
-  for (const auto& action : later) action();
+  carryOut(later);
 }
 
-void Acceptor::onFinished(Id id) {
+/// Whether the handshake was still under way, as far as this side is concerned.
+bool Acceptor::onFinished(Id id) {
   std::vector<std::function<void()>> later;
   {
     const std::lock_guard lock(mutex_);
-    handshaking_.erase(id);
-    if (isClosed_) return;
+    if (handshaking_.erase(id) == 0) return false;
     carryOutLocked(admission_.finished(id, std::chrono::steady_clock::now()), later);
   }
-  for (const auto& action : later) action();
+  carryOut(later);
+  return true;
+}
+
+bool Acceptor::makeRoom() {
+  std::vector<std::function<void()>> later;
+  {
+    const std::lock_guard lock(mutex_);
+    if (isClosed_) return false;
+    carryOutLocked(admission_.outOfDescriptors(std::chrono::steady_clock::now()), later);
+  }
+  carryOut(later);
+  return !later.empty();
 }
 
 void Acceptor::carryOutLocked(const net::Admission::Decision& decision,
                               std::vector<std::function<void()>>& later) {
   for (const Id id : decision.close) {
     if (const auto parked = parked_.extract(id)) {
-      later.emplace_back([stream = parked.mapped()] { stream->close("too many connections"); });
+      // Closed with the action: closing it by name would do so a moment later.
+      later.emplace_back(
+          [stream = std::move(parked.mapped())] { logFailure(*stream, "too many connections"); });
     } else if (const auto begun = handshaking_.extract(id)) {
       later.emplace_back([weak = begun.mapped()] {
-        if (const auto connection = weak.lock())
-          connection->close("the handshake was too slow while others waited");
+        const auto connection = weak.lock();
+        if (!connection) return;
+        const std::string cause = "the handshake was too slow while others waited";
+        logFailure(*connection, cause);
+        connection->abort(cause);
       });
     }
   }
@@ -111,10 +156,11 @@ void Acceptor::carryOutLocked(const net::Admission::Decision& decision,
   lookAgainLocked();
 }
 
-void Acceptor::begin(Id id, std::shared_ptr<net::Stream> stream) {
+void Acceptor::begin(Id id, const std::shared_ptr<net::Stream>& stream) {
   const std::weak_ptr<Acceptor> weak = shared_from_this();
   const auto finished = [weak, id] {
-    if (const auto self = weak.lock()) self->onFinished(id);
+    const auto self = weak.lock();
+    return self && self->onFinished(id);
   };
   Connection::Events events;
   events.opened = [finished, next = events_.opened](const std::shared_ptr<Connection>& opened) {
@@ -123,41 +169,58 @@ void Acceptor::begin(Id id, std::shared_ptr<net::Stream> stream) {
   };
   events.closed = [finished, next = events_.closed](const std::shared_ptr<Connection>& closed,
                                                     const std::string& cause) {
-    finished();
+    if (finished()) logFailure(*closed, cause);
     next(closed, cause);
   };
-  if (door_.tls) stream = net::TlsStream::over(std::move(stream), *door_.tls, {});
-  const auto connection =
-      Connection::start(std::move(stream), Role::Server, own_, host_, std::move(events), limits_);
+  std::shared_ptr<Connection> connection;
+  try {
+    connection =
+        Connection::start(door_.tls ? net::TlsStream::over(stream, *door_.tls, {}) : stream,
+                          Role::Server, own_, host_, std::move(events), limits_);
+  } catch (const std::exception& error) {  // no memory, or the process exits
+    if (finished()) logFailure(*stream, error.what());
+    return;
+  }
   {
     const std::lock_guard lock(mutex_);
     const auto found = handshaking_.find(id);
-    if (found != handshaking_.end()) found->second = connection;
-    if (!isClosed_) return;
+    if (found != handshaking_.end()) {
+      found->second = connection;
+      return;
+    }
   }
-  if (!connection->isOpen()) connection->close("the listener was closed");
+  if (!connection->isOpen())
+    connection->close("its place was given away, or the listener was closed");
 }
 
 void Acceptor::lookAgainLocked() {
   const auto when = admission_.nextLook();
-  if (!when) {
-    look_.reset();
-    return;
-  }
+  if (when == lookAt_) return;
+  lookAt_.reset();
+  look_.reset();
+  if (!when) return;
   const auto delay = std::chrono::duration_cast<std::chrono::milliseconds>(
       *when - std::chrono::steady_clock::now());
-  const std::weak_ptr<Acceptor> weak = shared_from_this();
-  look_ = net::Timer::start(std::max(delay, std::chrono::milliseconds(1)), [weak] {
-    const auto self = weak.lock();
-    if (!self) return;
-    std::vector<std::function<void()>> later;
-    {
-      const std::lock_guard lock(self->mutex_);
-      if (self->isClosed_) return;
-      self->carryOutLocked(self->admission_.timePassed(std::chrono::steady_clock::now()), later);
-    }
-    for (const auto& action : later) action();
-  });
+  const auto look = [weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->onTime();
+  };
+  try {
+    look_ = net::Timer::start(std::max(delay, std::chrono::milliseconds(1)), look);
+    lookAt_ = when;
+  } catch (const std::exception&) {
+    // The process exits; or there is no memory, and the next newcomer sees to it.
+  }
+}
+
+void Acceptor::onTime() {
+  std::vector<std::function<void()>> later;
+  {
+    const std::lock_guard lock(mutex_);
+    if (isClosed_) return;
+    lookAt_.reset();
+    carryOutLocked(admission_.timePassed(std::chrono::steady_clock::now()), later);
+  }
+  carryOut(later);
 }
 
 }  // namespace gv::rpc

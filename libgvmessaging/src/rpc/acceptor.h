@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "src/net/admission.h"
 #include "src/net/listener.h"
@@ -47,10 +48,12 @@ class GVMESSAGING_API Acceptor : public std::enable_shared_from_this<Acceptor> {
 
   bool mayComeIn(const net::Stream& stream) const;
   void onAccepted(std::shared_ptr<net::Stream> stream);
-  void onFinished(Id id);
+  bool onFinished(Id id);
+  bool makeRoom();
+  void onTime();
   void carryOutLocked(const net::Admission::Decision& decision,
                       std::vector<std::function<void()>>& later);
-  void begin(Id id, std::shared_ptr<net::Stream> stream);
+  void begin(Id id, const std::shared_ptr<net::Stream>& stream);
   void lookAgainLocked();
 
   // Constant after construction
@@ -67,6 +70,7 @@ class GVMESSAGING_API Acceptor : public std::enable_shared_from_this<Acceptor> {
   std::map<Id, std::shared_ptr<net::Stream>> parked_;  // accepted, unread
   std::map<Id, std::weak_ptr<Connection>> handshaking_;
   std::shared_ptr<net::Timer> look_;
+  std::optional<net::Admission::Time> lookAt_;  // when it ends
   bool isClosed_ = false;
 };
 

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include <gv/eventloop.h>
-#include <gv/log.h>
 #include <gvtype/callgate.h>
+#include <gvtype/callorigin.h>
 #include <gvtype/dynamicobject.h>
 
 #include "src/net/readers.h"
@@ -15,6 +15,7 @@
 #include "src/rpc/callcontext.h"
 #include "src/rpc/connection.h"
 #include "src/rpc/frameworkmethods.h"
+#include "src/rpc/peerlog.h"
 #include "src/rpc/releasedelsewhere.h"
 #include "src/wire/message.h"
 #include "src/wire/valuewriter.h"
@@ -93,6 +94,18 @@ struct AcceptedCall {
   wire::Frame frame;
   CallTarget target;
   std::optional<GenericFunctionParameters> arguments;  // where they may name objects
+};
+
+class OfThisPeer final : public CallOrigin {
+ public:
+  OfThisPeer(const CallServer& server, const wire::FrameHeader& header)
+      : server_(server), header_(header) {}
+
+ private:
+  std::shared_ptr<const void> hold() const override { return server_.holdLeftRunning(header_); }
+
+  const CallServer& server_;
+  const wire::FrameHeader& header_;
 };
 
 CallServer::CallServer(Connection& connection, net::Stream& stream, ObjectExchange& objects,
@@ -196,6 +209,15 @@ void CallServer::checkBudget(const wire::Frame& frame) {
   throw std::runtime_error("too many calls of this connection are under way");
 }
 
+/// Not counted with the calls: whoever has too much running must be able to stop it.
+std::shared_ptr<const void> CallServer::holdLeftRunning(const wire::FrameHeader& header) const {
+  if (leftRunning_->calls >= limits_.acceptedCalls || leftRunning_->bytes >= limits_.acceptedBytes)
+    throw std::runtime_error("too many posted calls of this connection have not ended: at most " +
+                             std::to_string(limits_.acceptedCalls) + ", and " +
+                             std::to_string(limits_.acceptedBytes >> 20) + " MiB of arguments");
+  return std::make_shared<CallBudget::Share>(leftRunning_, 1, header.payloadSize);
+}
+
 std::shared_ptr<CallBudget::Share> CallServer::shareOf(const wire::FrameHeader& header) const {
   return std::make_shared<CallBudget::Share>(budget_, 1, header.payloadSize);
 }
@@ -277,6 +299,8 @@ Future<AnyReference> CallServer::startMethod(const wire::FrameHeader& header,
     return relay_->subscribe(connection_.shared_from_this(), addressOf(header), target.object,
                              arguments[0].to<unsigned>(), arguments[1].to<std::uint64_t>());
   const CallContextScope scope(contextOf(header));
+  const OfThisPeer peer(*this, header);
+  const CallOrigin::Scope served(peer);
   const CallGate gate{host_, header.service, &checkService};
   std::optional<CallGateScope> gated;
   if (header.service != 0) gated.emplace(gate);
@@ -334,9 +358,10 @@ void CallServer::reply(const wire::FrameHeader& call, const std::string& returnS
 
 void CallServer::replyError(const wire::FrameHeader& call, const std::string& text) {
   if (call.type == wire::FrameType::Post) {
-    GV_LOG(log::Level::Warning, category, "post",
-           "a post of " + connection_.peerName() + " to service " + std::to_string(call.service) +
-               " was dropped: " + shortened(text));
+    logOfPeer(log::Level::Warning, category, "post", connection_.peerAddress(), [&] {
+      return "a post of " + connection_.peerName() + " to service " + std::to_string(call.service) +
+             " was dropped: " + shortened(text);
+    });
     return;
   }
   const std::string sent = shortened(text);
@@ -371,7 +396,8 @@ void CallServer::sendEvent(const ObjectAddress& object, const MetaSignal& signal
   if (const std::string bound = exceededOutput(); !bound.empty()) {
     const std::string cause =
         "the peer did not read the events of its subscriptions: cut at " + bound;
-    GV_LOG(log::Level::Warning, category, "sendEvent", connection_.peerName() + ": " + cause);
+    logOfPeer(log::Level::Warning, category, "sendEvent", connection_.peerAddress(),
+              [&] { return connection_.peerName() + ": " + cause; });
     relay_->end();
     return stream_.close(cause);
   }

@@ -28,6 +28,7 @@ class ServiceHost {
 
 struct AcceptedCall;
 struct CallTarget;
+class OfThisPeer;
 
 /// Serves one peer: its calls, and the signals that it subscribed to. Part of the connection.
 ///
@@ -55,10 +56,13 @@ class CallServer {
   const std::shared_ptr<CallBudget>& budget() const { return budget_; }
 
  private:
+  friend class OfThisPeer;
+
   void serve(const wire::Frame& frame, MetaCallType callType);
   void serveElsewhere(wire::Frame& frame, MetaCallType callType);
   void serveAccepted(const AcceptedCall& call);
   void checkBudget(const wire::Frame& frame);
+  std::shared_ptr<const void> holdLeftRunning(const wire::FrameHeader& header) const;
   std::shared_ptr<CallBudget::Share> shareOf(const wire::FrameHeader& header) const;
   CallTarget findTarget(const wire::Frame& frame);
   GenericFunctionParameters readArguments(const wire::Frame& frame, const CallTarget& target);
@@ -85,6 +89,7 @@ class CallServer {
 
   const std::weak_ptr<ServiceHost> host_;
   const std::shared_ptr<CallBudget> budget_ = std::make_shared<CallBudget>();
+  const std::shared_ptr<CallBudget> leftRunning_ = std::make_shared<CallBudget>();  // by calls
   const std::shared_ptr<SignalRelay> relay_;
   std::atomic<std::size_t> pendingEvents_{0};  // bytes of events that wait in the stream, at most
 };

@@ -2,11 +2,10 @@
 
 #include <atomic>
 
-#include <gv/log.h>
-
 #include "src/net/readers.h"
 #include "src/rpc/argumentlist.h"
 #include "src/rpc/callcontext.h"
+#include "src/rpc/peerlog.h"
 #include "src/rpc/releasedelsewhere.h"
 #include "src/wire/valuereader.h"
 #include "src/wire/valuewriter.h"
@@ -202,6 +201,11 @@ void Connection::close(const std::string& cause) {
   stream_->closeAfterFlush(cause);
 }
 
+void Connection::abort(const std::string& cause) {
+  fail(cause);
+  stream_->close(cause);
+}
+
 void Connection::fail(const std::string& cause) {
   std::vector<PendingCall> lost;
   {
@@ -248,8 +252,10 @@ void Connection::onInput(std::size_t count) {
   }
   // Whoever closed it meanwhile may have output under way that is to leave first.
   if (reader_.error().empty() || hasEnded()) return;
-  GV_LOG(log::Level::Verbose, category, "onInput",
-         "closing the connection of " + peerName() + ": " + reader_.error());
+  if (isOpen())  // else it is a handshake that failed, of which the acceptor tells
+    logOfPeer(log::Level::Warning, category, "onInput", peerAddress(), [this] {
+      return "closing the connection of " + peerName() + ": " + reader_.error();
+    });
   // First: what is lost may be foreign, and this thread replaced meanwhile.
   stream_->close(reader_.error());
   lose(reader_.error());
@@ -308,8 +314,8 @@ void Connection::onReply(const wire::Frame& frame) {
   ObjectExchange::Receiving receiving(objects_, frame.bytes());
   auto pending = takePending(frame.header.messageId);
   if (!pending) {
-    GV_LOG(log::Level::Verbose, category, "onReply",
-           "ignoring a reply of " + peerName() + " to no pending call");
+    logOfPeer(log::Level::Verbose, category, "onReply", peerAddress(),
+              [this] { return "ignoring a reply of " + peerName() + " to no pending call"; });
     return;
   }
   const bool mayHoldObjects = pending->returnSignature.find_first_of("ov*") != std::string::npos;
@@ -358,9 +364,10 @@ void Connection::onEvent(const wire::Frame& frame) {
     target->object->metaPost(values.empty() ? keeping(context, event) : context, target->signal,
                              values);
   } catch (const std::exception& error) {
-    GV_LOG(log::Level::Warning, category, "onEvent",
-           "dropping an emission of the signal '" + target->source->name() + "' of " + peerName() +
-               ": " + error.what());
+    logOfPeer(log::Level::Warning, category, "onEvent", peerAddress(), [&] {
+      return "dropping an emission of the signal '" + target->source->name() + "' of " +
+             peerName() + ": " + error.what();
+    });
   }
 }
 

@@ -71,6 +71,8 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   /// Ends the connection; pending calls fail with `cause` before this returns. What was sent before
   /// still leaves, within a second. Any thread; idempotent.
   void close(const std::string& cause);
+  /// The same, but what was sent may be lost, and the socket is free at once.
+  void abort(const std::string& cause);
 
   bool isOpen() const;
   Role role() const { return role_; }

@@ -4,10 +4,9 @@
 #include <tuple>
 #include <utility>
 
-#include <gv/log.h>
-
 #include "src/rpc/connection.h"
 #include "src/rpc/frameworkmethods.h"
+#include "src/rpc/peerlog.h"
 #include "src/rpc/recentdescriptions.h"
 #include "src/rpc/releasedelsewhere.h"
 #include "src/rpc/remoteobject.h"
@@ -59,9 +58,10 @@ void ObjectExchange::takeBack(unsigned number, std::uint64_t count) {
   const bool wasLent = lent_.takeBack(number, count, last);
   if (last) releasedElsewhere(std::move(last));
   if (!wasLent)
-    GV_LOG(log::Level::Verbose, category, "release",
-           "ignoring that " + connection_.peerName() + " gives back object " +
-               std::to_string(number) + " more often than it was lent");
+    logOfPeer(log::Level::Verbose, category, "release", connection_.peerAddress(), [&] {
+      return "ignoring that " + connection_.peerName() + " gives back object " +
+             std::to_string(number) + " more often than it was lent";
+    });
 }
 
 void ObjectExchange::onRelease(const wire::Frame& frame) {
@@ -69,8 +69,9 @@ void ObjectExchange::onRelease(const wire::Frame& frame) {
   try {
     wire::readValue(frame.bytes(), AnyReference::from(arguments), limits_);
   } catch (const wire::PayloadError& error) {
-    GV_LOG(log::Level::Verbose, category, "release",
-           "ignoring a release of " + connection_.peerName() + ": " + error.what());
+    logOfPeer(log::Level::Verbose, category, "release", connection_.peerAddress(), [&] {
+      return "ignoring a release of " + connection_.peerName() + ": " + error.what();
+    });
     return;
   }
   takeBack(frame.header.object, std::get<0>(arguments));

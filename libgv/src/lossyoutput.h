@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string_view>
+
+#include <gv/api.h>
+
+namespace gv::log {
+
+/// Writes lines to a descriptor and never waits for who reads it: a pipe, socket or terminal takes
+/// what it has room for, and the rest of a line is lost. Files are written as ever. Not locked.
+class LossyOutput {
+ public:
+  explicit LossyOutput(int descriptor) : descriptor_(descriptor) {}
+
+  /// False when the line, or its rest, was lost. After one that was cut short the next one begins
+  /// on a line of its own.
+  bool write(std::string_view line);
+
+ private:
+  bool writeAll(std::string_view text);
+
+  const int descriptor_;
+  bool isCut_ = false;  // the last line was, after its begin had been written
+};
+
+}  // namespace gv::log
