@@ -65,6 +65,20 @@ function(house_add_long_run target filter)
   set_tests_properties(${target}.long PROPERTIES LABELS long TIMEOUT 900 ENVIRONMENT JX_TEST_ROUNDS=10)
 endfunction()
 
+# house_add_fault_runs(<target> <everyday filter> <long filter>): those tests once more, their links
+# to other processes split into small writes, and delayed (house::Link); the second ones in the long
+# run.
+function(house_add_fault_runs target everyday long)
+  foreach(fault split delay)
+    add_test(NAME ${target}.${fault} COMMAND ${target} --gtest_filter=${everyday})
+    add_test(NAME ${target}.${fault}.long COMMAND ${target} --gtest_filter=${long})
+    set_tests_properties(${target}.${fault} PROPERTIES LABELS unit TIMEOUT 300
+                                                       ENVIRONMENT HOUSE_FAULTS=${fault})
+    set_tests_properties(${target}.${fault}.long PROPERTIES LABELS long TIMEOUT 900
+                                                            ENVIRONMENT HOUSE_FAULTS=${fault})
+  endforeach()
+endfunction()
+
 # Compiles each header as a source of its own, so that none relies on what was included before it.
 function(house_check_headers name)
   set(sources)

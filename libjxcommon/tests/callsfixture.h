@@ -9,6 +9,7 @@
 
 #include "echoes.h"
 #include "support/child_process.h"
+#include "support/link.h"
 #include "support/watchdog.h"
 #include "testmodule.h"
 
@@ -44,7 +45,8 @@ class Calls : public ::testing::TestWithParam<Place> {
   }
 
   void join(int port) {
-    broker = JXBroker::createBroker("joined", "127.0.0.1", 0, "127.0.0.1", port);
+    link.emplace(port);
+    broker = JXBroker::createBroker("joined", "127.0.0.1", 0, "127.0.0.1", link->port());
   }
 
   static bool isElsewhere() { return GetParam() == Place::OtherProcess; }
@@ -66,7 +68,8 @@ class Calls : public ::testing::TestWithParam<Place> {
 
   const house::Watchdog watchdog{"a test of calls"};
   std::optional<house::ChildProcess> robot;
-  Broker home;  // the module's own, where it is of this process
+  std::optional<house::Link> link;  // to another broker
+  Broker home;                      // the module's own, where it is of this process
   Broker broker;
   boost::shared_ptr<JXProxy> proxy;
 };

@@ -265,8 +265,8 @@ class SmallRobot : public ::testing::Test {
   house::ChildProcess robot{
       JX_TEST_ROBOT, {}, {"GV_EVENTLOOP_MIN_THREADS=2", "GV_EVENTLOOP_MAX_THREADS=4"}};
   const std::string ready = robot.waitForLine("listening on ");
-  const Broker broker = JXBroker::createBroker("far", "127.0.0.1", 0, "127.0.0.1",
-                                               std::stoi(ready.substr(ready.rfind(' '))));
+  const house::Link link{std::stoi(ready.substr(ready.rfind(' ')))};
+  const Broker broker = JXBroker::createBroker("far", "127.0.0.1", 0, "127.0.0.1", link.port());
   JXProxy proxy{broker, "Callee"};
   std::vector<int> tasks;
 };

@@ -20,10 +20,11 @@
 
 #include "conversation.h"
 #include "observe.h"
-#include "recordingproxy.h"
 #include "robotprocess.h"
 #include "scale.h"
 #include "support/child_process.h"
+#include "support/faultproxy.h"
+#include "support/link.h"
 #include "support/rounds.h"
 #include "support/watchdog.h"
 
@@ -44,13 +45,13 @@ class BrokerProcess {
  public:
   BrokerProcess(const std::string& name, int port, int parentPort)
       : name_(name),
-        process_(TEST_BROKER, {name, std::to_string(port), std::to_string(parentPort)}) {
-    const std::string line = process_.waitForLine("listening on ");
-    port_ = std::stoi(line.substr(line.rfind(' ')));
-  }
+        process_(TEST_BROKER, {name, std::to_string(port), std::to_string(parentPort)}),
+        link_(portIn(process_.waitForLine("listening on "))) {}
 
   const std::string& name() const { return name_; }
-  int port() const { return port_; }
+  /// Where others reach it, and where it listens.
+  int port() const { return link_.port(); }
+  int ownPort() const { return link_.serverPort(); }
   int pid() const { return process_.pid(); }
 
   void watchFrom(const Broker& observer) { proxy_ = observer->getProxy(name_, 0); }
@@ -74,7 +75,7 @@ class BrokerProcess {
  private:
   const std::string name_;
   house::ChildProcess process_;
-  int port_ = 0;
+  const house::Link link_;
   boost::shared_ptr<JX::JXProxy> proxy_;
 };
 
@@ -109,13 +110,14 @@ class BrokersOfSeveralProcesses : public testing::Test {
     for (const Member& child : children) all[child->name()] = child->pid();
     bool areRight = viewsOfObserver() == all && observer->isModulePresent("Master");
     const auto look = [&](BrokerProcess& process) {
+      const int port = &process == &master ? master.ownPort() : master.port();
       areRight =
           areRight && process.proxy().call<Views>("modules") == all &&
           process.proxy().call<Views>("ownModules") == Views{{process.name(), process.pid()}} &&
           process.proxy().call<bool>("isPresent", "Observer") &&
           !process.proxy().call<bool>("isPresent", "Nobody") &&
           identity(process) ==
-              process.name() + " of 127.0.0.1:" + std::to_string(master.port()) + ", connected";
+              process.name() + " of 127.0.0.1:" + std::to_string(port) + ", connected";
     };
     look(master);
     for (const Member& child : children) look(*child);
@@ -165,7 +167,7 @@ TEST_F(BrokersOfSeveralProcesses, SeeWhoCameAndWhoWentAndOutliveTheirMaster) {
   EXPECT_TRUE(becomesTrue([&] { return !observer->isConnected(); }));
   for (const Member& child : children)
     EXPECT_THROW(observer->getProxy(child->name(), 0), JX::JXError) << "nobody knows any more";
-  BrokerProcess newMaster("Master", master.port(), 0);
+  BrokerProcess newMaster("Master", master.ownPort(), 0);
   const Broker newObserver = join(master.port());
   newMaster.watchFrom(newObserver);
   const Member newChild = startIn(master.port(), newObserver, "A");
@@ -244,7 +246,8 @@ TEST_F(BrokersOfSeveralProcesses, GiveANameToOneOfThoseWhoRaceForIt) {
 
 /// How many calls a child of the process makes of it that lists its modules so many times.
 int callsOfAListing(BrokerProcess& process, int times, std::size_t modules) {
-  RecordingProxy between(process.port());
+  house::FaultProxy between(process.port());
+  auto recording = between.recordNext();
   const Broker child = join(between.port());
   for (int i = 0; i < times; ++i) {
     const auto list = boost::make_shared<std::vector<JX::JXModuleInfo>>();
@@ -252,7 +255,7 @@ int callsOfAListing(BrokerProcess& process, int times, std::size_t modules) {
     EXPECT_EQ(list->size(), modules);
   }
   child->shutdown();
-  const auto frames = framesOf(between.recording().toServer);
+  const auto frames = framesOf(recording.get().toServer);
   return static_cast<int>(std::count_if(
       frames.begin(), frames.end(), [](const FrameBytes& frame) { return frame.type() == Call; }));
 }

@@ -12,18 +12,19 @@
 #include <jxcommon/jxproxy.h>
 
 #include "conversation.h"
-#include "recordingproxy.h"
 #include "robotprocess.h"
 #include "scale.h"
 #include "steadyclient.h"
+#include "support/faultproxy.h"
 #include "support/watchdog.h"
 
 namespace processes {
 namespace {
 
 /// Records what a client says that joins, publishes a module, calls the robot and leaves.
-Recording recordConversation(const RobotProcess& robot) {
-  RecordingProxy between(robot.port());
+house::Recording recordConversation(const RobotProcess& robot) {
+  house::FaultProxy between(robot.port());
+  auto recording = between.recordNext();
   const auto client =
       JX::JXBroker::createBroker("recorded", "127.0.0.1", 0, "127.0.0.1", between.port());
   JX::createModule<JX::JXModule>(client, "Recorded");
@@ -34,7 +35,7 @@ Recording recordConversation(const RobotProcess& robot) {
   errorOf([&] { JX::JXProxy(client, "Nobody"); });
   client->isModulePresent("Robot");
   client->shutdown();
-  return between.recording();
+  return recording.get();
 }
 
 class HostileConversation : public testing::Test {
@@ -82,7 +83,7 @@ class HostileConversation : public testing::Test {
 
   house::Watchdog watchdog{"hostile conversations", std::chrono::seconds(115)};
   RobotProcess robot;
-  Recording recording = recordConversation(robot);
+  house::Recording recording = recordConversation(robot);
   std::vector<FrameBytes> frames = framesOf(recording.toServer);
   SteadyClient steady{robot};
   Figures atStart;

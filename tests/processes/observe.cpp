@@ -17,18 +17,19 @@ int entriesOf(const std::string& folder) {
   return static_cast<int>(std::distance(begin(entries), end(entries)));
 }
 
-long residentKiBOf(const std::string& process) {
+long kibibytesOf(const std::string& process, const std::string& what) {
   std::ifstream status(process + "/status");
   for (std::string line; std::getline(status, line);)
-    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
-  throw std::runtime_error("no VmRSS of " + process);
+    if (line.starts_with(what + ":")) return std::stol(line.substr(what.size() + 1));
+  throw std::runtime_error("no " + what + " of " + process);
 }
 
 }  // namespace
 
 Figures figuresOf(pid_t process) {
   const std::string folder = "/proc/" + std::to_string(process);
-  return {entriesOf(folder + "/fd"), entriesOf(folder + "/task"), residentKiBOf(folder)};
+  return {entriesOf(folder + "/fd"), entriesOf(folder + "/task"), kibibytesOf(folder, "VmRSS"),
+          kibibytesOf(folder, "VmHWM")};
 }
 
 std::chrono::milliseconds processorTimeOf(pid_t process) {
@@ -56,6 +57,11 @@ bool becomesTrue(const std::function<bool()>& condition, std::chrono::millisecon
 std::string urlIn(const std::string& line) {
   const auto start = line.find("tcp://");
   return line.substr(start, line.find(' ', start) - start);
+}
+
+int portIn(const std::string& line) {
+  const std::string url = urlIn(line);
+  return std::stoi(url.substr(url.rfind(':') + 1));
 }
 
 }  // namespace processes

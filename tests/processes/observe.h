@@ -13,6 +13,7 @@ struct Figures {
   int descriptors = 0;
   int threads = 0;
   long residentKiB = 0;
+  long mostResidentKiB = 0;  // ever
 };
 
 Figures figuresOf(pid_t process);
@@ -27,6 +28,8 @@ std::chrono::milliseconds processorTimeOf(pid_t process);
 
 /// The first address of a line that test_peer wrote.
 std::string urlIn(const std::string& line);
+/// Its port.
+int portIn(const std::string& line);
 
 using Clock = std::chrono::steady_clock;
 

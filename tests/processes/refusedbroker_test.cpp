@@ -9,9 +9,10 @@
 #include <jxcommon/jxproxy.h>
 
 #include "conversation.h"
-#include "recordingproxy.h"
 #include "robotprocess.h"
 #include "scale.h"
+#include "support/faultproxy.h"
+#include "support/rawpeer.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -58,9 +59,10 @@ TEST_F(RefusedBroker, AParentThatEndsAnywhereInItsAnswerIsKnownAtOnce) {
   std::string answer;
   {
     RobotProcess robot;
-    RecordingProxy between(robot.port());
+    house::FaultProxy between(robot.port());
+    auto recording = between.recordNext();
     JX::JXBroker::createBroker("recorded", "127.0.0.1", 0, "127.0.0.1", between.port())->shutdown();
-    answer = between.recording().toClient;
+    answer = recording.get().toClient;
   }
   // The greeting and the directory's description: without both it is no parent.
   const auto frames = framesOf(answer);

@@ -21,6 +21,7 @@
 #include <jxcommon/jxproxy.h>
 #include <jxerror/jxerror.h>
 
+#include "footprint.h"
 #include "robotprocess.h"
 #include "scale.h"
 #include "steadyclient.h"
@@ -192,29 +193,6 @@ bool tellsTheLoss(const std::string& text, const std::string& moduleName, bool r
   return has("was lost: ") || (!ran && (has("not sent: ") || text.ends_with("module destroyed") ||
                                         text.ends_with("Can't find service: " + moduleName)));
 }
-
-/// What a process holds before and after.
-class Footprint {
- public:
-  explicit Footprint(std::function<Figures()> figures)
-      : figures_(std::move(figures)), descriptors_(figures_().descriptors) {}
-
-  /// The threads that there may be, too.
-  void take() { threads_ = std::max(threads_, figures_().threads); }
-
-  void expectNoMore() const {
-    EXPECT_TRUE(becomesTrue([&] { return figures_().descriptors <= descriptors_; }))
-        << figures_().descriptors << " descriptors, before " << descriptors_;
-    // One more may have been started for a moment's load; a leak would be one a round.
-    EXPECT_TRUE(becomesTrue([&] { return figures_().threads <= threads_ + 2; }))
-        << figures_().threads << " threads, at first " << threads_;
-  }
-
- private:
-  const std::function<Figures()> figures_;
-  const int descriptors_;
-  int threads_ = 0;
-};
 
 TEST(ARobotKilledInEachPhase, OfEachKindOfCallIsToldAtOnceAndLeavesNothing) {
   const house::Watchdog watchdog("robots killed in phases", std::chrono::seconds(110));

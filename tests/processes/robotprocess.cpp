@@ -9,14 +9,11 @@ namespace processes {
 
 RobotProcess::RobotProcess(const std::vector<std::string>& arguments,
                            const std::vector<std::string>& environment)
-    : process_(TEST_ROBOT, arguments, environment) {
-  const std::string line = process_.waitForLine("listening on tcp://127.0.0.1:");
-  address_ = line.substr(line.find("tcp://"));
-  port_ = std::stoi(address_.substr(address_.rfind(':') + 1));
-}
+    : process_(TEST_ROBOT, arguments, environment),
+      link_(portIn(process_.waitForLine("listening on tcp://127.0.0.1:"))) {}
 
 boost::shared_ptr<JX::JXBroker> RobotProcess::join(const std::string& name) const {
-  return JX::JXBroker::createBroker(name, "127.0.0.1", 0, "127.0.0.1", port_, 0, "", true);
+  return JX::JXBroker::createBroker(name, "127.0.0.1", 0, "127.0.0.1", port(), 0, "", true);
 }
 
 bool RobotProcess::end() {

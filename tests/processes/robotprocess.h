@@ -10,6 +10,7 @@
 
 #include "observe.h"
 #include "support/child_process.h"
+#include "support/link.h"
 
 namespace processes {
 
@@ -20,8 +21,9 @@ class RobotProcess {
   explicit RobotProcess(const std::vector<std::string>& arguments = {},
                         const std::vector<std::string>& environment = {});
 
-  int port() const { return port_; }
-  const std::string& address() const { return address_; }
+  /// Where clients reach it, through house::Link.
+  int port() const { return link_.port(); }
+  std::string address() const { return link_.url(); }
   Figures figures() const { return figuresOf(process_.pid()); }
   std::chrono::milliseconds processorTime() const { return processorTimeOf(process_.pid()); }
 
@@ -41,8 +43,7 @@ class RobotProcess {
 
  private:
   house::ChildProcess process_;
-  std::string address_;
-  int port_;
+  house::Link link_;
 };
 
 /// The description of the JXError that `call` throws. Throws std::runtime_error when it does not.

@@ -12,6 +12,7 @@
 #include "ledger.h"
 #include "observe.h"
 #include "support/child_process.h"
+#include "support/link.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -50,7 +51,8 @@ class StuckCalls : public testing::Test {
 
 TEST_F(StuckCalls, OfEveryMethodOfAnObjectHoldUpNeitherOtherObjectsNorTheDirectoryNorAnEnding) {
   const Process process = start("Server", "512");
-  const std::string url = urlIn(process->waitForLine("listening on "));
+  const house::Link link(portIn(process->waitForLine("listening on ")));
+  const std::string url = link.url();
   client->connect(url).value(guardMs);
   const auto server = client->service("Server").value(guardMs);
   const auto other = client->service("Other").value(guardMs);
@@ -76,7 +78,8 @@ TEST_F(StuckCalls, OfEveryMethodOfAnObjectHoldUpNeitherOtherObjectsNorTheDirecto
 
 TEST_F(StuckCalls, ThatNestDeeperThanTheThreadsGoEndInTheErrorThatNamesTheCeiling) {
   const Process first = start("First", "16");
-  const std::string url = urlIn(first->waitForLine("listening on "));
+  const house::Link link(portIn(first->waitForLine("listening on ")));
+  const std::string url = link.url();
   const Process second = start("Second", "16", url);
   second->waitForLine("listening on ");
   client->connect(url).value(guardMs);

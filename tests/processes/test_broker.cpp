@@ -97,7 +97,7 @@ int main(int argumentCount, char** arguments) {
     const auto broker = JX::JXBroker::createBroker(name, "127.0.0.1", std::stoi(arguments[2]), "",
                                                    std::stoi(arguments[3]));
     const auto witness = JX::createModule<Witness>(broker, name);
-    std::cout << "listening on " << broker->getPort() << std::endl;
+    std::cout << "listening on tcp://127.0.0.1:" << broker->getPort() << std::endl;
     witness->waitForEnd();
     return broker->shutdown() ? 0 : 1;
   } catch (const JX::JXError& error) {

@@ -6,6 +6,8 @@
 //   test_peer call <directory> work|echo|hold
 //       calls that method of "Server" all the while, "work" with rising numbers and "echo" with
 //       many bytes; says so of each call that took more than a second, and of the one that failed
+//   test_peer listen <directory>
+//       listens to the signal "seen" of "Server"
 //   test_peer find <directory> <name>
 //       says how long it took to find a service and have it add
 
@@ -18,6 +20,7 @@
 #include <chrono>
 #include <exception>
 #include <iostream>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -54,12 +57,36 @@ int descend(int levels, const std::string& own, const std::string& other) {
   return 1 + object.call<int>("descend", levels - 1, other, own);
 }
 
+/// Emits so many numbered signals of so many bytes, one each millisecond; says how many
+/// microseconds each took.
+std::vector<int> emit(const gv::Object<gv::Empty>& object, int count, int size) {
+  const std::string text(static_cast<std::size_t>(size), 'x');
+  const gv::Buffer bytes(text.data(), text.size());
+  std::vector<int> took;
+  auto next = Clock::now();
+  for (int number = 0; number < count; ++number) {
+    std::this_thread::sleep_until(next += std::chrono::milliseconds(1));
+    const auto start = Clock::now();
+    object.emit("seen", number, bytes);
+    took.push_back(static_cast<int>(
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count()));
+  }
+  return took;
+}
+
 void serve(const Words& words) {
   static processes::Ledger ledger(words.at(2));
   static std::atomic<int> holding{0};
   gv::DynamicObjectBuilder server;
   server.advertiseMethod("add", [](int a, int b) { return a + b; });
   server.advertiseMethod("echo", [](const gv::Buffer& bytes) { return bytes; });
+  server.advertiseMethod("make", [](int size) {
+    const std::string bytes(static_cast<std::size_t>(size), 'x');
+    return gv::Buffer(bytes.data(), bytes.size());
+  });
+  server.advertiseSignal<int, gv::Buffer>("seen");
+  static gv::Object<gv::Empty> object;
+  server.advertiseMethod("emit", [](int count, int size) { return emit(object, count, size); });
   server.advertiseMethod("descend", descend);
   server.advertiseMethod("work", [](int nonce) {
     ++ledger[nonce].begun;
@@ -82,7 +109,8 @@ void serve(const Words& words) {
   } else {
     session()->listenStandalone(words.at(1)).value();
   }
-  session()->registerService(words.at(0), server.object()).value();
+  object = server.object();
+  session()->registerService(words.at(0), object).value();
   if (words.size() == 3) session()->registerService("Other", other.object()).value();
   std::string line = "listening on";
   for (const gv::Url& url : session()->endpoints()) line += " " + url.str();
@@ -122,6 +150,14 @@ void call(const Words& words) {
   }
 }
 
+void listen(const Words& words) {
+  session()->connect(words.at(0)).value();
+  const auto server = session()->service("Server").value();
+  server.connect("seen", [](int, const gv::Buffer&) {}).value();
+  say("subscribed");
+  for (;;) ::pause();
+}
+
 void find(const Words& words) {
   session()->connect(words.at(0)).value();
   const auto start = Clock::now();
@@ -136,7 +172,9 @@ int main(int argumentCount, char** arguments) {
   try {
     const std::string role = arguments[1];
     const Words words(arguments + 2, arguments + argumentCount);
-    role == "serve" ? serve(words) : role == "call" ? call(words) : find(words);
+    const std::map<std::string, void (*)(const Words&)> roles = {
+        {"serve", serve}, {"call", call}, {"listen", listen}, {"find", find}};
+    roles.at(role)(words);
     return 0;
   } catch (const std::exception& error) {
     say(std::string("cannot: ") + error.what());

@@ -30,6 +30,12 @@ int newSocket() {
   return static_cast<int>(check(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)));
 }
 
+/// What is sent leaves at once, however little it is.
+void sendAtOnce(int socket) {
+  const int on = 1;
+  check(::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on));
+}
+
 void waitUntilReadable(int socket) {
   constexpr int guardMs = 30'000;
   pollfd wanted{socket, POLLIN, 0};
@@ -50,8 +56,7 @@ RawPeer::RawPeer() : socket_(newSocket()) {}
 void RawPeer::connect(int port) {
   const sockaddr_in address = loopback(port);
   check(::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address));
-  const int on = 1;
-  check(::setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on));
+  sendAtOnce(socket_);
 }
 
 bool RawPeer::send(std::string_view bytes) {
@@ -128,7 +133,9 @@ RawListener::~RawListener() {
 
 RawPeer RawListener::accept() {
   waitUntilReadable(socket_);
-  return RawPeer(static_cast<int>(check(::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC))));
+  RawPeer peer(static_cast<int>(check(::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC))));
+  sendAtOnce(peer.descriptor());
+  return peer;
 }
 
 }  // namespace house

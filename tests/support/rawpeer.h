@@ -55,6 +55,7 @@ class RawListener {
   RawListener& operator=(const RawListener&) = delete;
 
   int port() const { return port_; }
+  int descriptor() const { return socket_; }
   std::string url() const { return "tcp://127.0.0.1:" + std::to_string(port_); }
   RawPeer accept();
 

@@ -66,6 +66,7 @@ class Team {
   void dismiss(std::uint64_t key) { sockets_.remove(key); }
   ReadinessSet& readiness() { return readiness_; }
   void lend(std::uint64_t key);
+  void goOn(std::uint64_t key);
   void post(std::function<void()> task);
   void postWhenThereIsRoom(std::function<void()> call, std::function<void()> refuse);
   bool hasSpare() const { return hasSpare_.load(std::memory_order_relaxed); }
@@ -87,8 +88,13 @@ class Team {
   std::size_t waitForSockets();
   std::size_t sleep();
   void handle(const Ready& ready);
+  void goOnWith(std::uint64_t key);
   bool mayRunCalls() const { return hasSpare() && getEventLoop()->hasRoom(); }
-  bool takeTask(std::function<void()>& task);
+  struct Task {
+    std::function<void()> foreign;
+    std::uint64_t socket = 0;  // or this one goes on
+  };
+  bool takeTask(Task& task);
   void runTask();
 
   ReadySockets sockets_;
@@ -108,7 +114,7 @@ class Team {
   std::atomic<bool> areWaiting_{false};
 
   std::mutex mutex_;  // guards what follows
-  std::deque<std::function<void()>> tasks_;
+  std::deque<Task> tasks_;
   struct Waiting {
     std::function<void()> call;
     std::function<void()> refuse;
@@ -147,12 +153,22 @@ void Team::post(std::function<void()> task) {
     const std::lock_guard lock(mutex_);
     startFirstReaderLocked();
     if (leader_ || isStarting_) {
-      tasks_.push_back(std::exchange(task, nullptr));
+      tasks_.push_back({std::exchange(task, nullptr)});
       hasTasks_ = true;
     }
   }
   // It is still here when the process exits.
   task ? task() : readiness_.wake();
+}
+
+void Team::goOn(std::uint64_t key) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (isStopping_) return;
+    tasks_.push_back({{}, key});
+    hasTasks_ = true;
+  }
+  if (!currentReader || currentReader->phase != Reader::Phase::Own) readiness_.wake();
 }
 
 void Team::postWhenThereIsRoom(std::function<void()> call, std::function<void()> refuse) {
@@ -167,7 +183,7 @@ void Team::postWhenThereIsRoom(std::function<void()> call, std::function<void()>
 }
 
 /// The next one, if there is one: the thread may have been replaced meanwhile.
-bool Team::takeTask(std::function<void()>& task) {
+bool Team::takeTask(Task& task) {
   Waiting former;  // dies after the unlock
   const std::lock_guard lock(mutex_);
   if (!tasks_.empty()) {
@@ -181,21 +197,27 @@ bool Team::takeTask(std::function<void()>& task) {
   former = std::move(waiting_.front());
   waiting_.pop_front();
   areWaiting_ = !waiting_.empty();
-  task = std::move(hasRoom ? former.call : former.refuse);
+  task.foreign = std::move(hasRoom ? former.call : former.refuse);
   return true;
 }
 
 void Team::runTask() {
-  std::function<void()> task;
+  Task task;
   if ((!hasTasks_ && !areWaiting_) || !takeTask(task)) return;
+  if (task.socket != 0) return goOnWith(task.socket);
   const Readers::ForeignCode foreign;
   try {
-    task();
+    task.foreign();
   } catch (...) {
     GV_LOG(log::Level::Error, "gvmessaging.net", "post",
            "a callback failed: " + gv::detail::currentError().text);
   }
-  task = nullptr;
+  task.foreign = nullptr;
+}
+
+void Team::goOnWith(std::uint64_t key) {
+  handle({.key = key, .canRead = true, .canWrite = false});
+  if (!Readers::isReplaced()) current_.reset();
 }
 
 void Team::handle(const Ready& ready) {
@@ -426,6 +448,10 @@ bool Readers::watch(int descriptor, std::uint64_t key, ReadinessSet::Interest be
 
 void Readers::lend(std::uint64_t key) {
   team().lend(key);
+}
+
+void Readers::goOn(std::uint64_t key) {
+  team().goOn(key);
 }
 
 void Readers::post(std::function<void()> task) {

@@ -37,7 +37,8 @@ class StreamHandler {
 ///
 /// While much output waits for the peer, its own requests are read slowly and at last not at all
 /// (wire::Limits::outputSlow and outputStop): two peers that send each other large frames at once
-/// must both go on reading, one that only asks and never reads must not fill the memory.
+/// must both go on reading, one that only asks and never reads must not fill the memory. As little
+/// input may ask for much output, and for much time, the handler looks at isTurnOver().
 class Stream {
  public:
   virtual ~Stream() = default;
@@ -63,6 +64,13 @@ class Stream {
   /// True when another thread took over reading while the calling one was in the handler's
   /// onInput(), which must return then and touch nothing of the reading side.
   virtual bool hasLostTurn() const { return false; }
+
+  /// True when the handler is to return from onInput() and leave the rest of what it has: its turn
+  /// has taken long while others wait, or more output waits than what is read beside. Another
+  /// onInput(), of 0 bytes as a rule, follows when it may go on.
+  virtual bool isTurnOver() { return false; }
+  /// The peer has much under way already: its next turn begins a little later. From onInput().
+  virtual void restAfterTurn() {}
 
   /// Bytes taken by send() and not yet by the system.
   virtual std::size_t pendingBytes() const = 0;

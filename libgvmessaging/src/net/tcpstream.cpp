@@ -26,6 +26,8 @@ constexpr int roundsInTurn = 4;
 
 // While output waits beyond the limit, one buffer is read each time this has passed.
 constexpr std::chrono::milliseconds slowReadPause{50};
+// After a turn of a peer that has much under way.
+constexpr std::chrono::milliseconds rest{1};
 
 // After a failed write: more than the system holds for one connection.
 constexpr int restRounds = 64;
@@ -108,6 +110,7 @@ TcpStream::State TcpStream::state() const {
 
 void TcpStream::watchLocked() {
   const bool reads = isStarted_ && state_ != State::Closing && !isPaused_ && !isLent_;
+  if (reads) goOnLaterLocked();
   const ReadinessSet::Interest wanted{.read = reads, .write = awaitsWritable_};
   if (wanted == watched_ || isFinished_) return;  // the descriptor may be another's by now
   try {
@@ -120,8 +123,14 @@ void TcpStream::watchLocked() {
   watched_ = wanted;
 }
 
+/// For what the handler has left no byte has to come.
+void TcpStream::goOnLaterLocked() {
+  if (!hasLeft_ || state_ != State::Open || reading_ != Reading::Nobody || key_ == 0) return;
+  if (!std::exchange(isToGoOn_, true)) Readers::goOn(key_);
+}
+
 bool TcpStream::takeReadingLocked(Reading by) {
-  if (state_ == State::Closing || reading_ != Reading::Nobody) return false;
+  if (state_ == State::Closing || isPaused_ || reading_ != Reading::Nobody) return false;
   reading_ = by;
   return true;
 }
@@ -130,7 +139,10 @@ void TcpStream::giveBackReading() {
   Lock lock(mutex_);
   flushLocked(lock);
   reading_ = Reading::Nobody;
-  if (state_ == State::Open && output_.bytes() > limits_.outputSlow && !isPaused_) pauseLocked();
+  const bool isToRest = isToRest_.exchange(false, std::memory_order_relaxed);
+  const bool isSlow = output_.bytes() > limits_.outputSlow;
+  if (state_ == State::Open && (isSlow || isToRest) && !isPaused_)
+    pauseLocked(isSlow ? slowReadPause : rest);
   watchLocked();
   finishIfFreeLocked();
 }
@@ -139,6 +151,7 @@ void TcpStream::onReady(bool canRead, bool canWrite) {
   if (canWrite) onWritable();
   if (!canRead) return;
   Lock lock(mutex_);
+  isToGoOn_ = false;
   if (!takeReadingLocked(Reading::Leader)) return;
   const int rounds = output_.bytes() > limits_.outputSlow ? 1 : roundsInTurn;
   lock.unlock();
@@ -178,7 +191,7 @@ bool TcpStream::readOnce() {
     endLocked(got.error ? lossText(got.error) : "connection closed by peer");
     return false;
   }
-  return got.isFull && state() != State::Closing;
+  return got.isFull && !hasLeft_ && state() != State::Closing;
 }
 
 Transfer TcpStream::receive() {
@@ -189,6 +202,11 @@ Transfer TcpStream::receive() {
     return receiveSome(descriptor_, unwanted);
   }
   Transfer got;
+  if (hasLeft_ && hasLeft_.exchange(false)) {
+    callHandler([&] { handler->onInput(0); });
+    got.wouldBlock = hasLeft_ || Turn::isLost(this) || state() != State::Open;
+    if (got.wouldBlock) return got;
+  }
   callHandler([&] {
     got = receiveSome(descriptor_, handler->inputSpace());
     handler->onInput(got.bytes);
@@ -211,7 +229,12 @@ bool TcpStream::hasLostTurn() const {
   return Turn::isLost(this);
 }
 
-void TcpStream::pauseLocked() {
+bool TcpStream::isTurnOver() {
+  if (!hasLeft_ && Turn::isOver(this)) hasLeft_ = true;
+  return hasLeft_;
+}
+
+void TcpStream::pauseLocked(std::chrono::milliseconds time) {
   isPaused_ = true;
   const auto resume = [weak = weak_from_this()] {
     const auto self = weak.lock();
@@ -219,11 +242,11 @@ void TcpStream::pauseLocked() {
     const Lock lock(self->mutex_);
     self->isPaused_ = false;
     if (self->state_ == State::Open && self->output_.bytes() > self->limits_.outputStop)
-      self->pauseLocked();
+      self->pauseLocked(slowReadPause);
     self->watchLocked();
   };
   try {
-    pauseTimer_ = Timer::start(slowReadPause, resume);
+    pauseTimer_ = Timer::start(time, resume);
   } catch (const std::exception&) {
     isPaused_ = false;  // the process exits
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <asio/ip/tcp.hpp>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <memory>
@@ -47,6 +48,8 @@ class TcpStream final : public Stream,
   void readWhile(const std::function<bool()>& isWanted) override;
   void expectUnasked() override;
   bool hasLostTurn() const override;
+  bool isTurnOver() override;
+  void restAfterTurn() override { isToRest_.store(true, std::memory_order_relaxed); }
   std::size_t pendingBytes() const override;
   std::chrono::milliseconds stalledFor() const override;
   void close(const std::string& cause) override;
@@ -70,6 +73,7 @@ class TcpStream final : public Stream,
   void afterWriteLocked(const Transfer& last);
   void flushLocked(Lock& lock);
   void onWritable();
+  void chokeLocked();
 
   // tcpstream.cpp
   bool takeReadingLocked(Reading by);
@@ -79,7 +83,8 @@ class TcpStream final : public Stream,
   Transfer receive();
   void readRest();
   void watchLocked();
-  void pauseLocked();
+  void goOnLaterLocked();
+  void pauseLocked(std::chrono::milliseconds time);
   template <class F>
   void callHandler(const F& call);
   bool borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest);
@@ -121,9 +126,12 @@ class TcpStream final : public Stream,
   std::shared_ptr<Timer> flushTimer_;
 
   Reading reading_ = Reading::Nobody;
-  std::uint64_t key_ = 0;             // with the readers, once it is watched
-  ReadinessSet::Interest watched_{};  // by them
-  bool isPaused_ = false;             // until pauseTimer_
+  std::uint64_t key_ = 0;              // with the readers, once it is watched
+  ReadinessSet::Interest watched_{};   // by them
+  bool isPaused_ = false;              // until pauseTimer_
+  bool isToGoOn_ = false;              // the readers were told
+  std::atomic<bool> isToRest_{false};  // set by the reader
+  std::atomic<bool> hasLeft_{false};   // the handler, maybe; set under mutex_ or by the reader
   std::shared_ptr<Timer> pauseTimer_;
 
   bool isLent_ = false;  // a caller has it, or had it a moment ago

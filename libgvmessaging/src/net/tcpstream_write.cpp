@@ -27,6 +27,7 @@ bool TcpStream::send(std::span<const Bytes> pieces) {
   if (writing_ || !output_.empty() || mayPutOff) {
     output_.push(pieces);
     if (output_.bytes() > putOffMost || !mayPutOff) flushLocked(lock);
+    chokeLocked();
     return true;
   }
   std::array<iovec, gatheredPieces> buffers;
@@ -45,7 +46,13 @@ bool TcpStream::send(std::span<const Bytes> pieces) {
   direct_ = 0;
   output_.pushFront(pieces, sent.bytes);
   writeRoundsLocked(lock, sent);
+  chokeLocked();
   return true;
+}
+
+/// What was read already may ask for more.
+void TcpStream::chokeLocked() {
+  if (output_.bytes() > limits_.outputStop) hasLeft_ = true;
 }
 
 std::size_t TcpStream::pendingBytes() const {

@@ -15,7 +15,8 @@ class TcpStream;
 class Turn {
  public:
   explicit Turn(const TcpStream* stream) : outer_(std::exchange(stream_, stream)) {
-    lastFlush_ = std::chrono::steady_clock::now();
+    begin_ = lastFlush_ = Clock::now();
+    steps_ = 0;
   }
   ~Turn() { stream_ = outer_; }
   Turn(const Turn&) = delete;
@@ -30,16 +31,27 @@ class Turn {
   static bool mayPutOff(const TcpStream* stream) {
     constexpr std::chrono::microseconds longest(50);
     if (stream_ != stream || Readers::isReplaced()) return false;
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = Clock::now();
     if (now - lastFlush_ < longest) return true;
     lastFlush_ = now;
     return false;
   }
 
+  /// True when other streams are to have their turn. Asked in each step of a turn, it looks at the
+  /// clock only in every eighth.
+  static bool isOver(const TcpStream* stream) {
+    constexpr std::chrono::microseconds longest(200);
+    return stream_ == stream && ++steps_ % 8 == 0 && Clock::now() - begin_ > longest;
+  }
+
  private:
+  using Clock = std::chrono::steady_clock;
+
   const TcpStream* const outer_;
   static inline thread_local const TcpStream* stream_ = nullptr;
-  static inline thread_local std::chrono::steady_clock::time_point lastFlush_;
+  static inline thread_local Clock::time_point begin_;
+  static inline thread_local Clock::time_point lastFlush_;
+  static inline thread_local unsigned steps_ = 0;
 };
 
 }  // namespace gv::net

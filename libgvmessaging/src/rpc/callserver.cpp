@@ -25,6 +25,9 @@ namespace {
 
 constexpr const char* category = "gvmessaging.connection";
 
+/// As many as may be under way take little memory.
+constexpr std::size_t smallReply = 4u << 10;
+
 /// Methods of the framework's own never block, so that they are served even when all user code
 /// does.
 bool isDirectorys(const wire::FrameHeader& header) {
@@ -136,6 +139,7 @@ void CallServer::serveElsewhere(wire::Frame& frame, MetaCallType callType) {
   const auto call = releasedElsewhere(AcceptedCall());
   try {
     checkBudget(frame);
+    if (budget_->calls > limits_.acceptedCalls / 10) stream_.restAfterTurn();
     call->share = shareOf(header);
     call->target = findTarget(frame);
     if (mayNameObjects(call->target.method->parametersSignature()))
@@ -165,6 +169,7 @@ void CallServer::serveAccepted(const AcceptedCall& call) {
   const wire::FrameHeader& header = call.frame.header;
   const auto callType = static_cast<MetaCallType>(header.callType);
   try {
+    if (header.type != wire::FrameType::Post) checkRoom("not run");
     // A service that was withdrawn meanwhile starts no body; an object that was given back does.
     if (header.service != 0 && !objects_.find(addressOf(header)))
       return replyError(header, noService(header.service));
@@ -336,6 +341,14 @@ void CallServer::replyWhenSettled(const wire::FrameHeader& call, const std::stri
       FutureCallbackType::Sync);
 }
 
+/// Calls under way go on while the peer's requests are not read any more.
+void CallServer::checkRoom(const char* otherwise) const {
+  if (stream_.pendingBytes() <= limits_.outputStop) return;
+  throw std::runtime_error(std::string(otherwise) + ": more than " +
+                           std::to_string(limits_.outputStop >> 20) +
+                           " MiB wait for the caller to read them");
+}
+
 void CallServer::reply(const wire::FrameHeader& call, const std::string& returnSignature,
                        const AnyReference& result) {
   ObjectExchange::Sending sending(objects_);
@@ -344,6 +357,7 @@ void CallServer::reply(const wire::FrameHeader& call, const std::string& returnS
     wire::writeValue(message, result, returnSignature);
     if (message.payloadSize() > limits_.payload)
       throw message.tooLarge("the result takes", limits_.payload);
+    if (message.payloadSize() > smallReply) checkRoom("the result was dropped");
   } catch (const std::exception& error) {
     sending.takeBack();  // before the caller knows, and may ask for as much again
     return replyError(call, error.what());

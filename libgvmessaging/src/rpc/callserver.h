@@ -78,6 +78,7 @@ class CallServer {
                         const Future<AnyReference>& result);
   void reply(const wire::FrameHeader& call, const std::string& returnSignature,
              const AnyReference& result);
+  void checkRoom(const char* otherwise) const;
   std::string exceededOutput();
   void replyError(const wire::FrameHeader& call, const std::string& text);
 

@@ -246,7 +246,7 @@ void Connection::onClosed(const std::string& cause) {
 void Connection::onInput(std::size_t count) {
   reader_.fill(count);
   wire::Frame frame;
-  while (reader_.next(frame)) {
+  while (!stream_->isTurnOver() && reader_.next(frame)) {
     onFrame(frame);
     if (stream_->hasLostTurn()) return;
   }
