@@ -190,7 +190,7 @@ void TlsStream::onInput(std::size_t count) {
   }
   std::string failure;
   std::size_t decrypted = 1;
-  while (decrypted > 0 && failure.empty() && !inner_->hasLostTurn()) {
+  while (decrypted > 0 && failure.empty() && !inner_->hasLostTurn() && !inner_->isTurnOver()) {
     decrypted = decrypt(handler->inputSpace(), failure);
     handler->onInput(decrypted);
   }

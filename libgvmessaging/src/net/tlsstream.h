@@ -30,6 +30,8 @@ class TlsStream final : public Stream,
   void readWhile(const std::function<bool()>& isWanted) override { inner_->readWhile(isWanted); }
   void expectUnasked() override { inner_->expectUnasked(); }
   bool hasLostTurn() const override { return inner_->hasLostTurn(); }
+  bool isTurnOver() override { return inner_->isTurnOver(); }
+  void restAfterTurn() override { inner_->restAfterTurn(); }
   std::size_t pendingBytes() const override;
   std::chrono::milliseconds stalledFor() const override { return inner_->stalledFor(); }
   void close(const std::string& cause) override { inner_->close(cause); }
