@@ -45,6 +45,9 @@ class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
   /// that was announced is tried for this only.
   Future<ConnectionPointer> reach(const ServiceInfo& info);
 
+  /// The open connections, the oldest first.
+  std::vector<ConnectionPointer> open() const;
+
   /// Ends all connections, also those to come, and fails what is being reached. Settles when the
   /// open ones have ended.
   Future<void> close(const std::string& cause);
@@ -66,7 +69,7 @@ class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
   std::weak_ptr<rpc::ServiceHost> host_;
   ClosedHandler onClosed_;
 
-  std::mutex mutex_;  // guards what follows
+  mutable std::mutex mutex_;  // guards what follows
   bool isClosed_ = false;
   std::map<std::uint64_t, ConnectionPointer> open_;            // all of them, by their id
   std::multimap<std::string, ConnectionPointer> bySession_;    // the same, by the peer's session
