@@ -241,6 +241,12 @@ TEST_F(ConnectionTest, RefusesMoreCallsOfOnePeerThanItMayHaveUnderWay) {
   wire::Limits limits;
   limits.acceptedCalls = 10;
   ForeignSession strict("strict", os::machineId(), limits);
+  const auto underWay = [&strict] {
+    std::vector<rpc::CallRecord> calls;
+    for (const auto& each : strict.peers->open()) each->listCalls(calls);
+    return calls.size();
+  };
+  std::size_t expected = 0;
   // However they wait: for what they have promised, for their turn, or for a thread.
   DynamicObjectBuilder promising, serial, queued;
   promising.advertiseMethod("wait", [gate = gate] { return gate->open.future(); });
@@ -258,11 +264,15 @@ TEST_F(ConnectionTest, RefusesMoreCallsOfOnePeerThanItMayHaveUnderWay) {
       each == &serial ? remote.post("wait") : void(remote.metaCall("wait", {}, how));
     const auto refused = failureOf([&] { remote.call<void>("wait"); });
     EXPECT_THAT(refused.second, HasSubstr("too many calls"));
+    EXPECT_EQ(underWay(), expected += limits.acceptedCalls);
+    EXPECT_EQ(strict.peers->open().back()->figures().callsRefused, 11u);
     house::LogCapture log;
     remote.disconnect(link).value(guardMs);
     EXPECT_TRUE(rpc::RemoteObject::make(reached, replaceableId).hasValue(guardMs));
     EXPECT_EQ(log.count("was dropped"), 0u) << "a subscription ends all the same";
   }
+  gate->open.setValue();
+  while (underWay() > 0) std::this_thread::yield();  // or the watchdog ends it
 }
 
 TEST_F(ConnectionTest, ServesOthersBetweenManyShortCallbacks) {

@@ -75,6 +75,7 @@ class ForeignSession {
       const auto found = objects_.find(id);
       return found == objects_.end() ? Object<Empty>() : found->second;
     }
+    Figures figures() const override { return {}; }
 
    private:
     mutable std::mutex mutex_;  // guards what follows

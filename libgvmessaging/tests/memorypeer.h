@@ -105,6 +105,7 @@ class MemoryPeer {
       const auto found = objects.find(id);
       return found == objects.end() ? Object<Empty>() : found->second;
     }
+    Figures figures() const override { return {}; }
     const Objects objects;
   };
 

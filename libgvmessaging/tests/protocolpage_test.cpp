@@ -267,6 +267,30 @@ TEST(ProtocolPage, ShowsAConversationThatTheClientHolds) {
   EXPECT_EQ(withIdsOf(page.note, server.hear()), page.note);
 }
 
+/// The signature of the figures of something, as its table on the page has it.
+std::string figuresSignature(const std::string& of) {
+  const std::map<std::string, std::string> structs = {{"EventLoopFigures", "of the event loop"},
+                                                      {"ConnectionFigures", "of a connection"},
+                                                      {"CallFigures", "of a call or post"},
+                                                      {"Figures", "of a session"}};
+  const std::string name = of.substr(of.find_last_of(' ') + 1);
+  const auto found = structs.find(name);
+  if (found == structs.end()) return of;
+  std::string types, fields = "<" + name;
+  for (const auto& row :
+       tableOf("Figures", "| field | type | " + found->second + ", `" + name + "` |")) {
+    types += figuresSignature(row.at(1));
+    fields += "," + row.at(0);
+  }
+  return (of.starts_with("a list of ") ? "a(" : "(") + types + ")" + fields + ">";
+}
+
+TEST(ProtocolPage, NamesEachOfTheFigures) {
+  std::string signature;
+  appendSignature(signature, getType<Figures>());
+  EXPECT_EQ(figuresSignature("Figures"), signature);
+}
+
 TEST(ProtocolPage, ListsTheMembersOfTheDirectoryAndOfEveryObject) {
   const Object<Empty> directory = directory::makeDirectoryObject(
       std::make_shared<directory::DirectoryTable>(directory::Registrant()), {});

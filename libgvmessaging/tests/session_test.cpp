@@ -17,6 +17,7 @@
 #include "foreignsession.h"
 #include "src/session/sessionsettings.h"
 #include "support/rawpeer.h"
+#include "support/rounds.h"
 #include "support/watchdog.h"
 
 namespace gv {
@@ -109,6 +110,41 @@ TEST_F(SessionTest, LetsOnlyTheOwnerWithdraw) {
   EXPECT_THROW(directory.async<void>("unregisterService", id).value(guardMs), FutureException);
   EXPECT_THROW(directory.call<void>("unregisterService", 1u), FutureException);
   EXPECT_EQ(master->service("Counter").value(guardMs).call<int>("one"), 1);
+}
+
+TEST_F(SessionTest, TellsItsFiguresWhileCallsComeAndGo) {
+  ForeignSession foreign("foreign");
+  foreign.join(master->url());
+  const Promise<void> gate;
+  DynamicObjectBuilder held;
+  held.advertiseMethod("wait", [gate] { return gate.future(); });
+  foreign.offer("Held", held.object());
+  const auto waiting = master->service("Held").value(guardMs).async<void>("wait");
+  const unsigned id = master->registerService("Counter", makeObject()).value(guardMs);
+  const Object<Empty> counter = rpc::RemoteObject::make(foreign.connection, id).value(guardMs);
+
+  std::atomic<bool> isOver{false};
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 2; ++i)
+    callers.emplace_back([&] {
+      while (!isOver) counter.call<int>("one");
+    });
+  for (int i = 0; i < house::rounds(1000); ++i) {
+    const auto figures =
+        counter.share()->call<Figures>(static_cast<unsigned>(BuiltinMethod::Figures));
+    std::vector<std::string> made;
+    for (const CallFigures& call : figures.calls) {
+      const std::string name = call.serviceName + "." + call.memberName;
+      if (!call.isServed || name != "Counter.one") made.push_back(name);
+    }
+    EXPECT_THAT(made, ElementsAre("Held.wait"));
+    EXPECT_EQ(figures.callCount, figures.calls.size());
+  }
+  isOver = true;
+  for (std::thread& caller : callers) caller.join();
+  gate.setValue();
+  waiting.value(guardMs);
+  while (counter.call<Figures>("figures").callCount > 0) std::this_thread::yield();
 }
 
 TEST_F(SessionTest, DropsARemoteObjectWhenItsServiceHasGone) {

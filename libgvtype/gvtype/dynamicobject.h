@@ -113,7 +113,8 @@ enum class BuiltinMethod : unsigned {
   MetaObject = 2,   ///< () -> the object's description
   Property = 5,     ///< (name) -> the property's value, dynamic
   SetProperty = 6,  ///< (name, dynamic value) sets a property
-  Properties = 7    ///< () -> the names of all properties, by rising id
+  Properties = 7,   ///< () -> the names of all properties, by rising id
+  Figures = 9       ///< () -> those of the session that a connection asks; fails within a process
 };
 
 }  // namespace gv

@@ -7,6 +7,7 @@
 
 #include <gv/eventloop.h>
 #include <gv/log.h>
+#include <gvtype/callcontext.h>
 #include <gvtype/callgate.h>
 #include <gvtype/metaobjectdescription.h>
 
@@ -83,6 +84,9 @@ std::vector<Method> DynamicObject::Private::builtinMethods(DynamicObject* object
     for (const auto& [uid, property] : object->metaObject().propertyMap())
       names.push_back(property.name());
     return names;
+  });
+  add(BuiltinMethod::Figures, "figures", []() -> AnyValue {
+    throw std::runtime_error("figures are a session's: only an object elsewhere has one to ask");
   });
   return methods;
 }
@@ -206,21 +210,22 @@ Future<AnyReference> DynamicObject::metaCall(Object<Empty> context, unsigned id,
   Promise<AnyReference> promise;
   const CallGate* gate = CallGateScope::take();
   try {
-    p_->serial->post(
-        [=, copies = withInstance.copy(), kept = gate ? std::optional(*gate) : std::nullopt] {
-          try {
-            if (kept) kept->pass();
-          } catch (const std::exception& refusal) {
-            return promise.setError(refusal.what());
-          }
-          const auto result =
-              gv::metaCall(nullptr, ObjectThreadingModel::SingleThread, method->callType,
-                           MetaCallType::Direct, context, id, method->function, copies, caller);
-          if (result.hasError())
-            promise.setError(result.error(), result.errorState());
-          else
-            promise.setValue(result.value());
-        });
+    p_->serial->post([=, copies = withInstance.copy(), parent = CallContext::current(),
+                      kept = gate ? std::optional(*gate) : std::nullopt] {
+      const CallContextScope scope(parent);
+      try {
+        if (kept) kept->pass();
+      } catch (const std::exception& refusal) {
+        return promise.setError(refusal.what());
+      }
+      const auto result =
+          gv::metaCall(nullptr, ObjectThreadingModel::SingleThread, method->callType,
+                       MetaCallType::Direct, context, id, method->function, copies, caller);
+      if (result.hasError())
+        promise.setError(result.error(), result.errorState());
+      else
+        promise.setValue(result.value());
+    });
   } catch (...) {
     promise.setError(detail::currentError().text, FutureException::State::NotSent);
   }

@@ -4,6 +4,7 @@
 
 #include <gv/eventloop.h>
 #include <gv/log.h>
+#include <gvtype/callcontext.h>
 #include <gvtype/callgate.h>
 #include <gvtype/conversion.h>
 #include <gvtype/object.h>
@@ -44,7 +45,9 @@ Future<AnyReference> metaCall(EventLoop* loop, ObjectThreadingModel, MetaCallTyp
   Promise<AnyReference> promise;
   try {
     loop->post([promise, function, context, copies = arguments.copy(),
+                caller = CallContext::current(),
                 kept = gate ? std::optional(*gate) : std::nullopt] {
+      const CallContextScope scope(caller);
       runInto(promise, function, copies, kept);
     });
   } catch (...) {  // arguments that cannot be copied, or a forked child

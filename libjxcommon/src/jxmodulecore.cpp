@@ -3,6 +3,7 @@
 #include <gv/eventloop.h>
 #include <gv/log.h>
 #include <gv/os.h>
+#include <gvtype/callcontext.h>
 #include <jxcommon/jxfunctor.h>
 #include <jxerror/jxerror.h>
 
@@ -144,10 +145,12 @@ gv::Future<gv::AnyReference> JXModuleCore::metaCall(gv::Object<gv::Empty> contex
     return promise.future();
   }
   try {
-    gv::getEventLoop()->post(
-        [=, function = *function, broker = d->parentBroker, copies = parameters.copy()]() mutable {
-          catch_call(self, methodId, function, copies, promise, true, context, caller);
-        });
+    gv::getEventLoop()->post([=, function = *function, broker = d->parentBroker,
+                              copies = parameters.copy(),
+                              served = gv::CallContext::current()]() mutable {
+      const gv::CallContextScope scope(served);
+      catch_call(self, methodId, function, copies, promise, true, context, caller);
+    });
   } catch (...) {  // an argument that has no copy, a loop that has ended
     promise.setError(gv::detail::currentError().text);
   }

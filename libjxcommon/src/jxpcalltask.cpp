@@ -7,6 +7,7 @@
 #include <gv/eventloop.h>
 #include <gv/log.h>
 #include <gv/os.h>
+#include <gvtype/callcontext.h>
 #include <gvtype/callorigin.h>
 #include <gvtype/metacall.h>
 #include <jxcommon/jxmodulecore.h>
@@ -237,8 +238,9 @@ int JXModuleCore::_pCall(unsigned methodId, const std::vector<gv::AnyValue>& arg
   call->give(task);
   task->held = std::move(held);
   gv::getEventLoop()->post([=, function = *function, context = asObject(),
-                            caller = gv::os::gettid(),
+                            caller = gv::os::gettid(), served = gv::CallContext::current(),
                             parameters = referencesTo(arguments).copy()]() mutable {
+    const gv::CallContextScope scope(served);
     catch_pcall(self, methodId, call->take(), function, parameters, context, caller);
   });
   return id;

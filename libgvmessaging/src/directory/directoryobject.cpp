@@ -16,7 +16,7 @@ struct Counter {
   const Registrant own;
 
   Registrant caller() const {
-    const rpc::Connection* connection = rpc::CallContext::current().caller;
+    const rpc::Connection* connection = rpc::directoryCaller();
     if (!connection) return own;
     const rpc::Greeting& peer = connection->peer();
     return {connection->id(), peer.machineId, peer.processId, peer.sessionId,
@@ -36,7 +36,7 @@ struct Counter {
 
   /// The directory may have been told of the connection's end before this call reached it.
   void dropIfLost() const {
-    const rpc::Connection* connection = rpc::CallContext::current().caller;
+    const rpc::Connection* connection = rpc::directoryCaller();
     if (connection && !connection->isOpen()) directory->connectionLost(connection->id());
   }
 };

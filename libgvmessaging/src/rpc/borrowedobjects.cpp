@@ -31,6 +31,12 @@ Object<Empty> BorrowedObjects::receive(unsigned number, FunctionRef<Object<Empty
   return made;
 }
 
+Object<Empty> BorrowedObjects::find(unsigned number) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = borrowed_.find(number);
+  return found == borrowed_.end() ? Object<Empty>() : found->second.object.lock();
+}
+
 unsigned BorrowedObjects::forget(unsigned number, const RemoteObject* dying) {
   const std::lock_guard lock(mutex_);
   const auto found = borrowed_.find(number);

@@ -21,6 +21,9 @@ class GVMESSAGING_API BorrowedObjects {
   /// Throws std::runtime_error when too many are held.
   Object<Empty> receive(unsigned number, FunctionRef<Object<Empty>()> make);
 
+  /// The object of a number that lives, invalid where none does.
+  Object<Empty> find(unsigned number) const;
+
   /// Forgets an object that dies. How often its number was received, which is to be given back; 0
   /// when it was received anew meanwhile: then the new object has it all.
   unsigned forget(unsigned number, const RemoteObject* dying);
@@ -33,7 +36,7 @@ class GVMESSAGING_API BorrowedObjects {
   };
 
   const std::size_t limit_;
-  std::mutex mutex_;  // guards borrowed_
+  mutable std::mutex mutex_;  // guards borrowed_
   std::unordered_map<unsigned, Borrowed> borrowed_;
 };
 

@@ -5,6 +5,8 @@
 #include <memory>
 #include <utility>
 
+#include "src/rpc/servedcalls.h"
+
 namespace gv::rpc {
 
 /// What one peer has asked for and not been answered yet, and what it has told and nobody handled
@@ -12,6 +14,7 @@ namespace gv::rpc {
 struct CallBudget {
   std::atomic<std::size_t> calls{0};
   std::atomic<std::size_t> bytes{0};
+  ServedCalls served;  // those too that run where they were read, and take nothing of the budget
 
   /// Counts while it lives.
   class Share;

@@ -3,14 +3,14 @@
 #include <atomic>
 #include <cstring>
 #include <random>
+#include <utility>
+
+#include <gvtype/callcontext.h>
 
 namespace gv::rpc {
 namespace {
 
-CallContext& slot() {
-  thread_local CallContext context;
-  return context;
-}
+thread_local const Connection* directoryCaller_ = nullptr;
 
 std::array<std::uint8_t, 16> randomBytes() {
   thread_local std::mt19937_64 generator = [] {
@@ -26,25 +26,28 @@ std::array<std::uint8_t, 16> randomBytes() {
 
 }  // namespace
 
-const CallContext& CallContext::current() {
-  return slot();
+const Connection* directoryCaller() {
+  return directoryCaller_;
 }
 
-CallContextScope::CallContextScope(const CallContext& context) : previous_(slot()) {
-  slot() = context;
-}
+DirectoryCallerScope::DirectoryCallerScope(const Connection* caller)
+    : previous_(std::exchange(directoryCaller_, caller)) {}
 
-CallContextScope::~CallContextScope() {
-  slot() = previous_;
+DirectoryCallerScope::~DirectoryCallerScope() {
+  directoryCaller_ = previous_;
 }
 
 std::array<std::uint8_t, 16> traceIdForNewCall() {
-  const CallContext& context = slot();
-  return context.callId != 0 ? context.traceId : randomBytes();
+  const CallContext& context = CallContext::current();
+  return context.call != 0 ? context.trace : randomBytes();
+}
+
+std::uint32_t randomIdStart() {
+  return std::random_device()();
 }
 
 std::uint64_t nextCallId() {
-  static std::atomic<std::uint64_t> last{0};
+  static std::atomic<std::uint64_t> last{std::uint64_t{randomIdStart()} << 32};
   return last.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 

@@ -10,33 +10,27 @@ namespace gv::rpc {
 
 class Connection;
 
-/// The call that the calling thread is serving; all zero outside of one. Calls made meanwhile carry
-/// it on as their parent.
-struct CallContext {
-  /// Whose peer calls the service directory; null for this process's own session, and while other
-  /// methods run.
-  const Connection* caller = nullptr;
-  std::uint64_t callId = 0;
-  std::array<std::uint8_t, 16> traceId{};
+/// Whose peer calls the service directory in this thread; null for this process's own session, and
+/// while other methods run.
+GVMESSAGING_API const Connection* directoryCaller();
 
-  GVMESSAGING_API static const CallContext& current();
-};
-
-/// Makes `context` the thread's current one while the scope lives.
-class GVMESSAGING_API CallContextScope {
+/// Sets it while the scope lives.
+class GVMESSAGING_API DirectoryCallerScope {
  public:
-  explicit CallContextScope(const CallContext& context);
-  ~CallContextScope();
-  CallContextScope(const CallContextScope&) = delete;
-  CallContextScope& operator=(const CallContextScope&) = delete;
+  explicit DirectoryCallerScope(const Connection* caller);
+  ~DirectoryCallerScope();
+  DirectoryCallerScope(const DirectoryCallerScope&) = delete;
+  DirectoryCallerScope& operator=(const DirectoryCallerScope&) = delete;
 
  private:
-  CallContext previous_;
+  const Connection* const previous_;
 };
 
 /// The trace of the current call, or a fresh random one.
 std::array<std::uint8_t, 16> traceIdForNewCall();
-/// An id for a new call, unique in this process.
+/// Where a row of ids begins, so that those of different rows, in whatever process, differ.
+std::uint32_t randomIdStart();
+/// An id for a new post or subscription, unique in this process.
 std::uint64_t nextCallId();
 /// A random id as 32 hexadecimal digits.
 std::string randomHexId();

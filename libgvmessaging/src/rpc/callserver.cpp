@@ -1,11 +1,11 @@
 #include "src/rpc/callserver.h"
 
 #include <algorithm>
-#include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include <gv/eventloop.h>
+#include <gvtype/callcontext.h>
 #include <gvtype/callgate.h>
 #include <gvtype/callorigin.h>
 #include <gvtype/dynamicobject.h>
@@ -38,11 +38,16 @@ bool isPostOf(unsigned member, const wire::FrameHeader& header) {
   return header.type == wire::FrameType::Post && header.service == 0 && header.member == member;
 }
 
+bool isOfFigures(const wire::FrameHeader& header) {
+  return header.type == wire::FrameType::Call &&
+         header.member == static_cast<unsigned>(BuiltinMethod::Figures);
+}
+
 /// What runs no user code, so that whoever read it serves it: setting a property would run the
 /// handlers of its signal.
 bool isFrameworks(const wire::FrameHeader& header) {
   return isDirectorys(header) || isPostOf(unsubscribeId, header) ||
-         header.member == static_cast<unsigned>(BuiltinMethod::MetaObject);
+         header.member == static_cast<unsigned>(BuiltinMethod::MetaObject) || isOfFigures(header);
 }
 
 /// Whether values of this signature may name objects.
@@ -82,6 +87,16 @@ std::string shortened(const std::string& text) {
   return text.size() <= longest ? text : text.substr(0, longest) + "... (shortened)";
 }
 
+/// The thread serves a call; the service directory is told who calls.
+struct Serving {
+  Serving(const Connection& connection, const wire::FrameHeader& header)
+      : context({connection.id(), header.messageId, header.traceId}),
+        caller(isDirectorys(header) ? &connection : nullptr) {}
+
+  const CallContextScope context;
+  const DirectoryCallerScope caller;
+};
+
 }  // namespace
 
 /// What a call is of.
@@ -91,9 +106,19 @@ struct CallTarget {
   const AnyFunction* function = nullptr;  // behind it, where it is in this process
 };
 
+/// Keeps a call's part of the budget, and lists it, while nothing on a stack does.
+struct HeldCall {
+  HeldCall(std::shared_ptr<CallBudget> budget, std::size_t bytes,
+           std::optional<ServedCalls::Entry>&& listed)
+      : share(std::move(budget), 1, bytes), entry(std::move(listed)) {}
+
+  CallBudget::Share share;  // keeps the list
+  std::optional<ServedCalls::Entry> entry;
+};
+
 /// A call of the peer's that was read, waits for a thread of the event loop, and has not ended.
 struct AcceptedCall {
-  std::shared_ptr<CallBudget::Share> share;
+  std::shared_ptr<HeldCall> held;
   wire::Frame frame;
   CallTarget target;
   std::optional<GenericFunctionParameters> arguments;  // where they may name objects
@@ -140,7 +165,8 @@ void CallServer::serveElsewhere(wire::Frame& frame, MetaCallType callType) {
   try {
     checkBudget(frame);
     if (budget_->calls > limits_.acceptedCalls / 10) stream_.restAfterTurn();
-    call->share = shareOf(header);
+    OptionalEntry entry(std::in_place, budget_->served, header);
+    call->held = hold(header, entry);
     call->target = findTarget(frame);
     if (mayNameObjects(call->target.method->parametersSignature()))
       call->arguments = readArguments(frame, call->target);
@@ -153,7 +179,10 @@ void CallServer::serveElsewhere(wire::Frame& frame, MetaCallType callType) {
   EventLoop* loop = getEventLoop();
   const auto isTaken = std::make_shared<std::atomic<bool>>(false);
   const auto refuse = [this, self = connection_.shared_from_this(), call, loop, isTaken] {
-    if (!isTaken->exchange(true)) replyError(call->frame.header, loop->refusalText());
+    if (isTaken->exchange(true)) return;
+    ++connection_.discarded().calls;
+    replyError(call->frame.header, loop->refusalText());
+    call->held.reset();
   };
   const auto run = [this, self = connection_.shared_from_this(), call, isTaken] {
     if (isTaken->exchange(true)) return;
@@ -175,7 +204,8 @@ void CallServer::serveAccepted(const AcceptedCall& call) {
       return replyError(header, noService(header.service));
     callMethod(header, call.target,
                call.arguments ? *call.arguments : readArguments(call.frame, call.target),
-               callType == MetaCallType::Queued ? MetaCallType::Direct : callType);
+               callType == MetaCallType::Queued ? MetaCallType::Direct : callType,
+               call.held->entry);
   } catch (const std::exception& error) {
     replyError(header, error.what());
   } catch (...) {
@@ -189,8 +219,12 @@ void CallServer::serve(const wire::Frame& frame, MetaCallType callType) {
   std::optional<net::Readers::ForeignCode> foreign;
   std::shared_ptr<CallTarget> released;  // keeps it from being destroyed by who must not do that
   CallTarget target;
+  OptionalEntry entry;
   try {
-    if (!isFrameworks(header)) checkBudget(frame);
+    if (!isFrameworks(header)) {
+      checkBudget(frame);
+      entry.emplace(budget_->served, header);
+    }
     target = findTarget(frame);
     if (!net::Readers::mayRunForeignCode()) released = releasedElsewhere(CallTarget(target));
     // Calls of a single-threaded object are only put in its queue: in the order of their frames. So
@@ -199,7 +233,7 @@ void CallServer::serve(const wire::Frame& frame, MetaCallType callType) {
     if (!isQueued && !mayNameObjects(target.method->parametersSignature())) foreign.emplace();
     const auto arguments = readArguments(frame, target);
     if (!isQueued && !foreign) foreign.emplace();
-    callMethod(header, target, arguments, callType);
+    callMethod(header, target, arguments, callType, entry);
   } catch (const std::exception& error) {
     replyError(header, error.what());
   } catch (...) {
@@ -211,6 +245,7 @@ void CallServer::serve(const wire::Frame& frame, MetaCallType callType) {
 void CallServer::checkBudget(const wire::Frame& frame) {
   if (budget_->calls < limits_.acceptedCalls && budget_->bytes < limits_.acceptedBytes) return;
   objects_.giveBack(frame.bytes());
+  ++connection_.discarded().calls;
   throw std::runtime_error("too many calls of this connection are under way");
 }
 
@@ -223,15 +258,20 @@ std::shared_ptr<const void> CallServer::holdLeftRunning(const wire::FrameHeader&
   return std::make_shared<CallBudget::Share>(leftRunning_, 1, header.payloadSize);
 }
 
-std::shared_ptr<CallBudget::Share> CallServer::shareOf(const wire::FrameHeader& header) const {
-  return std::make_shared<CallBudget::Share>(budget_, 1, header.payloadSize);
+std::shared_ptr<HeldCall> CallServer::hold(const wire::FrameHeader& header,
+                                           OptionalEntry& entry) const {
+  return std::make_shared<HeldCall>(budget_, header.payloadSize, std::move(entry));
 }
 
 CallTarget CallServer::findTarget(const wire::Frame& frame) {
   const wire::FrameHeader& header = frame.header;
   if (isPostOf(unsubscribeId, header)) return {{}, &unsubscribeMethod()};
   CallTarget target{objects_.find(addressOf(header))};
-  if (target.object && header.member == subscribeId && header.type == wire::FrameType::Call) {
+  const bool isOfSession = header.service == 0 && header.object == 0;
+  if (isOfFigures(header) && (target.object || isOfSession)) {
+    target.method = &figuresMethod();
+  } else if (target.object && header.member == subscribeId &&
+             header.type == wire::FrameType::Call) {
     target.method = &subscribeMethod();
   } else if (target.object) {
     const GenericObject& generic = *target.object.share();
@@ -255,14 +295,15 @@ GenericFunctionParameters CallServer::readArguments(const wire::Frame& frame,
 }
 
 void CallServer::callMethod(const wire::FrameHeader& header, const CallTarget& target,
-                            const GenericFunctionParameters& arguments, MetaCallType callType) {
+                            const GenericFunctionParameters& arguments, MetaCallType callType,
+                            OptionalEntry& entry) {
   const bool mayBeQueued = callType == MetaCallType::Queued || header.type == wire::FrameType::Post;
   if (!mayBeQueued && callNow(header, target, arguments)) return;
   const Future<AnyReference> result = startMethod(header, target, arguments, callType);
   if (header.type != wire::FrameType::Post)
-    replyWhenSettled(header, target.method->returnSignature().toString(), result);
+    replyWhenSettled(header, target.method->returnSignature().toString(), result, entry);
   else if (result.isRunning())
-    result.connect([share = shareOf(header)](const auto&) {}, FutureCallbackType::Sync);
+    result.connect([held = hold(header, entry)](const auto&) {}, FutureCallbackType::Sync);
 }
 
 /// What most calls take: without a future. False: nothing has run.
@@ -273,7 +314,7 @@ bool CallServer::callNow(const wire::FrameHeader& header, const CallTarget& targ
   const GenericObject& object = *target.object.share();
   AnyValue result;
   {
-    const CallContextScope scope(contextOf(header));
+    const Serving serving(connection_, header);
     const auto call = [&](void* place) {
       return object.type->callNow(object.value, header.member, arguments, place ? type : nullptr,
                                   place);
@@ -285,17 +326,17 @@ bool CallServer::callNow(const wire::FrameHeader& header, const CallTarget& targ
   return true;
 }
 
-/// The service directory is told who calls.
-CallContext CallServer::contextOf(const wire::FrameHeader& header) const {
-  return {.caller = isDirectorys(header) ? &connection_ : nullptr,
-          .callId = header.messageId,
-          .traceId = header.traceId};
+AnyReference CallServer::figures() const {
+  const auto host = host_.lock();
+  if (!host) throw std::runtime_error("the session has ended");
+  return AnyReference::own(AnyValue::from(host->figures()));
 }
 
 Future<AnyReference> CallServer::startMethod(const wire::FrameHeader& header,
                                              const CallTarget& target,
                                              const GenericFunctionParameters& arguments,
                                              MetaCallType callType) {
+  if (target.method == &figuresMethod()) return makeReadyFuture(figures());
   if (target.method == &unsubscribeMethod()) {
     relay_->unsubscribe(arguments[0].to<std::uint64_t>());
     return makeReadyFuture(AnyReference::ofVoid());
@@ -303,7 +344,7 @@ Future<AnyReference> CallServer::startMethod(const wire::FrameHeader& header,
   if (target.method == &subscribeMethod())
     return relay_->subscribe(connection_.shared_from_this(), addressOf(header), target.object,
                              arguments[0].to<unsigned>(), arguments[1].to<std::uint64_t>());
-  const CallContextScope scope(contextOf(header));
+  const Serving serving(connection_, header);
   const OfThisPeer peer(*this, header);
   const CallOrigin::Scope served(peer);
   const CallGate gate{host_, header.service, &checkService};
@@ -313,7 +354,7 @@ Future<AnyReference> CallServer::startMethod(const wire::FrameHeader& header,
 }
 
 void CallServer::replyWhenSettled(const wire::FrameHeader& call, const std::string& returnSignature,
-                                  const Future<AnyReference>& result) {
+                                  const Future<AnyReference>& result, OptionalEntry& entry) {
   const auto isPlain = [](const AnyReference& value) {
     return !value.isValid() || value.type()->kind != TypeKind::Future;
   };
@@ -322,7 +363,7 @@ void CallServer::replyWhenSettled(const wire::FrameHeader& call, const std::stri
   Promise<AnyReference> flattened(FutureCallbackType::Sync);
   flattened.future().connect(
       [this, self = connection_.shared_from_this(), call, returnSignature,
-       share = shareOf(call)](const Future<AnyReference>& settled) {
+       held = hold(call, entry)](const Future<AnyReference>& settled) {
         try {
           reply(call, returnSignature, settled.value());
         } catch (const std::exception& error) {
@@ -372,6 +413,7 @@ void CallServer::reply(const wire::FrameHeader& call, const std::string& returnS
 
 void CallServer::replyError(const wire::FrameHeader& call, const std::string& text) {
   if (call.type == wire::FrameType::Post) {
+    ++connection_.discarded().posts;
     logOfPeer(log::Level::Warning, category, "post", connection_.peerAddress(), [&] {
       return "a post of " + connection_.peerName() + " to service " + std::to_string(call.service) +
              " was dropped: " + shortened(text);

@@ -3,14 +3,15 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include <gvmessaging/figures.h>
 #include <gvtype/object.h>
 
 #include "src/net/stream.h"
 #include "src/rpc/callbudget.h"
-#include "src/rpc/callcontext.h"
 #include "src/rpc/objectexchange.h"
 #include "src/rpc/signalrelay.h"
 #include "src/wire/frame.h"
@@ -24,11 +25,14 @@ class ServiceHost {
   virtual ~ServiceHost() = default;
   /// The object of a service, invalid where there is none. Any thread; must not block.
   virtual Object<Empty> findService(unsigned id) const = 0;
+  /// Of the session that this is; none of it runs user code. Any thread; must not block.
+  virtual Figures figures() const = 0;
 };
 
 struct AcceptedCall;
 struct CallTarget;
 class OfThisPeer;
+struct HeldCall;
 
 /// Serves one peer: its calls, and the signals that it subscribed to. Part of the connection.
 ///
@@ -54,28 +58,32 @@ class CallServer {
 
   /// What waits here for the peer's sake.
   const std::shared_ptr<CallBudget>& budget() const { return budget_; }
+  /// Signals that the peer listens to.
+  std::size_t subscriptions() const { return relay_->size(); }
 
  private:
   friend class OfThisPeer;
+  using OptionalEntry = std::optional<ServedCalls::Entry>;
 
   void serve(const wire::Frame& frame, MetaCallType callType);
   void serveElsewhere(wire::Frame& frame, MetaCallType callType);
   void serveAccepted(const AcceptedCall& call);
   void checkBudget(const wire::Frame& frame);
   std::shared_ptr<const void> holdLeftRunning(const wire::FrameHeader& header) const;
-  std::shared_ptr<CallBudget::Share> shareOf(const wire::FrameHeader& header) const;
+  AnyReference figures() const;
   CallTarget findTarget(const wire::Frame& frame);
   GenericFunctionParameters readArguments(const wire::Frame& frame, const CallTarget& target);
   void callMethod(const wire::FrameHeader& header, const CallTarget& target,
-                  const GenericFunctionParameters& arguments, MetaCallType callType);
+                  const GenericFunctionParameters& arguments, MetaCallType callType,
+                  OptionalEntry& entry);
   bool callNow(const wire::FrameHeader& header, const CallTarget& target,
                const GenericFunctionParameters& arguments);
-  CallContext contextOf(const wire::FrameHeader& header) const;
+  std::shared_ptr<HeldCall> hold(const wire::FrameHeader& header, OptionalEntry& entry) const;
   Future<AnyReference> startMethod(const wire::FrameHeader& header, const CallTarget& target,
                                    const GenericFunctionParameters& arguments,
                                    MetaCallType callType);
   void replyWhenSettled(const wire::FrameHeader& call, const std::string& returnSignature,
-                        const Future<AnyReference>& result);
+                        const Future<AnyReference>& result, OptionalEntry& entry);
   void reply(const wire::FrameHeader& call, const std::string& returnSignature,
              const AnyReference& result);
   void checkRoom(const char* otherwise) const;

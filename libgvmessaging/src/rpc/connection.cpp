@@ -2,6 +2,8 @@
 
 #include <atomic>
 
+#include <gvtype/callcontext.h>
+
 #include "src/net/readers.h"
 #include "src/rpc/argumentlist.h"
 #include "src/rpc/callcontext.h"
@@ -91,6 +93,37 @@ bool Connection::isOpen() const {
   return state_ == State::Open;
 }
 
+// ---- What is told of it
+
+ConnectionFigures Connection::figures() const {
+  ConnectionFigures figures;
+  figures.id = id_;
+  figures.peer = peerName();
+  figures.session = peer_.sessionId;
+  figures.process = peer_.processId;
+  figures.role = role_ == Role::Client ? "client" : "server";
+  figures.age = static_cast<std::uint64_t>(coarseMilliseconds() - begin_);
+  figures.output = stream_->pendingBytes();
+  figures.listenedTo = server_.subscriptions();
+  figures.listening = eventTargets_.size();
+  figures.eventsDropped = discarded_.events;
+  figures.repliesIgnored = discarded_.replies;
+  figures.postsDropped = discarded_.posts;
+  figures.callsRefused = discarded_.calls;
+  return figures;
+}
+
+void Connection::listCalls(std::vector<CallRecord>& calls) const {
+  server_.budget()->served.list(calls);
+  const std::lock_guard lock(mutex_);
+  pending_.list(calls);
+}
+
+Object<Empty> Connection::objectOf(const CallRecord& call) const {
+  if (call.isServed) return objects_.find(call.address);
+  return call.address.service == 0 ? objects_.findBorrowed(call.address.object) : Object<Empty>();
+}
+
 // ---- Calls of this side
 
 Future<AnyReference> Connection::call(const ObjectAddress& object, const MetaMethod& method,
@@ -124,7 +157,8 @@ void Connection::call(const ObjectAddress& object, const MetaMethod& method,
       return sink->fail("not sent: the connection to " + peerName() + " has ended: " + cause,
                         State_::NotSent);
     }
-    header.messageId = pending_.add({std::move(sink), method.returnSignature().toString()});
+    header.messageId = pending_.add({std::move(sink), method.returnSignature().toString()},
+                                    CallRecord(header, CallContext::current().connection));
   }
   std::string failure;
   try {
@@ -169,7 +203,7 @@ wire::FrameHeader Connection::makeHeader(const ObjectAddress& object, const Meta
   header.service = object.service;
   header.object = object.object;
   header.member = method.uid();
-  header.parentCall = CallContext::current().callId;
+  header.parentCall = CallContext::current().call;
   header.traceId = traceIdForNewCall();
   return header;
 }
@@ -314,6 +348,7 @@ void Connection::onReply(const wire::Frame& frame) {
   ObjectExchange::Receiving receiving(objects_, frame.bytes());
   auto pending = takePending(frame.header.messageId);
   if (!pending) {
+    ++discarded_.replies;
     logOfPeer(log::Level::Verbose, category, "onReply", peerAddress(),
               [this] { return "ignoring a reply of " + peerName() + " to no pending call"; });
     return;
@@ -348,7 +383,10 @@ void Connection::onReply(const wire::Frame& frame) {
 void Connection::onEvent(const wire::Frame& frame) {
   ObjectExchange::Receiving receiving(objects_, frame.bytes());
   const auto target = eventTargets_.find(frame.header.messageId);
-  if (!target) return;  // it crossed the end of its subscription
+  if (!target) {  // it crossed the end of its subscription
+    ++discarded_.events;
+    return;
+  }
   if (server_.budget()->bytes >= limits_.acceptedBytes)
     return reader_.stop("its events come faster than they are handled");
   try {
@@ -364,6 +402,7 @@ void Connection::onEvent(const wire::Frame& frame) {
     target->object->metaPost(values.empty() ? keeping(context, event) : context, target->signal,
                              values);
   } catch (const std::exception& error) {
+    ++discarded_.events;
     logOfPeer(log::Level::Warning, category, "onEvent", peerAddress(), [&] {
       return "dropping an emission of the signal '" + target->source->name() + "' of " +
              peerName() + ": " + error.what();

@@ -13,6 +13,7 @@
 #include "src/net/stream.h"
 #include "src/net/timer.h"
 #include "src/rpc/callserver.h"
+#include "src/rpc/discarded.h"
 #include "src/rpc/eventtargets.h"
 #include "src/rpc/handshake.h"
 #include "src/rpc/objectexchange.h"
@@ -68,6 +69,16 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   ObjectExchange& objects() { return objects_; }
   EventTargets& eventTargets() { return eventTargets_; }
 
+  /// Counted by its parts.
+  Discarded& discarded() { return discarded_; }
+  /// Of an open one; the numbers of calls, which listCalls tells, left out. Any thread.
+  ConnectionFigures figures() const;
+  /// Adds the calls under way, of both sides. Any thread.
+  void listCalls(std::vector<CallRecord>& calls) const;
+  /// What a call is of: one of this process's objects, or one that the peer lent. Invalid where it
+  /// has gone, and for the peer's services.
+  Object<Empty> objectOf(const CallRecord& call) const;
+
   /// Ends the connection; pending calls fail with `cause` before this returns. What was sent before
   /// still leaves, within a second. Any thread; idempotent.
   void close(const std::string& cause);
@@ -120,8 +131,10 @@ class GVMESSAGING_API Connection : public net::StreamHandler,
   const std::shared_ptr<net::Stream> stream_;
   const Role role_;
   const wire::Limits limits_;
+  const std::int64_t begin_ = coarseMilliseconds();
 
   // Safe by themselves
+  Discarded discarded_;
   ObjectExchange objects_;
   EventTargets eventTargets_;
   CallServer server_;

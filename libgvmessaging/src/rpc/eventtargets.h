@@ -39,6 +39,11 @@ class EventTargets {
     return found == targets_.end() ? nullptr : found->second;
   }
 
+  std::size_t size() const {
+    const std::lock_guard lock(mutex_);
+    return targets_.size();
+  }
+
  private:
   using Targets = std::unordered_map<std::uint64_t, std::shared_ptr<const EventTarget>>;
 

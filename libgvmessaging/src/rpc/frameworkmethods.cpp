@@ -33,6 +33,12 @@ const MetaMethod& metaObjectMethod() {
   return method;
 }
 
+const MetaMethod& figuresMethod() {
+  static const MetaMethod& method = *new MetaMethod(
+      makeMethod(static_cast<unsigned>(BuiltinMethod::Figures), "figures", "()", "v"));
+  return method;
+}
+
 const MetaMethod& subscribeMethod() {
   static const MetaMethod& method =
       *new MetaMethod(makeMethod(subscribeId, "subscribe", "(ut)", "V"));

@@ -28,6 +28,8 @@ class ObjectExchange {
 
   /// The object of this process that the peer names so; invalid where there is none.
   Object<Empty> find(const ObjectAddress& address) const;
+  /// The object that the peer lent under that number; invalid where no handle on it lives.
+  Object<Empty> findBorrowed(unsigned number) const { return borrowed_.find(number); }
 
   /// The peer gives lendings back. What it was not lent is ignored.
   void onRelease(const wire::Frame& frame);

@@ -4,17 +4,18 @@
 
 namespace gv::rpc {
 
-std::uint64_t PendingCalls::add(PendingCall call) {
+std::uint64_t PendingCalls::add(PendingCall call, const CallRecord& record) {
   if (free_.empty()) {
-    places_.emplace_back();
+    places_.push_back({{}, {}, firstUse_});
     free_.push_back(static_cast<std::uint32_t>(places_.size() - 1));
   }
   const std::uint32_t index = free_.back();
   free_.pop_back();
   Place& place = places_[index];
   place.call = std::move(call);
+  place.record = record;
   ++place.uses;
-  return std::uint64_t{place.uses} << 32 | (std::uint64_t{index} + 1);
+  return idOf(index);
 }
 
 std::optional<PendingCall> PendingCalls::take(std::uint64_t id) {
@@ -33,6 +34,11 @@ std::vector<PendingCall> PendingCalls::takeAll() {
   places_.clear();
   free_.clear();
   return calls;
+}
+
+void PendingCalls::list(std::vector<CallRecord>& calls) const {
+  for (std::size_t index = 0; index < places_.size(); ++index)
+    if (places_[index].call) calls.emplace_back(places_[index].record).message = idOf(index);
 }
 
 }  // namespace gv::rpc

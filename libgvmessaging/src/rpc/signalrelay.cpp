@@ -84,6 +84,11 @@ bool SignalRelay::isSubscribed(std::uint64_t subscription) const {
   return subscriptions_.contains(subscription);
 }
 
+std::size_t SignalRelay::size() const {
+  const std::lock_guard lock(mutex_);
+  return subscriptions_.size();
+}
+
 void SignalRelay::unsubscribe(std::uint64_t subscription) {
   Subscriptions::node_type ended;
   {

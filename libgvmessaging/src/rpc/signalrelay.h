@@ -28,6 +28,7 @@ class SignalRelay : public std::enable_shared_from_this<SignalRelay> {
   /// Does nothing for a subscription that there is not.
   void unsubscribe(std::uint64_t subscription);
   void end();
+  std::size_t size() const;
 
  private:
   /// `link` is 0 until the object has connected.

@@ -73,6 +73,12 @@ Object<Empty> LocalServices::find(const std::string& sessionId, unsigned id) con
   return isOwn ? found->second.object : Object<Empty>();
 }
 
+std::string LocalServices::nameOf(unsigned id) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = entries_.find(id);
+  return found == entries_.end() ? std::string() : found->second.info.name();
+}
+
 Object<Empty> LocalServices::findByName(const std::string& name) const {
   const std::lock_guard lock(mutex_);
   const auto found = byName_.find(name);

@@ -32,6 +32,8 @@ class LocalServices {
 
   /// The object of a session's service, shown or not; invalid where there is none.
   Object<Empty> find(const std::string& sessionId, unsigned id) const;
+  /// The name of a service of any session, shown or not; empty where there is none.
+  std::string nameOf(unsigned id) const;
   Object<Empty> findByName(const std::string& name) const;
   /// By rising id.
   std::vector<ServiceInfo> infos() const;

@@ -70,6 +70,13 @@ void Peers::forget(const ConnectionPointer& connection) {
   for (const auto& promise : ended) promise.setValue();
 }
 
+std::vector<Peers::ConnectionPointer> Peers::open() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<ConnectionPointer> connections;
+  for (const auto& [id, connection] : open_) connections.push_back(connection);
+  return connections;
+}
+
 Future<Peers::ConnectionPointer> Peers::dial(const Url& url, std::chrono::milliseconds bound) {
   try {
     Demands demands{url.protocol(), security::keys(), nullptr};

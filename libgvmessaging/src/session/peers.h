@@ -48,6 +48,9 @@ class GVMESSAGING_API Peers : public std::enable_shared_from_this<Peers> {
   /// that was announced is tried for this only.
   Future<ConnectionPointer> reach(const ServiceInfo& info);
 
+  /// The open connections, the oldest first.
+  std::vector<ConnectionPointer> open() const;
+
   /// Ends all connections, also those to come, and fails what is being reached. Settles when the
   /// open ones have ended.
   Future<void> close(const std::string& cause);

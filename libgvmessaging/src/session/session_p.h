@@ -41,6 +41,7 @@ class Session::Private final : public rpc::ServiceHost,
   Future<Object<Empty>> service(const std::string& name, const std::string& protocol);
 
   Object<Empty> findService(unsigned id) const override;
+  Figures figures() const override;
 
  private:
   enum class State { Idle, Joining, Joined, Orphaned, Closed };
@@ -83,6 +84,13 @@ class Session::Private final : public rpc::ServiceHost,
   Object<Empty> expectRemote(const ServiceInfo& info);
   Object<Empty> cacheRemote(const ServiceInfo& info, const ConnectionPointer& connection,
                             const Object<Empty>& object);
+
+  /// As its figures name it.
+  struct UsedService {
+    std::string name;
+    Object<Empty> object;
+  };
+  std::unordered_map<unsigned, UsedService> usedServices() const;
 
   /// Those of this process on the same directory; null without one.
   std::shared_ptr<LocalServices> localServices() const;

@@ -65,9 +65,7 @@ Future<AnyReference> Session::Private::callDirectory(const std::string& method,
     return makeFailedFuture<AnyReference>("the session is not connected to a service directory",
                                           FutureException::State::NotSent);
   // Asked in this session's own name, also from within a call that a peer made.
-  rpc::CallContext context = rpc::CallContext::current();
-  context.caller = nullptr;
-  const rpc::CallContextScope scope(context);
+  const rpc::DirectoryCallerScope scope(nullptr);
   return asked.metaCall(method, arguments);
 }
 
