@@ -67,9 +67,18 @@ net::TlsFiles tlsFiles() {
           os::getenv("GV_TLS_CA_FILE")};
 }
 
-}  // namespace
+/// What the classic interface makes of the error names no cause.
+template <class Read>
+auto told(const Read& read) {
+  try {
+    return read();
+  } catch (const std::exception& error) {
+    GV_LOG(log::Level::Error, category, "security", error.what());
+    throw;
+  }
+}
 
-std::shared_ptr<const rpc::KeyRing> keys() {
+std::shared_ptr<const rpc::KeyRing> readKeys() {
   static std::atomic<bool> saidReadable{false}, saidShort{false};
   const char* const path = std::getenv(keyVariable);
   if (!path) return nullptr;
@@ -91,15 +100,23 @@ std::shared_ptr<const rpc::KeyRing> keys() {
   return ring;
 }
 
+}  // namespace
+
+std::shared_ptr<const rpc::KeyRing> keys() {
+  return told(&readKeys);
+}
+
 rpc::Door doorOf(const Url& url, const rpc::KeyRing* keys) {
-  rpc::Door door;
-  door.isLinkOnly = !opensToAll() && !keys;
-  if (url.protocol() == "tcps") door.tls = net::TlsContext::forServers(tlsFiles());
-  return door;
+  return told([&] {
+    rpc::Door door;
+    door.isLinkOnly = !opensToAll() && !keys;
+    if (url.protocol() == "tcps") door.tls = net::TlsContext::forServers(tlsFiles());
+    return door;
+  });
 }
 
 std::shared_ptr<const net::TlsContext> clientTls() {
-  return net::TlsContext::forClients(tlsFiles());
+  return told([] { return net::TlsContext::forClients(tlsFiles()); });
 }
 
 void warnIfOpen(const std::string& boundAddress, const rpc::Door& door, const rpc::KeyRing* keys) {

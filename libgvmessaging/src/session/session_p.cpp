@@ -208,6 +208,7 @@ void Session::Private::failJoining(const std::shared_ptr<Joining>& joining,
                                    const std::string& text) {
   if (joining->isSettled.exchange(true)) return;
   joining->timer->cancel();
+  GV_LOG(log::Level::Info, category, "connect", text);
   leaveJoining();
   if (const ConnectionPointer reached = joining->reached()) reached->close(text);
   joining->promise.setError(text);
