@@ -1,25 +1,44 @@
 #include "src/lossyoutput.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <string>
 
 namespace gv::log {
 namespace {
 
-// A terminal says that it takes more when it has room for so much at least, each line end doubled.
-constexpr std::size_t terminalPiece = 128;
+// Of the descriptor's own flags nothing is changed: they are those of all who share it.
+class WayToWrite {
+ public:
+  explicit WayToWrite(int descriptor) : descriptor_(descriptor) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0 || S_ISREG(status.st_mode)) return;
+    piece_ = PIPE_BUF;
+    if (!S_ISCHR(status.st_mode) || ::isatty(descriptor) == 0) return;
+    // A terminal says that it has room when that is less than a line. Opened anew it need not wait.
+    const std::string path = "/dev/fd/" + std::to_string(descriptor);
+    opened_ = ::open(path.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  }
+  ~WayToWrite() {
+    if (opened_ >= 0) ::close(opened_);
+  }
+  WayToWrite(const WayToWrite&) = delete;
+  WayToWrite& operator=(const WayToWrite&) = delete;
 
-/// What one write passes at most, so that it does not wait where poll() says that there is room.
-std::size_t pieceSize(int descriptor, std::size_t whole) {
-  struct stat status {};
-  if (::fstat(descriptor, &status) != 0 || S_ISREG(status.st_mode)) return whole;
-  return std::min<std::size_t>(whole, S_ISCHR(status.st_mode) ? terminalPiece : PIPE_BUF);
-}
+  int descriptor() const { return opened_ >= 0 ? opened_ : descriptor_; }
+  /// What one write passes at most, so that it does not wait where poll() says that there is room.
+  std::size_t piece() const { return piece_; }
+
+ private:
+  const int descriptor_;
+  int opened_ = -1;
+  std::size_t piece_ = std::string_view::npos;
+};
 
 bool takesMore(int descriptor) {
   pollfd wanted{descriptor, POLLOUT, 0};
@@ -43,10 +62,10 @@ bool LossyOutput::write(std::string_view line) {
 }
 
 bool LossyOutput::writeAll(std::string_view text) {
-  const std::size_t piece = pieceSize(descriptor_, text.size());
+  const WayToWrite way(descriptor_);
   while (!text.empty()) {
-    const bool hasRoom = takesMore(descriptor_);
-    const ssize_t written = hasRoom ? writeOnce(descriptor_, text.substr(0, piece)) : 0;
+    const bool hasRoom = takesMore(way.descriptor());
+    const ssize_t written = hasRoom ? writeOnce(way.descriptor(), text.substr(0, way.piece())) : 0;
     if (written <= 0) return false;
     text.remove_prefix(static_cast<std::size_t>(written));
     isCut_ = !text.empty();

@@ -73,7 +73,7 @@ SessionPtr connectTo(const RobotProcess& robot) {
 class FloodOfConnections : public testing::Test {
  protected:
   FloodOfConnections() {
-    while (robot.figures().descriptors < mostDescriptors - 6) old.push_back(connectTo(robot));
+    while (robot.figures().descriptors < mostDescriptors - left) old.push_back(connectTo(robot));
   }
 
   /// While the flood goes on, old connections are served, and it costs little.
@@ -121,6 +121,12 @@ class FloodOfConnections : public testing::Test {
   }
 
   static constexpr int mostDescriptors = 64;
+#ifdef __SANITIZE_ADDRESS__
+  static constexpr int left =
+      24;  // its look at an object needs a pipe, and calls it invalid without
+#else
+  static constexpr int left = 6;
+#endif
   house::Watchdog watchdog{"floods of connections", std::chrono::seconds(110)};
   RobotProcess robot{{}, {"TEST_DESCRIPTORS=" + std::to_string(mostDescriptors)}};
   std::vector<SessionPtr> old;
@@ -175,16 +181,12 @@ TEST(HostileConnections, LeaveNothingBehindAndWriteALineASecond) {
     Flood flood(4, visit);
     EXPECT_TRUE(becomesTrue([&] { return number >= times; }, 100s));
   };
+  const auto start = Clock::now();
   visitTimes(500);  // what the first ones make the robot keep is no leak
   const Figures before = robot.figures();
-  const auto linesOf = [&] {
-    const std::string text = robot.errors();
-    return static_cast<int>(std::count(text.begin(), text.end(), '\n'));
-  };
-  const int linesBefore = linesOf();
-  const auto start = Clock::now();
   visitTimes(house::rounds(10'000));
-  const int lines = linesOf() - linesBefore;
+  const std::string written = robot.errors();
+  const auto lines = static_cast<int>(std::count(written.begin(), written.end(), '\n'));
   const int tookMs = millisecondsSince(start);
   RecordProperty("lines", lines);
   RecordProperty("tookMs", tookMs);
