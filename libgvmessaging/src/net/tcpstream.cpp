@@ -130,7 +130,7 @@ void TcpStream::goOnLaterLocked() {
 }
 
 bool TcpStream::takeReadingLocked(Reading by) {
-  if (state_ == State::Closing || isPaused_ || reading_ != Reading::Nobody) return false;
+  if (state_ == State::Closing || reading_ != Reading::Nobody) return false;
   reading_ = by;
   return true;
 }
