@@ -75,6 +75,12 @@ class Team {
   void stop();
 
  private:
+  struct Waiting {
+    std::function<void()> call;
+    std::function<void()> refuse;
+    Clock::time_point until;
+  };
+
   void startFirstReaderLocked();
   void startReaderLocked();
   void run(const std::shared_ptr<Reader>& self);
@@ -88,13 +94,10 @@ class Team {
   std::size_t waitForSockets();
   std::size_t sleep();
   void handle(const Ready& ready);
-  void goOnWith(std::uint64_t key);
+  bool giveTurns();
   bool mayRunCalls() const { return hasSpare() && getEventLoop()->hasRoom(); }
-  struct Task {
-    std::function<void()> foreign;
-    std::uint64_t socket = 0;  // or this one goes on
-  };
-  bool takeTask(Task& task);
+  bool takeTask(std::function<void()>& task);
+  bool takeWaitingLocked(Waiting& taken, std::function<void()>& task);
   void runTask();
 
   ReadySockets sockets_;
@@ -111,16 +114,13 @@ class Team {
   std::atomic<bool> hasSpare_{false};
   std::atomic<bool> isStopping_{false};
   std::atomic<bool> hasTasks_{false};
+  std::atomic<bool> areToGoOn_{false};
   std::atomic<bool> areWaiting_{false};
 
   std::mutex mutex_;  // guards what follows
-  std::deque<Task> tasks_;
-  struct Waiting {
-    std::function<void()> call;
-    std::function<void()> refuse;
-    Clock::time_point until;
-  };
-  std::deque<Waiting> waiting_;  // for room, the oldest first
+  std::deque<std::function<void()>> tasks_;
+  std::deque<Waiting> waiting_;       // for room, the oldest first
+  std::deque<std::uint64_t> toGoOn_;  // sockets, by key, each once
   Reader* leader_ = nullptr;
   std::vector<Reader*> spares_;  // parked; the first one watches the leader
   bool isStarting_ = false;      // a thread was started that has not come to park yet
@@ -138,6 +138,7 @@ void Team::lead(Reader& self) {
     runTask();
     if (self.phase == Reader::Phase::Replaced || Reactor::isForked()) return;
     if (isStopping_ && !hasTasks_) return;
+    if (!giveTurns()) return;
     const std::size_t count = waitForSockets();
     if (sockets_.areLent()) sockets_.lookAfterLent();
     for (std::size_t i = 0; i < count; ++i) {
@@ -153,7 +154,7 @@ void Team::post(std::function<void()> task) {
     const std::lock_guard lock(mutex_);
     startFirstReaderLocked();
     if (leader_ || isStarting_) {
-      tasks_.push_back({std::exchange(task, nullptr)});
+      tasks_.push_back(std::exchange(task, nullptr));
       hasTasks_ = true;
     }
   }
@@ -165,8 +166,8 @@ void Team::goOn(std::uint64_t key) {
   {
     const std::lock_guard lock(mutex_);
     if (isStopping_) return;
-    tasks_.push_back({{}, key});
-    hasTasks_ = true;
+    toGoOn_.push_back(key);
+    areToGoOn_ = true;
   }
   if (!currentReader || currentReader->phase != Reader::Phase::Own) readiness_.wake();
 }
@@ -182,42 +183,66 @@ void Team::postWhenThereIsRoom(std::function<void()> call, std::function<void()>
   readiness_.wake();
 }
 
-/// The next one, if there is one: the thread may have been replaced meanwhile.
-bool Team::takeTask(Task& task) {
+/// The next one, if there is one: the thread may have been replaced meanwhile. Calls that wait for
+/// room come first: they are bounded in number, and in the time that they may wait.
+bool Team::takeTask(std::function<void()>& task) {
   Waiting former;  // dies after the unlock
   const std::lock_guard lock(mutex_);
-  if (!tasks_.empty()) {
-    task = std::move(tasks_.front());
-    tasks_.pop_front();
-    hasTasks_ = !tasks_.empty();
-    return true;
-  }
+  if (takeWaitingLocked(former, task)) return true;
+  if (tasks_.empty()) return false;
+  task = std::move(tasks_.front());
+  tasks_.pop_front();
+  hasTasks_ = !tasks_.empty();
+  return true;
+}
+
+bool Team::takeWaitingLocked(Waiting& taken, std::function<void()>& task) {
+  if (waiting_.empty()) return false;
   const bool hasRoom = mayRunCalls();
-  if (waiting_.empty() || (!hasRoom && Clock::now() < waiting_.front().until)) return false;
-  former = std::move(waiting_.front());
+  if (!hasRoom && Clock::now() < waiting_.front().until) return false;
+  taken = std::move(waiting_.front());
   waiting_.pop_front();
   areWaiting_ = !waiting_.empty();
-  task.foreign = std::move(hasRoom ? former.call : former.refuse);
+  task = std::move(hasRoom ? taken.call : taken.refuse);
   return true;
 }
 
 void Team::runTask() {
-  Task task;
+  std::function<void()> task;
   if ((!hasTasks_ && !areWaiting_) || !takeTask(task)) return;
-  if (task.socket != 0) return goOnWith(task.socket);
   const Readers::ForeignCode foreign;
   try {
-    task.foreign();
+    task();
   } catch (...) {
     GV_LOG(log::Level::Error, "gvmessaging.net", "post",
            "a callback failed: " + gv::detail::currentError().text);
   }
-  task.foreign = nullptr;
+  task = nullptr;
 }
 
-void Team::goOnWith(std::uint64_t key) {
-  handle({.key = key, .canRead = true, .canWrite = false});
-  if (!Readers::isReplaced()) current_.reset();
+/// To the sockets that are to go on now: a turn each, and those that they add have theirs when the
+/// others were looked at. False when this thread was replaced.
+bool Team::giveTurns() {
+  if (!areToGoOn_) return true;
+  std::size_t count = 0;
+  for (bool isFirst = true; isFirst || count > 0; isFirst = false) {
+    std::uint64_t key = 0;
+    {
+      const std::lock_guard lock(mutex_);
+      if (isFirst) count = toGoOn_.size();
+      if (count == 0 || toGoOn_.empty()) break;
+      key = toGoOn_.front();
+      toGoOn_.pop_front();
+      areToGoOn_ = !toGoOn_.empty();
+    }
+    --count;
+    const auto socket = sockets_.find(key);
+    current_ = socket;
+    if (socket) socket->onTurn();
+    if (Readers::isReplaced() || Reactor::isForked()) return false;
+  }
+  current_.reset();
+  return true;
 }
 
 void Team::handle(const Ready& ready) {
@@ -228,7 +253,7 @@ void Team::handle(const Ready& ready) {
 
 std::size_t Team::waitForSockets() {
   std::size_t count = readiness_.wait(ready_, 0);
-  if (count > 0 || hasTasks_ || (areWaiting_ && mayRunCalls())) return count;
+  if (count > 0 || hasTasks_ || areToGoOn_ || (areWaiting_ && mayRunCalls())) return count;
   const auto begin = Clock::now();
   if (const auto longest = patience_.next(); longest.count() > 0)
     detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
@@ -245,7 +270,8 @@ std::size_t Team::waitForSockets() {
 std::size_t Team::sleep() {
   leaderSleeps_ = true;
   // The word to wake may have come, and gone, while it polled.
-  const bool mustNotSleep = isStopping_ || hasTasks_ || (areWaiting_ && mayRunCalls());
+  const bool mustNotSleep =
+      isStopping_ || hasTasks_ || areToGoOn_ || (areWaiting_ && mayRunCalls());
   const std::size_t count = readiness_.wait(ready_, mustNotSleep         ? 0
                                                     : sockets_.areLent() ? lentLookMs
                                                     : areWaiting_        ? waitingLookMs

@@ -35,8 +35,8 @@ class GVMESSAGING_API Readers {
   static bool watch(int descriptor, std::uint64_t key, ReadinessSet::Interest before,
                     ReadinessSet::Interest now);
 
-  /// Has the leader call onReady() for reading though no byte came, when others had their turn. Any
-  /// thread.
+  /// Has the leader call the socket's onTurn(), when others had their turn. Not again before that
+  /// call. Any thread.
   static void goOn(std::uint64_t key);
 
   /// Says that some other thread reads the socket for a while, which is not watched meanwhile: it

@@ -141,17 +141,28 @@ void TcpStream::giveBackReading() {
   reading_ = Reading::Nobody;
   const bool isToRest = isToRest_.exchange(false, std::memory_order_relaxed);
   const bool isSlow = output_.bytes() > limits_.outputSlow;
-  if (state_ == State::Open && (isSlow || isToRest) && !isPaused_)
+  if (state_ == State::Open && (isSlow || isToRest) && !isPaused_) {
     pauseLocked(isSlow ? slowReadPause : rest);
+    isResting_ = !isSlow;
+  }
   watchLocked();
   finishIfFreeLocked();
+}
+
+/// Where it was paused or lent meanwhile, it is told again when it is watched again.
+void TcpStream::onTurn() {
+  {
+    const Lock lock(mutex_);
+    isToGoOn_ = false;
+    if (isPaused_ || isLent_) return;
+  }
+  onReady(true, false);
 }
 
 void TcpStream::onReady(bool canRead, bool canWrite) {
   if (canWrite) onWritable();
   if (!canRead) return;
   Lock lock(mutex_);
-  isToGoOn_ = false;
   if (!takeReadingLocked(Reading::Leader)) return;
   const int rounds = output_.bytes() > limits_.outputSlow ? 1 : roundsInTurn;
   lock.unlock();
@@ -236,6 +247,7 @@ bool TcpStream::isTurnOver() {
 
 void TcpStream::pauseLocked(std::chrono::milliseconds time) {
   isPaused_ = true;
+  isResting_ = false;
   const auto resume = [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self) return;
@@ -356,12 +368,16 @@ void TcpStream::releaseSocket() {
   ::close(descriptor_);
 }
 
-// When writing failed first, what the peer said before it went is still in the system's buffer.
+// When writing failed first, what the peer said before it went is still in the system's buffer, and
+// before it what a turn has left to the handler.
 void TcpStream::readRest() {
   const auto wanted = [this] {
     const Lock lock(mutex_);
     return readRest_ && handler_;
   };
+  if (!wanted()) return;
+  hasLeft_ = false;  // nothing sets it any more: no turn is under way, and nothing is sent
+  callHandler([this] { handler_->onInput(0); });
   for (int round = 0; round < restRounds && wanted(); ++round) {
     Transfer got;
     callHandler([&] {

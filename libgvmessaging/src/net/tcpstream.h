@@ -64,6 +64,7 @@ class TcpStream final : public Stream,
   using Lock = std::unique_lock<std::mutex>;
 
   void onReady(bool canRead, bool canWrite) override;
+  void onTurn() override;
   void goOn() override;
   bool isStillLent() override;
 
@@ -129,6 +130,7 @@ class TcpStream final : public Stream,
   std::uint64_t key_ = 0;              // with the readers, once it is watched
   ReadinessSet::Interest watched_{};   // by them
   bool isPaused_ = false;              // until pauseTimer_
+  bool isResting_ = false;             // that is why
   bool isToGoOn_ = false;              // the readers were told
   std::atomic<bool> isToRest_{false};  // set by the reader
   std::atomic<bool> hasLeft_{false};   // the handler, maybe; set under mutex_ or by the reader

@@ -107,7 +107,7 @@ void TcpStream::afterWriteLocked(const Transfer& last) {
   if (state_ == State::Closing) return finishIfFreeLocked();  // close() left it to the writer
   awaitsWritable_ = !output_.empty();
   if (awaitsWritable_) unacknowledged_ = 0;
-  if (isPaused_ && output_.bytes() <= limits_.outputSlow) {
+  if (isPaused_ && !isResting_ && output_.bytes() <= limits_.outputSlow) {
     isPaused_ = false;
     pauseTimer_.reset();
   }

@@ -15,7 +15,7 @@ class TcpStream;
 class Turn {
  public:
   explicit Turn(const TcpStream* stream) : outer_(std::exchange(stream_, stream)) {
-    begin_ = lastFlush_ = Clock::now();
+    begin_ = lastFlush_ = lastLook_ = Clock::now();
     steps_ = 0;
   }
   ~Turn() { stream_ = outer_; }
@@ -31,17 +31,19 @@ class Turn {
   static bool mayPutOff(const TcpStream* stream) {
     constexpr std::chrono::microseconds longest(50);
     if (stream_ != stream || Readers::isReplaced()) return false;
-    const auto now = Clock::now();
-    if (now - lastFlush_ < longest) return true;
-    lastFlush_ = now;
+    lastLook_ = Clock::now();
+    if (lastLook_ - lastFlush_ < longest) return true;
+    lastFlush_ = lastLook_;
     return false;
   }
 
-  /// True when other streams are to have their turn. Asked in each step of a turn, it looks at the
-  /// clock only in every eighth.
+  /// True when other streams are to have their turn. Asked in each step of a turn, it goes by the
+  /// last look at the clock: that of what was sent, or its own in every eighth step.
   static bool isOver(const TcpStream* stream) {
     constexpr std::chrono::microseconds longest(200);
-    return stream_ == stream && ++steps_ % 8 == 0 && Clock::now() - begin_ > longest;
+    if (stream_ != stream) return false;
+    if (++steps_ % 8 == 0) lastLook_ = Clock::now();
+    return lastLook_ - begin_ > longest;
   }
 
  private:
@@ -51,6 +53,7 @@ class Turn {
   static inline thread_local const TcpStream* stream_ = nullptr;
   static inline thread_local Clock::time_point begin_;
   static inline thread_local Clock::time_point lastFlush_;
+  static inline thread_local Clock::time_point lastLook_;
   static inline thread_local unsigned steps_ = 0;
 };
 
