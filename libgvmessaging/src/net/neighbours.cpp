@@ -11,7 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <optional>
+#include <utility>
 
 namespace gv::net {
 namespace {
@@ -39,18 +39,25 @@ std::size_t copyBytes(const sockaddr* from, LinkNetwork::Bytes& to) {
   return 0;
 }
 
-std::optional<LinkNetwork> networkOf(const ifaddrs& interface) {
-  if ((interface.ifa_flags & IFF_UP) == 0) return {};
+/// A network of one address.
+LinkNetwork aloneAt(const sockaddr* address) {
   LinkNetwork network;
-  network.size = copyBytes(interface.ifa_addr, network.address);
-  if (network.size == 0) return {};
-  // Behind a point-to-point interface there is one neighbour, whatever the mask says.
-  if ((interface.ifa_flags & IFF_POINTOPOINT) != 0 &&
-      copyBytes(interface.ifa_dstaddr, network.address) == network.size)
-    network.mask.fill(0xff);
+  network.size = copyBytes(address, network.address);
+  network.mask.fill(0xff);
+  return network;
+}
+
+void addNetworks(const ifaddrs& interface, std::vector<LinkNetwork>& networks) {
+  LinkNetwork network = aloneAt(interface.ifa_addr);
+  if ((interface.ifa_flags & IFF_UP) == 0 || network.size == 0) return;
+  // An interface that has a neighbour of its own, whatever the mask says, has no other.
+  const bool isPointToPoint = (interface.ifa_flags & IFF_POINTOPOINT) != 0;
+  const LinkNetwork neighbour = aloneAt(isPointToPoint ? interface.ifa_dstaddr : nullptr);
+  if (neighbour.size == network.size && neighbour.address != network.address)
+    networks.push_back(neighbour);
   else if (copyBytes(interface.ifa_netmask, network.mask) != network.size)
     network.mask.fill(0xff);
-  return network;
+  networks.push_back(network);
 }
 
 bool contains(const LinkNetwork& network, const LinkNetwork& peer) {
@@ -84,7 +91,7 @@ std::vector<LinkNetwork> linkNetworks() {
   const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> list(first, &::freeifaddrs);
   std::vector<LinkNetwork> networks;
   for (const ifaddrs* interface = list.get(); interface; interface = interface->ifa_next)
-    if (const auto network = networkOf(*interface)) networks.push_back(*network);
+    addNetworks(*interface, networks);
   return networks;
 }
 
@@ -104,7 +111,8 @@ Distance distanceOf(const std::string& address) {
   static Known& known = *new Known;  // never destroyed: peers may come while the process exits
   const std::lock_guard lock(known.mutex);
   if (known.networks.empty() || Clock::now() - known.readAt > freshFor) {
-    known.networks = linkNetworks();
+    // Without a descriptor left the system tells nothing: they are where they were.
+    if (auto networks = linkNetworks(); !networks.empty()) known.networks = std::move(networks);
     known.readAt = Clock::now();
   }
   return distanceOf(address, known.networks);

@@ -21,7 +21,7 @@ struct LinkNetwork {
   Bytes mask{};
 };
 
-/// The networks of the interfaces that are up.
+/// The networks of the interfaces that are up; empty where the system does not tell them now.
 GVMESSAGING_API std::vector<LinkNetwork> linkNetworks();
 
 /// Where the numeric address of a peer is, seen from a machine on `networks`. What is no address is
@@ -29,7 +29,8 @@ GVMESSAGING_API std::vector<LinkNetwork> linkNetworks();
 GVMESSAGING_API Distance distanceOf(const std::string& address,
                                     std::span<const LinkNetwork> networks);
 
-/// The same, seen from this machine as it was in the last 200 ms. Any thread.
+/// The same, seen from this machine as it was in the last 200 ms, or when the system last told its
+/// networks. Any thread.
 GVMESSAGING_API Distance distanceOf(const std::string& address);
 
 }  // namespace gv::net
