@@ -180,7 +180,8 @@ TEST_F(Tls, RefusesFilesThatAreNone) {
       {files({}, ours), "GV_TLS_CERT_FILE is not set"},
       {{{"GV_TLS_CERT_FILE", robot.certificate}}, "GV_TLS_KEY_FILE is not set"},
       {files({text, robot.key}, ours), "GV_TLS_CERT_FILE names cannot be used: no start line"},
-      {files({robot.certificate, folder.file("missing")}, ours), "GV_TLS_KEY_FILE names"},
+      {files({robot.certificate, folder.file("missing")}, ours),
+       "GV_TLS_KEY_FILE names cannot be used: No such file"},
       {files({robot.certificate, fleet.issue("IP:127.0.0.1").key}, ours), "key values mismatch"},
       {files(robot, text), "GV_TLS_CA_FILE names cannot be used"}};
   for (const auto& [environment, cause] : rows) {

@@ -4,6 +4,7 @@
 #include <openssl/ssl.h>
 
 #include <stdexcept>
+#include <system_error>
 
 namespace gv::net {
 namespace {
@@ -39,6 +40,7 @@ std::string takeTlsError() {
   const unsigned long code = ERR_get_error();
   ERR_clear_error();
   if (code == 0) return "unknown error";
+  if (ERR_SYSTEM_ERROR(code)) return std::generic_category().message(ERR_GET_REASON(code));
   const char* const reason = ERR_reason_error_string(code);
   return reason ? reason : "error " + std::to_string(code);
 }

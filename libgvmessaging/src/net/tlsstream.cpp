@@ -15,6 +15,8 @@ namespace {
 
 // A record of TLS holds no more; it is what one read may bring.
 constexpr std::size_t recordSize = 16u << 10;
+// What is encrypted before it is passed on.
+constexpr int passedOn = 64 << 10;
 
 const std::string failed = "TLS failed: ";
 
@@ -125,6 +127,7 @@ bool TlsStream::encryptLocked(Bytes bytes) {
       return false;
     }
     bytes = bytes.subspan(taken);
+    if (BIO_pending(SSL_get_wbio(state_.get())) >= passedOn && !flushLocked()) return false;
   }
   return true;
 }

@@ -11,12 +11,12 @@ namespace gv {
 std::shared_ptr<rpc::Acceptor> Peers::listen(const Url& url) {
   const auto keys = security::keys();
   const rpc::Door door = security::doorOf(url, keys.get());
+  const auto acceptor = rpc::Acceptor::listen(url.host(), url.port(), rpc::Identity(own_, keys),
+                                              host_, makeEvents("", {}, {}), limits_, door);
   {
     const std::lock_guard lock(mutex_);
     if (demands_.protocol.empty()) demands_ = {url.protocol(), keys, nullptr};
   }
-  const auto acceptor = rpc::Acceptor::listen(url.host(), url.port(), rpc::Identity(own_, keys),
-                                              host_, makeEvents("", {}, {}), limits_, door);
   security::warnIfOpen(acceptor->boundAddress(), door, keys.get());
   return acceptor;
 }
