@@ -5,6 +5,7 @@ Every operation has a bound, in seconds; a peer that sends nothing, or too much,
 from __future__ import annotations
 
 import contextlib
+import ipaddress
 import os
 import secrets
 import socket
@@ -36,6 +37,13 @@ class Frame(NamedTuple):
     payload: bytes
 
 
+def _is_loopback(host: str) -> bool:
+    """Whether a numeric address is one of this machine alone."""
+    address = ipaddress.ip_address(host.partition("%")[0])
+    mapped = getattr(address, "ipv4_mapped", None)
+    return (mapped or address).is_loopback
+
+
 def machine_id() -> str:
     """The id that the sessions of this machine greet with."""
     with contextlib.suppress(OSError):
@@ -64,7 +72,7 @@ class Connection:
                 raise ValueError("this client speaks tcp:// only")
             self._socket = socket.create_connection((host.strip("[]"), int(port)), bound)
             self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            self.is_loopback = self._socket.getpeername()[0] in ("127.0.0.1", "::1")
+            self.is_loopback = _is_loopback(self._socket.getpeername()[0])
         except (OSError, ValueError, OverflowError) as error:
             raise ConnectionLost(f"cannot connect to {address}: {error}") from None
         try:

@@ -19,8 +19,10 @@ class WayToWrite {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0 || S_ISREG(status.st_mode)) return;
     piece_ = PIPE_BUF;
-    if (!S_ISCHR(status.st_mode) || ::isatty(descriptor) == 0) return;
-    // A terminal says that it has room when that is less than a line. Opened anew it need not wait.
+    // A terminal says that it has room when that is less than a line, and another process may take
+    // the room of a pipe. Opened anew they need not wait.
+    const bool mayWait = S_ISFIFO(status.st_mode) || ::isatty(descriptor) != 0;
+    if (!mayWait) return;
     const std::string path = "/dev/fd/" + std::to_string(descriptor);
     opened_ = ::open(path.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   }

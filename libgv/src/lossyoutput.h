@@ -7,7 +7,8 @@
 namespace gv::log {
 
 /// Writes lines to a descriptor and never waits for who reads it: a pipe, socket or terminal takes
-/// what it has room for, and the rest of a line is lost. Files are written as ever. Not locked.
+/// what it has room for, and the rest of a line is lost. Files are written as ever, and so is a
+/// terminal that this process may not open. Not locked.
 class LossyOutput {
  public:
   explicit LossyOutput(int descriptor) : descriptor_(descriptor) {}

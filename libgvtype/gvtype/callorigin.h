@@ -7,7 +7,7 @@
 namespace gv {
 
 /// Whose call a thread is serving. What the call leaves running when it returns is held against
-/// them, so that no peer can fill a process with it.
+/// them, so that no connection can fill a process with it.
 class GVTYPE_API CallOrigin {
  public:
   /// While it lives, what this thread does is done for the origin.
