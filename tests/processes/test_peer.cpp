@@ -57,15 +57,15 @@ int descend(int levels, const std::string& own, const std::string& other) {
   return 1 + object.call<int>("descend", levels - 1, other, own);
 }
 
-/// Emits so many numbered signals of so many bytes, one each millisecond; says how many
+/// Emits so many numbered signals of so many bytes, one each `paceMs` milliseconds; says how many
 /// microseconds each took.
-std::vector<int> emit(const gv::Object<gv::Empty>& object, int count, int size) {
+std::vector<int> emit(const gv::Object<gv::Empty>& object, int count, int size, int paceMs) {
   const std::string text(static_cast<std::size_t>(size), 'x');
   const gv::Buffer bytes(text.data(), text.size());
   std::vector<int> took;
   auto next = Clock::now();
   for (int number = 0; number < count; ++number) {
-    std::this_thread::sleep_until(next += std::chrono::milliseconds(1));
+    std::this_thread::sleep_until(next += std::chrono::milliseconds(paceMs));
     const auto start = Clock::now();
     object.emit("seen", number, bytes);
     took.push_back(static_cast<int>(
@@ -86,7 +86,8 @@ void serve(const Words& words) {
   });
   server.advertiseSignal<int, gv::Buffer>("seen");
   static gv::Object<gv::Empty> object;
-  server.advertiseMethod("emit", [](int count, int size) { return emit(object, count, size); });
+  server.advertiseMethod(
+      "emit", [](int count, int size, int paceMs) { return emit(object, count, size, paceMs); });
   server.advertiseMethod("descend", descend);
   server.advertiseMethod("work", [](int nonce) {
     ++ledger[nonce].begun;
