@@ -23,11 +23,11 @@ namespace {
 /// A process that answers over plain sockets, and a connection to it.
 class PlainSockets {
  public:
-  PlainSockets() : server_(::popen("exec " MESSAGING_BENCH " raw serve", "r")) {
-    char address[64];
-    if (!server_ || std::fscanf(server_, "%63s %d", address, &pid_) != 2)
+  PlainSockets() : server_(::popen("exec " MESSAGING_BENCH " raw server 0", "r")) {
+    int port = 0;
+    if (!server_ || std::fscanf(server_, "READY %d %d", &port, &pid_) != 2)
       throw std::runtime_error("no server of plain sockets");
-    peer_ = bench::rawKind.connect(address);
+    peer_ = bench::rawKind.connect(static_cast<std::uint16_t>(port));
   }
   ~PlainSockets() {
     peer_.reset();

@@ -78,9 +78,9 @@ Values decode(std::string_view in) {
 
 Values mixedValues() {
   Values values;
-  for (std::size_t i = 0; i < Peer::listSize; ++i) {
-    if (i % 3 == 0) values.emplace_back(static_cast<std::int64_t>(i));
-    if (i % 3 == 1) values.emplace_back(static_cast<double>(i) / 2);
+  for (int i = 0; i < Peer::listSize; ++i) {
+    if (i % 3 == 0) values.emplace_back(std::int64_t{i});
+    if (i % 3 == 1) values.emplace_back(i / 2.0);
     if (i % 3 == 2) values.emplace_back("value" + std::to_string(i));
   }
   return values;
@@ -162,15 +162,15 @@ void serveOne(int socket) {
   ::close(socket);
 }
 
-void serve(void (*announce)(const std::string&)) {
+void serve(std::uint16_t port, void (*announce)(int)) {
   const int listening = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address = loopback(0);
+  sockaddr_in address = loopback(port);
   socklen_t size = sizeof address;
   auto* const plain = reinterpret_cast<sockaddr*>(&address);
   check(::bind(listening, plain, size) == 0 && ::listen(listening, SOMAXCONN) == 0 &&
             ::getsockname(listening, plain, &size) == 0,
         "listen");
-  announce(std::to_string(ntohs(address.sin_port)));
+  announce(ntohs(address.sin_port));
   for (;;) {
     const int socket = ::accept(listening, nullptr, nullptr);
     check(socket >= 0, "accept");
@@ -181,8 +181,8 @@ void serve(void (*announce)(const std::string&)) {
 
 class RawPeer final : public Peer {
  public:
-  explicit RawPeer(const std::string& port) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
-    const sockaddr_in address = loopback(static_cast<std::uint16_t>(std::stoi(port)));
+  explicit RawPeer(std::uint16_t port) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    const sockaddr_in address = loopback(port);
     const auto* const plain = reinterpret_cast<const sockaddr*>(&address);
     check(::connect(socket_, plain, sizeof address) == 0, "connect");
     sendAtOnce(socket_);
@@ -198,10 +198,13 @@ class RawPeer final : public Peer {
     return take<int>(payload);
   }
 
-  std::size_t echo(const gv::Buffer& bytes) override {
+  bool isShareable() const override { return false; }
+
+  std::size_t echo(std::size_t size) override {
+    if (sent_.size() != size) sent_.assign(size, 'x');
     request_.clear();
-    append(request_, Head{static_cast<std::uint32_t>(bytes.size()), Operation::Echo});
-    request_ += bytes.view();
+    append(request_, Head{static_cast<std::uint32_t>(size), Operation::Echo});
+    request_ += sent_;
     return ask(request_).size();
   }
 
@@ -214,7 +217,7 @@ class RawPeer final : public Peer {
     return decode(ask(request_)).size();
   }
 
-  double addInFlight(std::chrono::duration<double> time) override {
+  double addInFlight(Seconds time) override {
     constexpr std::size_t requestSize = sizeof(Head) + 2 * sizeof(int);
     constexpr std::size_t answerSize = sizeof(Head) + sizeof(int);
     std::string requests;
@@ -228,7 +231,7 @@ class RawPeer final : public Peer {
     const auto start = Clock::now();
     std::size_t filled = 0;
     long done = 0;
-    std::chrono::duration<double> took{};
+    Seconds took{};
     for (; took < time; took = Clock::now() - start) {
       filled += receive(answers.data(), answers.size(), 0);
       const std::size_t whole = filled / answerSize;
@@ -263,14 +266,16 @@ class RawPeer final : public Peer {
 
   const int socket_;
   std::string request_;
+  std::string sent_;  // echoes
   std::vector<char> answer_ = std::vector<char>(64u << 10);
   const Values values_ = mixedValues();
 };
 
 }  // namespace
 
-const Kind rawKind = {"raw", serve, [](const std::string& port) -> std::unique_ptr<Peer> {
-                        return std::make_unique<RawPeer>(port);
-                      }};
+const Kind rawKind = {
+    "raw_block", serve,
+    [](std::uint16_t port) -> std::unique_ptr<Peer> { return std::make_unique<RawPeer>(port); },
+    nullptr};
 
 }  // namespace bench

@@ -2,14 +2,17 @@
 
 #include <atomic>
 
+#include <gv/os.h>
+
 namespace gv::detail {
 namespace {
 
 std::atomic<int> pollers{0};
 
 int mostPollers() noexcept {
-  static const int cores = static_cast<int>(std::thread::hardware_concurrency());
-  return cores;
+  static const int most =
+      os::getenv("GV_POLLING") == "0" ? 0 : static_cast<int>(std::thread::hardware_concurrency());
+  return most;
 }
 
 }  // namespace
