@@ -67,7 +67,7 @@ endfunction()
 
 # house_add_fault_runs(<target> <everyday filter> <long filter>): those tests once more, their links
 # to other processes split into small writes, and delayed (house::Link); the second ones in the long
-# run, where the sanitizers make all of them too slow for every day.
+# run, and under a sanitizer, which makes them too slow for every day, all of them.
 function(house_add_fault_runs target everyday long)
   set(label unit)
   if(CMAKE_CXX_FLAGS MATCHES "-fsanitize")

@@ -71,12 +71,15 @@ class Connection:
             if protocol != "tcp":
                 raise ValueError("this client speaks tcp:// only")
             self._socket = socket.create_connection((host.strip("[]"), int(port)), bound)
-            self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            self.is_loopback = _is_loopback(self._socket.getpeername()[0])
         except (OSError, ValueError, OverflowError) as error:
             raise ConnectionLost(f"cannot connect to {address}: {error}") from None
         try:
+            self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            self.is_loopback = _is_loopback(self._socket.getpeername()[0])
             self.session, self.machine = self._greet(keys, deadline)
+        except OSError as error:
+            self.close()
+            raise ConnectionLost(f"cannot connect to {address}: {error}") from None
         except BaseException:
             self.close()
             raise

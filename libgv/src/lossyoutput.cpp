@@ -12,7 +12,11 @@
 namespace gv::log {
 namespace {
 
-// Of the descriptor's own flags nothing is changed: they are those of all who share it.
+// What a terminal has room for where poll() says that there is some.
+constexpr std::size_t pieceOfTerminal = 128;
+
+// Of the descriptor's own flags nothing is changed: they are those of all who share it. Not kept: a
+// pipe is at its end for its reader when the last descriptor was closed.
 class WayToWrite {
  public:
   explicit WayToWrite(int descriptor) : descriptor_(descriptor) {
@@ -21,10 +25,11 @@ class WayToWrite {
     piece_ = PIPE_BUF;
     // A terminal says that it has room when that is less than a line, and another process may take
     // the room of a pipe. Opened anew they need not wait.
-    const bool mayWait = S_ISFIFO(status.st_mode) || ::isatty(descriptor) != 0;
-    if (!mayWait) return;
+    const bool isTerminal = ::isatty(descriptor) != 0;
+    if (!S_ISFIFO(status.st_mode) && !isTerminal) return;
     const std::string path = "/dev/fd/" + std::to_string(descriptor);
     opened_ = ::open(path.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (isTerminal && opened_ < 0) piece_ = pieceOfTerminal;
   }
   ~WayToWrite() {
     if (opened_ >= 0) ::close(opened_);

@@ -7,8 +7,9 @@
 namespace gv::log {
 
 /// Writes lines to a descriptor and never waits for who reads it: a pipe, socket or terminal takes
-/// what it has room for, and the rest of a line is lost. Files are written as ever, and so is a
-/// terminal that this process may not open. Not locked.
+/// what it has room for, and the rest of a line is lost. Files are written as ever. A pipe or
+/// terminal that this process cannot open anew, as one of another user or without a descriptor
+/// left, is written in small pieces, but may wait where others take its room. Not locked.
 class LossyOutput {
  public:
   explicit LossyOutput(int descriptor) : descriptor_(descriptor) {}

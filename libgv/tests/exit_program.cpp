@@ -225,8 +225,12 @@ int logUnread(int readEnd, int writeEnd) {
   } while (text.find(last) == std::string::npos);
   const std::string note = "nobody read the standard error: ";
   int lost = 0, notes = 0, begun = 0;
-  for (auto at = text.find(note); at != std::string::npos; at = text.find(note, at + 1), ++notes)
-    lost += std::stoi(text.substr(at + note.size()));
+  for (auto at = text.find(note); at != std::string::npos; at = text.find(note, at + 1)) {
+    const auto end = text.find_first_not_of("0123456789", at += note.size());
+    if (text.compare(end, 13, " records are ") != 0) continue;  // one that was cut short itself
+    lost += std::stoi(text.substr(at));
+    ++notes;
+  }
   for (auto at = text.find("unread: record"); at != std::string::npos; ++begun)
     at = text.find("unread: record", at + 1);
   // The first of those that were lost may have begun.

@@ -298,6 +298,52 @@ TEST_F(Streams, AreReadWholeByThreadsThatLostTheirTurnAndWait) {
   stream->close("");
 }
 
+/// Takes a while for each byte, and leaves what it does not come to in its turn.
+class SlowHandler : public StreamHandler {
+ public:
+  SlowHandler(StreamPtr own, std::function<void(int)> onByte)
+      : own_(std::move(own)), onByte_(std::move(onByte)) {}
+
+  std::span<char> inputSpace() override { return space_; }
+  void onInput(std::size_t count) override {
+    left_ += count;
+    for (; left_ > 0 && !own_->isTurnOver(); --left_) {
+      const auto end = std::chrono::steady_clock::now() + 50us;
+      while (std::chrono::steady_clock::now() < end) {
+      }
+      onByte_(++seen_);
+    }
+  }
+  void onClosed(const std::string&) override {}
+
+ private:
+  const StreamPtr own_;
+  const std::function<void(int)> onByte_;
+  std::array<char, 4096> space_;
+  std::size_t left_ = 0;
+  int seen_ = 0;
+};
+
+TEST_F(Streams, LeaveOthersTheirTurnInTheMiddleOfWhatWasRead) {
+  constexpr int bytes = 2000;
+  RawPeer other = RawPeer::connectTo(port());
+  const StreamPtr second = accept();
+  std::atomic<int> seen{0};
+  std::atomic<int> before{bytes};
+  Handover<bool> all;
+  second->start(std::make_shared<SlowHandler>(second, [&](int) { before = seen.load(); }));
+  const auto onByte = [&](int number) {
+    seen = number;
+    if (number == 1) other.send("x");
+    if (number == bytes) all.give(true);
+  };
+  stream->start(std::make_shared<SlowHandler>(stream, onByte));
+  peer.send(std::string(bytes, 'x'));
+  all.take();
+  EXPECT_LT(before, bytes / 2);
+  for (const StreamPtr& each : {stream, second}) each->close("");
+}
+
 class BoundedStreams : public Streams {
  protected:
   static wire::Limits smallLimits() {

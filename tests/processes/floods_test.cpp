@@ -122,8 +122,8 @@ class FloodOfConnections : public testing::Test {
 
   static constexpr int mostDescriptors = 64;
 #ifdef __SANITIZE_ADDRESS__
-  static constexpr int left =
-      24;  // its look at an object needs a pipe, and calls it invalid without
+  // The sanitizer's look at an object needs a pipe: without one it calls the object invalid.
+  static constexpr int left = 24;
 #else
   static constexpr int left = 6;
 #endif
@@ -219,7 +219,7 @@ std::chrono::microseconds slowCallOf(const gv::Object<gv::Empty>& object, int ca
   return all[all.size() * 99 / 100];
 }
 
-TEST(GreedyConnection, LeavesAModestOneItsTurn) {
+TEST(GreedyConnection, DoesNotStarveAModestOne) {
   const house::Watchdog watchdog("a greedy connection", std::chrono::seconds(110));
   RobotProcess robot;
   const SessionPtr modest = connectTo(robot), greedy = connectTo(robot);

@@ -50,13 +50,13 @@ LinkNetwork aloneAt(const sockaddr* address) {
 void addNetworks(const ifaddrs& interface, std::vector<LinkNetwork>& networks) {
   LinkNetwork network = aloneAt(interface.ifa_addr);
   if ((interface.ifa_flags & IFF_UP) == 0 || network.size == 0) return;
-  // An interface that has a neighbour of its own, whatever the mask says, has no other.
+  // At the end of a tunnel there is one neighbour at most, whatever the mask says.
   const bool isPointToPoint = (interface.ifa_flags & IFF_POINTOPOINT) != 0;
   const LinkNetwork neighbour = aloneAt(isPointToPoint ? interface.ifa_dstaddr : nullptr);
-  if (neighbour.size == network.size && neighbour.address != network.address)
-    networks.push_back(neighbour);
-  else if (copyBytes(interface.ifa_netmask, network.mask) != network.size)
-    network.mask.fill(0xff);
+  if (neighbour.size == network.size) networks.push_back(neighbour);
+  const bool hasMask =
+      !isPointToPoint && copyBytes(interface.ifa_netmask, network.mask) == network.size;
+  if (!hasMask) network.mask.fill(0xff);
   networks.push_back(network);
 }
 

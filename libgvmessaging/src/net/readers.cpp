@@ -19,6 +19,7 @@
 
 #include "src/net/patience.h"
 #include "src/net/reactor.h"
+#include "src/net/waitingcalls.h"
 
 namespace gv::net {
 namespace {
@@ -33,9 +34,10 @@ constexpr int idleTicks = 200;
 // How long spare threads beyond the one that watches are kept.
 constexpr std::chrono::seconds keepSpares(5);
 constexpr int lentLookMs = 1;
-// How long a call waits for room, and how often the leader looks at those that do.
-constexpr std::chrono::seconds longestWait(1);
+// How often the leader looks at calls that wait for room.
 constexpr int waitingLookMs = 100;
+// How long the leader runs tasks before sockets have their turn.
+constexpr std::chrono::microseconds tasksTurn(200);
 
 class Team;
 
@@ -68,19 +70,13 @@ class Team {
   void lend(std::uint64_t key);
   void goOn(std::uint64_t key);
   void post(std::function<void()> task);
-  void postWhenThereIsRoom(std::function<void()> call, std::function<void()> refuse);
+  void postWhenThereIsRoom(WaitingCalls::Call call);
   bool hasSpare() const { return hasSpare_.load(std::memory_order_relaxed); }
   void willBlock(Reader& reader) noexcept;
   void hasUnblocked(Reader& reader) noexcept;
   void stop();
 
  private:
-  struct Waiting {
-    std::function<void()> call;
-    std::function<void()> refuse;
-    Clock::time_point until;
-  };
-
   void startFirstReaderLocked();
   void startReaderLocked();
   void run(const std::shared_ptr<Reader>& self);
@@ -97,11 +93,13 @@ class Team {
   bool giveTurns();
   bool mayRunCalls() const { return hasSpare() && getEventLoop()->hasRoom(); }
   bool takeTask(std::function<void()>& task);
-  bool takeWaitingLocked(Waiting& taken, std::function<void()>& task);
-  void runTask();
+  void runTasks();
+  void attendToWaiting();
+  void runForeign(std::function<void()>& task);
 
   ReadySockets sockets_;
   ReadinessSet readiness_;
+  WaitingCalls waiting_;  // for room
 
   // Of the leader; handed over with the lead
   std::shared_ptr<ReadySocket> current_;  // which it is reading
@@ -115,11 +113,9 @@ class Team {
   std::atomic<bool> isStopping_{false};
   std::atomic<bool> hasTasks_{false};
   std::atomic<bool> areToGoOn_{false};
-  std::atomic<bool> areWaiting_{false};
 
   std::mutex mutex_;  // guards what follows
   std::deque<std::function<void()>> tasks_;
-  std::deque<Waiting> waiting_;       // for room, the oldest first
   std::deque<std::uint64_t> toGoOn_;  // sockets, by key, each once
   Reader* leader_ = nullptr;
   std::vector<Reader*> spares_;  // parked; the first one watches the leader
@@ -134,8 +130,9 @@ void Team::lead(Reader& self) {
   while (self.phase != Reader::Phase::Replaced && !Reactor::isForked()) {
     current_.reset();
     if (!hasSpare()) ensureSpare();
-    // One at a time: many that each are over soon must not keep the sockets waiting either.
-    runTask();
+    runTasks();
+    if (self.phase == Reader::Phase::Replaced || Reactor::isForked()) return;
+    attendToWaiting();
     if (self.phase == Reader::Phase::Replaced || Reactor::isForked()) return;
     if (isStopping_ && !hasTasks_) return;
     if (!giveTurns()) return;
@@ -172,23 +169,14 @@ void Team::goOn(std::uint64_t key) {
   if (!currentReader || currentReader->phase != Reader::Phase::Own) readiness_.wake();
 }
 
-void Team::postWhenThereIsRoom(std::function<void()> call, std::function<void()> refuse) {
-  const auto until = Clock::now() + longestWait;
-  {
-    const std::lock_guard lock(mutex_);
-    if (isStopping_) return;
-    waiting_.push_back({std::move(call), std::move(refuse), until});
-    areWaiting_ = true;
-  }
+void Team::postWhenThereIsRoom(WaitingCalls::Call call) {
+  if (isStopping_) return;
+  waiting_.add(std::move(call));
   readiness_.wake();
 }
 
-/// The next one, if there is one: the thread may have been replaced meanwhile. Calls that wait for
-/// room come first: they are bounded in number, and in the time that they may wait.
 bool Team::takeTask(std::function<void()>& task) {
-  Waiting former;  // dies after the unlock
   const std::lock_guard lock(mutex_);
-  if (takeWaitingLocked(former, task)) return true;
   if (tasks_.empty()) return false;
   task = std::move(tasks_.front());
   tasks_.pop_front();
@@ -196,20 +184,28 @@ bool Team::takeTask(std::function<void()>& task) {
   return true;
 }
 
-bool Team::takeWaitingLocked(Waiting& taken, std::function<void()>& task) {
-  if (waiting_.empty()) return false;
-  const bool hasRoom = mayRunCalls();
-  if (!hasRoom && Clock::now() < waiting_.front().until) return false;
-  taken = std::move(waiting_.front());
-  waiting_.pop_front();
-  areWaiting_ = !waiting_.empty();
-  task = std::move(hasRoom ? taken.call : taken.refuse);
-  return true;
+/// For a while: many that each are over soon must not keep the sockets waiting either.
+void Team::runTasks() {
+  if (!hasTasks_) return;
+  const auto end = Clock::now() + tasksTurn;
+  std::function<void()> task;
+  do {
+    if (!takeTask(task)) return;
+    runForeign(task);
+  } while (!Readers::isReplaced() && !Reactor::isForked() && Clock::now() < end);
 }
 
-void Team::runTask() {
-  std::function<void()> task;
-  if ((!hasTasks_ && !areWaiting_) || !takeTask(task)) return;
+/// Runs one: it is a call as any other, which may take its time.
+void Team::attendToWaiting() {
+  if (!waiting_.areThere() || isStopping_) return;
+  std::vector<WaitingCalls::Call> refused;
+  auto call = waiting_.take(mayRunCalls(), refused);
+  for (const auto& each : refused) each.refuse();
+  if (call) runForeign(call);
+}
+
+/// And destroys it.
+void Team::runForeign(std::function<void()>& task) {
   const Readers::ForeignCode foreign;
   try {
     task();
@@ -253,7 +249,7 @@ void Team::handle(const Ready& ready) {
 
 std::size_t Team::waitForSockets() {
   std::size_t count = readiness_.wait(ready_, 0);
-  if (count > 0 || hasTasks_ || areToGoOn_ || (areWaiting_ && mayRunCalls())) return count;
+  if (count > 0 || hasTasks_ || areToGoOn_ || (waiting_.areThere() && mayRunCalls())) return count;
   const auto begin = Clock::now();
   if (const auto longest = patience_.next(); longest.count() > 0)
     detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
@@ -271,11 +267,11 @@ std::size_t Team::sleep() {
   leaderSleeps_ = true;
   // The word to wake may have come, and gone, while it polled.
   const bool mustNotSleep =
-      isStopping_ || hasTasks_ || areToGoOn_ || (areWaiting_ && mayRunCalls());
-  const std::size_t count = readiness_.wait(ready_, mustNotSleep         ? 0
-                                                    : sockets_.areLent() ? lentLookMs
-                                                    : areWaiting_        ? waitingLookMs
-                                                                         : -1);
+      isStopping_ || hasTasks_ || areToGoOn_ || (waiting_.areThere() && mayRunCalls());
+  const std::size_t count = readiness_.wait(ready_, mustNotSleep          ? 0
+                                                    : sockets_.areLent()  ? lentLookMs
+                                                    : waiting_.areThere() ? waitingLookMs
+                                                                          : -1);
   leaderSleeps_ = false;
   // One of the two sees the other: the watcher says that it sleeps before it looks at the leader.
   if (watcherSleeps_) {
@@ -389,7 +385,7 @@ void Team::run(const std::shared_ptr<Reader>& self) {
     if (Reactor::isForked()) return;  // the call forked: this is the child
     lock.lock();
     self->guest.reset();
-    if (areWaiting_) readiness_.wake();
+    if (waiting_.areThere()) readiness_.wake();
     self->phase = Reader::Phase::Own;
     const bool leads = leader_ == self.get();  // nobody replaced it: it stops
     if (isStopping_ && (!leads || tasks_.empty())) break;
@@ -484,8 +480,8 @@ void Readers::post(std::function<void()> task) {
   team().post(std::move(task));
 }
 
-void Readers::postWhenThereIsRoom(std::function<void()> call, std::function<void()> refuse) {
-  team().postWhenThereIsRoom(std::move(call), std::move(refuse));
+void Readers::postWhenThereIsRoom(WaitingCalls::Call call) {
+  team().postWhenThereIsRoom(std::move(call));
 }
 
 bool Readers::mayRunForeignCode() {

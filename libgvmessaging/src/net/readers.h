@@ -9,6 +9,7 @@
 
 #include "src/net/readiness.h"
 #include "src/net/readysocket.h"
+#include "src/net/waitingcalls.h"
 
 namespace gv::net {
 
@@ -47,10 +48,10 @@ class GVMESSAGING_API Readers {
   /// process exits, once nobody leads any more, in the calling one. Throws std::system_error when
   /// no thread can be made.
   static void post(std::function<void()> task);
-  /// Runs a call in the leading thread once the event loop has room for a guest, which may be at
-  /// once; or `refuse` when it has had none for a second. Neither where the process exits. Any
-  /// thread.
-  static void postWhenThereIsRoom(std::function<void()> call, std::function<void()> refuse);
+  /// Runs a call that nobody has taken in the leading thread once the event loop has room for a
+  /// guest, which may be at once; or refuses it when there has been none for a second, as the
+  /// reader's own code. Neither where the process exits. Any thread.
+  static void postWhenThereIsRoom(WaitingCalls::Call call);
 
   /// True in the leading thread outside of foreign code, while a spare is there to replace it, or
   /// on its way.

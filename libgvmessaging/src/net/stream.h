@@ -50,7 +50,7 @@ class Stream {
   /// of another caller. Written at once, from where they are, as far as the system takes them; the
   /// rest is copied and queued without bound: see pendingBytes(). What the thread sends that reads
   /// this stream leaves when its turn is over, in one piece. False when the stream has ended:
-  /// nothing was sent. True does not say that the peer got it.
+  /// the peer has no whole message of it. True does not say that the peer got it.
   virtual bool send(std::span<const Bytes> pieces) = 0;
   bool send(Bytes bytes) { return send(std::span(&bytes, 1)); }
 

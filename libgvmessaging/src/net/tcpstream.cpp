@@ -32,8 +32,6 @@ constexpr std::chrono::milliseconds rest{1};
 // After a failed write: more than the system holds for one connection.
 constexpr int restRounds = 64;
 
-// How long a caller that reads by itself looks without giving way.
-constexpr std::chrono::microseconds beforeYield{3};
 // Callers that follow each other within this time are worth lending the socket to.
 constexpr std::chrono::milliseconds steadyCalls{1};
 
@@ -163,7 +161,7 @@ void TcpStream::onReady(bool canRead, bool canWrite) {
   if (canWrite) onWritable();
   if (!canRead) return;
   Lock lock(mutex_);
-  if (!takeReadingLocked(Reading::Leader)) return;
+  if (isToGoOn_ || !takeReadingLocked(Reading::Leader)) return;  // its turn is yet to come
   const int rounds = output_.bytes() > limits_.outputSlow ? 1 : roundsInTurn;
   lock.unlock();
   read(rounds);
@@ -297,15 +295,12 @@ bool TcpStream::borrow(const std::function<bool()>& isWanted, std::chrono::micro
   const Readers::Borrowing scope;
   const Turn none(nullptr);  // a call that waits here may have lost its turn of this very stream
   const auto begin = Clock::now();
-  for (auto now = begin; now - begin < longest; now = Clock::now()) {
+  do {
+    // First of all: what is waited for takes longer than this, and may want this very processor.
+    std::this_thread::yield();
     readOnce();
     if (!isWanted()) return true;
-    if (state() == State::Closing) return false;
-    if (now - begin < beforeYield)
-      detail::relaxProcessor();
-    else
-      std::this_thread::yield();
-  }
+  } while (state() != State::Closing && Clock::now() - begin < longest);
   return false;
 }
 

@@ -117,7 +117,6 @@ bool TlsStream::send(std::span<const Bytes> pieces) {
 }
 
 /// Half a message must not be followed by another: where this fails, the stream ends.
-
 bool TlsStream::encryptLocked(Bytes bytes) {
   while (!bytes.empty()) {
     ERR_clear_error();

@@ -15,6 +15,7 @@ class TcpStream;
 class Turn {
  public:
   explicit Turn(const TcpStream* stream) : outer_(std::exchange(stream_, stream)) {
+    if (!stream) return;
     begin_ = lastFlush_ = lastLook_ = Clock::now();
     steps_ = 0;
   }

@@ -42,7 +42,7 @@ std::shared_ptr<Acceptor> Acceptor::listen(const std::string& host, std::uint16_
   std::shared_ptr<Acceptor> acceptor(
       new Acceptor(own, std::move(services), std::move(events), limits, door));
   const std::weak_ptr<Acceptor> weak = acceptor;
-  static_cast<void>(net::distanceOf("0.0.0.0"));  // so that the networks are known in need
+  static_cast<void>(net::distanceOf("0.0.0.0"));  // while there still are descriptors to ask with
   acceptor->listener_ = net::Listener::listen(
       host, port,
       [weak](std::shared_ptr<net::Stream> stream) {

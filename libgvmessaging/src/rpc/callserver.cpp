@@ -191,7 +191,7 @@ void CallServer::serveElsewhere(wire::Frame& frame, MetaCallType callType) {
   };
   if (!loop->tryPost(run, refuse)) return refuse();
   // The pool may be busy for ever, and then the call is one that would stop a task.
-  if (callType != MetaCallType::Queued) net::Readers::postWhenThereIsRoom(run, refuse);
+  if (callType != MetaCallType::Queued) net::Readers::postWhenThereIsRoom({run, refuse, isTaken});
 }
 
 void CallServer::serveAccepted(const AcceptedCall& call) {

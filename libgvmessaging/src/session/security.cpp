@@ -67,7 +67,7 @@ net::TlsFiles tlsFiles() {
           os::getenv("GV_TLS_CA_FILE")};
 }
 
-/// What the classic interface makes of the error names no cause.
+/// Passes the error on, and tells it the log: the classic interface's error names no cause.
 template <class Read>
 auto told(const Read& read) {
   try {

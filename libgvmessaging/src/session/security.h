@@ -14,8 +14,7 @@ namespace gv {
 /// Who may speak with a session, as the environment says: GV_AUTH_KEY_FILE, GV_LISTEN_SCOPE, and
 /// for "tcps" addresses GV_TLS_CERT_FILE, GV_TLS_KEY_FILE and GV_TLS_CA_FILE. Each function throws
 /// std::runtime_error, which names the variable and the cause, where one of them cannot be
-/// followed: nothing is ever more open than was asked for. The log
-/// is told, too.
+/// followed: nothing is ever more open than was asked for. The log is told, too.
 namespace security {
 
 /// The keys that are proved; null where the variable is not set. Set to nothing, it names no file.

@@ -1,0 +1,45 @@
+#include "src/net/waitingcalls.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace gv::net {
+namespace {
+
+using Flag = std::shared_ptr<std::atomic<bool>>;
+
+Flag makeFlag(bool value = false) {
+  return std::make_shared<std::atomic<bool>>(value);
+}
+
+TEST(WaitingCalls, ThatThePoolHasTakenTakeNoMemoryForLong) {
+  WaitingCalls waiting;
+  const auto held = std::make_shared<int>();
+  waiting.add({[] {}, [] {}, makeFlag()});  // keeps its place
+  for (int i = 0; i < 10'000; ++i) waiting.add({[held] {}, [held] {}, makeFlag(true)});
+  EXPECT_LT(held.use_count(), 1000);
+  std::vector<WaitingCalls::Call> refused;
+  EXPECT_TRUE(waiting.take(true, refused));
+  EXPECT_FALSE(waiting.take(true, refused));
+  EXPECT_FALSE(waiting.areThere());
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(WaitingCalls, AreRefusedTogetherWhenTheirTimeIsOverAndInNoOtherCase) {
+  WaitingCalls waiting;
+  for (const bool isTaken : {false, true, false, false})
+    waiting.add({[] {}, [] {}, makeFlag(isTaken)});
+  std::vector<WaitingCalls::Call> refused;
+  const auto start = std::chrono::steady_clock::now();
+  while (refused.empty()) {
+    EXPECT_FALSE(waiting.take(false, refused));
+    std::this_thread::yield();
+  }
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
+  while (waiting.areThere()) EXPECT_FALSE(waiting.take(false, refused));
+  EXPECT_EQ(refused.size(), 3u);
+}
+
+}  // namespace
+}  // namespace gv::net
