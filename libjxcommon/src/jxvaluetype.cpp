@@ -99,9 +99,9 @@ JXValue flatToValue(const AnyReference& content) {
 
 JXValue toValue(const AnyReference& content) {
   if (!content.isValid()) return {};
-  if (const JXValue* value = content.as<JXValue>()) return *value;
   const gv::TypeInterface* type = content.type();
   if (type->kind < TypeKind::List) return flatToValue(content);
+  if (const JXValue* value = content.as<JXValue>()) return *value;
   const gv::NestingLevel level;
   switch (type->kind) {
     case TypeKind::List:

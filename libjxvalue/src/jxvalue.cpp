@@ -115,7 +115,10 @@ JXValue::JXValue(JXValue&& other) noexcept : storage_(std::move(other.storage_))
 }
 
 JXValue& JXValue::operator=(JXValue other) noexcept {
-  storage_.swap(other.storage_);
+  if (isArray())
+    storage_.swap(other.storage_);  // it dies in a JXValue's destructor, however deep it is
+  else
+    storage_ = std::move(other.storage_);
   return *this;
 }
 
