@@ -19,6 +19,7 @@
 
 #include <gvtype/dynamicobjectbuilder.h>
 #include <gvtype/genericfunctionparameters.h>
+#include <gvtype/print.h>
 #include <gvtype/struct.h>
 
 #include "support/thrown.h"
@@ -171,6 +172,57 @@ TEST(Codec, BoundsNestingAndMemory) {
   const std::vector<AnyValue> nils(500);
   EXPECT_THAT(errorOf(written(AnyReference::from(nils), "av"), "av", small),
               HasSubstr("more memory than is allowed"));
+}
+
+TEST(Codec, TakesADynamicValueReadAtOnceExactlyAsOneReadByParts) {
+  // Each within a list; the second way to write an array of two is never read at once.
+  const auto outcome = [](const std::string& head, const std::string& rest, std::size_t budget,
+                          unsigned nesting) {
+    Limits limits;
+    limits.decodedBytes = budget;
+    limits.nesting = nesting;
+    std::vector<AnyValue> list;
+    const std::string error = house::errorOf<PayloadError>(
+        [&] { readValue(bytes("\x92\xc0" + head + rest), AnyReference::from(list), limits); });
+    if (error != "no error") return error;
+    return list.at(1).signature() + toText(list.at(1).asReference());
+  };
+  const std::string parts[] = {std::string("\xa1x\xd3\xff\0\0\0\0\0\0\0", 11),
+                               "\xa1x\x05",
+                               "\xa1i\xd0\x80",
+                               "\xa1i\xe0",
+                               "\xa1i\xce\xff\xff\xff\xff",
+                               "\xa1u\xff",
+                               "\xa1t\xcc\xff",
+                               "\xa1y\xcd\x01\x02",
+                               "\xa1x\xc3",
+                               std::string("\xa1"
+                                           "d\xcb\x3f\xe0\0\0\0\0\0\0",
+                                           11),
+                               "\xa1"
+                               "d\x01",
+                               "\xa1"
+                               "b\xc3",
+                               "\xa1s\xa0",
+                               "\xa1s\xaf" + std::string(15, 'i'),
+                               "\xa1s\xb0" + std::string(16, 'h'),
+                               "\xa1s\xc4\x01z",
+                               "\xa1s\xc0",
+                               "\xa1v\xc0",
+                               "\xa1z\x01",
+                               "\xa1x\xc1"};
+  const std::string longHead("\xdc\0\2", 3);
+  const auto expectSame = [&](const std::string& rest, std::size_t budget, unsigned nesting) {
+    EXPECT_EQ(outcome("\x92", rest, budget, nesting), outcome(longHead, rest, budget, nesting))
+        << rest << " of " << budget;
+  };
+  for (const std::string& part : parts) {
+    for (std::size_t size = 0; size <= part.size(); ++size)
+      expectSame(part.substr(0, size), 100'000, 64);
+    expectSame(part + "\x01", 100'000, 64);
+    for (const unsigned nesting : {1u, 2u}) expectSame(part, 100'000, nesting);
+    for (std::size_t budget = 50; budget < 400; ++budget) expectSame(part, budget, 64);
+  }
 }
 
 TEST(Codec, WritesObjectsAsDocumented) {

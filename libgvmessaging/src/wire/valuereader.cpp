@@ -1,5 +1,6 @@
 #include "src/wire/valuereader.h"
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <deque>
@@ -10,15 +11,36 @@
 #include <gvtype/conversion.h>
 #include <gvtype/signature.h>
 
+#include "src/wire/parser.h"
+
 namespace gv::wire {
 namespace {
+
+/// Where a value goes. A reference that never owns: copied for each part of a payload.
+class Slot {
+ public:
+  Slot() = default;
+  Slot(const AnyReference& reference)  // NOLINT: implicit, as references become slots everywhere
+      : type_(reference.type()), pointer_(reference.pointer()) {}
+
+  bool isValid() const { return type_ != nullptr; }
+  const TypeInterface* type() const { return type_; }
+  void* pointer() const { return pointer_; }
+  AnyValue* asAnyValue() const {
+    return sameType(type_, getType<AnyValue>()) ? static_cast<AnyValue*>(pointer_) : nullptr;
+  }
+
+ private:
+  const TypeInterface* type_ = nullptr;
+  void* pointer_ = nullptr;
+};
 
 /// A container that is being read. References into one stay good while others come and go above it.
 struct Level {
   enum class Kind { Arguments, List, Map, Tuple, Optional, Dynamic };
 
   Kind kind{};
-  AnyReference container{};
+  Slot container{};
   std::size_t index = 0;
   AnyValue key;           // of a map's entry
   AnyValue item;          // of an entry, of a dynamic value, of a list of bits
@@ -44,6 +66,18 @@ class Decoder : public msgpack::null_visitor {
   void expectArguments(const std::vector<AnyReference>& targets, std::vector<AnyValue>* tail) {
     targets_ = &targets;
     tail_ = tail;
+  }
+
+  /// Most dynamic values hold a number or a short string: such a one is read at once, for what its
+  /// parts would be charged. What is unusual or wrong in any way is left to the reading by parts.
+  std::size_t readWhole(std::span<const char> rest) {
+    constexpr std::size_t head = 3;  // an array of two, a string of one character
+    if (!slot_.isValid() || slot_.type()->kind != TypeKind::Dynamic || rest.size() <= head ||
+        rest[0] != '\x92' || rest[1] != '\xa1' || depth_ == mostLevels())
+      return 0;
+    const auto body = rest.subspan(head);
+    const std::size_t size = readFlat(rest[2], body);
+    return size == 0 ? 0 : head + size;
   }
 
   bool visit_nil() {
@@ -117,8 +151,10 @@ class Decoder : public msgpack::null_visitor {
     Level& level = top();
     switch (level.kind) {
       case Level::Kind::Arguments:
-        slot_ = level.index < targets_->size() ? (*targets_)[level.index]
-                                               : AnyReference::from(tail_->emplace_back());
+        if (level.index < targets_->size())
+          slot_ = (*targets_)[level.index];
+        else
+          slot_ = AnyReference::from(tail_->emplace_back());
         break;
       case Level::Kind::List:
         startElement(level);
@@ -149,7 +185,7 @@ class Decoder : public msgpack::null_visitor {
     Level& level = top();
     if (level.kind == Level::Kind::Dynamic) {
       level.item.updateNesting();
-      if (AnyValue* value = level.container.as<AnyValue>())
+      if (AnyValue* value = level.container.asAnyValue())
         *value = std::move(level.item);
       else
         level.container.type()->dynamic->assign(level.container.pointer(),
@@ -227,8 +263,11 @@ class Decoder : public msgpack::null_visitor {
     if (bytes + 1 > budget_) throw PayloadError("its values take more memory than is allowed");
     budget_ -= bytes + 1;
   }
+  std::size_t mostLevels() const {
+    return nesting_ + (targets_ ? 1 : 0);  // the arguments are no level
+  }
   void push(Level::Kind kind) {
-    if (depth_ == nesting_ + (targets_ ? 1 : 0))  // the arguments are no level
+    if (depth_ == mostLevels())
       throw PayloadError("it nests deeper than " + std::to_string(nesting_) + " levels");
     if (depth_ > 0 && !inner_) inner_.emplace();
     if (depth_ > 0 && depth_ > inner_->size()) inner_->emplace_back();
@@ -252,7 +291,7 @@ class Decoder : public msgpack::null_visitor {
   }
   /// The elements of a generic container are made from its signature, each with a copy of its part
   /// and, for a tuple, with all its members: that is paid for before it is done.
-  void chargeGeneric(const AnyReference& container) {
+  void chargeGeneric(const Slot& container) {
     if (const auto ownSignature = container.type()->ownSignature)
       chargeDefault(ownSignature(container.pointer()));
   }
@@ -272,7 +311,7 @@ class Decoder : public msgpack::null_visitor {
   void startContent(Level& level) {
     constexpr std::string_view flatCodes = "bcynqiuxtfdsr";
     if (level.signature.size() == 1 && flatCodes.find(level.signature[0]) != flatCodes.npos) {
-      charge(2 * sizeof(AnyValue));
+      charge(flatDefault);
       level.item = AnyValue::makeDefault(level.signature);
       return;
     }
@@ -288,6 +327,67 @@ class Decoder : public msgpack::null_visitor {
   bool startPart(const AnyValue& part) {
     slot_ = part.asReference();
     charge(sizeof(AnyValue));
+    return true;
+  }
+
+  /// The size of the content, 0 where it was left.
+  std::size_t readFlat(char code, std::span<const char> body) {
+    const auto tag = static_cast<std::uint8_t>(body[0]);
+    if (code == 's') {
+      const std::size_t size = tag & 0x1f;
+      if ((tag & 0xe0) != 0xa0 || body.size() <= size) return 0;
+      const auto text = body.subspan(1, size);
+      return holdFlat<std::string>({text.data(), size}, size + 1) ? 1 + size : 0;
+    }
+    if (code == 'd') {
+      if (tag != 0xcb || body.size() <= 8) return 0;
+      return holdFlat(std::bit_cast<double>(bigEndian(body.subspan(1, 8)))) ? 9 : 0;
+    }
+    if (code == 'b') return (tag & 0xfe) == 0xc2 && holdFlat(tag == 0xc3) ? 1 : 0;
+    if (tag < 0x80) return holdInteger(code, tag) ? 1 : 0;
+    if (tag >= 0xe0) return holdInteger(code, static_cast<std::int8_t>(tag)) ? 1 : 0;
+    if (tag < 0xcc || tag > 0xd3) return 0;
+    const std::size_t width = std::size_t{1} << (tag & 3);
+    if (body.size() <= width) return 0;
+    const std::uint64_t number = bigEndian(body.subspan(1, width));
+    if (tag < 0xd0) return holdInteger(code, number) ? 1 + width : 0;
+    const std::size_t unused = 64 - 8 * width;  // the sign comes down from the top
+    return holdInteger(code, static_cast<std::int64_t>(number << unused) >> unused) ? 1 + width : 0;
+  }
+  static std::uint64_t bigEndian(std::span<const char> bytes) {
+    std::uint64_t number = 0;
+    for (const char byte : bytes) number = number << 8 | static_cast<std::uint8_t>(byte);
+    return number;
+  }
+  template <class Value>
+  bool holdInteger(char code, Value value) {
+    switch (code) {
+      case 'i':
+        return std::in_range<std::int32_t>(value) && holdFlat(static_cast<std::int32_t>(value));
+      case 'u':
+        return std::in_range<std::uint32_t>(value) && holdFlat(static_cast<std::uint32_t>(value));
+      case 'x':
+        return std::in_range<std::int64_t>(value) && holdFlat(static_cast<std::int64_t>(value));
+      case 't':
+        return std::in_range<std::uint64_t>(value) && holdFlat(static_cast<std::uint64_t>(value));
+      default:
+        return false;
+    }
+  }
+  /// Puts the content into the slot's dynamic value; false where the budget does not suffice.
+  template <class T>
+  bool holdFlat(T content, std::size_t ofBytes = 0) {
+    constexpr std::size_t ofSignature = sizeof(std::string) + 1 + 2;
+    const std::size_t cost = ofSignature + flatDefault + 1 + sizeof(T) + 1 + ofBytes;
+    if (cost > budget_) return false;
+    budget_ -= cost;
+    if (AnyValue* value = slot_.asAnyValue())
+      value->emplace(getType<T>(), [&](void* memory) {
+        ::new (memory) T(std::move(content));
+        return true;
+      });
+    else
+      slot_.type()->dynamic->assign(slot_.pointer(), AnyReference::from(content));
     return true;
   }
 
@@ -333,11 +433,14 @@ class Decoder : public msgpack::null_visitor {
     return true;
   }
 
+  /// What a default value of a flat type is charged.
+  static constexpr std::size_t flatDefault = 2 * sizeof(AnyValue);
+
   const std::size_t payloadSize_;
   std::size_t budget_;
   const unsigned nesting_;
   IncomingObjects* const objects_;
-  AnyReference slot_;  // where the next value goes
+  Slot slot_;  // where the next value goes
   const std::vector<AnyReference>* targets_ = nullptr;
   std::vector<AnyValue>* tail_ = nullptr;
   std::size_t depth_ = 0;  // how many levels are being read
@@ -347,16 +450,15 @@ class Decoder : public msgpack::null_visitor {
 };
 
 void decode(std::span<const char> payload, Decoder& decoder) {
-  std::size_t offset = 0;
+  Parser parser(payload, decoder);
   try {
-    if (!msgpack::parse(payload.data(), payload.size(), offset, decoder))
-      throw PayloadError("it ends too early");
+    if (!parser.parse()) throw PayloadError("it ends too early");
   } catch (const PayloadError& error) {
     throw PayloadError(std::string("malformed payload: ") + error.what());
   } catch (const std::exception& error) {
     throw PayloadError(std::string("malformed payload: ") + error.what());
   }
-  if (offset != payload.size())
+  if (parser.offset() != payload.size())
     throw PayloadError("malformed payload: more bytes follow the value");
 }
 
@@ -435,8 +537,7 @@ void readArguments(std::span<const char> payload, const std::vector<AnyReference
 void forEachObject(std::span<const char> payload, const Limits& limits,
                    FunctionRef<void(const PassedObject&)> visit) {
   ObjectFinder finder(limits, visit);
-  std::size_t offset = 0;
-  msgpack::parse(payload.data(), payload.size(), offset, finder);
+  Parser(payload, finder).parse();
 }
 
 }  // namespace gv::wire
