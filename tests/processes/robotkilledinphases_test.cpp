@@ -37,8 +37,8 @@ using JX::JXValue;
 /// BetweenCalls: each kind has come back, over and over.
 enum Phase { BeforeACall, RequestOnItsWay, MethodRuns, ReplyOnItsWay, BetweenCalls, phases };
 
-constexpr int largeSize = 16 << 20;
-// A sanitizer takes seconds for the copies of 16 MiB alone; it is there for races.
+constexpr int largeSize = 6 << 20;  // more than the system takes for a peer that reads nothing
+// A sanitizer takes seconds for the copies of large requests alone; it is there for races.
 constexpr int endWithinMs = isSanitized ? 20'000 : 1000;
 
 /// How many connections at a port have bytes that the process there has not read.
