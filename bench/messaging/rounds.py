@@ -16,8 +16,7 @@ RAW = "raw_block"
 WORKLOADS = "ABCDEFG"
 ONE_CORE = ("taskset", "-c", "0")
 
-#workload, metric : description, target in terms of plain sockets or in the unit, \
-    whose figure has to meet it
+# {(workload, metric): (description, target, whose figure is held to it)}; a target is of the ratio, or in the unit.
 RATIO, PLAIN = "ratio", "plain"
 ROWS = {
     ("A", "p50"): ("one call at a time, median", ("<=", 0.20, RATIO), "jx"),
@@ -50,6 +49,9 @@ ROWS = {
     ("G", "threads4"): ("4 clients", None, "jx"),
     ("G", "threads16"): ("16 clients", (">=", 1.0, RATIO), "jx"),
     ("G", "threads64"): ("64 clients", (">=", 1.0, RATIO), "jx"),
+}
+REFERENCES = {  # of rows that plain sockets do not have
+    "Aasleep": ("A", "p50"), "queued64": ("B", "inflight64"),
 }
 
 
@@ -98,24 +100,21 @@ class Figures:
 
     def ratio(self, row, peer):
         """To plain sockets, the median of the rounds' ratios."""
-        reference = ("A", row[1].removeprefix("untyped_")) if row[0] == "Aasleep" else (row[0], row[1].removeprefix("untyped_"))
-        if row[1] == "queued64":
-            reference = ("B", "inflight64")
+        workload, metric = row[0], row[1].removeprefix("untyped_")
+        reference = REFERENCES.get(workload) or REFERENCES.get(metric) or (workload, metric)
         pairs = zip(self.values[row].get(peer, []), self.values[reference].get(RAW, []))
         ratios = [statistics.median(ours) / statistics.median(theirs) for ours, theirs in pairs if ours and theirs]
         return statistics.median(ratios) if ratios else None
 
 
 def passes(workloads, scale):
-    """Which workloads run together, under what, and in what environment."""
+    """What runs together: under what, and in what environment."""
     common = {**os.environ, "BENCH_SCALE": str(scale)}
     for letters in ("F", "ABCDEG"):  # memory is that of a server that has done nothing else
         wanted = "".join(letter for letter in letters if letter in workloads)
         if wanted:
-            yield (), {
-    **common, "BENCH_ONLY" : wanted
-  }
-if "A" in workloads:
+            yield (), {**common, "BENCH_ONLY": wanted}
+    if "A" in workloads:
         yield ONE_CORE, {**common, "BENCH_ONLY": "A", "BENCH_SUFFIX": "1"}
         yield (), {**common, "BENCH_ONLY": "A", "BENCH_SUFFIX": "asleep", "GV_POLLING": "0"}
 
@@ -125,7 +124,7 @@ def run_others(folder, names, scale):
     with tempfile.TemporaryDirectory() as out:
         environment = {**os.environ, "BENCH_SCALE": str(scale), "ROUNDS": "1", "OUT": out}
         return subprocess.run([pathlib.Path(folder, "run.sh"), *names], text=True, stdout=subprocess.PIPE,
-                              env=environment).stdout
+                              check=True, env=environment).stdout
 
 
 def run_workloads(program, workloads, rounds, scale, others, names):
@@ -162,7 +161,7 @@ def system_calls(program, kind, calls):
 def number(value):
     if value is None:
         return ""
-    return f"{value:,.0f}" if value >= 1000 else f"{value:.3g}" if value < 100 else f"{value:.0f}"
+    return f"{value:,.0f}" if value >= 100 else f"{value:.3g}"
 
 
 def verdict(figures, row):
@@ -172,7 +171,8 @@ def verdict(figures, row):
     sign, bound, form = target
     value = figures.ratio(row, peer) if form == RATIO else figures.median(row, peer)
     is_met = value is not None and (value <= bound if sign == "<=" else value >= bound)
-    return f"{peer} {sign} {bound:,}{'' if form == RATIO else ' ' + figures.units.get(row, '')}{'' if is_met else ' missed'}"
+    unit = "" if form == RATIO else " " + figures.units[row]
+    return f"{peer} {sign} {bound:,}{unit}{'' if is_met else ' missed'}"
 
 
 def own_table(figures, traced):
@@ -180,13 +180,13 @@ def own_table(figures, traced):
     for row, (description, _, _) in ROWS.items():
         if row not in figures.values:
             continue
-        raw, *ours = (number(figures.median(row, peer)) for peer in (RAW, "gv", "jx"))
+        values = (number(figures.median(row, peer)) for peer in (RAW, "gv", "jx"))
         ratios = (number(figures.ratio(row, peer)) for peer in ("gv", "jx"))
-        lines.append((description, figures.units[row], raw, *ours, *ratios, verdict(figures, row)))
+        lines.append((description, figures.units[row], *values, *ratios, verdict(figures, row)))
     for place, side in enumerate(("client", "server")):
         raw, gv, jx = (traced[kind][place] for kind in KINDS)
         lines.append((f"system calls of the {side}", "each call", *(f"{n:.1f}" for n in (raw, gv, jx)),
-                      f"{gv / raw:.2f}", f"{jx / raw:.2f}", ""))
+                      number(gv / raw), number(jx / raw), ""))
     return lines
 
 
