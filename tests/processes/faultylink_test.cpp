@@ -131,9 +131,11 @@ void expectAClearEnd(const RobotProcess& robot, const std::string& kind, const T
   JX::JXProxy proxy(client, "Robot");
   const Call& call = kinds.at(kind);
   call(proxy);
-  trouble.isInReply ? between.toClient(trouble.faults) : between.toServer(trouble.faults);
+  between.toServer(trouble.isInReply ? Faults() : trouble.faults);
+  between.toClient(trouble.isInReply ? trouble.faults : Faults());
   auto end = std::async(std::launch::async, endOf, [&] { call(proxy); });
   if (trouble.outcome == Outcome::Waiting) {
+    EXPECT_TRUE(becomesTrue([&] { return between.hasHeardClient(); }));
     EXPECT_EQ(end.wait_for(50ms), std::future_status::timeout);
     between.toServer({.cutAt = 0});
   }

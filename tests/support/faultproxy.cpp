@@ -280,6 +280,12 @@ void FaultProxy::toClient(const Faults& faults) {
   state_->set(ToClient, faults);
 }
 
+bool FaultProxy::hasHeardClient() const {
+  const std::lock_guard lock(state_->mutex);
+  return std::any_of(state_->connections.begin(), state_->connections.end(),
+                     [](const Connection& each) { return each.ways[ToServer].taken > 0; });
+}
+
 std::future<Recording> FaultProxy::recordNext() {
   std::future<Recording> recording;
   state_->change([&] { recording = state_->nextRecording.emplace().get_future(); });

@@ -45,6 +45,9 @@ class FaultProxy {
   void toServer(const Faults& faults);
   void toClient(const Faults& faults);
 
+  /// Whether bytes for the server were taken since its faults were set.
+  bool hasHeardClient() const;
+
   /// What the next connection carries; ready when it has ended.
   std::future<Recording> recordNext();
 
