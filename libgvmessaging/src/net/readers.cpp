@@ -200,7 +200,7 @@ void Team::attendToWaiting() {
   if (!waiting_.areThere() || isStopping_) return;
   std::vector<WaitingCalls::Call> refused;
   auto call = waiting_.take(mayRunCalls(), refused);
-  for (const auto& each : refused) each.refuse();
+  for (auto& each : refused) runForeign(each.refuse);  // which may log
   if (call) runForeign(call);
 }
 

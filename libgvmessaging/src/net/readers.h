@@ -49,8 +49,8 @@ class GVMESSAGING_API Readers {
   /// no thread can be made.
   static void post(std::function<void()> task);
   /// Runs a call that nobody has taken in the leading thread once the event loop has room for a
-  /// guest, which may be at once; or refuses it when there has been none for a second, as the
-  /// reader's own code. Neither where the process exits. Any thread.
+  /// guest, which may be at once; or refuses it when there has been none for a second. Neither
+  /// where the process exits. Any thread.
   static void postWhenThereIsRoom(WaitingCalls::Call call);
 
   /// True in the leading thread outside of foreign code, while a spare is there to replace it, or
