@@ -278,6 +278,34 @@ TEST(Codec, SendsLargeValuesFromWhereTheyStandAndCopiesConvertedOnes) {
   EXPECT_EQ(std::tie(first, second, third, fourth), std::tie(large, dynamic, small, large));
 }
 
+TEST(Codec, KeepsRawBytesThatAreMostOfAFrameWhereTheyArrived) {
+  const std::string large(Output::leastBorrowed, 'l');
+  const Buffer sent(large.data(), large.size());
+  struct Row {
+    std::string beside;
+    bool isKept;
+  };
+  for (const Row& row : {Row{"short", true}, Row{large, false}}) {
+    Output out;
+    writeArguments(out, std::vector{AnyReference::from(sent), AnyReference::from(row.beside)},
+                   "(rs)");
+    std::vector<char> written;
+    out.copyTo(written);
+    Frame frame;
+    frame.payload.assign(written);
+    const char* const begin = frame.payload.data();
+    Buffer back;
+    std::string beside;
+    readArguments(frame, {AnyReference::from(back), AnyReference::from(beside)}, nullptr, Limits());
+    EXPECT_EQ(back.data() > begin && back.data() < begin + written.size(), row.isKept);
+    frame.payload.assign(std::vector<char>(written.size(), 'n'));  // the next frame's
+    EXPECT_EQ(back, sent);
+    Buffer moved = std::move(back);
+    EXPECT_EQ(back, Buffer());  // NOLINT: defined
+    EXPECT_EQ(moved, sent);
+  }
+}
+
 /// Processor seconds of this thread, the best of three.
 template <class F>
 double secondsFor(const F& work) {

@@ -138,7 +138,8 @@ struct KeyedHandshake {
   }
   void hear() {
     const std::string bytes = peer.hear();
-    wire::Frame heard{headerOf(bytes), {bytes.begin() + wire::frameHeaderSize, bytes.end()}};
+    wire::Frame heard{headerOf(bytes), {}};
+    heard.payload.assign(std::span(bytes).subspan(wire::frameHeaderSize));
     keep(handshake.step(heard));
   }
 

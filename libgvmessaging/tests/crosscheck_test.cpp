@@ -62,7 +62,8 @@ void crossCheck(Generator generator, const AnyReference& value, const AnyReferen
   if (generator.usedOtherKeys()) return;
   EXPECT_TRUE(isSame(json::from_msgpack(ours), content)) << "by the other codec";
   const std::vector<std::uint8_t> theirs = json::to_msgpack(content);
-  readValue({reinterpret_cast<const char*>(theirs.data()), theirs.size()}, back, Limits());
+  readValue(std::string_view(reinterpret_cast<const char*>(theirs.data()), theirs.size()), back,
+            Limits());
   EXPECT_EQ(AnyValue::copyOf(back), AnyValue::copyOf(value)) << "what the other codec wrote";
   EXPECT_TRUE(isSame(json::from_msgpack(written(back, signature)), content));
 }

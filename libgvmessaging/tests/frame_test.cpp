@@ -115,6 +115,35 @@ TEST(FrameReader, HoldsLittleMoreThanWhatArrived) {
   }
 }
 
+TEST(FrameReader, TakesLargeAndSmallPayloadsHoweverTheyArrive) {
+  std::vector<char> sent;
+  std::vector<char> payloads;
+  std::vector<std::size_t> sizes{200'000, 40'000, 0, 5, 32'768, 32'769, 65'536, 1};
+  for (const std::size_t size : sizes) {
+    const HeaderBytes header = sample(static_cast<std::uint32_t>(size));
+    sent.insert(sent.end(), header.begin(), header.end());
+    for (std::size_t i = 0; i < size; ++i)
+      payloads.push_back(static_cast<char>(payloads.size() % 251));
+    sent.insert(sent.end(), payloads.end() - static_cast<std::ptrdiff_t>(size), payloads.end());
+  }
+  for (const std::size_t piece :
+       {std::size_t{63}, std::size_t{4'097}, std::size_t{40'000}, sent.size()}) {
+    FrameReader reader(Limits().payload);
+    std::vector<std::size_t> takenSizes;
+    std::vector<char> taken;
+    for (std::span<const char> rest(sent); !rest.empty();) {
+      const auto now = rest.first(std::min(piece, rest.size()));
+      rest = rest.subspan(now.size());
+      ASSERT_TRUE(feed(reader, now, [&](const Frame& frame) {
+        takenSizes.push_back(frame.payload.size());
+        taken.insert(taken.end(), frame.bytes().begin(), frame.bytes().end());
+      }));
+    }
+    EXPECT_EQ(takenSizes, sizes) << piece;
+    EXPECT_TRUE(taken == payloads) << piece;
+  }
+}
+
 TEST(FrameReader, RefusesForeignProtocolsAtTheFirstWrongByte) {
   struct Case {
     std::string start;

@@ -33,7 +33,7 @@ Greeting greetingOf(const std::string& session) {
 HandshakeStep stepWith(Role role, FrameType type, const std::vector<char>& payload) {
   wire::Frame frame;
   frame.header.type = type;
-  frame.payload.assign(payload.begin(), payload.end());
+  frame.payload.assign(payload);
   return Handshake(role, greetingOf("own"), wire::Limits()).step(frame);
 }
 
@@ -92,7 +92,7 @@ Keys keysOf(const std::string& text) {
 wire::Frame frameOf(const HandshakeFrame& sent) {
   wire::Frame frame;
   frame.header.type = sent.type;
-  frame.payload.assign(sent.payload.begin(), sent.payload.end());
+  frame.payload.assign(sent.payload);
   return frame;
 }
 

@@ -1,27 +1,41 @@
 #pragma once
 
+#include <compare>
 #include <cstddef>
-#include <string>
+#include <cstring>
+#include <memory>
 #include <string_view>
 
 namespace gv {
 
 /// Raw bytes with value semantics: the C++ type of signature `r`. Not text: it never converts to a
-/// string or back.
+/// string or back. Its bytes never change, so that copies share them.
 class Buffer {
  public:
   Buffer() = default;
-  Buffer(const void* bytes, std::size_t size) : bytes_(static_cast<const char*>(bytes), size) {}
+  /// Copies the bytes.
+  Buffer(const void* bytes, std::size_t size) {
+    if (size == 0) return;
+    const auto copy = std::make_shared_for_overwrite<char[]>(size);
+    std::memcpy(copy.get(), bytes, size);
+    bytes_ = {copy, copy.get()};
+    size_ = size;
+  }
+  /// Shares bytes that @p owner keeps. Nobody may change them any more.
+  Buffer(std::string_view bytes, const std::shared_ptr<const void>& owner)
+      : bytes_(owner, bytes.data()), size_(bytes.size()) {}
 
-  const char* data() const { return bytes_.data(); }
-  std::size_t size() const { return bytes_.size(); }
-  std::string_view view() const { return bytes_; }
+  /// Never null.
+  const char* data() const { return bytes_ ? bytes_.get() : ""; }
+  std::size_t size() const { return bytes_ ? size_ : 0; }
+  std::string_view view() const { return {data(), size()}; }
 
-  bool operator==(const Buffer&) const = default;
-  auto operator<=>(const Buffer&) const = default;
+  friend bool operator==(const Buffer& a, const Buffer& b) { return a.view() == b.view(); }
+  friend auto operator<=>(const Buffer& a, const Buffer& b) { return a.view() <=> b.view(); }
 
  private:
-  std::string bytes_;
+  std::shared_ptr<const char> bytes_;
+  std::size_t size_ = 0;  // not of one that was moved from
 };
 
 }  // namespace gv

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <typeinfo>
@@ -36,6 +37,9 @@ enum class TypeKind {
 struct BytesOps {
   std::string_view (*view)(const void* value);
   void (*assign)(void* value, std::string_view bytes);
+  /// As assign, without a copy: `owner` keeps the bytes, which nobody changes. Null where values
+  /// own their bytes alone.
+  void (*share)(void* value, std::string_view bytes, const std::shared_ptr<const void>& owner);
 };
 
 /// Sequences. Elements come as references in place, valid until the list changes.

@@ -24,6 +24,7 @@ void TypeTraits<std::string>::describe(TypeInterface& type) {
       },
       .assign = [](void* value,
                    std::string_view bytes) { static_cast<std::string*>(value)->assign(bytes); },
+      .share = nullptr,
   };
   type.bytes = &ops;
 }
@@ -35,6 +36,10 @@ void TypeTraits<Buffer>::describe(TypeInterface& type) {
       .assign =
           [](void* value, std::string_view bytes) {
             *static_cast<Buffer*>(value) = Buffer(bytes.data(), bytes.size());
+          },
+      .share =
+          [](void* value, std::string_view bytes, const std::shared_ptr<const void>& owner) {
+            *static_cast<Buffer*>(value) = Buffer(bytes, owner);
           },
   };
   type.bytes = &ops;

@@ -184,6 +184,7 @@ const gv::TypeInterface* binaryType() {
           [](void* binary, std::string_view bytes) {
             valueIn(binary) = JXValue::binary(bytes.data(), bytes.size());
           },
+      .share = nullptr,
   };
   static const gv::TypeInterface type = [] {
     gv::TypeInterface raw = contentType(typeid(BinaryContent), TypeKind::Raw, 'r');

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 
 namespace gv::net {
@@ -8,24 +9,27 @@ namespace gv::net {
 ///
 /// What two sides that poll exchange comes within microseconds; once both sleep, each finds the
 /// other too slow to be worth polling for. So a wait that follows others closely is polled for
-/// longer now and then: that brings both back.
+/// longer now and then: that brings both back. What takes longer each time, as large payloads do,
+/// is polled for longer each time.
 class Patience {
  public:
   using Duration = std::chrono::steady_clock::duration;
 
   /// How long the wait that begins may be polled; 0: not at all.
   std::chrono::microseconds next() {
-    constexpr std::chrono::microseconds usual(20);
-    constexpr std::chrono::microseconds longer(60);
     constexpr int vain = 3;
     constexpr int retryEach = 8;
     if (isQuiet_) return std::chrono::microseconds(0);
-    if (failures_ < vain) return usual;
-    return failures_ % retryEach == 0 ? longer : std::chrono::microseconds(0);
+    if (failures_ < vain) return usual_;
+    return failures_ % retryEach == 0 ? longest : std::chrono::microseconds(0);
   }
 
-  /// What was waited for came while it was polled for.
-  void pollingPaid() { failures_ = 0; }
+  /// What was waited for came when it had been polled for so long.
+  void pollingPaid(Duration time) {
+    failures_ = 0;
+    usual_ = std::clamp(std::chrono::duration_cast<std::chrono::microseconds>(2 * time), shortest,
+                        longest);
+  }
   /// It did not, or was not polled for.
   void pollingFailed() { ++failures_; }
   /// How long the wait took in all.
@@ -35,6 +39,10 @@ class Patience {
   }
 
  private:
+  static constexpr std::chrono::microseconds shortest{20};
+  static constexpr std::chrono::microseconds longest{100};
+
+  std::chrono::microseconds usual_ = shortest;
   int failures_ = 0;
   bool isQuiet_ = true;
 };

@@ -254,7 +254,7 @@ std::size_t Team::waitForSockets() {
   if (const auto longest = patience_.next(); longest.count() > 0)
     detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
   if (count > 0) {
-    patience_.pollingPaid();
+    patience_.pollingPaid(Clock::now() - begin);
   } else {
     patience_.pollingFailed();
     count = sleep();

@@ -282,7 +282,7 @@ void TcpStream::readWhile(const std::function<bool()>& isWanted) {
   const bool isOver = isTaken && borrow(isWanted, longest);
   detail::Pollers::leave();
   lock.lock();
-  isOver ? patience_.pollingPaid() : patience_.pollingFailed();
+  isOver ? patience_.pollingPaid(Clock::now() - now) : patience_.pollingFailed();
   if (!isTaken) return;
   lastBorrowed_ = Clock::now();
   if (!isOver || lastBorrowed_ < unaskedUntil_) isLent_ = false;

@@ -18,12 +18,17 @@ constexpr std::size_t gatheredPieces = 64;
 // Output of one turn of reading that is worth a write of its own.
 constexpr std::size_t putOffMost = 64u << 10;
 
+// What is sent from where it is rather than copied to wait for the end of the turn.
+constexpr std::size_t leastAtOnce = 16u << 10;
+
 }  // namespace
 
 bool TcpStream::send(std::span<const Bytes> pieces) {
+  std::size_t size = 0;
+  for (const Bytes& piece : pieces) size += piece.size();
   Lock lock(mutex_);
   if (state_ != State::Open) return false;
-  const bool mayPutOff = Turn::mayPutOff(this);
+  const bool mayPutOff = Turn::mayPutOff(this) && size < leastAtOnce;
   if (writing_ || !output_.empty() || mayPutOff) {
     output_.push(pieces);
     if (output_.bytes() > putOffMost || !mayPutOff) flushLocked(lock);
@@ -32,11 +37,8 @@ bool TcpStream::send(std::span<const Bytes> pieces) {
   }
   std::array<iovec, gatheredPieces> buffers;
   const std::size_t count = std::min(pieces.size(), buffers.size());
-  std::size_t size = 0;
-  for (std::size_t i = 0; i < count; ++i) {
+  for (std::size_t i = 0; i < count; ++i)
     buffers[i] = {const_cast<char*>(pieces[i].data()), pieces[i].size()};
-    size += pieces[i].size();
-  }
   writing_ = true;
   direct_ = size;
   lock.unlock();

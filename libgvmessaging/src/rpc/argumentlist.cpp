@@ -4,7 +4,6 @@
 #include <memory>
 
 #include "src/rpc/releasedelsewhere.h"
-#include "src/wire/valuereader.h"
 
 namespace gv::rpc {
 namespace {
@@ -17,7 +16,7 @@ struct Values {
 
 }  // namespace
 
-GenericFunctionParameters readArgumentList(std::span<const char> payload,
+GenericFunctionParameters readArgumentList(const wire::Encoded& payload,
                                            const AnyFunction* function, const Signature& parameters,
                                            const wire::Limits& limits,
                                            wire::IncomingObjects& objects) {

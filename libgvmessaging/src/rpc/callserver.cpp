@@ -288,8 +288,8 @@ CallTarget CallServer::findTarget(const wire::Frame& frame) {
 GenericFunctionParameters CallServer::readArguments(const wire::Frame& frame,
                                                     const CallTarget& target) {
   ObjectExchange::Receiving receiving(objects_, frame.bytes());
-  auto arguments = readArgumentList(frame.bytes(), target.function,
-                                    target.method->parametersSignature(), limits_, receiving);
+  auto arguments = readArgumentList(frame, target.function, target.method->parametersSignature(),
+                                    limits_, receiving);
   receiving.wasRead();
   return arguments;
 }

@@ -360,11 +360,11 @@ void Connection::onReply(const wire::Frame& frame) {
   try {
     if (frame.header.type == wire::FrameType::Error) {
       std::string text;
-      wire::readValue(frame.bytes(), AnyReference::from(text), limits_);
+      wire::readValue(frame, AnyReference::from(text), limits_);
       return pending->sink->fail(text);
     }
     result = AnyValue::makeDefault(pending->returnSignature);
-    wire::readValue(frame.bytes(), result.asReference(), limits_, &receiving);
+    wire::readValue(frame, result.asReference(), limits_, &receiving);
     receiving.wasRead();
   } catch (const std::exception& error) {
     return pending->sink->fail("the reply of " + peerName() + " cannot be read: " + error.what());
@@ -393,7 +393,7 @@ void Connection::onEvent(const wire::Frame& frame) {
     const auto event = releasedElsewhere(ReceivedEvent{
         std::make_unique<CallBudget::Share>(server_.budget(), 0,
                                             eventOverhead + frame.payload.size()),
-        readArgumentList(frame.bytes(), nullptr, target->source->signature(), limits_, receiving)});
+        readArgumentList(frame, nullptr, target->source->signature(), limits_, receiving)});
     receiving.wasRead();
     GenericFunctionParameters values;
     for (const AnyReference& value : event->values)

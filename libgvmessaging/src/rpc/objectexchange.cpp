@@ -67,7 +67,7 @@ void ObjectExchange::takeBack(unsigned number, std::uint64_t count) {
 void ObjectExchange::onRelease(const wire::Frame& frame) {
   std::tuple<unsigned> arguments;
   try {
-    wire::readValue(frame.bytes(), AnyReference::from(arguments), limits_);
+    wire::readValue(frame, AnyReference::from(arguments), limits_);
   } catch (const wire::PayloadError& error) {
     logOfPeer(log::Level::Verbose, category, "release", connection_.peerAddress(), [&] {
       return "ignoring a release of " + connection_.peerName() + ": " + error.what();

@@ -12,6 +12,10 @@ namespace {
 
 constexpr std::size_t bufferSize = 64u << 10;
 
+// What is read ahead of a header behind a large payload: the next one is to be received where it
+// stays.
+constexpr std::size_t readBehindLarge = 8u << 10;
+
 // How far storage for a payload may run ahead of the bytes that arrived.
 constexpr std::size_t step = 64u << 10;
 
@@ -25,10 +29,8 @@ std::unique_ptr<char[]>* spareBuffer() {
 std::span<char> FrameReader::space() {
   if (isDirect()) {
     if (arrived_ == payload_.size())
-      // Twice what has arrived, so that the copies of growing stay linear.
-      payload_.resize(
-          std::min<std::size_t>(header_.payloadSize, std::max(arrived_ + step, 2 * arrived_)),
-          boost::container::default_init);
+      // Twice what has arrived, so that growing stays linear where it copies.
+      payload_.resize(std::min<std::size_t>(header_.payloadSize, 2 * arrived_ + step));
     return {payload_.data() + arrived_, payload_.size() - arrived_};
   }
   if (!buffer_) {
@@ -40,7 +42,12 @@ std::span<char> FrameReader::space() {
     end_ = buffered();
     begin_ = 0;
   }
-  return {buffer_.get() + end_, bufferSize - end_};
+  return {buffer_.get() + end_, roomInBuffer()};
+}
+
+std::size_t FrameReader::roomInBuffer() const {
+  const bool isShort = wasLarge_ && !hasHeader_ && end_ < frameHeaderSize;
+  return (isShort ? readBehindLarge : bufferSize) - end_;
 }
 
 void FrameReader::fill(std::size_t count) {
@@ -53,6 +60,7 @@ bool FrameReader::next(Frame& frame) {
   const bool isComplete = error_.empty() && hasHeader_ && takePayload(frame.payload);
   if (isComplete) {
     frame.header = header_;
+    wasLarge_ = isDirect();
     hasHeader_ = false;
   }
   giveBackIfEmpty();
@@ -88,8 +96,7 @@ bool FrameReader::takePayload(Payload& payload) {
   const std::size_t size = header_.payloadSize;
   if (!isDirect()) {
     if (buffered() < size) return false;
-    const auto bytes = takeBuffered(size);
-    payload.assign(bytes.begin(), bytes.end());
+    payload.assign(takeBuffered(size));
     return true;
   }
   while (buffered() > 0 && arrived_ < size) {
@@ -100,7 +107,6 @@ bool FrameReader::takePayload(Payload& payload) {
   }
   if (arrived_ < size) return false;
   payload = std::move(payload_);
-  payload_ = {};
   arrived_ = 0;
   return true;
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <boost/container/vector.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -10,11 +9,9 @@
 #include <gvmessaging/api.h>
 
 #include "src/wire/frame.h"
+#include "src/wire/payload.h"
 
 namespace gv::wire {
-
-/// The bytes behind a frame's header. It can grow without being filled first.
-using Payload = boost::container::vector<char>;
 
 struct Frame {
   FrameHeader header;
@@ -30,7 +27,8 @@ struct Frame {
 ///     if (!reader.error().empty()) close(reader.error());
 ///
 /// Small frames come out of a buffer that is held only while bytes are in it; a large payload is
-/// received into its final place. What is held never exceeds twice the bytes that arrived of the
+/// received into its final place, but for what comes with its header: little, where the one before
+/// was large, too. What is held never exceeds twice the bytes that arrived of the
 /// current frame, plus 128 KiB: announcing a size costs a peer as much as sending it. After the
 /// first error nothing more is accepted. Belongs to one thread at a time.
 class GVMESSAGING_API FrameReader {
@@ -61,6 +59,7 @@ class GVMESSAGING_API FrameReader {
 
  private:
   bool isDirect() const { return hasHeader_ && header_.payloadSize > largestBuffered; }
+  std::size_t roomInBuffer() const;
   std::size_t buffered() const { return end_ - begin_; }
   std::span<const char> takeBuffered(std::size_t most);
   void takeHeader();
@@ -79,6 +78,7 @@ class GVMESSAGING_API FrameReader {
   bool hasHeader_ = false;   // the payload of header_ is under way
   Payload payload_;          // it, where it is large
   std::size_t arrived_ = 0;  // of payload_
+  bool wasLarge_ = false;    // the last payload
 };
 
 }  // namespace gv::wire

@@ -11,6 +11,7 @@
 #include <gvtype/conversion.h>
 #include <gvtype/signature.h>
 
+#include "src/wire/output.h"
 #include "src/wire/parser.h"
 
 namespace gv::wire {
@@ -52,8 +53,9 @@ PassedObject readPassed(std::span<const char> ext, const Limits& limits, std::si
 /// Receives the parts of a payload from MessagePack's parser and puts them where they belong.
 class Decoder : public msgpack::null_visitor {
  public:
-  Decoder(std::size_t payloadSize, const Limits& limits, IncomingObjects* objects = nullptr)
-      : payloadSize_(payloadSize),
+  Decoder(const Encoded& payload, const Limits& limits, IncomingObjects* objects = nullptr)
+      : payloadSize_(payload.bytes.size()),
+        keeper_(payload.keeper),
         budget_(limits.decodedBytes),
         nesting_(limits.nesting),
         objects_(objects) {}
@@ -429,7 +431,13 @@ class Decoder : public msgpack::null_visitor {
   bool takeBytes(TypeKind kind, const char* found, std::string_view bytes) {
     if (slotKind(found) != kind) mismatch(found);
     charge(bytes.size());
-    slot_.type()->bytes->assign(slot_.pointer(), bytes);
+    const BytesOps* ops = slot_.type()->bytes;
+    const bool isKept = keeper_ && ops->share && bytes.size() >= Output::leastBorrowed &&
+                        bytes.size() > payloadSize_ / 2;
+    if (isKept)
+      ops->share(slot_.pointer(), bytes, keeper_->keep());
+    else
+      ops->assign(slot_.pointer(), bytes);
     return true;
   }
 
@@ -437,6 +445,7 @@ class Decoder : public msgpack::null_visitor {
   static constexpr std::size_t flatDefault = 2 * sizeof(AnyValue);
 
   const std::size_t payloadSize_;
+  const Payload* const keeper_;
   std::size_t budget_;
   const unsigned nesting_;
   IncomingObjects* const objects_;
@@ -465,7 +474,7 @@ void decode(std::span<const char> payload, Decoder& decoder) {
 template <class T>
 T readBody(std::span<const char> body, const Limits& limits, std::size_t& budget) {
   T value;
-  Decoder decoder(body.size(), limits);
+  Decoder decoder(body, limits);
   decoder.expect(AnyReference::from(value));
   decode(body, decoder);
   budget = decoder.budget();
@@ -520,18 +529,18 @@ class ObjectFinder : public msgpack::null_visitor {
 
 PayloadError::~PayloadError() = default;
 
-void readValue(std::span<const char> payload, const AnyReference& target, const Limits& limits,
+void readValue(const Encoded& payload, const AnyReference& target, const Limits& limits,
                IncomingObjects* objects) {
-  Decoder decoder(payload.size(), limits, objects);
+  Decoder decoder(payload, limits, objects);
   decoder.expect(target);
-  decode(payload, decoder);
+  decode(payload.bytes, decoder);
 }
 
-void readArguments(std::span<const char> payload, const std::vector<AnyReference>& targets,
+void readArguments(const Encoded& payload, const std::vector<AnyReference>& targets,
                    std::vector<AnyValue>* tail, const Limits& limits, IncomingObjects* objects) {
-  Decoder decoder(payload.size(), limits, objects);
+  Decoder decoder(payload, limits, objects);
   decoder.expectArguments(targets, tail);
-  decode(payload, decoder);
+  decode(payload.bytes, decoder);
 }
 
 void forEachObject(std::span<const char> payload, const Limits& limits,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -9,6 +10,7 @@
 #include <gvtype/anyvalue.h>
 #include <gvtype/functionref.h>
 
+#include "src/wire/framereader.h"
 #include "src/wire/limits.h"
 #include "src/wire/objectpassage.h"
 
@@ -22,18 +24,29 @@ class GVMESSAGING_API PayloadError : public std::runtime_error {
   ~PayloadError() override;
 };
 
+/// Bytes to read values from. Raw bytes that are most of a frame's payload stay where they arrived.
+struct Encoded {
+  // NOLINTBEGIN: implicit, as what holds bytes is as good as they are
+  template <std::convertible_to<std::span<const char>> Bytes>
+  Encoded(const Bytes& of) : bytes(of) {}
+  Encoded(const Frame& frame) : bytes(frame.bytes()), keeper(&frame.payload) {}
+  // NOLINTEND
+
+  std::span<const char> bytes;
+  const Payload* keeper = nullptr;  // of all of them
+};
+
 /// Decodes a payload that is one value into `target`, an existing value of the expected type, in
 /// one pass and without recursion. What it allocates is bounded by the limits and grows with the
 /// bytes read, never with a count that they announce. Throws PayloadError; `target` is then a valid
 /// value with unspecified content. Without `objects` no object is accepted; where `objects` throws
 /// that is a PayloadError, too.
-GVMESSAGING_API void readValue(std::span<const char> payload, const AnyReference& target,
+GVMESSAGING_API void readValue(const Encoded& payload, const AnyReference& target,
                                const Limits& limits, IncomingObjects* objects = nullptr);
 
 /// Decodes the arguments of a call: one value for each target, and then, where `tail` is given,
 /// dynamic values that are appended to it.
-GVMESSAGING_API void readArguments(std::span<const char> payload,
-                                   const std::vector<AnyReference>& targets,
+GVMESSAGING_API void readArguments(const Encoded& payload, const std::vector<AnyReference>& targets,
                                    std::vector<AnyValue>* tail, const Limits& limits,
                                    IncomingObjects* objects = nullptr);
 
