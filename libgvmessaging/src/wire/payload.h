@@ -16,7 +16,9 @@ namespace gv::wire {
 class Payload {
  public:
   Payload() = default;
-  ~Payload() { release(); }
+  ~Payload() {
+    if (!keeper_) std::free(bytes_);
+  }
   Payload(Payload&& other) noexcept { swap(other); }
   Payload& operator=(Payload&& other) noexcept {
     Payload(std::move(other)).swap(*this);
@@ -46,19 +48,18 @@ class Payload {
 
   /// Keeps the bytes where and as they are for as long as somebody has what this returns.
   std::shared_ptr<const void> keep() const {
-    if (!keeper_) keeper_ = {bytes_, &std::free};
+    if (!keeper_) keeper_ = std::make_shared<Owned>(bytes_, &std::free);
     return keeper_;
   }
 
  private:
+  using Owned = std::unique_ptr<char, void (*)(void*)>;
+
   void swap(Payload& other) noexcept {
     std::swap(bytes_, other.bytes_);
     std::swap(size_, other.size_);
     std::swap(capacity_, other.capacity_);
     keeper_.swap(other.keeper_);
-  }
-  void release() {
-    if (!keeper_) std::free(bytes_);
   }
 
   char* bytes_ = nullptr;
