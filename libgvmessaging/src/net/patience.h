@@ -11,27 +11,37 @@ namespace gv::net {
 /// other too slow to be worth polling for. So a wait that follows others closely is polled for
 /// longer now and then: that brings both back. What takes longer each time, as large payloads do,
 /// is polled for longer each time.
+///
+/// To poll is to give way to others each time. Where those keep the processor for long, who sleeps
+/// is back sooner: the system prefers who is woken. It is tried ever more rarely then.
 class Patience {
  public:
   using Duration = std::chrono::steady_clock::duration;
 
   /// How long the wait that begins may be polled; 0: not at all.
   std::chrono::microseconds next() {
-    constexpr int vain = 3;
-    constexpr int retryEach = 8;
     if (isQuiet_) return std::chrono::microseconds(0);
     if (failures_ < vain) return usual_;
-    return failures_ % retryEach == 0 ? longest : std::chrono::microseconds(0);
+    return failures_ % retryEach_ == 0 ? longest : std::chrono::microseconds(0);
   }
 
-  /// What was waited for came when it had been polled for so long.
-  void pollingPaid(Duration time) {
-    failures_ = 0;
-    usual_ = std::clamp(std::chrono::duration_cast<std::chrono::microseconds>(2 * time), shortest,
-                        longest);
+  /// Polling took so long; it has paid if what was waited for came.
+  void polled(bool hasPaid, Duration time) {
+    if (time > crowded) {
+      failures_ = vain;
+      retryEach_ = std::min(2 * retryEach_, rarest);
+      successes_ = 0;
+    } else if (hasPaid) {
+      failures_ = 0;
+      if (successes_ < rarest && ++successes_ == rarest) retryEach_ = often;
+      usual_ = std::clamp(std::chrono::duration_cast<std::chrono::microseconds>(2 * time), shortest,
+                          longest);
+    } else {
+      ++failures_;
+    }
   }
-  /// It did not, or was not polled for.
-  void pollingFailed() { ++failures_; }
+  /// What was waited for was not polled for.
+  void notPolled() { ++failures_; }
   /// How long the wait took in all.
   void waited(Duration time) {
     constexpr std::chrono::microseconds quiet(500);
@@ -41,9 +51,15 @@ class Patience {
  private:
   static constexpr std::chrono::microseconds shortest{20};
   static constexpr std::chrono::microseconds longest{100};
+  static constexpr std::chrono::microseconds crowded{500};
+  static constexpr int vain = 3;
+  static constexpr int often = 8;
+  static constexpr int rarest = 1024;
 
   std::chrono::microseconds usual_ = shortest;
-  int failures_ = 0;
+  int failures_ = 0;   // in a row
+  int successes_ = 0;  // since the processor was last kept
+  int retryEach_ = often;
   bool isQuiet_ = true;
 };
 

@@ -251,14 +251,13 @@ std::size_t Team::waitForSockets() {
   std::size_t count = readiness_.wait(ready_, 0);
   if (count > 0 || hasTasks_ || areToGoOn_ || (waiting_.areThere() && mayRunCalls())) return count;
   const auto begin = Clock::now();
-  if (const auto longest = patience_.next(); longest.count() > 0)
+  if (const auto longest = patience_.next(); longest.count() > 0) {
     detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
-  if (count > 0) {
-    patience_.pollingPaid(Clock::now() - begin);
+    patience_.polled(count > 0, Clock::now() - begin);
   } else {
-    patience_.pollingFailed();
-    count = sleep();
+    patience_.notPolled();
   }
+  if (count == 0) count = sleep();
   patience_.waited(Clock::now() - begin);
   return count;
 }

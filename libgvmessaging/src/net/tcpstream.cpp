@@ -272,7 +272,7 @@ void TcpStream::readWhile(const std::function<bool()>& isWanted) {
   const auto longest = patience_.next();
   const bool isWorth = longest.count() > 0 && state_ == State::Open && isStarted_ && !isPaused_ &&
                        now >= unaskedUntil_;
-  if (!isWorth || !detail::Pollers::enter()) return patience_.pollingFailed();
+  if (!isWorth || !detail::Pollers::enter()) return patience_.notPolled();
   const bool isTaken = takeReadingLocked(Reading::Caller);
   if (isTaken && !std::exchange(isLent_, true)) {
     watchLocked();
@@ -282,9 +282,9 @@ void TcpStream::readWhile(const std::function<bool()>& isWanted) {
   const bool isOver = isTaken && borrow(isWanted, longest);
   detail::Pollers::leave();
   lock.lock();
-  isOver ? patience_.pollingPaid(Clock::now() - now) : patience_.pollingFailed();
-  if (!isTaken) return;
+  if (!isTaken) return patience_.notPolled();
   lastBorrowed_ = Clock::now();
+  patience_.polled(isOver, lastBorrowed_ - now);
   if (!isOver || lastBorrowed_ < unaskedUntil_) isLent_ = false;
   lock.unlock();
   giveBackReading();
