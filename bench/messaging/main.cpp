@@ -1,9 +1,11 @@
 // Remote calls, of robots' modules (jx), of the framework's objects (gv) and over plain sockets
 // (raw); bench/run starts it.
 //
-//   messaging_bench <kind> server <port>          writes "READY <port> <pid>", serves until it is
-//   ended messaging_bench <kind> client <port> <pid>    runs the workloads against that server
-//   messaging_bench <kind> calls <port> <count>   makes so many calls
+//   messaging_bench <kind> server <port>         writes "READY <port> <pid>", serves until its end
+//
+//   messaging_bench <kind> client <port> <pid>   runs the workloads against that server
+//
+//   messaging_bench <kind> calls <port> <count>  makes so many calls
 //
 // Port 0 is any free one. BENCH_ONLY, BENCH_SCALE and BENCH_SUFFIX: see messaging/.
 

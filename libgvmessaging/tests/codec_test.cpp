@@ -172,6 +172,9 @@ TEST(Codec, BoundsNestingAndMemory) {
   const std::vector<AnyValue> nils(500);
   EXPECT_THAT(errorOf(written(AnyReference::from(nils), "av"), "av", small),
               HasSubstr("more memory than is allowed"));
+  const std::vector<Buffer> buffers(15, Buffer("b", 1));  // each has a block of its own
+  EXPECT_THAT(errorOf(written(AnyReference::from(buffers), "ar"), "ar", small),
+              HasSubstr("more memory than is allowed"));
 }
 
 TEST(Codec, TakesADynamicValueReadAtOnceExactlyAsOneReadByParts) {

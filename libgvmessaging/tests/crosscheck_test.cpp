@@ -3,12 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <limits>
 #include <map>
+#include <msgpack.hpp>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <random>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -16,6 +19,7 @@
 #include <gvtype/buffer.h>
 #include <gvtype/struct.h>
 
+#include "src/wire/parser.h"
 #include "src/wire/valuereader.h"
 #include "src/wire/valuewriter.h"
 #include "support/generator.h"
@@ -107,6 +111,67 @@ TEST(Codec, IsCleanAtEveryCutAndEveryChangedByte) {
       std::vector<char> changed = good;
       changed[i] = static_cast<char>(changed[i] ^ change);
       isDynamic(changed, back);  // accepted or refused; the sanitizers watch
+    }
+  }
+}
+
+/// Writes down all that a parser says.
+struct Transcript {
+  std::string text;
+
+  bool say(const std::string& what) {
+    text += what + ' ';
+    return true;
+  }
+  bool visit_nil() { return say("nil"); }
+  bool visit_boolean(bool value) { return say(value ? "yes" : "no"); }
+  bool visit_positive_integer(std::uint64_t value) { return say(std::to_string(value)); }
+  bool visit_negative_integer(std::int64_t value) { return say(std::to_string(value)); }
+  bool visit_float32(float value) {
+    return say("f" + std::to_string(std::bit_cast<std::uint32_t>(value)));
+  }
+  bool visit_float64(double value) {
+    return say("d" + std::to_string(std::bit_cast<std::uint64_t>(value)));
+  }
+  bool visit_str(const char* bytes, std::uint32_t size) {
+    return say("s" + std::string(bytes, size));
+  }
+  bool visit_bin(const char* bytes, std::uint32_t size) {
+    return say("b" + std::string(bytes, size));
+  }
+  bool visit_ext(const char* bytes, std::uint32_t size) {
+    return say("x" + std::string(bytes, size));
+  }
+  bool start_array(std::uint32_t count) { return say("[" + std::to_string(count)); }
+  bool start_array_item() { return say("("); }
+  bool end_array_item() { return say(")"); }
+  bool end_array() { return say("]"); }
+  bool start_map(std::uint32_t count) { return say("{" + std::to_string(count)); }
+  bool start_map_key() { return say("k"); }
+  bool end_map_key() { return say("."); }
+  bool start_map_value() { return say("v"); }
+  bool end_map_value() { return say(";"); }
+  bool end_map() { return say("}"); }
+  void parse_error(std::size_t, std::size_t) { say("malformed"); }
+  void insufficient_bytes(std::size_t, std::size_t) { say("short"); }
+};
+
+TEST(Codec, ParsesAnyBytesAsTheLibraryThatPacksThem) {
+  std::mt19937 random(7);
+  const auto any = [&random](unsigned below) { return static_cast<unsigned>(random() % below); };
+  for (unsigned round = 0; round < 200'000; ++round) {
+    std::string bytes;
+    for (unsigned size = 1 + any(24); bytes.size() < size;)  // many a length of four bytes is small
+      bytes += static_cast<char>(any(3) == 0 ? 0x80 + any(0x80) : any(2) * any(8));
+    bytes.front() = static_cast<char>(round);
+    Transcript ours, theirs;
+    Parser parser(bytes, ours);
+    const bool isRead = parser.parse();
+    std::size_t offset = 0;
+    ASSERT_EQ(isRead, msgpack::parse(bytes.data(), bytes.size(), offset, theirs));
+    ASSERT_EQ(ours.text, theirs.text);
+    if (isRead) {
+      ASSERT_EQ(parser.offset(), offset);
     }
   }
 }

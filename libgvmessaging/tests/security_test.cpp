@@ -2,7 +2,9 @@
 
 #include "src/session/security.h"
 
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
+#include <net/if.h>
 #include <openssl/ssl.h>
 
 #include <boost/make_shared.hpp>
@@ -235,6 +237,42 @@ TEST(Distance, IsToldByTheNetworksOfThisMachine) {
       {"somewhere", Distance::Routed},   {"", Distance::Routed}};
   for (const auto& [address, expected] : rows)
     EXPECT_EQ(net::distanceOf(address, networks), expected) << address;
+}
+
+TEST(Distance, OfWhoIsBehindATunnelIsThatBeyondARouter) {
+  const auto socketAddress = [](const char* text) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    EXPECT_EQ(::inet_pton(AF_INET, text, &address.sin_addr), 1);
+    return address;
+  };
+  struct Row {
+    unsigned flags;
+    const char* farEnd;  // "" for none
+    const char* onLink;
+    const char* routed;
+  };
+  for (const Row& row : {Row{IFF_UP, "", "10.8.0.9", "10.8.1.1"},
+                         Row{IFF_UP | IFF_POINTOPOINT, "10.8.0.7", "10.8.0.7", "10.8.0.9"},
+                         Row{IFF_UP | IFF_POINTOPOINT, "10.8.0.1", "10.8.0.1", "10.8.0.9"},
+                         Row{IFF_UP | IFF_POINTOPOINT, "", "10.8.0.1", "10.8.0.9"}}) {
+    sockaddr_in own = socketAddress("10.8.0.1");
+    sockaddr_in mask = socketAddress("255.255.255.0");
+    sockaddr_in farEnd = socketAddress(*row.farEnd ? row.farEnd : "0.0.0.0");
+    ifaddrs interface {};
+    interface.ifa_flags = row.flags;
+    interface.ifa_addr = reinterpret_cast<sockaddr*>(&own);
+    interface.ifa_netmask = reinterpret_cast<sockaddr*>(&mask);
+    interface.ifa_dstaddr = *row.farEnd ? reinterpret_cast<sockaddr*>(&farEnd) : nullptr;
+    std::vector<net::LinkNetwork> networks;
+    net::addNetworks(interface, networks);
+    EXPECT_EQ(net::distanceOf(row.onLink, networks), net::Distance::OnLink) << row.onLink;
+    EXPECT_EQ(net::distanceOf(row.routed, networks), net::Distance::Routed) << row.routed;
+    interface.ifa_flags = row.flags & ~unsigned{IFF_UP};
+    networks.clear();
+    net::addNetworks(interface, networks);
+    EXPECT_TRUE(networks.empty());
+  }
 }
 
 }  // namespace

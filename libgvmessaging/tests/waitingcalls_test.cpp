@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <utility>
 
 namespace gv::net {
 namespace {
@@ -26,19 +27,25 @@ TEST(WaitingCalls, ThatThePoolHasTakenTakeNoMemoryForLong) {
   EXPECT_EQ(held.use_count(), 1);
 }
 
-TEST(WaitingCalls, AreRefusedTogetherWhenTheirTimeIsOverAndInNoOtherCase) {
+TEST(WaitingCalls, AreRefusedInPortionsWhenTheirTimeIsOverAndInNoOtherCase) {
   WaitingCalls waiting;
-  for (const bool isTaken : {false, true, false, false})
-    waiting.add({[] {}, [] {}, makeFlag(isTaken)});
+  for (int i = 0; i < 100; ++i) waiting.add({[] {}, [] {}, makeFlag(i % 4 == 1)});
   std::vector<WaitingCalls::Call> refused;
   const auto start = std::chrono::steady_clock::now();
   while (refused.empty()) {
+    EXPECT_FALSE(waiting.areDue(false));
     EXPECT_FALSE(waiting.take(false, refused));
     std::this_thread::yield();
   }
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
-  while (waiting.areThere()) EXPECT_FALSE(waiting.take(false, refused));
-  EXPECT_EQ(refused.size(), 3u);
+  std::size_t count = refused.size();
+  while (waiting.areThere()) {
+    EXPECT_LE(std::exchange(refused, {}).size(), 32u);
+    EXPECT_FALSE(waiting.take(false, refused));
+    count += refused.size();
+  }
+  EXPECT_FALSE(waiting.areDue(true));
+  EXPECT_EQ(count, 75u);
 }
 
 }  // namespace

@@ -8,8 +8,9 @@
 
 namespace gv {
 
-/// Raw bytes with value semantics: the C++ type of signature `r`. Not text: it never converts to a
-/// string or back. Its bytes never change, so that copies share them.
+/// Raw bytes with value semantics: the C++ type of signature `r`. Never converts to text or back.
+/// The bytes never change, and copies share them; received ones may hold memory of twice their
+/// size.
 class Buffer {
  public:
   Buffer() = default;
@@ -21,7 +22,7 @@ class Buffer {
     bytes_ = {copy, copy.get()};
     size_ = size;
   }
-  /// Shares bytes that @p owner keeps. Nobody may change them any more.
+  /// Shares bytes that @p owner, not null, keeps. Nobody may change them any more.
   Buffer(std::string_view bytes, const std::shared_ptr<const void>& owner)
       : bytes_(owner, bytes.data()), size_(bytes.size()) {}
 

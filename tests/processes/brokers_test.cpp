@@ -21,11 +21,11 @@
 #include "conversation.h"
 #include "observe.h"
 #include "robotprocess.h"
-#include "scale.h"
 #include "support/child_process.h"
 #include "support/faultproxy.h"
 #include "support/link.h"
 #include "support/rounds.h"
+#include "support/sanitized.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -136,7 +136,7 @@ class BrokersOfSeveralProcesses : public testing::Test {
   std::vector<Member> children;
 };
 
-constexpr int withinMs = isSanitized ? 5000 : 1000;
+constexpr int withinMs = house::isSanitized ? 5000 : 1000;
 
 TEST_F(BrokersOfSeveralProcesses, SeeWhoCameAndWhoWentAndOutliveTheirMaster) {
   const std::string at = " of 127.0.0.1:" + std::to_string(master.port());
@@ -308,7 +308,7 @@ TEST(BrokersMadeAndShutDown, OverAndOverLeaveNothingBehindAndThePortIsFreeAtOnce
       << " threads, " << atStart.threads << " before";
   const long grown = figuresOf(::getpid()).residentKiB - atStart.residentKiB;
   RecordProperty("residentKiBGrown", std::to_string(grown));
-  if (!isSanitized) {
+  if (!house::isSanitized) {
     EXPECT_LT(grown, 4 * 1024);
   }
 }

@@ -10,8 +10,8 @@
 #include <jxcommon/jxproxy.h>
 
 #include "robotprocess.h"
-#include "scale.h"
 #include "steadyclient.h"
+#include "support/sanitized.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -50,7 +50,7 @@ TEST_F(ClientKilledInTheMiddleOfACall, NothingIsLeftInTheRobotAndOtherClientsNev
   SteadyClient other(robot);
   ASSERT_TRUE(becomesTrue([&] { return other.calls() > 0; }));
   constexpr int warmUp = 4;
-  constexpr int rounds = isSanitized ? 8 : 20;
+  constexpr int rounds = house::isSanitized ? 8 : 20;
   const int descriptors = robot.figures().descriptors;
   int threads = 0;
   for (int round = 0; round < rounds; ++round) {

@@ -16,10 +16,10 @@
 #include <jxcommon/jxproxy.h>
 
 #include "robotprocess.h"
-#include "scale.h"
 #include "steadyclient.h"
 #include "support/rawpeer.h"
 #include "support/rounds.h"
+#include "support/sanitized.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -93,7 +93,7 @@ class FloodOfConnections : public testing::Test {
     RecordProperty("slowestCallMs", slowestMs);
     RecordProperty("percentOfACore", static_cast<int>(share * 100));
     EXPECT_LT(slowestMs, 2000);
-    if (!isSanitized) {
+    if (!house::isSanitized) {
       EXPECT_LT(share, 0.4);
     }
   }
@@ -200,7 +200,7 @@ TEST(HostileConnections, LeaveNothingBehindAndWriteALineASecond) {
       << " descriptors, before " << before.descriptors << "; " << after.threads
       << " threads, before " << before.threads;
   RecordProperty("residentKiBGrown", std::to_string(after.residentKiB - before.residentKiB));
-  if (!isSanitized) {
+  if (!house::isSanitized) {
     EXPECT_LT(after.residentKiB - before.residentKiB, 4 * 1024);
   }
   EXPECT_GT(steady.stop(), 0);
@@ -262,7 +262,7 @@ TEST(FloodOfPostedCalls, IsRefusedAtALimitOfThatPeerWhichStopsMustNotPass) {
   EXPECT_GT(others.pCall("hold", std::string("for ever")), last) << "others are not held to it";
   const long grown = robot.figures().residentKiB - before;
   RecordProperty("residentKiBGrown", std::to_string(grown));
-  if (!isSanitized) {
+  if (!house::isSanitized) {
     EXPECT_LT(grown, 64 * 1024);
   }
   for (const auto& broker : {flooder, other}) broker->shutdown();

@@ -18,11 +18,11 @@
 #include "conversation.h"
 #include "ledger.h"
 #include "observe.h"
-#include "scale.h"
 #include "support/child_process.h"
 #include "support/faultproxy.h"
 #include "support/rawpeer.h"
 #include "support/rounds.h"
+#include "support/sanitized.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -59,7 +59,7 @@ int percentile(std::vector<int> values, std::size_t hundredths) {
 TEST_F(GreedyPeers, ThatStandStillAreCutAndHoldUpNeitherTheEmitterNorOtherListeners) {
   constexpr int emissions = 600;  // far more than the limit and what the system holds
   constexpr int size = 100'000;
-  constexpr int paceMs = isSanitized ? 15 : 1;  // what a listener keeps up with
+  constexpr int paceMs = house::isSanitized ? 15 : 1;  // what a listener keeps up with
   house::ChildProcess still(TEST_PEER, {"listen", url});
   still.waitForLine("subscribed");
   const auto server = client->service("Server").value(guardMs);
@@ -84,13 +84,13 @@ TEST_F(GreedyPeers, ThatStandStillAreCutAndHoldUpNeitherTheEmitterNorOtherListen
   RecordProperty("worstEmissionMicroseconds", worstUs);
   RecordProperty("medianEmissionMicroseconds", percentile(took, 50));
   RecordProperty("p99EmissionMicroseconds", percentile(took, 99));
-  if (!isSanitized) {
+  if (!house::isSanitized) {
     EXPECT_LT(percentile(took, 90), 10'000);  // others take the processor at times
   }
   EXPECT_LT(worstUs, 1'000'000) << "it waited for its peer";
   const long grown = figuresOf(process.pid()).mostResidentKiB - before.residentKiB;
   RecordProperty("kibibytesGrown", std::to_string(grown));
-  if (!isSanitized) {
+  if (!house::isSanitized) {
     EXPECT_LT(grown, 64 * 1024);
   }
   std::vector<int> all(emissions);
@@ -171,7 +171,7 @@ class ThatNeverRead : public GreedyPeers {
     RecordProperty("medianMicroseconds", percentile(during, 50));
     RecordProperty("p95MicrosecondsBefore", percentile(before, 95));
     RecordProperty("p95Microseconds", percentile(during, 95));
-    if (isSanitized) return;
+    if (house::isSanitized) return;
     EXPECT_LT(grown, mostKiB);
     EXPECT_LT(percentile(during, 50), 5 * std::max(percentile(before, 50), floorUs));
   }

@@ -13,9 +13,9 @@
 
 #include "conversation.h"
 #include "robotprocess.h"
-#include "scale.h"
 #include "steadyclient.h"
 #include "support/faultproxy.h"
+#include "support/sanitized.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -52,7 +52,7 @@ class HostileConversation : public testing::Test {
         << robot.figures().descriptors << " descriptors, " << atStart.descriptors << " before";
     const long grown = robot.figures().residentKiB - atStart.residentKiB;
     RecordProperty("residentKiBGrown", std::to_string(grown));
-    if (!isSanitized) {
+    if (!house::isSanitized) {
       EXPECT_LT(grown, 8 * 1024);
     }
     int calls = 0;
@@ -97,7 +97,7 @@ TEST_F(HostileConversation, IsAnsweredHoweverItIsCutIntoWrites) {
 TEST_F(HostileConversation, MayEndAtAnyOffset) {
   const std::string_view all = recording.toServer;
   int slowestMs = 0;
-  for (std::size_t cut = 0; cut <= all.size(); cut += cut < 2000 && !isSanitized ? 1 : 7) {
+  for (std::size_t cut = 0; cut <= all.size(); cut += cut < 2000 && !house::isSanitized ? 1 : 7) {
     const auto start = Clock::now();
     house::RawPeer peer = connect();
     peer.send(all.substr(0, cut));
@@ -125,7 +125,7 @@ TEST_F(HostileConversation, HoldsNoMemoryForPayloadsThatAreOnlyAnnounced) {
     peers.back().send(announced);
   }
   replay(1'000'000);  // the robot has read on since
-  if (!isSanitized) {
+  if (!house::isSanitized) {
     EXPECT_LT(robot.figures().residentKiB - atStart.residentKiB, 8 * 1024);
   }
   for (house::RawPeer& peer : peers) {

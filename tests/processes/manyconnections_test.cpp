@@ -15,9 +15,9 @@
 
 #include "ledger.h"
 #include "observe.h"
-#include "scale.h"
 #include "support/child_process.h"
 #include "support/rounds.h"
+#include "support/sanitized.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -64,7 +64,7 @@ class ManyConnections : public testing::Test {
 };
 
 TEST_F(ManyConnections, CostLittleMemoryAndNoTimeWhileTheyAreIdle) {
-  constexpr int idleCount = isSanitized ? 100 : 1000;
+  constexpr int idleCount = house::isSanitized ? 100 : 1000;
   constexpr int busyCount = 16;
   constexpr long mostKiB = 12;
   ASSERT_TRUE(isLimitRaised);
@@ -76,7 +76,7 @@ TEST_F(ManyConnections, CostLittleMemoryAndNoTimeWhileTheyAreIdle) {
     const long grown = figuresOf(ends[end]).residentKiB - before[end].residentKiB;
     RecordProperty(end == 0 ? "bytesEachAtTheServer" : "bytesEachAtTheClient",
                    std::to_string(grown * 1024 / idleCount));
-    if (!isSanitized) {
+    if (!house::isSanitized) {
       EXPECT_LE(grown, mostKiB * idleCount) << (end == 0 ? "at the server" : "at the client");
     }
   }
@@ -109,7 +109,7 @@ TEST_F(ManyConnections, LeaveNothingBehind) {
     const long grown = after.residentKiB - before[end].residentKiB;
     RecordProperty(end == 0 ? "kibibytesAtTheServer" : "kibibytesAtTheClient",
                    std::to_string(grown));
-    if (!isSanitized) {
+    if (!house::isSanitized) {
       EXPECT_LE(grown, 1024) << side << ", " << times << " connections later";
     }
   }

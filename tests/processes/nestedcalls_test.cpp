@@ -10,8 +10,8 @@
 #include <jxcommon/jxproxy.h>
 
 #include "robotprocess.h"
-#include "scale.h"
 #include "support/rounds.h"
+#include "support/sanitized.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -35,7 +35,7 @@ int wrongAnswers(JX::JXProxy& proxy, int first, int count) {
 
 TEST(NestedCalls, EightThreadsOnOneProxyGetAllAnswersRight) {
   constexpr int threads = 8;
-  const int calls = house::rounds(isSanitized ? 5000 : 2000);
+  const int calls = house::rounds(house::isSanitized ? 5000 : 2000);
   const house::Watchdog watchdog("nested calls", std::chrono::seconds(110));
   RobotProcess robot;
   const auto client = robot.join("client");

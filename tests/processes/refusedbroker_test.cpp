@@ -10,9 +10,9 @@
 
 #include "conversation.h"
 #include "robotprocess.h"
-#include "scale.h"
 #include "support/faultproxy.h"
 #include "support/rawpeer.h"
+#include "support/sanitized.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -71,7 +71,7 @@ TEST_F(RefusedBroker, AParentThatEndsAnywhereInItsAnswerIsKnownAtOnce) {
   house::RawListener parent;
   const auto start = Clock::now();
   int rounds = 0;
-  for (std::size_t cut = 0; cut < needed; cut += isSanitized ? 61 : 7, ++rounds) {
+  for (std::size_t cut = 0; cut < needed; cut += house::isSanitized ? 61 : 7, ++rounds) {
     auto error = std::async(std::launch::async, errorOf, [&parent] { createChild(parent.port()); });
     house::RawPeer peer = parent.accept();
     EXPECT_FALSE(peer.receive().empty());  // its greeting

@@ -23,9 +23,9 @@
 
 #include "footprint.h"
 #include "robotprocess.h"
-#include "scale.h"
 #include "steadyclient.h"
 #include "support/rounds.h"
+#include "support/sanitized.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -39,7 +39,7 @@ enum Phase { BeforeACall, RequestOnItsWay, MethodRuns, ReplyOnItsWay, BetweenCal
 
 constexpr int largeSize = 6 << 20;  // more than the system takes for a peer that reads nothing
 // A sanitizer takes seconds for the copies of large requests alone; it is there for races.
-constexpr int endWithinMs = isSanitized ? 20'000 : 1000;
+constexpr int endWithinMs = house::isSanitized ? 20'000 : 1000;
 
 /// How many connections at a port have bytes that the process there has not read.
 int unreadAt(int port) {

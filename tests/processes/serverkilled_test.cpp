@@ -12,10 +12,10 @@
 
 #include "ledger.h"
 #include "observe.h"
-#include "scale.h"
 #include "support/child_process.h"
 #include "support/link.h"
 #include "support/rounds.h"
+#include "support/sanitized.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -25,7 +25,7 @@ using State = gv::FutureException::State;
 
 constexpr int callsInFlight = 200;
 constexpr int guardMs = 20'000;
-constexpr int endWithinMs = isSanitized ? 5000 : 1000;
+constexpr int endWithinMs = house::isSanitized ? 5000 : 1000;
 
 /// What is wrong with how a call ended, given what its body did; nothing where it is right.
 std::string faultOf(const gv::Future<int>& call, int nonce, const Ledger::Entry& entry) {

@@ -47,19 +47,6 @@ LinkNetwork aloneAt(const sockaddr* address) {
   return network;
 }
 
-void addNetworks(const ifaddrs& interface, std::vector<LinkNetwork>& networks) {
-  LinkNetwork network = aloneAt(interface.ifa_addr);
-  if ((interface.ifa_flags & IFF_UP) == 0 || network.size == 0) return;
-  // At the end of a tunnel there is one neighbour at most, whatever the mask says.
-  const bool isPointToPoint = (interface.ifa_flags & IFF_POINTOPOINT) != 0;
-  const LinkNetwork neighbour = aloneAt(isPointToPoint ? interface.ifa_dstaddr : nullptr);
-  if (neighbour.size == network.size) networks.push_back(neighbour);
-  const bool hasMask =
-      !isPointToPoint && copyBytes(interface.ifa_netmask, network.mask) == network.size;
-  if (!hasMask) network.mask.fill(0xff);
-  networks.push_back(network);
-}
-
 bool contains(const LinkNetwork& network, const LinkNetwork& peer) {
   if (network.size != peer.size) return false;
   for (std::size_t i = 0; i < peer.size; ++i)
@@ -84,6 +71,18 @@ struct Known {
 };
 
 }  // namespace
+
+void addNetworks(const ifaddrs& interface, std::vector<LinkNetwork>& networks) {
+  LinkNetwork network = aloneAt(interface.ifa_addr);
+  if ((interface.ifa_flags & IFF_UP) == 0 || network.size == 0) return;
+  const bool isPointToPoint = (interface.ifa_flags & IFF_POINTOPOINT) != 0;
+  const LinkNetwork neighbour = aloneAt(isPointToPoint ? interface.ifa_dstaddr : nullptr);
+  if (neighbour.size == network.size) networks.push_back(neighbour);
+  const bool hasMask =
+      !isPointToPoint && copyBytes(interface.ifa_netmask, network.mask) == network.size;
+  if (!hasMask) network.mask.fill(0xff);
+  networks.push_back(network);
+}
 
 std::vector<LinkNetwork> linkNetworks() {
   ifaddrs* first = nullptr;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <ifaddrs.h>
+
 #include <array>
 #include <span>
 #include <string>
@@ -20,6 +22,10 @@ struct LinkNetwork {
   Bytes address{};
   Bytes mask{};
 };
+
+/// Those of one interface that is up. At the other end of a tunnel only the address counts that the
+/// interface names: its mask says which addresses are routed into it, and not who is near.
+GVMESSAGING_API void addNetworks(const ifaddrs& interface, std::vector<LinkNetwork>& networks);
 
 /// The networks of the interfaces that are up; empty where the system does not tell them now.
 GVMESSAGING_API std::vector<LinkNetwork> linkNetworks();

@@ -249,7 +249,7 @@ void Team::handle(const Ready& ready) {
 
 std::size_t Team::waitForSockets() {
   std::size_t count = readiness_.wait(ready_, 0);
-  if (count > 0 || hasTasks_ || areToGoOn_ || (waiting_.areThere() && mayRunCalls())) return count;
+  if (count > 0 || hasTasks_ || areToGoOn_ || waiting_.areDue(mayRunCalls())) return count;
   const auto begin = Clock::now();
   if (const auto longest = patience_.next(); longest.count() > 0) {
     detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
@@ -266,7 +266,7 @@ std::size_t Team::sleep() {
   leaderSleeps_ = true;
   // The word to wake may have come, and gone, while it polled.
   const bool mustNotSleep =
-      isStopping_ || hasTasks_ || areToGoOn_ || (waiting_.areThere() && mayRunCalls());
+      isStopping_ || hasTasks_ || areToGoOn_ || waiting_.areDue(mayRunCalls());
   const std::size_t count = readiness_.wait(ready_, mustNotSleep          ? 0
                                                     : sockets_.areLent()  ? lentLookMs
                                                     : waiting_.areThere() ? waitingLookMs

@@ -49,7 +49,7 @@ class GVMESSAGING_API Readers {
   /// no thread can be made.
   static void post(std::function<void()> task);
   /// Runs a call that nobody has taken in the leading thread once the event loop has room for a
-  /// guest, which may be at once; or refuses it when there has been none for a second. Neither
+  /// guest, which may be at once; or refuses it when a second is over and there is none. Neither
   /// where the process exits. Any thread.
   static void postWhenThereIsRoom(WaitingCalls::Call call);
 

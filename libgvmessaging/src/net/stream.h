@@ -48,9 +48,9 @@ class Stream {
 
   /// Sends @p pieces, one behind the other, after everything sent before; they never mix with those
   /// of another caller. Written at once, from where they are, as far as the system takes them; the
-  /// rest is copied and queued without bound: see pendingBytes(). What the thread sends that reads
-  /// this stream leaves when its turn is over, in one piece. False when the stream has ended:
-  /// the peer has no whole message of it. True does not say that the peer got it.
+  /// rest is copied and queued without bound: see pendingBytes(). What little the thread sends that
+  /// reads this stream may leave when its turn is over, in one piece. False when the stream has
+  /// ended: the peer has no whole message of it. True does not say that the peer got it.
   virtual bool send(std::span<const Bytes> pieces) = 0;
   bool send(Bytes bytes) { return send(std::span(&bytes, 1)); }
 

@@ -8,6 +8,9 @@ namespace {
 
 constexpr std::chrono::seconds longestWait(1);
 
+// A refusal is a message, and a line of the log maybe.
+constexpr std::size_t mostRefused = 32;
+
 }  // namespace
 
 void WaitingCalls::add(Call call) {
@@ -33,18 +36,20 @@ std::function<void()> WaitingCalls::take(bool hasRoom, std::vector<Call>& refuse
   Removed removed;
   const auto now = Clock::now();
   const std::lock_guard lock(mutex_);
-  while (!waiting_.empty() && !next) {
+  while (!waiting_.empty() && !next && refused.size() < mostRefused) {
     Waiting& front = waiting_.front();
     const bool isTaken = *front.call.isTaken;
     if (!isTaken && !hasRoom && now < front.until) break;
-    if (!isTaken && hasRoom) next = std::move(front.call.run);
-    if (!isTaken && !hasRoom)
+    if (!isTaken && !hasRoom) {
       refused.push_back(std::move(front.call));
-    else
+    } else {
       removed.push_back(std::move(front));
+      if (!isTaken) next = std::move(removed.back().call.run);
+    }
     waiting_.pop_front();
   }
   areThere_ = !waiting_.empty();
+  areLate_ = refused.size() == mostRefused && areThere_;
   return next;
 }
 

@@ -25,9 +25,12 @@ class GVMESSAGING_API WaitingCalls {
 
   void add(Call call);
   bool areThere() const { return areThere_; }
+  /// Whether take() has something to do, as far as that is known without a look at the time.
+  bool areDue(bool hasRoom) const { return areLate_ || (hasRoom && areThere_); }
 
   /// Removes those that were taken, and those that have waited for longer than a call may where
-  /// there is no room, which come into `refused`. Returns one to run, where there is room.
+  /// there is no room, which come into `refused`: some of them, so that nobody waits for long.
+  /// Returns one to run, where there is room.
   std::function<void()> take(bool hasRoom, std::vector<Call>& refused);
 
  private:
@@ -41,6 +44,7 @@ class GVMESSAGING_API WaitingCalls {
   void sweepLocked(Removed& removed);
 
   std::atomic<bool> areThere_{false};
+  std::atomic<bool> areLate_{false};  // more than the last take() has refused
 
   std::mutex mutex_;             // guards what follows
   std::deque<Waiting> waiting_;  // the oldest first

@@ -182,7 +182,9 @@ void CallServer::serveElsewhere(wire::Frame& frame, MetaCallType callType) {
     if (isTaken->exchange(true)) return;
     ++connection_.discarded().calls;
     replyError(call->frame.header, loop->refusalText());
-    call->held.reset();
+    // What else the record has stays for as long as a busy pool queues it, and counts that long.
+    call->held->entry.reset();
+    call->frame.payload = {};
   };
   const auto run = [this, self = connection_.shared_from_this(), call, isTaken] {
     if (isTaken->exchange(true)) return;

@@ -430,8 +430,8 @@ class Decoder : public msgpack::null_visitor {
   }
   bool takeBytes(TypeKind kind, const char* found, std::string_view bytes) {
     if (slotKind(found) != kind) mismatch(found);
-    charge(bytes.size());
     const BytesOps* ops = slot_.type()->bytes;
+    charge(bytes.size() + (ops->share && !bytes.empty() ? sharedBlock : 0));
     const bool isKept = keeper_ && ops->share && bytes.size() >= Output::leastBorrowed &&
                         bytes.size() > payloadSize_ / 2;
     if (isKept)
@@ -443,6 +443,8 @@ class Decoder : public msgpack::null_visitor {
 
   /// What a default value of a flat type is charged.
   static constexpr std::size_t flatDefault = 2 * sizeof(AnyValue);
+  /// What holds bytes that are shared takes beside them, about.
+  static constexpr std::size_t sharedBlock = 48;
 
   const std::size_t payloadSize_;
   const Payload* const keeper_;

@@ -24,7 +24,8 @@ class GVMESSAGING_API PayloadError : public std::runtime_error {
   ~PayloadError() override;
 };
 
-/// Bytes to read values from. Raw bytes that are most of a frame's payload stay where they arrived.
+/// Bytes to read values from. Raw bytes that are large and most of a frame's payload stay where
+/// they arrived, if their type can share them.
 struct Encoded {
   // NOLINTBEGIN: implicit, as what holds bytes is as good as they are
   template <std::convertible_to<std::span<const char>> Bytes>

@@ -1,6 +1,6 @@
 #pragma once
 
-namespace processes {
+namespace house {
 
 /// Rounds are shortened and memory is not measured where every access is watched.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -12,4 +12,4 @@ inline constexpr bool isSanitized =
 inline constexpr bool isSanitized = false;
 #endif
 
-}  // namespace processes
+}  // namespace house
