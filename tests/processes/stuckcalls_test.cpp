@@ -13,6 +13,7 @@
 #include "observe.h"
 #include "support/child_process.h"
 #include "support/link.h"
+#include "support/sanitized.h"
 #include "support/watchdog.h"
 
 namespace processes {
@@ -96,6 +97,29 @@ TEST_F(StuckCalls, ThatNestDeeperThanTheThreadsGoEndInTheErrorThatNamesTheCeilin
   }
   RecordProperty("end", deep.hasError() ? deep.error() : "a value");
   EXPECT_EQ(descend(10).value(guardMs), 10) << "what was held up goes on";
+}
+
+TEST_F(StuckCalls, ThatTakeEveryThreadHaveOthersRefusedAndTheirArgumentsDoNotPileUp) {
+  constexpr int limitMiB = 256, sizeMiB = 44;
+  const Process process = start("Server", "4");
+  client
+      ->connect("tcp://127.0.0.1:" + std::to_string(portIn(process->waitForLine("listening on "))))
+      .value(guardMs);
+  const auto server = client->service("Server").value(guardMs);
+  std::vector<gv::Future<void>> stuck;
+  for (int i = 0; i < 16; ++i) stuck.push_back(server.async<void>("hold"));
+  EXPECT_THAT(stuck.back().error(guardMs), HasSubstr("GV_EVENTLOOP_MAX_THREADS (4)"));
+
+  const std::string text(sizeMiB << 20, 'x');
+  const gv::Buffer bytes(text.data(), text.size());
+  const auto echo = [&] { return server.async<gv::Buffer>("echo", bytes); };
+  std::vector<gv::Future<gv::Buffer>> refused;
+  for (int i = 0; i < limitMiB / sizeMiB + 1; ++i) refused.push_back(echo());
+  for (const auto& call : refused) EXPECT_THAT(call.error(guardMs), HasSubstr("MAX_THREADS (4)"));
+  EXPECT_EQ(echo().error(guardMs), "too many calls of this connection are under way");
+  if (!house::isSanitized) {
+    EXPECT_LT(figuresOf(process->pid()).residentKiB, limitMiB << 10);
+  }
 }
 
 }  // namespace
