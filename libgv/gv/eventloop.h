@@ -20,6 +20,9 @@ class GV_API TaskHandle {
  public:
   TaskHandle() noexcept = default;
 
+  /// Whether it is one of a task.
+  explicit operator bool() const noexcept { return task_ != nullptr; }
+
   /// Keeps the task from running, if it has not started. True: it has not run and never will; its
   /// function is destroyed (in this thread, unless it went before). False: it has started, or the
   /// handle is empty. Any thread, the task's own too.
@@ -105,14 +108,16 @@ class GV_API EventLoop {
   }
 
   /// As `post`, for calls that come in from elsewhere and can be answered with an error, so that
-  /// nested calls end in an answer. False, and the task is not taken: as many threads as allowed
-  /// exist and all of them are in an announced wait (or none exists and none can be made). When
-  /// that comes about while the task is queued, it is dropped and `refuse` runs in its place, on
-  /// the loop's own timer thread: it must neither block nor wait. `refusalText` says why in both
+  /// nested calls end in an answer. An empty handle, and the task is not taken: as many threads as
+  /// allowed exist and all of them are in an announced wait (or none exists and none can be made).
+  /// When that comes about while the task is queued, it is dropped and `refuse` runs in its place,
+  /// on the loop's own timer thread: it must neither block nor wait. `refusalText` says why in both
   /// cases.
   template <std::invocable F, std::invocable G>
-  bool tryPost(F task, G refuse) {
-    return trySubmit(std::make_shared<detail::CallTask<F, G>>(std::move(task), std::move(refuse)));
+  TaskHandle tryPost(F task, G refuse) {
+    using Call = detail::CallTask<F, G>;
+    auto posted = std::make_shared<Call>(std::move(task), std::move(refuse));
+    return trySubmit(posted) ? TaskHandle(std::move(posted)) : TaskHandle();
   }
   /// The text for such an answer: it names the ceiling and the number.
   std::string refusalText() const;

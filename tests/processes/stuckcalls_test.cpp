@@ -112,11 +112,12 @@ TEST_F(StuckCalls, ThatTakeEveryThreadHaveOthersRefusedAndTheirArgumentsDoNotPil
 
   const std::string text(sizeMiB << 20, 'x');
   const gv::Buffer bytes(text.data(), text.size());
-  const auto echo = [&] { return server.async<gv::Buffer>("echo", bytes); };
-  std::vector<gv::Future<gv::Buffer>> refused;
-  for (int i = 0; i < limitMiB / sizeMiB + 1; ++i) refused.push_back(echo());
-  for (const auto& call : refused) EXPECT_THAT(call.error(guardMs), HasSubstr("MAX_THREADS (4)"));
-  EXPECT_EQ(echo().error(guardMs), "too many calls of this connection are under way");
+  for (int round = 0; round < 2; ++round) {
+    std::vector<gv::Future<gv::Buffer>> refused;
+    for (int i = 0; i < limitMiB / sizeMiB; ++i)
+      refused.push_back(server.async<gv::Buffer>("echo", bytes));
+    for (const auto& call : refused) EXPECT_THAT(call.error(guardMs), HasSubstr("MAX_THREADS (4)"));
+  }
   if (!house::isSanitized) {
     EXPECT_LT(figuresOf(process->pid()).residentKiB, limitMiB << 10);
   }

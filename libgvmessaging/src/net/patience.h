@@ -25,9 +25,10 @@ class Patience {
     return failures_ % retryEach_ == 0 ? longest : std::chrono::microseconds(0);
   }
 
-  /// Polling took so long; it has paid if what was waited for came.
-  void polled(bool hasPaid, Duration time) {
-    if (time > crowded) {
+  /// Polling took so long, and once it gave way for so long; it has paid if what was waited for
+  /// came.
+  void polled(bool hasPaid, Duration time, Duration away) {
+    if (away > crowded) {
       failures_ = vain;
       retryEach_ = std::min(2 * retryEach_, rarest);
       successes_ = 0;
@@ -52,14 +53,14 @@ class Patience {
   static constexpr std::chrono::microseconds shortest{20};
   static constexpr std::chrono::microseconds longest{100};
   static constexpr std::chrono::microseconds crowded{500};
-  static constexpr int vain = 3;
-  static constexpr int often = 8;
-  static constexpr int rarest = 1024;
+  static constexpr unsigned vain = 3;
+  static constexpr unsigned often = 8;
+  static constexpr unsigned rarest = 1024;
 
   std::chrono::microseconds usual_ = shortest;
-  int failures_ = 0;   // in a row
-  int successes_ = 0;  // since the processor was last kept
-  int retryEach_ = often;
+  unsigned failures_ = 0;   // in a row
+  unsigned successes_ = 0;  // since the processor was last kept
+  unsigned retryEach_ = often;
   bool isQuiet_ = true;
 };
 

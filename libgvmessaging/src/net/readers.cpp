@@ -92,6 +92,7 @@ class Team {
   void handle(const Ready& ready);
   bool giveTurns();
   bool mayRunCalls() const { return hasSpare() && getEventLoop()->hasRoom(); }
+  bool mayAttend() const { return waiting_.areLate() || (waiting_.areThere() && mayRunCalls()); }
   bool takeTask(std::function<void()>& task);
   void runTasks();
   void attendToWaiting();
@@ -200,7 +201,8 @@ void Team::attendToWaiting() {
   if (!waiting_.areThere() || isStopping_) return;
   std::vector<WaitingCalls::Call> refused;
   auto call = waiting_.take(mayRunCalls(), refused);
-  for (auto& each : refused) runForeign(each.refuse);  // which may log
+  for (auto& each : refused)  // each of which may log, and wait
+    Readers::isReplaced() ? post(std::move(each.refuse)) : runForeign(each.refuse);
   if (call) runForeign(call);
 }
 
@@ -249,11 +251,12 @@ void Team::handle(const Ready& ready) {
 
 std::size_t Team::waitForSockets() {
   std::size_t count = readiness_.wait(ready_, 0);
-  if (count > 0 || hasTasks_ || areToGoOn_ || waiting_.areDue(mayRunCalls())) return count;
+  if (count > 0 || hasTasks_ || areToGoOn_ || mayAttend()) return count;
   const auto begin = Clock::now();
   if (const auto longest = patience_.next(); longest.count() > 0) {
     detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
-    patience_.polled(count > 0, Clock::now() - begin);
+    const auto took = Clock::now() - begin;
+    patience_.polled(count > 0, took, took);
   } else {
     patience_.notPolled();
   }
@@ -265,8 +268,7 @@ std::size_t Team::waitForSockets() {
 std::size_t Team::sleep() {
   leaderSleeps_ = true;
   // The word to wake may have come, and gone, while it polled.
-  const bool mustNotSleep =
-      isStopping_ || hasTasks_ || areToGoOn_ || waiting_.areDue(mayRunCalls());
+  const bool mustNotSleep = isStopping_ || hasTasks_ || areToGoOn_ || mayAttend();
   const std::size_t count = readiness_.wait(ready_, mustNotSleep          ? 0
                                                     : sockets_.areLent()  ? lentLookMs
                                                     : waiting_.areThere() ? waitingLookMs

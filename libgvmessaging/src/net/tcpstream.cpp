@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <exception>
 #include <thread>
@@ -279,28 +280,33 @@ void TcpStream::readWhile(const std::function<bool()>& isWanted) {
     Readers::lend(key_);
   }
   lock.unlock();
-  const bool isOver = isTaken && borrow(isWanted, longest);
+  Clock::duration away{};
+  const bool isOver = isTaken && borrow(isWanted, longest, away);
   detail::Pollers::leave();
   lock.lock();
   if (!isTaken) return patience_.notPolled();
   lastBorrowed_ = Clock::now();
-  patience_.polled(isOver, lastBorrowed_ - now);
+  patience_.polled(isOver, lastBorrowed_ - now, away);
   if (!isOver || lastBorrowed_ < unaskedUntil_) isLent_ = false;
   lock.unlock();
   giveBackReading();
 }
 
-/// True when what was waited for has come.
-bool TcpStream::borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest) {
+/// True when what was waited for has come. `away`: the longest that others had the processor.
+bool TcpStream::borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest,
+                       std::chrono::steady_clock::duration& away) {
   const Readers::Borrowing scope;
   const Turn none(nullptr);  // a call that waits here may have lost its turn of this very stream
   const auto begin = Clock::now();
+  auto now = begin;
   do {
     // First of all: what is waited for takes longer than this, and may want this very processor.
     std::this_thread::yield();
+    away = std::max(away, Clock::now() - now);
     readOnce();
     if (!isWanted()) return true;
-  } while (state() != State::Closing && Clock::now() - begin < longest);
+    now = Clock::now();
+  } while (state() != State::Closing && now - begin < longest);
   return false;
 }
 

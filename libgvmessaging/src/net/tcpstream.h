@@ -88,7 +88,8 @@ class TcpStream final : public Stream,
   void pauseLocked(std::chrono::milliseconds time);
   template <class F>
   void callHandler(const F& call);
-  bool borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest);
+  bool borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest,
+              std::chrono::steady_clock::duration& away);
 
   void track();
   void endLocked(const std::string& cause);

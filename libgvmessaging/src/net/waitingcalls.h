@@ -25,8 +25,8 @@ class GVMESSAGING_API WaitingCalls {
 
   void add(Call call);
   bool areThere() const { return areThere_; }
-  /// Whether take() has something to do, as far as that is known without a look at the time.
-  bool areDue(bool hasRoom) const { return areLate_ || (hasRoom && areThere_); }
+  /// Whether more are to be refused than the last take() gave back.
+  bool areLate() const { return areLate_; }
 
   /// Removes those that were taken, and those that have waited for longer than a call may where
   /// there is no room, which come into `refused`: some of them, so that nobody waits for long.
@@ -44,7 +44,7 @@ class GVMESSAGING_API WaitingCalls {
   void sweepLocked(Removed& removed);
 
   std::atomic<bool> areThere_{false};
-  std::atomic<bool> areLate_{false};  // more than the last take() has refused
+  std::atomic<bool> areLate_{false};
 
   std::mutex mutex_;             // guards what follows
   std::deque<Waiting> waiting_;  // the oldest first

@@ -182,18 +182,25 @@ void CallServer::serveElsewhere(wire::Frame& frame, MetaCallType callType) {
     if (isTaken->exchange(true)) return;
     ++connection_.discarded().calls;
     replyError(call->frame.header, loop->refusalText());
-    // What else the record has stays for as long as a busy pool queues it, and counts that long.
-    call->held->entry.reset();
-    call->frame.payload = {};
+    call->held.reset();
   };
   const auto run = [this, self = connection_.shared_from_this(), call, isTaken] {
     if (isTaken->exchange(true)) return;
     serveAccepted(*call);
-    *call = AcceptedCall();  // the other one that has it may come much later
+    *call = AcceptedCall();
   };
-  if (!loop->tryPost(run, refuse)) return refuse();
-  // The pool may be busy for ever, and then the call is one that would stop a task.
-  if (callType != MetaCallType::Queued) net::Readers::postWhenThereIsRoom({run, refuse, isTaken});
+  const TaskHandle queued = loop->tryPost(run, refuse);
+  if (!queued) return refuse();
+  if (callType == MetaCallType::Queued) return;
+  // The pool may be busy for ever, and then the call is one that would stop a task. Nor does the
+  // pool keep anything of a call that it does not come to.
+  const auto withdrawing = [&queued](const auto& task) {
+    return [queued, task] {
+      queued.cancel();
+      task();
+    };
+  };
+  net::Readers::postWhenThereIsRoom({withdrawing(run), withdrawing(refuse), isTaken});
 }
 
 void CallServer::serveAccepted(const AcceptedCall& call) {
