@@ -8,7 +8,6 @@ namespace {
 using std::chrono::microseconds;
 
 constexpr microseconds brief(5);
-constexpr microseconds kept(3000);  // the processor, by others
 
 /// How many of so many waits that are not worth polling for are polled for nevertheless.
 int tries(Patience& patience, int waits) {
@@ -18,15 +17,15 @@ int tries(Patience& patience, int waits) {
     if (patience.next().count() == 0) {
       patience.notPolled();
     } else {
-      patience.polled(false, microseconds(100), brief);
+      patience.polled(false, microseconds(100));
       ++count;
     }
   }
   return count;
 }
 
-void pay(Patience& patience, microseconds time, int waits = 1) {
-  for (int i = 0; i < waits; ++i) patience.polled(true, time, brief);
+void pay(Patience& patience, microseconds time) {
+  patience.polled(true, time);
 }
 
 TEST(Patience, PollsForWhatCameSoonOfLateAndAsLongAsThatTook) {
@@ -50,20 +49,6 @@ TEST(Patience, TriesAgainNowAndThenWhatWasInVain) {
   EXPECT_EQ(tries(patience, 80), 10);
   pay(patience, brief);
   EXPECT_EQ(tries(patience, 3), 3);
-}
-
-TEST(Patience, HardlyPollsWhereOthersKeepTheProcessor) {
-  Patience patience;
-  for (int i = 0; i < 10; ++i) patience.polled(true, kept, kept);
-  EXPECT_EQ(tries(patience, 10'000), 9);
-  pay(patience, brief);  // others were elsewhere for a moment
-  patience.polled(true, kept, kept);
-  EXPECT_EQ(tries(patience, 10'000), 9);
-  pay(patience, kept, 100);  // what took long took its own time: it was much that came
-  pay(patience, brief, 1'000);
-  patience.waited(brief);
-  EXPECT_EQ(patience.next(), microseconds(20));
-  EXPECT_EQ(tries(patience, 83), 13);
 }
 
 }  // namespace

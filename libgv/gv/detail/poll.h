@@ -8,13 +8,19 @@
 
 namespace gv::detail {
 
-/// How many threads of the process poll at the moment. More than there are cores would only take
-/// the processor from those who could bring what is waited for.
+/// The threads of the process that poll at the moment. More than there are cores would only take
+/// the processor from those who could bring what is waited for. To poll is to give way to others;
+/// where these keep the processor for long, who sleeps is back sooner, as the system prefers who is
+/// woken: nobody polls for a while then.
 class GV_API Pollers {
  public:
-  /// False when there are enough: the caller is not counted then.
+  using Time = std::chrono::steady_clock::time_point;
+
+  /// False when it is no time to poll: the caller is not counted then.
   static bool enter() noexcept;
   static void leave() noexcept;
+  /// Lets other threads run. Takes the time before it, and returns the time after it.
+  static Time giveWay(Time before) noexcept;
 };
 
 inline void relaxProcessor() noexcept {
@@ -50,7 +56,7 @@ inline std::unique_lock<std::mutex> lockSoon(std::mutex& mutex) noexcept {
 
 /// As pollFor, for a longer time: what comes from a running thread mostly comes within
 /// microseconds, and to sleep and be woken costs tens of them. After the first few it gives way to
-/// other threads between looks. Returns false at once when too many poll already.
+/// other threads between looks. Returns false at once when it is no time to poll.
 template <class Condition>
 bool pollBriefly(const Condition& isOver,
                  std::chrono::microseconds longest = std::chrono::microseconds(20)) noexcept {
@@ -59,11 +65,12 @@ bool pollBriefly(const Condition& isOver,
   if (!Pollers::enter()) return false;
   bool over = pollFor(beforeYield, isOver);
   if (!over) {
-    const auto end = std::chrono::steady_clock::now() + longest;
+    auto now = std::chrono::steady_clock::now();
+    const auto end = now + longest;
     do {
-      std::this_thread::yield();
+      now = Pollers::giveWay(now);
       over = isOver();
-    } while (!over && std::chrono::steady_clock::now() < end);
+    } while (!over && now < end);
   }
   Pollers::leave();
   return over;

@@ -11,9 +11,6 @@ namespace gv::net {
 /// other too slow to be worth polling for. So a wait that follows others closely is polled for
 /// longer now and then: that brings both back. What takes longer each time, as large payloads do,
 /// is polled for longer each time.
-///
-/// To poll is to give way to others each time. Where those keep the processor for long, who sleeps
-/// is back sooner: the system prefers who is woken. It is tried ever more rarely then.
 class Patience {
  public:
   using Duration = std::chrono::steady_clock::duration;
@@ -22,24 +19,15 @@ class Patience {
   std::chrono::microseconds next() {
     if (isQuiet_) return std::chrono::microseconds(0);
     if (failures_ < vain) return usual_;
-    return failures_ % retryEach_ == 0 ? longest : std::chrono::microseconds(0);
+    return failures_ % retryEach == 0 ? longest : std::chrono::microseconds(0);
   }
 
-  /// Polling took so long, and once it gave way for so long; it has paid if what was waited for
-  /// came.
-  void polled(bool hasPaid, Duration time, Duration away) {
-    if (away > crowded) {
-      failures_ = vain;
-      retryEach_ = std::min(2 * retryEach_, rarest);
-      successes_ = 0;
-    } else if (hasPaid) {
-      failures_ = 0;
-      if (successes_ < rarest && ++successes_ == rarest) retryEach_ = often;
-      usual_ = std::clamp(std::chrono::duration_cast<std::chrono::microseconds>(2 * time), shortest,
-                          longest);
-    } else {
-      ++failures_;
-    }
+  /// Polling took so long; it has paid if what was waited for came.
+  void polled(bool hasPaid, Duration time) {
+    if (!hasPaid) return notPolled();
+    failures_ = 0;
+    usual_ = std::clamp(std::chrono::duration_cast<std::chrono::microseconds>(2 * time), shortest,
+                        longest);
   }
   /// What was waited for was not polled for.
   void notPolled() { ++failures_; }
@@ -52,15 +40,11 @@ class Patience {
  private:
   static constexpr std::chrono::microseconds shortest{20};
   static constexpr std::chrono::microseconds longest{100};
-  static constexpr std::chrono::microseconds crowded{500};
   static constexpr unsigned vain = 3;
-  static constexpr unsigned often = 8;
-  static constexpr unsigned rarest = 1024;
+  static constexpr unsigned retryEach = 8;
 
   std::chrono::microseconds usual_ = shortest;
-  unsigned failures_ = 0;   // in a row
-  unsigned successes_ = 0;  // since the processor was last kept
-  unsigned retryEach_ = often;
+  unsigned failures_ = 0;  // in a row
   bool isQuiet_ = true;
 };
 

@@ -90,7 +90,7 @@ class Team {
   std::size_t waitForSockets();
   std::size_t sleep();
   void handle(const Ready& ready);
-  bool giveTurns();
+  void giveTurns();
   bool mayRunCalls() const { return hasSpare() && getEventLoop()->hasRoom(); }
   bool mayAttend() const { return waiting_.areLate() || (waiting_.areThere() && mayRunCalls()); }
   bool takeTask(std::function<void()>& task);
@@ -125,25 +125,30 @@ class Team {
 
 // ---- Leading
 
+/// Sockets first: who leads now may have replaced one that was long in a turn or a task, and the
+/// next of these may take as long.
 void Team::lead(Reader& self) {
+  const auto isReplaced = [&self] {
+    return self.phase == Reader::Phase::Replaced || Reactor::isForked();
+  };
   ensureSpare();
-  if (const auto unfinished = current_) unfinished->goOn();
-  while (self.phase != Reader::Phase::Replaced && !Reactor::isForked()) {
-    current_.reset();
+  if (const auto unfinished = std::exchange(current_, nullptr)) unfinished->leaveRest();
+  while (!isReplaced()) {
     if (!hasSpare()) ensureSpare();
-    runTasks();
-    if (self.phase == Reader::Phase::Replaced || Reactor::isForked()) return;
-    attendToWaiting();
-    if (self.phase == Reader::Phase::Replaced || Reactor::isForked()) return;
-    if (isStopping_ && !hasTasks_) return;
-    if (!giveTurns()) return;
     const std::size_t count = waitForSockets();
     if (sockets_.areLent()) sockets_.lookAfterLent();
     for (std::size_t i = 0; i < count; ++i) {
       // Those that a replaced thread does not come to are still ready for the next leader.
       handle(ready_[i]);
-      if (self.phase == Reader::Phase::Replaced || Reactor::isForked()) return;
+      if (isReplaced()) return;
     }
+    giveTurns();
+    if (isReplaced()) return;
+    current_.reset();
+    runTasks();
+    if (isReplaced()) return;
+    attendToWaiting();
+    if (isStopping_ && !hasTasks_) return;
   }
 }
 
@@ -219,16 +224,16 @@ void Team::runForeign(std::function<void()>& task) {
 }
 
 /// To the sockets that are to go on now: a turn each, and those that they add have theirs when the
-/// others were looked at. False when this thread was replaced.
-bool Team::giveTurns() {
-  if (!areToGoOn_) return true;
+/// others were looked at.
+void Team::giveTurns() {
+  if (!areToGoOn_) return;
   std::size_t count = 0;
   for (bool isFirst = true; isFirst || count > 0; isFirst = false) {
     std::uint64_t key = 0;
     {
       const std::lock_guard lock(mutex_);
       if (isFirst) count = toGoOn_.size();
-      if (count == 0 || toGoOn_.empty()) break;
+      if (count == 0 || toGoOn_.empty()) return;
       key = toGoOn_.front();
       toGoOn_.pop_front();
       areToGoOn_ = !toGoOn_.empty();
@@ -237,10 +242,8 @@ bool Team::giveTurns() {
     const auto socket = sockets_.find(key);
     current_ = socket;
     if (socket) socket->onTurn();
-    if (Readers::isReplaced() || Reactor::isForked()) return false;
+    if (Readers::isReplaced() || Reactor::isForked()) return;
   }
-  current_.reset();
-  return true;
 }
 
 void Team::handle(const Ready& ready) {
@@ -255,8 +258,7 @@ std::size_t Team::waitForSockets() {
   const auto begin = Clock::now();
   if (const auto longest = patience_.next(); longest.count() > 0) {
     detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
-    const auto took = Clock::now() - begin;
-    patience_.polled(count > 0, took, took);
+    patience_.polled(count > 0, Clock::now() - begin);
   } else {
     patience_.notPolled();
   }

@@ -15,13 +15,13 @@ class ReadySocket {
   virtual ~ReadySocket() = default;
 
   /// Reads and writes what can be without blocking, in the thread that leads the readers. May
-  /// return with Readers::isReplaced(): then another thread goes on, beginning with goOn().
+  /// return with Readers::isReplaced(): then the next thread to lead begins with leaveRest().
   virtual void onReady(bool canRead, bool canWrite) = 0;
   /// Its turn, which it asked for by Readers::goOn(): to read though nothing may have come. As
   /// onReady.
   virtual void onTurn() = 0;
-  /// Goes on where a thread that was replaced stopped. As onReady.
-  virtual void goOn() = 0;
+  /// Ends the turn of a thread that was replaced in it: what that has left is for a later turn.
+  virtual void leaveRest() = 0;
   /// About once a millisecond while it is lent (see Readers::lend); false when it is no longer.
   virtual bool isStillLent() = 0;
 };

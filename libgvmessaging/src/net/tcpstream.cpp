@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <exception>
-#include <thread>
 #include <utility>
 
 #include <gv/detail/poll.h>
@@ -168,16 +167,8 @@ void TcpStream::onReady(bool canRead, bool canWrite) {
   read(rounds);
 }
 
-void TcpStream::goOn() {
-  {
-    Lock lock(mutex_);
-    flushLocked(lock);  // what the thread put off that was replaced
-  }
-  {
-    const Turn turn(this);
-    if (const auto handler = handler_) callHandler([&handler] { handler->onInput(0); });
-    if (turn.isLost()) return;
-  }
+void TcpStream::leaveRest() {
+  hasLeft_ = true;
   giveBackReading();
 }
 
@@ -280,33 +271,30 @@ void TcpStream::readWhile(const std::function<bool()>& isWanted) {
     Readers::lend(key_);
   }
   lock.unlock();
-  Clock::duration away{};
-  const bool isOver = isTaken && borrow(isWanted, longest, away);
+  const bool isOver = isTaken && borrow(isWanted, longest);
   detail::Pollers::leave();
   lock.lock();
   if (!isTaken) return patience_.notPolled();
   lastBorrowed_ = Clock::now();
-  patience_.polled(isOver, lastBorrowed_ - now, away);
+  patience_.polled(isOver, lastBorrowed_ - now);
   if (!isOver || lastBorrowed_ < unaskedUntil_) isLent_ = false;
   lock.unlock();
   giveBackReading();
 }
 
-/// True when what was waited for has come. `away`: the longest that others had the processor.
-bool TcpStream::borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest,
-                       std::chrono::steady_clock::duration& away) {
+/// True when what was waited for has come.
+bool TcpStream::borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest) {
   const Readers::Borrowing scope;
   const Turn none(nullptr);  // a call that waits here may have lost its turn of this very stream
-  const auto begin = Clock::now();
-  auto now = begin;
+  auto now = Clock::now();
+  const auto end = now + longest;
   do {
     // First of all: what is waited for takes longer than this, and may want this very processor.
-    std::this_thread::yield();
-    away = std::max(away, Clock::now() - now);
+    detail::Pollers::giveWay(now);
     readOnce();
     if (!isWanted()) return true;
-    now = Clock::now();
-  } while (state() != State::Closing && now - begin < longest);
+    now = Clock::now();  // that took its time, which was not given away
+  } while (state() != State::Closing && now < end);
   return false;
 }
 

@@ -65,7 +65,7 @@ class TcpStream final : public Stream,
 
   void onReady(bool canRead, bool canWrite) override;
   void onTurn() override;
-  void goOn() override;
+  void leaveRest() override;
   bool isStillLent() override;
 
   // tcpstream_write.cpp
@@ -88,8 +88,7 @@ class TcpStream final : public Stream,
   void pauseLocked(std::chrono::milliseconds time);
   template <class F>
   void callHandler(const F& call);
-  bool borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest,
-              std::chrono::steady_clock::duration& away);
+  bool borrow(const std::function<bool()>& isWanted, std::chrono::microseconds longest);
 
   void track();
   void endLocked(const std::string& cause);

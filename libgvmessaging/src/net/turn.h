@@ -41,7 +41,7 @@ class Turn {
   /// True when other streams are to have their turn. Asked in each step of a turn, it goes by the
   /// last look at the clock: that of what was sent, or its own in every eighth step.
   static bool isOver(const TcpStream* stream) {
-    constexpr std::chrono::microseconds longest(200);
+    constexpr std::chrono::microseconds longest(50);
     if (stream_ != stream) return false;
     if (++steps_ % 8 == 0) lastLook_ = Clock::now();
     return lastLook_ - begin_ > longest;
