@@ -15,35 +15,41 @@ std::size_t sizeOf(std::span<const Bytes> pieces) {
   return size;
 }
 
-void append(std::vector<char>& chunk, std::span<const Bytes> pieces, std::size_t leaveOut) {
-  for (const Bytes piece : pieces) {
-    const std::size_t skipped = std::min(leaveOut, piece.size());
-    leaveOut -= skipped;
-    chunk.insert(chunk.end(), piece.begin() + static_cast<std::ptrdiff_t>(skipped), piece.end());
-  }
-}
-
 }  // namespace
 
-void OutputQueue::push(std::span<const Bytes> pieces, std::size_t sent) {
-  const std::size_t size = sizeOf(pieces) - sent;
+OutputQueue::Chunk OutputQueue::copyOf(std::span<const Bytes> pieces, std::size_t sent) {
+  Chunk chunk;
+  chunk.reserve(sizeOf(pieces) - sent);
+  for (const Bytes piece : pieces) {
+    const std::size_t skipped = std::min(sent, piece.size());
+    sent -= skipped;
+    chunk.insert(chunk.end(), piece.begin() + static_cast<std::ptrdiff_t>(skipped), piece.end());
+  }
+  return chunk;
+}
+
+void OutputQueue::push(std::span<const Bytes> pieces) {
+  const std::size_t size = sizeOf(pieces);
   if (size == 0) return;
   if (chunks_.empty() || chunks_.back().capacity() - chunks_.back().size() < size) {
     chunks_.emplace_back();
     chunks_.back().reserve(std::max(size, chunkSize));
   }
-  append(chunks_.back(), pieces, sent);
+  Chunk& chunk = chunks_.back();
+  for (const Bytes piece : pieces) chunk.insert(chunk.end(), piece.begin(), piece.end());
   bytes_ += size;
 }
 
-void OutputQueue::pushFront(std::span<const Bytes> pieces, std::size_t sent) {
-  const std::size_t size = sizeOf(pieces) - sent;
-  if (size == 0) return;
-  Chunk chunk;
-  chunk.reserve(size);
-  append(chunk, pieces, sent);
+void OutputQueue::push(Chunk chunk) {
+  if (chunk.empty()) return;
+  bytes_ += chunk.size();
+  chunks_.push_back(std::move(chunk));
+}
+
+void OutputQueue::pushFront(Chunk chunk) {
+  if (chunk.empty()) return;
+  bytes_ += chunk.size();
   chunks_.push_front(std::move(chunk));
-  bytes_ += size;
 }
 
 std::size_t OutputQueue::gather(std::span<iovec> buffers) {

@@ -23,14 +23,22 @@ constexpr std::size_t leastAtOnce = 16u << 10;
 
 }  // namespace
 
+// A large copy is made while the mutex is not held: the reader would wait for it.
 bool TcpStream::send(std::span<const Bytes> pieces) {
   std::size_t size = 0;
   for (const Bytes& piece : pieces) size += piece.size();
+  const bool isLarge = size >= leastAtOnce;
+  OutputQueue::Chunk copy;
   Lock lock(mutex_);
+  if (isLarge && (writing_ || !output_.empty())) {
+    lock.unlock();
+    copy = OutputQueue::copyOf(pieces);
+    lock.lock();
+  }
   if (state_ != State::Open) return false;
-  const bool mayPutOff = Turn::mayPutOff(this) && size < leastAtOnce;
+  const bool mayPutOff = Turn::mayPutOff(this) && !isLarge;
   if (writing_ || !output_.empty() || mayPutOff) {
-    output_.push(pieces);
+    isLarge ? output_.push(std::move(copy)) : output_.push(pieces);
     if (output_.bytes() > putOffMost || !mayPutOff) flushLocked(lock);
     chokeLocked();
     return true;
@@ -44,9 +52,10 @@ bool TcpStream::send(std::span<const Bytes> pieces) {
   lock.unlock();
   const Transfer sent = sendSome(descriptor_, std::span(buffers).first(count));
   DeadPeers::onWritten();
+  auto rest = sent.bytes < size ? OutputQueue::copyOf(pieces, sent.bytes) : OutputQueue::Chunk();
   lock.lock();
   direct_ = 0;
-  output_.pushFront(pieces, sent.bytes);
+  output_.pushFront(std::move(rest));
   writeRoundsLocked(lock, sent);
   chokeLocked();
   return true;
