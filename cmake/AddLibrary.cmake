@@ -47,15 +47,21 @@ function(house_add_library name)
   endif()
 endfunction()
 
-# house_add_tests(<target> SOURCES <file>... LINK <target>...): a GoogleTest executable.
+# house_add_tests(<target> [ALONE <filter>] SOURCES <file>... LINK <target>...): a GoogleTest
+# executable. Those of its tests that measure time in ratios run while no other test does.
 function(house_add_tests target)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LINK")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "ALONE" "SOURCES;LINK")
   add_executable(${target} ${arg_SOURCES})
   target_link_libraries(${target} PRIVATE ${arg_LINK} house::test_support GTest::gmock_main)
   target_include_directories(${target} PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}")
   house_target_warnings(${target})
-  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-                       PROPERTIES TIMEOUT 120 LABELS unit)
+  set(discovery DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60)
+  set(properties PROPERTIES TIMEOUT 120 LABELS unit)
+  if(arg_ALONE)
+    gtest_discover_tests(${target} ${discovery} TEST_FILTER ${arg_ALONE} ${properties} RUN_SERIAL TRUE)
+    set(others TEST_FILTER -${arg_ALONE})
+  endif()
+  gtest_discover_tests(${target} ${discovery} ${others} ${properties})
 endfunction()
 
 # house_add_long_run(<target> <filter>): those tests once more as one CTest entry with the label

@@ -143,7 +143,8 @@ CallServer::CallServer(Connection& connection, net::Stream& stream, ObjectExchan
       objects_(objects),
       limits_(limits),
       host_(std::move(host)),
-      relay_(std::make_shared<SignalRelay>(limits.subscriptions)) {}
+      relay_(std::make_shared<SignalRelay>(limits.subscriptions)),
+      paced_(std::make_shared<PacedCalls>(stream, limits.outputSlow)) {}
 
 void CallServer::onCall(wire::Frame& frame) {
   if (isPostOf(releaseId, frame.header)) return objects_.onRelease(frame);
@@ -189,9 +190,19 @@ void CallServer::serveElsewhere(wire::Frame& frame, MetaCallType callType) {
     serveAccepted(*call);
     *call = AcceptedCall();
   };
+  if (callType == MetaCallType::Queued) {
+    const auto enqueue = [loop, run, refuse] {
+      if (!loop->tryPost(run, refuse)) refuse();
+    };
+    if (header.type == wire::FrameType::Post) return enqueue();
+    const auto runInItsTurn = [this, run, enqueue] {
+      paced_->isSlow() ? paced_->add(enqueue) : run();
+    };
+    if (!loop->tryPost(runInItsTurn, refuse)) refuse();
+    return;
+  }
   const TaskHandle queued = loop->tryPost(run, refuse);
   if (!queued) return refuse();
-  if (callType == MetaCallType::Queued) return;
   // The pool may be busy for ever, and then the call is one that would stop a task. Nor does the
   // pool keep anything of a call that it does not come to.
   const auto withdrawing = [&queued](const auto& task) {

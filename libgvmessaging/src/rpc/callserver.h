@@ -13,6 +13,7 @@
 #include "src/net/stream.h"
 #include "src/rpc/callbudget.h"
 #include "src/rpc/objectexchange.h"
+#include "src/rpc/pacedcalls.h"
 #include "src/rpc/signalrelay.h"
 #include "src/wire/frame.h"
 #include "src/wire/limits.h"
@@ -53,8 +54,12 @@ class CallServer {
   /// Throws where the values cannot be sent. Any thread.
   void sendEvent(const ObjectAddress& object, const MetaSignal& signal, std::uint64_t subscription,
                  const std::vector<AnyValue>& values);
-  /// The connection has ended: so do the subscriptions. Any thread.
-  void end() { relay_->end(); }
+  /// The connection has ended: so do the subscriptions, and the calls that wait for the peer to
+  /// read. Any thread.
+  void end() {
+    relay_->end();
+    paced_->end();
+  }
 
   /// What waits here for the peer's sake.
   const std::shared_ptr<CallBudget>& budget() const { return budget_; }
@@ -100,6 +105,7 @@ class CallServer {
   const std::shared_ptr<CallBudget> budget_ = std::make_shared<CallBudget>();
   const std::shared_ptr<CallBudget> leftRunning_ = std::make_shared<CallBudget>();  // by calls
   const std::shared_ptr<SignalRelay> relay_;
+  const std::shared_ptr<PacedCalls> paced_;
   std::atomic<std::size_t> pendingEvents_{0};  // bytes of events that wait in the stream, at most
 };
 
