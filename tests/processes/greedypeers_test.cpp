@@ -10,6 +10,7 @@
 #include <numeric>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <gvmessaging/session.h>
@@ -103,12 +104,15 @@ TEST_F(GreedyPeers, ThatStandStillAreCutAndHoldUpNeitherTheEmitterNorOtherListen
   EXPECT_EQ(heard, all);
 }
 
-/// What a client says that makes a call with a large reply, and a post.
+/// What a client says that makes a call with a large reply, one that takes longer than a reader is
+/// left alone, and a post.
 struct Requests {
   static constexpr int replySize = 1 << 20;
+  static constexpr int longCallMs = 12;
 
   std::string hello;
   std::string call;
+  std::string longCall;
   std::string post;
 };
 
@@ -119,12 +123,13 @@ Requests record(int port) {
   session->connect("tcp://127.0.0.1:" + std::to_string(between.port())).value(guardMs);
   const auto server = session->service("Server").value(guardMs);
   server.call<gv::Buffer>("make", Requests::replySize);
+  server.call<void>("doze", Requests::longCallMs);
   server.post("add", 1, 2);
   session->close().wait(guardMs);
   Requests requests;
   for (const FrameBytes& frame : framesOf(recording.get().toServer)) {
     if (frame.type() == Hello) requests.hello = frame.bytes();
-    if (frame.type() == Call) requests.call = frame.bytes();
+    if (frame.type() == Call) requests.call = std::exchange(requests.longCall, frame.bytes());
     if (frame.type() == Post && requests.post.empty()) requests.post = frame.bytes();
   }
   return requests;
@@ -162,7 +167,9 @@ class ThatNeverRead : public GreedyPeers {
       return sent / request.size();
     });
     const auto during = latenciesUs(server, time);
-    RecordProperty("requestsTaken", std::to_string(flooding.get()));
+    const std::size_t taken = flooding.get();
+    RecordProperty("requestsTaken", std::to_string(taken));
+    EXPECT_GT(taken, 1000);
     const long grown = figuresOf(process.pid()).mostResidentKiB - atFirst.residentKiB;
     RecordProperty("kibibytesGrown", std::to_string(grown));
     for (const int hundredths : {50, 95, 99, 100}) {
@@ -206,9 +213,9 @@ TEST_F(ThatNeverRead, TheirPostsCostTheirBudgetAndNoMore) {
   flood(requests.post, 1s, 64 * MiB, 10);
 }
 
-// Their calls were held back meanwhile, and some replies were more than the system takes.
+// More than may wait for them; what they were not to have yet was held back.
 TEST_F(GreedyPeers, ThatReadAtLastGetAllReplies) {
-  constexpr int count = 100;
+  constexpr int count = 200;
   const Requests requests = record(portIn(url));
   const long before = figuresOf(process.pid()).residentKiB;
   house::RawPeer late = house::RawPeer::connectTo(portIn(url));
@@ -222,6 +229,26 @@ TEST_F(GreedyPeers, ThatReadAtLastGetAllReplies) {
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->type(), Reply) << i;
   }
+}
+
+// The thread that reads is replaced in each of them, and has others served between two.
+TEST_F(GreedyPeers, WhoseCallsTakeLongKeepNeitherOthersWaitingNorNewcomers) {
+  constexpr int mostUs = 500'000;
+  const Requests requests = record(portIn(url));
+  const auto server = client->service("Server").value(guardMs);
+  house::RawPeer greedy = house::RawPeer::connectTo(portIn(url));
+  greedy.send(requests.hello);
+  ASSERT_TRUE(receiveFrame(greedy));
+  std::string many;
+  for (int i = 0; i < 500; ++i) many += requests.longCall;
+  greedy.send(many);  // for some seconds
+  ASSERT_TRUE(receiveFrame(greedy));
+  EXPECT_LT(percentile(latenciesUs(server, 1s), 100), mostUs);
+  const auto start = Clock::now();
+  const auto newcomer = boost::make_shared<gv::Session>();
+  newcomer->connect(url).value(guardMs);
+  EXPECT_LT(Clock::now() - start, std::chrono::microseconds(mostUs));
+  newcomer->close().wait(guardMs);
 }
 
 }  // namespace

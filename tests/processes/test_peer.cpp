@@ -84,6 +84,8 @@ void serve(const Words& words) {
     const std::string bytes(static_cast<std::size_t>(size), 'x');
     return gv::Buffer(bytes.data(), bytes.size());
   });
+  server.advertiseMethod(
+      "doze", [](int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); });
   server.advertiseSignal<int, gv::Buffer>("seen");
   static gv::Object<gv::Empty> object;
   server.advertiseMethod(

@@ -92,6 +92,7 @@ class Team {
   void handle(const Ready& ready);
   void giveTurns();
   bool mayRunCalls() const { return hasSpare() && getEventLoop()->hasRoom(); }
+  bool hasOtherWork() const { return hasTasks_ || areToGoOn_ || mayAttend(); }
   bool mayAttend() const { return waiting_.areLate() || (waiting_.areThere() && mayRunCalls()); }
   bool takeTask(std::function<void()>& task);
   void runTasks();
@@ -104,6 +105,7 @@ class Team {
 
   // Of the leader; handed over with the lead
   std::shared_ptr<ReadySocket> current_;  // which it is reading
+  std::size_t firstWork_ = 0;             // what else comes first in its next round
   std::array<Ready, 64> ready_;
   Patience patience_;
   bool lacksSpare_ = false;  // none could be made, and that was told
@@ -125,9 +127,10 @@ class Team {
 
 // ---- Leading
 
-/// Sockets first: who leads now may have replaced one that was long in a turn or a task, and the
-/// next of these may take as long.
+/// Sockets first, and what else there is in turn: who leads now may have replaced one that was long
+/// in one kind of work, and the next of that kind may take as long.
 void Team::lead(Reader& self) {
+  constexpr std::array works = {&Team::giveTurns, &Team::runTasks, &Team::attendToWaiting};
   const auto isReplaced = [&self] {
     return self.phase == Reader::Phase::Replaced || Reactor::isForked();
   };
@@ -135,6 +138,7 @@ void Team::lead(Reader& self) {
   if (const auto unfinished = std::exchange(current_, nullptr)) unfinished->leaveRest();
   while (!isReplaced()) {
     if (!hasSpare()) ensureSpare();
+    const std::size_t first = std::exchange(firstWork_, (firstWork_ + 1) % works.size());
     const std::size_t count = waitForSockets();
     if (sockets_.areLent()) sockets_.lookAfterLent();
     for (std::size_t i = 0; i < count; ++i) {
@@ -142,12 +146,11 @@ void Team::lead(Reader& self) {
       handle(ready_[i]);
       if (isReplaced()) return;
     }
-    giveTurns();
-    if (isReplaced()) return;
     current_.reset();
-    runTasks();
-    if (isReplaced()) return;
-    attendToWaiting();
+    for (std::size_t i = 0; i < works.size(); ++i) {
+      (this->*works[(first + i) % works.size()])();
+      if (isReplaced()) return;
+    }
     if (isStopping_ && !hasTasks_) return;
   }
 }
@@ -243,6 +246,7 @@ void Team::giveTurns() {
     current_ = socket;
     if (socket) socket->onTurn();
     if (Readers::isReplaced() || Reactor::isForked()) return;
+    current_.reset();
   }
 }
 
@@ -252,11 +256,16 @@ void Team::handle(const Ready& ready) {
   if (socket) socket->onReady(ready.canRead, ready.canWrite);
 }
 
+/// Looks without waiting where that would be the first look of a poll, or there is other work.
 std::size_t Team::waitForSockets() {
-  std::size_t count = readiness_.wait(ready_, 0);
-  if (count > 0 || hasTasks_ || areToGoOn_ || mayAttend()) return count;
   const auto begin = Clock::now();
-  if (const auto longest = patience_.next(); longest.count() > 0) {
+  const auto longest = patience_.next();
+  std::size_t count = 0;
+  if (longest.count() > 0 || hasOtherWork()) {
+    count = readiness_.wait(ready_, 0);
+    if (count > 0 || hasOtherWork()) return count;
+  }
+  if (longest.count() > 0) {
     detail::pollBriefly([&] { return (count = readiness_.wait(ready_, 0)) > 0; }, longest);
     patience_.polled(count > 0, Clock::now() - begin);
   } else {
@@ -270,11 +279,11 @@ std::size_t Team::waitForSockets() {
 std::size_t Team::sleep() {
   leaderSleeps_ = true;
   // The word to wake may have come, and gone, while it polled.
-  const bool mustNotSleep = isStopping_ || hasTasks_ || areToGoOn_ || mayAttend();
-  const std::size_t count = readiness_.wait(ready_, mustNotSleep          ? 0
-                                                    : sockets_.areLent()  ? lentLookMs
-                                                    : waiting_.areThere() ? waitingLookMs
-                                                                          : -1);
+  const int longestMs = isStopping_ || hasOtherWork() ? 0
+                        : sockets_.areLent()          ? lentLookMs
+                        : waiting_.areThere()         ? waitingLookMs
+                                                      : -1;
+  const std::size_t count = readiness_.wait(ready_, longestMs);
   leaderSleeps_ = false;
   // One of the two sees the other: the watcher says that it sleeps before it looks at the leader.
   if (watcherSleeps_) {

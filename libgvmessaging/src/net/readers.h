@@ -16,10 +16,10 @@ namespace gv::net {
 /// The threads that read all sockets of the process. One of them leads: it waits for sockets,
 /// reads, and runs what the bytes ask for, foreign code included, without handing it over. When
 /// foreign code blocks (and says so, as Future::wait does) or takes some milliseconds, another
-/// thread takes the lead in the middle of it, with the socket that was being read; the one that was
-/// replaced finishes its call and steps back. A spare thread is always there to do so: it looks at
-/// the leader every few milliseconds, but for idle times. So the network is read whatever user code
-/// does.
+/// thread takes the lead in the middle of it, and comes back to the socket that was being read when
+/// others had their turn; the one that was replaced finishes its call and steps back. A spare
+/// thread is always there to do so: it looks at the leader every few milliseconds, but for idle
+/// times. So the network is read whatever user code does.
 ///
 /// A replaced thread counts as a guest of the event loop until its call has ended.
 ///

@@ -30,7 +30,7 @@ bool TcpStream::send(std::span<const Bytes> pieces) {
   const bool isLarge = size >= leastAtOnce;
   OutputQueue::Chunk copy;
   Lock lock(mutex_);
-  if (isLarge && (writing_ || !output_.empty())) {
+  if (isLarge && state_ == State::Open && (writing_ || !output_.empty())) {
     lock.unlock();
     copy = OutputQueue::copyOf(pieces);
     lock.lock();
@@ -52,13 +52,20 @@ bool TcpStream::send(std::span<const Bytes> pieces) {
   lock.unlock();
   const Transfer sent = sendSome(descriptor_, std::span(buffers).first(count));
   DeadPeers::onWritten();
-  auto rest = sent.bytes < size ? OutputQueue::copyOf(pieces, sent.bytes) : OutputQueue::Chunk();
+  OutputQueue::Chunk rest;
+  std::string failure;
+  try {
+    if (sent.bytes < size && !sent.error) rest = OutputQueue::copyOf(pieces, sent.bytes);
+  } catch (const std::exception& error) {
+    failure = error.what();
+  }
   lock.lock();
   direct_ = 0;
+  if (!failure.empty()) endLocked(failure);  // half a message must not be followed by another
   output_.pushFront(std::move(rest));
   writeRoundsLocked(lock, sent);
   chokeLocked();
-  return true;
+  return failure.empty();
 }
 
 /// What was read already may ask for more.

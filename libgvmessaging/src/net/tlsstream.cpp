@@ -101,6 +101,7 @@ bool TlsStream::send(std::span<const Bytes> pieces) {
   const std::lock_guard lock(mutex_);
   if (!isSecure_) {
     for (const Bytes piece : pieces) early_.insert(early_.end(), piece.begin(), piece.end());
+    earlyBytes_ = early_.size();
     return true;
   }
   // A header and a small payload leave as one record.
@@ -143,8 +144,7 @@ bool TlsStream::flushLocked() {
 }
 
 std::size_t TlsStream::pendingBytes() const {
-  const std::lock_guard lock(mutex_);
-  return inner_->pendingBytes() + early_.size();
+  return inner_->pendingBytes() + earlyBytes_;
 }
 
 /// Whether the state made progress; where it cannot ever, `failure` says why.
@@ -163,6 +163,7 @@ void TlsStream::shakeHandsLocked(std::string& failure) {
   if (isSecure_) {
     encryptLocked(early_);
     early_ = {};
+    earlyBytes_ = 0;
   }
   flushLocked();  // of a failure, too: the other side is told why
 }

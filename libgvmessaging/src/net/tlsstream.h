@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -72,6 +73,8 @@ class TlsStream final : public Stream,
   const std::unique_ptr<ssl_st, Free> state_;
   bool isSecure_ = false;    // the handshake is done
   std::vector<char> early_;  // what was sent before
+
+  std::atomic<std::size_t> earlyBytes_{0};  // looked at while another thread encrypts much
 };
 
 }  // namespace gv::net

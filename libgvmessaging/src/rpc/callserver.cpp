@@ -124,6 +124,43 @@ struct AcceptedCall {
   std::optional<GenericFunctionParameters> arguments;  // where they may name objects
 };
 
+/// One that whoever comes first runs or refuses.
+struct CallServer::WaitingCall {
+  WaitingCall(CallServer& owner, std::shared_ptr<AcceptedCall> accepted, EventLoop& eventLoop)
+      : server(owner),
+        connection(owner.connection_.shared_from_this()),
+        call(std::move(accepted)),
+        loop(eventLoop) {}
+
+  void run() {
+    if (isTaken.exchange(true)) return;
+    server.serveAccepted(*call);
+    *call = AcceptedCall();
+  }
+  void refuse() {
+    if (isTaken.exchange(true)) return;
+    ++connection->discarded().calls;
+    server.replyError(call->frame.header, loop.refusalText());
+    call->held.reset();
+  }
+  void runUnlessSlow(const std::shared_ptr<WaitingCall>& self) {
+    if (!server.paced_->isSlow()) return run();
+    server.paced_->add([self](bool isLetThrough) {
+      const auto runLater = [self, isLetThrough] {
+        isLetThrough ? self->run() : self->runUnlessSlow(self);
+      };
+      const auto refuse = [self] { self->refuse(); };
+      if (!self->loop.tryPost(runLater, refuse)) net::Readers::post(refuse);
+    });
+  }
+
+  CallServer& server;
+  const std::shared_ptr<Connection> connection;  // of which the server is part
+  const std::shared_ptr<AcceptedCall> call;
+  EventLoop& loop;
+  std::atomic<bool> isTaken{false};
+};
+
 class OfThisPeer final : public CallOrigin {
  public:
   OfThisPeer(const CallServer& server, const wire::FrameHeader& header)
@@ -144,7 +181,7 @@ CallServer::CallServer(Connection& connection, net::Stream& stream, ObjectExchan
       limits_(limits),
       host_(std::move(host)),
       relay_(std::make_shared<SignalRelay>(limits.subscriptions)),
-      paced_(std::make_shared<PacedCalls>(stream, limits.outputSlow)) {}
+      paced_(std::make_shared<PacedCalls>(stream, limits)) {}
 
 void CallServer::onCall(wire::Frame& frame) {
   if (isPostOf(releaseId, frame.header)) return objects_.onRelease(frame);
@@ -177,32 +214,18 @@ void CallServer::serveElsewhere(wire::Frame& frame, MetaCallType callType) {
     return replyError(header, "unknown exception");
   }
   call->frame = std::move(frame);
-  EventLoop* loop = getEventLoop();
-  const auto isTaken = std::make_shared<std::atomic<bool>>(false);
-  const auto refuse = [this, self = connection_.shared_from_this(), call, loop, isTaken] {
-    if (isTaken->exchange(true)) return;
-    ++connection_.discarded().calls;
-    replyError(call->frame.header, loop->refusalText());
-    call->held.reset();
-  };
-  const auto run = [this, self = connection_.shared_from_this(), call, isTaken] {
-    if (isTaken->exchange(true)) return;
-    serveAccepted(*call);
-    *call = AcceptedCall();
-  };
-  if (callType == MetaCallType::Queued) {
-    const auto enqueue = [loop, run, refuse] {
-      if (!loop->tryPost(run, refuse)) refuse();
-    };
-    if (header.type == wire::FrameType::Post) return enqueue();
-    const auto runInItsTurn = [this, run, enqueue] {
-      paced_->isSlow() ? paced_->add(enqueue) : run();
-    };
-    if (!loop->tryPost(runInItsTurn, refuse)) refuse();
+  EventLoop& loop = *getEventLoop();
+  const auto waiting = std::make_shared<WaitingCall>(*this, call, loop);
+  const auto run = [waiting] { waiting->run(); };
+  const auto refuse = [waiting] { waiting->refuse(); };
+  if (callType == MetaCallType::Queued && header.type != wire::FrameType::Post) {
+    const auto runInItsTurn = [waiting] { waiting->runUnlessSlow(waiting); };
+    if (!loop.tryPost(runInItsTurn, refuse)) refuse();
     return;
   }
-  const TaskHandle queued = loop->tryPost(run, refuse);
+  const TaskHandle queued = loop.tryPost(run, refuse);
   if (!queued) return refuse();
+  if (callType == MetaCallType::Queued) return;
   // The pool may be busy for ever, and then the call is one that would stop a task. Nor does the
   // pool keep anything of a call that it does not come to.
   const auto withdrawing = [&queued](const auto& task) {
@@ -211,7 +234,9 @@ void CallServer::serveElsewhere(wire::Frame& frame, MetaCallType callType) {
       task();
     };
   };
-  net::Readers::postWhenThereIsRoom({withdrawing(run), withdrawing(refuse), isTaken});
+  net::Readers::postWhenThereIsRoom(
+      {withdrawing(run), withdrawing(refuse),
+       std::shared_ptr<std::atomic<bool>>(waiting, &waiting->isTaken)});
 }
 
 void CallServer::serveAccepted(const AcceptedCall& call) {

@@ -38,9 +38,9 @@ struct HeldCall;
 /// Serves one peer: its calls, and the signals that it subscribed to. Part of the connection.
 ///
 /// Calls run in the thread that read them, which may be replaced meanwhile (see net::Readers);
-/// queued ones on the event loop. Those that were read by a caller which waits for its own reply,
-/// and those for which there is no room, run in the leading reader or on the event loop, whichever
-/// can first.
+/// queued ones on the event loop, held back while the peer does not read. Those that were read by a
+/// caller which waits for its own reply, and those for which there is no room, run in the leading
+/// reader or on the event loop, whichever can first.
 class CallServer {
  public:
   CallServer(Connection& connection, net::Stream& stream, ObjectExchange& objects,
@@ -68,6 +68,7 @@ class CallServer {
 
  private:
   friend class OfThisPeer;
+  struct WaitingCall;
   using OptionalEntry = std::optional<ServedCalls::Entry>;
 
   void serve(const wire::Frame& frame, MetaCallType callType);

@@ -280,7 +280,8 @@ void Connection::onClosed(const std::string& cause) {
 void Connection::onInput(std::size_t count) {
   reader_.fill(count);
   wire::Frame frame;
-  while (!stream_->isTurnOver() && reader_.next(frame)) {
+  // Where nothing is left, there is nothing to come back for.
+  while (!(reader_.mayHaveNext() && stream_->isTurnOver()) && reader_.next(frame)) {
     onFrame(frame);
     if (stream_->hasLostTurn()) return;
   }

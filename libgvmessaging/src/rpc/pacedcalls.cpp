@@ -1,51 +1,77 @@
 #include "src/rpc/pacedcalls.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
-#include <vector>
 
 namespace gv::rpc {
 namespace {
 
-// As often as a request is read from a peer that does not read.
+constexpr std::chrono::milliseconds pace(5);
+// As often as something is read from a peer that does not read.
 constexpr std::chrono::milliseconds slowPace(50);
-constexpr std::chrono::milliseconds pace(1);
-// What these reply is seen before more are let go.
-constexpr std::size_t portion = 16;
+constexpr std::size_t portion = 64;
 
 }  // namespace
 
 void PacedCalls::add(Call call) {
-  const std::lock_guard lock(mutex_);
-  if (hasEnded_) return;
-  calls_.push_back(std::move(call));
-  if (!timer_) waitLocked(slowPace);
-}
-
-void PacedCalls::waitLocked(std::chrono::milliseconds time) {
-  timer_ = net::Timer::start(time, [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->letGo();
-  });
-}
-
-void PacedCalls::letGo() {
   std::vector<Call> going;
   {
     const std::lock_guard lock(mutex_);
-    if (calls_.empty()) return;
-    going.push_back(std::move(calls_.front()));
-    calls_.pop_front();
+    if (hasEnded_) return;
+    calls_.push_back(std::move(call));
+    if (!timer_) lookLaterLocked();
+    if (!timer_) going = takeLocked(calls_.size());
   }
-  const bool isStillSlow = isSlow();
+  for (const Call& each : going) each(true);
+}
+
+/// Without a timer, where the process exits or lacks memory, nothing is held back.
+void PacedCalls::lookLaterLocked() {
+  try {
+    timer_ = net::Timer::start(pace, [weak = weak_from_this()] {
+      if (const auto self = weak.lock()) self->look();
+    });
+  } catch (const std::exception&) {
+    timer_.reset();
+  }
+}
+
+std::vector<PacedCalls::Call> PacedCalls::takeLocked(std::size_t most) {
+  const auto end = calls_.begin() + static_cast<std::ptrdiff_t>(std::min(most, calls_.size()));
+  std::vector<Call> taken(std::make_move_iterator(calls_.begin()), std::make_move_iterator(end));
+  calls_.erase(calls_.begin(), end);
+  return taken;
+}
+
+void PacedCalls::look() {
+  Call holder;  // of the stream
   {
     const std::lock_guard lock(mutex_);
-    while (!isStillSlow && !calls_.empty() && going.size() < portion) {
-      going.push_back(std::move(calls_.front()));
-      calls_.pop_front();
+    if (calls_.empty()) return;
+    holder = calls_.front();
+  }
+  const std::size_t pending = stream_.pendingBytes();
+  const bool isSlow = pending > limits_.outputSlow;
+  const auto now = Clock::now();
+  std::vector<Call> going;
+  bool areLetThrough = isSlow;
+  {
+    const std::lock_guard lock(mutex_);
+    if (!isSlow) {
+      going = takeLocked(portion);
+    } else if (pending <= limits_.outputStop && now - lastSlow_ >= slowPace) {
+      lastSlow_ = now;
+      going = takeLocked(1);
     }
     timer_.reset();
-    if (!calls_.empty()) waitLocked(isStillSlow ? slowPace : pace);
+    if (!calls_.empty()) lookLaterLocked();
+    if (!timer_ && !calls_.empty()) {
+      areLetThrough = true;
+      for (Call& call : takeLocked(calls_.size())) going.push_back(std::move(call));
+    }
   }
-  for (const Call& call : going) call();
+  for (const Call& call : going) call(areLetThrough);
 }
 
 void PacedCalls::end() {

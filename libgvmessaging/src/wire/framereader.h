@@ -48,6 +48,12 @@ class GVMESSAGING_API FrameReader {
   /// there is none yet, or never again: see error().
   [[nodiscard]] bool next(Frame& frame);
 
+  /// False where next() certainly has no frame.
+  bool mayHaveNext() const {
+    if (!hasHeader_) return buffered() >= frameHeaderSize;
+    return buffered() + (isDirect() ? arrived_ : 0) >= header_.payloadSize;
+  }
+
   /// Accepts nothing more, with @p reason as the error, as after a bad frame. The first one stays.
   void stop(const std::string& reason);
 
