@@ -2,6 +2,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "allocationcount.h"
+
 namespace bench {
 
 /// Counts the process's allocations while it lives, all threads together, and reports per iteration
@@ -15,8 +17,7 @@ class CountAllocations {
 
  private:
   benchmark::State& state_;
-  const long allocatedBefore_;
-  const long freedBefore_;
+  const AllocationCount before_;
 };
 
 }  // namespace bench
