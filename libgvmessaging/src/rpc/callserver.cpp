@@ -143,15 +143,13 @@ struct CallServer::WaitingCall {
     server.replyError(call->frame.header, loop.refusalText());
     call->held.reset();
   }
-  void runUnlessSlow(const std::shared_ptr<WaitingCall>& self) {
-    if (!server.paced_->isSlow()) return run();
-    server.paced_->add([self](bool isLetThrough) {
-      const auto runLater = [self, isLetThrough] {
-        isLetThrough ? self->run() : self->runUnlessSlow(self);
-      };
+  void runInItsTurn(const std::shared_ptr<WaitingCall>& self, bool isLetThrough) {
+    const auto enqueue = [self](bool isLetThroughNow) {
+      const auto runLater = [self, isLetThroughNow] { self->runInItsTurn(self, isLetThroughNow); };
       const auto refuse = [self] { self->refuse(); };
       if (!self->loop.tryPost(runLater, refuse)) net::Readers::post(refuse);
-    });
+    };
+    if (server.paced_->mayBegin(isLetThrough) || !server.paced_->add(enqueue)) run();
   }
 
   CallServer& server;
@@ -219,7 +217,7 @@ void CallServer::serveElsewhere(wire::Frame& frame, MetaCallType callType) {
   const auto run = [waiting] { waiting->run(); };
   const auto refuse = [waiting] { waiting->refuse(); };
   if (callType == MetaCallType::Queued && header.type != wire::FrameType::Post) {
-    const auto runInItsTurn = [waiting] { waiting->runUnlessSlow(waiting); };
+    const auto runInItsTurn = [waiting] { waiting->runInItsTurn(waiting, false); };
     if (!loop.tryPost(runInItsTurn, refuse)) refuse();
     return;
   }

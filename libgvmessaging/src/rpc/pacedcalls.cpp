@@ -1,6 +1,5 @@
 #include "src/rpc/pacedcalls.h"
 
-#include <algorithm>
 #include <iterator>
 #include <utility>
 
@@ -14,19 +13,16 @@ constexpr std::size_t portion = 64;
 
 }  // namespace
 
-void PacedCalls::add(Call call) {
-  std::vector<Call> going;
-  {
-    const std::lock_guard lock(mutex_);
-    if (hasEnded_) return;
-    calls_.push_back(std::move(call));
-    if (!timer_) lookLaterLocked();
-    if (!timer_) going = takeLocked(calls_.size());
-  }
-  for (const Call& each : going) each(true);
+bool PacedCalls::add(Call call) {
+  const std::lock_guard lock(mutex_);
+  if (hasEnded_) return true;
+  if (!timer_) lookLaterLocked();
+  if (!timer_) return false;
+  calls_.push_back(std::move(call));
+  return true;
 }
 
-/// Without a timer, where the process exits or lacks memory, nothing is held back.
+/// There may be no timer: where the process exits, or lacks memory.
 void PacedCalls::lookLaterLocked() {
   try {
     timer_ = net::Timer::start(pace, [weak = weak_from_this()] {
@@ -60,7 +56,7 @@ void PacedCalls::look() {
     const std::lock_guard lock(mutex_);
     if (!isSlow) {
       going = takeLocked(portion);
-    } else if (pending <= limits_.outputStop && now - lastSlow_ >= slowPace) {
+    } else if (pending <= most() && now - lastSlow_ >= slowPace) {
       lastSlow_ = now;
       going = takeLocked(1);
     }

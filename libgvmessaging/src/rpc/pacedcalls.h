@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <deque>
 #include <functional>
@@ -14,8 +15,9 @@
 namespace gv::rpc {
 
 /// Queued calls of a peer that does not read the replies to others. Its requests are read slowly
-/// then, but many may have been read already: one of these is let go now and then, none while the
-/// output is full, and all of them, in portions, once the peer has read. Any thread.
+/// then, but many may have been read already: one of these is let through now and then, none while
+/// so much waits that what they reply could be too much, and all of them go, in portions, once the
+/// peer has read. Any thread.
 class PacedCalls : public std::enable_shared_from_this<PacedCalls> {
  public:
   /// Hands a call to the event loop; one that is not let through may be added again. Holds the
@@ -25,15 +27,20 @@ class PacedCalls : public std::enable_shared_from_this<PacedCalls> {
   PacedCalls(const net::Stream& stream, const wire::Limits& limits)
       : stream_(stream), limits_(limits) {}
 
-  /// True while much waits for the peer. The stream must be held.
-  bool isSlow() const { return stream_.pendingBytes() > limits_.outputSlow; }
-  void add(Call call);
+  /// False while too much waits for the peer. The stream must be held.
+  bool mayBegin(bool isLetThrough) const {
+    return stream_.pendingBytes() <= (isLetThrough ? most() : limits_.outputSlow);
+  }
+  /// False where it cannot be held back. One that comes after the end is dropped.
+  bool add(Call call);
   /// Forgets them.
   void end();
 
  private:
   using Clock = std::chrono::steady_clock;
 
+  /// What several of them reply at once still fits.
+  std::size_t most() const { return std::max(limits_.outputSlow, limits_.outputStop / 2); }
   void look();
   void lookLaterLocked();
   std::vector<Call> takeLocked(std::size_t most);

@@ -44,8 +44,8 @@ struct Limits {
   unsigned parkedConnections = 256;
 
   /// Output waiting for a peer that does not read: above the first its requests are read in small
-  /// portions only and its queued calls begin slowly, above the second neither. Of events, the
-  /// first is the most.
+  /// portions only and its queued calls begin slowly, above half the second these do not, above the
+  /// second nothing is read. Of events, the first is the most.
   std::size_t outputSlow = std::size_t{16} << 20;
   std::size_t outputStop = std::size_t{128} << 20;
 
