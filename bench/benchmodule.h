@@ -3,6 +3,7 @@
 #include <atomic>
 #include <string>
 
+#include <gvtype/buffer.h>
 #include <jxcommon/jxmodule.h>
 
 namespace bench {
@@ -14,6 +15,8 @@ class BenchModule : public JX::JXModule {
       : JX::JXModule(broker, name) {
     functionName("add", getName(), "Adds two numbers.");
     bindMethod(JX::makeFunctor([](int a, int b) { return a + b; }));
+    functionName("echo", getName(), "Gives back what it is given.");
+    bindMethod(JX::makeFunctor([](const gv::Buffer& bytes) { return bytes; }));
     functionName("on", getName(), "Hears of something.");
     bindMethod(JX::makeFunctor([this](const std::string&, const JX::JXValue&) { ++heard_; }));
     functionName("heard", getName(), "How often it has heard.");

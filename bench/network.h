@@ -17,6 +17,7 @@ class Network {
     int port = 0;
     if (!master_ || std::fscanf(master_, "%d", &port) != 1)
       throw std::runtime_error("no master with modules");
+    url_ = "tcp://127.0.0.1:" + std::to_string(port);
     child_ = JX::JXBroker::createBroker("child", "127.0.0.1", 0, "127.0.0.1", port);
   }
   ~Network() {
@@ -28,9 +29,12 @@ class Network {
   Network& operator=(const Network&) = delete;
 
   const boost::shared_ptr<JX::JXBroker>& child() const { return child_; }
+  /// Of the master.
+  const std::string& url() const { return url_; }
 
  private:
   std::FILE* master_;
+  std::string url_;
   boost::shared_ptr<JX::JXBroker> child_;
 };
 
